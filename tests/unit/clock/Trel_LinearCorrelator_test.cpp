@@ -1,0 +1,174 @@
+#include <trel/Trel_LinearCorrelator.h>
+
+#include <trel/Sys_Clock.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::int64_t kUndefined = std::numeric_limits<std::int64_t>::min();
+
+using Points = std::vector<std::pair<std::int64_t, std::int64_t>>;
+
+Trel_LinearCorrelator Fit(const Points& points, std::int64_t capacity = 25) {
+  Trel_LinearCorrelator correlator(capacity);
+  for (const auto& [local, remote] : points) {
+    correlator.AddMeasurement(local, remote);
+  }
+  return correlator;
+}
+
+class OpenCorrelator : public Trel_LinearCorrelator {
+ public:
+  using Trel_LinearCorrelator::Trel_LinearCorrelator;
+
+  // Moves the sums away from the window, which only a rebuild repairs.
+  void SpoilSums() { ProcessMeasurement({1e6, 0.0}, eProcess_Add); }
+};
+
+TEST(Trel_LinearCorrelator, PredictsAndLocksAsTheFitSays) {
+  const struct {
+    const char* name;
+    Points points;
+    std::int64_t local;
+    std::int64_t remote;
+    std::int64_t localOfRemote;
+    bool locked;
+  } cases[] = {
+      {"fresh: the identity", {}, 7, 7, 7, false},
+      {"fresh: a negative result is not rounded down", {}, -5, -4, -3, false},
+      {"one measurement: a pure offset", {{10, 1010}}, 20, 1020, 20, false},
+      {"half up", {{0, 0}, {2, 1}}, 1, 1, 2, false},
+      {"three on a line", {{0, 5}, {1, 8}, {2, 11}}, 10, 35, 10, false},
+      {"four on a line", {{0, 5}, {1, 8}, {2, 11}, {3, 14}}, 10, 35, 10, true},
+      {"four on a falling line", {{0, 5}, {1, 2}, {2, -1}, {3, -4}}, 1, 2, 1, false},
+      {"equal local times", {{5, 1}, {5, 2}, {5, 3}, {5, 4}}, 5, kUndefined, kUndefined, false},
+      {"equal remote times", {{1, 5}, {2, 5}, {3, 5}, {4, 5}}, 9, 5, kUndefined, false},
+      {"r exactly 0.995", {{0, 0}, {1, 464}, {2, 793}, {3, 1112}, {4, 1666}}, 2, 807, 2, false},
+      {"r just above 0.995", {{0, 0}, {1, 464}, {2, 794}, {3, 1112}, {4, 1666}}, 2, 807, 2, true},
+  };
+  for (const auto& test : cases) {
+    Trel_LinearCorrelator correlator = Fit(test.points);
+    EXPECT_EQ(correlator.PredictRemote(test.local), test.remote) << test.name;
+    EXPECT_EQ(correlator.PredictLocal(test.remote), test.localOfRemote) << test.name;
+    EXPECT_EQ(correlator.IsCorrelated(), test.locked) << test.name;
+  }
+}
+
+TEST(Trel_LinearCorrelator, AddsHalfAndTruncatesTowardZero) {
+  const struct {
+    double offset;
+    std::int64_t expected;
+  } cases[] = {{-1.7, -1}, {-1.5, -1}, {-0.4, 0}, {-2.6, -2}, {1.4, 1}, {1.5, 2}, {1e19, kUndefined}};
+  for (const auto& test : cases) {
+    const Trel_LinearCorrelator::Line line{1.0, test.offset, false};
+    EXPECT_EQ(line.PredictRemote(0), test.expected) << test.offset;
+    const Trel_LinearCorrelator::Line inverse{1.0, -test.offset, false};
+    EXPECT_EQ(inverse.PredictLocal(0), test.expected) << test.offset;
+  }
+}
+
+// Both clocks have run for a year, where the squares need 90 bits and their differences a few dozen.
+TEST(Trel_LinearCorrelator, LineIsExactAfterAYear) {
+  constexpr std::int64_t kYear = 32'000'000'000'000;
+  constexpr std::int64_t kDay = 86'400'000'000;
+  constexpr std::int64_t kUnit = 20'000; // 50 ppm of it are one microsecond
+  for (const std::int64_t spacing : {20'000, 100'000, 500'000}) {
+    for (const std::int64_t drift : {-1, 1}) {
+      for (const std::int64_t firstRemote : {kYear + 123'457, std::int64_t{10'000'000}}) {
+        Trel_LinearCorrelator correlator(25);
+        const auto remoteAt = [&](std::int64_t local) {
+          const std::int64_t elapsed = local - kYear;
+          return firstRemote + elapsed + drift * (elapsed / kUnit);
+        };
+        std::int64_t worst = 0;
+        std::int64_t local = kYear;
+        for (int addition = 1; addition <= 10'050; ++addition) {
+          correlator.AddMeasurement(local, remoteAt(local));
+          for (const std::int64_t ahead : {-10 * spacing, std::int64_t{0}, 50 * kUnit, kDay}) {
+            if (addition >= 2) {
+              const std::int64_t remote = remoteAt(local + ahead);
+              worst = std::max(worst, std::abs(correlator.PredictRemote(local + ahead) - remote));
+              worst = std::max(worst, std::abs(correlator.PredictLocal(remote) - (local + ahead)));
+            }
+          }
+          local += addition == 10'000 ? kDay : spacing;
+        }
+        EXPECT_EQ(worst, 0) << "spacing " << spacing << ", drift " << drift << ", first remote " << firstRemote;
+        EXPECT_TRUE(correlator.IsCorrelated());
+      }
+    }
+  }
+}
+
+TEST(Trel_LinearCorrelator, RebuildsTheSumsOnEverySeventhAddition) {
+  for (const int spoiledAfter : {0, 6, 7, 13, 14, 20, 60}) {
+    OpenCorrelator correlator(25);
+    int additions = 0;
+    const auto add = [&] { correlator.AddMeasurement(100 * additions, 100 * additions), ++additions; };
+    while (additions < spoiledAfter) {
+      add();
+    }
+    correlator.SpoilSums();
+    const int nextRebuild = (spoiledAfter / 7 + 1) * 7;
+    while (additions < nextRebuild) {
+      EXPECT_TRUE(additions == spoiledAfter || correlator.PredictRemote(1'000'000) != 1'000'000) << additions;
+      add();
+    }
+    EXPECT_EQ(correlator.PredictRemote(1'000'000), 1'000'000) << additions;
+  }
+}
+
+TEST(Trel_LinearCorrelator, KeepsNoMoreThanItsCapacity) {
+  const struct {
+    std::int64_t capacity;
+    int outliers;
+    int followers;
+  } cases[] = {{25, 1, 25}, {25, 3, 25}, {4, 9, 4}, {1, 1, 1}, {0, 1, 1}, {0, 8, 1}, {-10, 8, 1}};
+  for (const auto& test : cases) {
+    Trel_LinearCorrelator correlator(test.capacity);
+    for (int i = 0; i < test.outliers; ++i) {
+      correlator.AddMeasurement(i, -1'000'000 * i - 5);
+    }
+    for (int i = 0; i < test.followers; ++i) {
+      correlator.AddMeasurement(1'000 + i, 3'000 + i);
+    }
+    EXPECT_EQ(correlator.PredictRemote(2'000), 4'000) << test.capacity;
+    EXPECT_EQ(correlator.IsCorrelated(), test.capacity >= 4) << test.capacity;
+  }
+}
+
+TEST(Trel_LinearCorrelator, CopiesAreIndependentAndResetStartsAnew) {
+  Trel_LinearCorrelator correlator = Fit({{0, 5}, {1, 8}, {2, 11}, {3, 14}});
+  Trel_LinearCorrelator copy = correlator; // not calculated yet
+  correlator.Reset();
+  EXPECT_EQ(correlator.PredictRemote(10), 10);
+  EXPECT_FALSE(correlator.IsCorrelated());
+  EXPECT_EQ(copy.PredictRemote(10), 35);
+  EXPECT_TRUE(copy.IsCorrelated());
+  correlator.AddMeasurement(10, 1010);
+  EXPECT_EQ(correlator.PredictRemote(20), 1020);
+}
+
+TEST(Trel_LinearCorrelator, AveragePeriodRunsToThePresent) {
+  static std::int64_t now = 0;
+  Sys_Clock::SetSource([] { return now; });
+  Trel_LinearCorrelator correlator(2);
+  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 10'000'000);
+  correlator.AddMeasurement(1'000, 0);
+  correlator.AddMeasurement(2'000, 0);
+  now = 5'003;
+  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 2'001);
+  correlator.AddMeasurement(5'001, 0);
+  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 1'501);
+  Sys_Clock::SetSource(nullptr);
+}
+
+} // namespace
