@@ -1,8 +1,8 @@
-#include <limits>
+#include <trel/Cmn_NumberToText.h>
 
 #include <gtest/gtest.h>
 
-#include <trel/Cmn_NumberToText.h>
+#include <limits>
 
 namespace {
 
