@@ -96,13 +96,9 @@ std::int64_t Sys_Clock::RawMicroseconds() {
   return std::chrono::duration_cast<std::chrono::microseconds>(sinceZero).count();
 }
 
-std::int64_t Sys_Clock::FromRaw(std::int64_t rawTime) {
-  return Scale().FromRaw(rawTime);
-}
+std::int64_t Sys_Clock::FromRaw(std::int64_t rawTime) { return Scale().FromRaw(rawTime); }
 
-std::int64_t Sys_Clock::ToRaw(std::int64_t hostTime) {
-  return Scale().ToRaw(hostTime);
-}
+std::int64_t Sys_Clock::ToRaw(std::int64_t hostTime) { return Scale().ToRaw(hostTime); }
 
 void Sys_Clock::WaitUntil(std::int64_t hostTime) {
   const std::int64_t rawTime = ToRaw(hostTime);
@@ -113,6 +109,4 @@ void Sys_Clock::WaitUntil(std::int64_t hostTime) {
   }
 }
 
-void Sys_Clock::SetSource(Source source) {
-  sSource.store(source, std::memory_order_release);
-}
+void Sys_Clock::SetSource(Source source) { sSource.store(source, std::memory_order_release); }
