@@ -14,7 +14,7 @@
 /// Not thread-safe: calls for one instance come from one thread at a time. Additions allocate; predictions are constant
 /// time and allocate nothing. No operation reports an error.
 class TREL_EXPORT Trel_LinearCorrelator {
- public:
+public:
   /// One pair of simultaneous times.
   struct Measurement {
     double mLocal;  ///< local host time, microseconds
@@ -77,7 +77,7 @@ class TREL_EXPORT Trel_LinearCorrelator {
   /// Forgets every measurement; the line becomes the identity and is not correlated. The capacity is kept.
   void Reset();
 
- protected:
+protected:
   /// Adds a measurement's contributions to the sums, or subtracts them. The window is left alone.
   void ProcessMeasurement(const Measurement& measurement, EProcess process);
 
@@ -87,7 +87,7 @@ class TREL_EXPORT Trel_LinearCorrelator {
   /// Builds the sums anew from the window.
   void DoRefresh();
 
- private:
+private:
   std::deque<Measurement> mHistory; // oldest at the front
   double mOffset = 0.0;
   double mSlope = 1.0;

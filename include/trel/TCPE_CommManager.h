@@ -1,0 +1,162 @@
+#pragma once
+
+#include <trel/TCPE_CommPreferences.h>
+#include <trel/TCPE_System.h>
+#include <trel/TCPE_Types.h>
+#include <trel/Trel_Export.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <set>
+
+class TCPE_Command;
+class TCPE_CommTask;
+class TCPE_Engine;
+
+/// The communication engine: connections to other systems, sending, receiving, replies.
+///
+/// Constructing one starts nothing; Initialize opens a listening socket and starts the threads, Terminate ends them. A
+/// host has one for its process; a second one in the same process, on an address of its own, is a system of its own.
+/// All operations are thread-safe unless they say otherwise, none is real-time-safe, and before Initialize connections
+/// are refused, commands are dropped with an error, and lists are empty.
+///
+/// The base has no virtual destructor: destroy an object through its exact type.
+class TREL_EXPORT TCPE_CommManager {
+public:
+  using ENetworkError = ETCPE_NetworkError;
+  /// Told once when a connection is lost, or when a peer refuses one; runs on a handler thread, after the handlers of
+  /// the commands that came before from that peer. `address` is the peer's, host order.
+  using NetworkErrorProc = void (*)(ENetworkError error, std::uint32_t address);
+  /// Gets one line for each command sent, received and replied to; runs on the thread that does it.
+  using CommandLogProc = void (*)(const char* line);
+
+  TCPE_CommManager();
+  ~TCPE_CommManager();
+  TCPE_CommManager(const TCPE_CommManager&) = delete;
+  TCPE_CommManager& operator=(const TCPE_CommManager&) = delete;
+
+  // The order of the virtual operations is part of the interface. The engine calls the first three from within
+  // Initialize and Terminate, the last three from its network thread: they must not block.
+  virtual std::int32_t InitializeSubclass();
+  virtual void TerminateSubclass();
+  virtual TCPE_CommTask* CreateCommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort,
+                                        TCPE_System* localSystem);
+  virtual std::int32_t GetDiscoveryPort();
+  virtual std::int32_t GetCommunicationPort();
+  /// Answers a synchronous command in place; true when it did.
+  virtual bool HandleSyncCommand(TCPE_Command* command);
+  /// Consumes an asynchronous command in place; true when it did.
+  virtual bool HandleAsyncCommand(TCPE_Command* command);
+  /// Whether a system with this address may connect.
+  virtual bool AllowConnect(std::uint32_t address);
+
+  /// True: current numbering; false: legacy numbering. Real-time-safe.
+  static bool GetSupportsMarlo11();
+  /// Overrides the numbering for the process. Once a handler is registered or an engine is initialised it reports an
+  /// assertion and changes nothing.
+  static void SetSupportsMarlo11(bool supports);
+  /// Takes the numbering from the start-up option "SupportsMarlo11" (default 1), unless it has been overridden.
+  static void ReadNumberingOption();
+  /// While anybody holds the numbering it cannot be overridden. Calls nest.
+  static void HoldNumbering();
+  static void ReleaseNumbering();
+
+  /// Starts the engine. Null preferences stand for address 0 and the default port.
+  /// @return 0, or an ETCPE_Status; after a failure nothing is left running
+  std::int32_t Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError);
+  bool IsInitialized() const;
+  /// Ends the engine: tells the peers, fails waiting senders, waits until callers have left. Returns within a second
+  /// also with calls in flight; a handler that is still running then is left to end by itself. From a handler or
+  /// callback it reports an assertion and does nothing.
+  void Terminate();
+  /// Periodic work of the engine; the host calls it from its idle loop.
+  void DoIdle();
+
+  /// Opens a connection and waits until the peer has admitted this system, 8 s at the most. False for this system's own
+  /// address, 0 and broadcast addresses; true at once when connected already. Not from a network-thread hook.
+  bool Connect(std::uint32_t address);
+  /// Sends what is queued, tells the peer, closes. True when there was a connection.
+  bool Disconnect(std::uint32_t address);
+  bool IsConnected(std::uint32_t address) const;
+  std::set<std::uint32_t> GetConnectedAddresses() const;
+
+  /// Sends a command to its destination address. The command is encoded before the call returns and stays the caller's.
+  /// A synchronous one returns when it has ended, once: with the reply in the command, or with the task's error
+  /// identifier as its type, GetError() telling why, and no field changed.
+  void SendCommand(TCPE_Command* command);
+  /// With host-pumped delivery: the next received command, or null. The caller executes it and gives it back with
+  /// DisposeCommand, which sends the reply. A network error that is due is reported from within this call. Null without
+  /// host-pumped delivery.
+  TCPE_Command* TakeCommand();
+  void DisposeCommand(TCPE_Command* command);
+  /// With host-pumped delivery: lets the engine act on a taken disconnect command. Other commands are left alone.
+  void PreProcessConnectionCommands(TCPE_Command* command);
+  /// Delivers commands through TakeCommand in place of the handler threads. Before Initialize; later calls are ignored.
+  void SetHostPumpedDelivery(bool hostPumped);
+  /// Reports a network error of a peer: the connection, if there is one, is closed and the host's callback is told.
+  void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
+  /// Whether a system failed to prove the shared secret within the last ten seconds.
+  bool GetAuthenticationFailed(std::uint32_t address) const;
+
+  /// Installs the command log, or removes it with null. The hook must not send synchronous commands.
+  void SetCommandLog(CommandLogProc log);
+
+  // Roles and names hold from before Initialize; all flags start false.
+  bool IsSatellite() const { return mIsSatellite; }
+  void SetIsSatellite(bool isSatellite) { mIsSatellite = isSatellite; }
+  bool AllowSatellitesToConnectToMasterSystem() const { return mAllowSatellites; }
+  void SetAllowSatellitesToConnectToMasterSystem(bool allow) { mAllowSatellites = allow; }
+  bool IsMasterClock() const { return mIsMasterClock; }
+  void SetIsMasterClock(bool isMasterClock) { mIsMasterClock = isMasterClock; }
+  ETCPE_SystemType GetSystemType() const;
+  /// 0..255.
+  void SetSystemType(ETCPE_SystemType type);
+  /// The text stays valid until the name is set again.
+  const char* GetSystemName() const;
+  /// At most 29 characters; a longer name is cut.
+  void SetSystemName(const char* name);
+  /// A random positive number unless the host sets one; 0 is none.
+  std::int32_t GetUniqueID() const;
+  void SetUniqueID(std::int32_t identifier);
+  /// This system's record; owned by the manager.
+  TCPE_System* GetLocalSystem() { return &mLocalSystem; }
+
+  /// Address of the adaptor in use, host order; 0 before Initialize.
+  std::uint32_t GetAdaptorIPAddress() const { return mAdaptorIPAddress; }
+  std::uint32_t GetLocalSystemConnectionIDIP() const { return mLocalConnectionIP; }
+  void SetLocalSystemConnectionIDIP(std::uint32_t address) { mLocalConnectionIP = address; }
+  std::uint16_t GetLocalSystemConnectionIDPort() const { return mLocalConnectionPort; }
+  void SetLocalSystemConnectionIDPort(std::uint16_t port) { mLocalConnectionPort = port; }
+  std::uint32_t GetMasterSystemConnectionIDIPForDiscovery() const { return mMasterConnectionIP; }
+  void SetMasterSystemConnectionIDIPForDiscovery(std::uint32_t address) { mMasterConnectionIP = address; }
+  std::uint16_t GetMasterSystemConnectionIDPortForDiscovery() const { return mMasterConnectionPort; }
+  void SetMasterSystemConnectionIDPortForDiscovery(std::uint16_t port) { mMasterConnectionPort = port; }
+  std::uint32_t GetMasterSystemIPAddress() const { return mMasterSystemIPAddress; }
+  void SetMasterSystemIPAddress(std::uint32_t address) { mMasterSystemIPAddress = address; }
+
+protected:
+  // Ports as configured; 0 is unset.
+  std::atomic<std::uint16_t> mDiscoveryPort = 0;
+  std::atomic<std::uint16_t> mCommunicationPort = 0;
+
+private:
+  std::shared_ptr<TCPE_Engine> Engine() const;
+
+  mutable std::mutex mMutex; // guards the engine pointer and the local record
+  std::mutex mLifecycleMutex;
+  std::shared_ptr<TCPE_Engine> mEngine;
+  TCPE_System mLocalSystem;
+  std::atomic<CommandLogProc> mCommandLog = nullptr;
+  std::atomic<bool> mHostPumped = false;
+  std::atomic<bool> mIsSatellite = false;
+  std::atomic<bool> mAllowSatellites = false;
+  std::atomic<bool> mIsMasterClock = false;
+  std::atomic<std::uint32_t> mAdaptorIPAddress = 0;
+  std::atomic<std::uint32_t> mLocalConnectionIP = 0;
+  std::atomic<std::uint32_t> mMasterConnectionIP = 0;
+  std::atomic<std::uint32_t> mMasterSystemIPAddress = 0;
+  std::atomic<std::uint16_t> mLocalConnectionPort = 0;
+  std::atomic<std::uint16_t> mMasterConnectionPort = 0;
+};

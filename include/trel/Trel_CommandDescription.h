@@ -1,0 +1,39 @@
+#pragma once
+
+#include <trel/Trel_Identifiers.h>
+
+#include <cstdint>
+#include <span>
+
+/// How a field is encoded in a payload.
+enum class Trel_FieldKind : std::uint8_t { i64, i32, u32, u8, boolean, ipv4, port, string, list };
+
+/// In which numbering a field, or a command, exists.
+enum class Trel_Numbering : std::uint8_t { both, current, legacy };
+
+/// One field of a payload, for whoever lists, prints or dissects commands.
+struct Trel_FieldDescription {
+  const char* name;
+  Trel_FieldKind kind;
+  std::uint16_t width; ///< bytes on the wire; 0 when it varies
+  Trel_Numbering numbering;
+  std::uint8_t since; ///< least payload revision that carries the field
+  const char* meaning;
+};
+
+/// What is particular to a command class, beside its fields.
+struct Trel_CommandTraits {
+  std::uint8_t revision = 0; ///< payload revision of the frames that this class is sent in
+  bool synchronous = false;  ///< the sender waits for a reply
+  bool logged = true;
+  bool currentOnly = false; ///< exists in the current numbering alone
+  bool numbered = true;     ///< false: the constructor sets no type, the engine does when it sends
+};
+
+/// A command class as it is compiled in.
+struct Trel_CommandDescription {
+  Trel_CommandIdentifiers identifiers;
+  Trel_CommandTraits traits;
+  std::span<const Trel_FieldDescription> command; ///< fields in wire order
+  std::span<const Trel_FieldDescription> reply;
+};

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <trel/Trel_Command.h>
+#include <trel/Trel_Field.h>
+
+#include <ostream>
+
+/// Makes a command class from its description: name, identifiers, payload hooks and debug text.
+///
+/// `Derived` states TREL_COMMAND, its fields with TREL_FIELD, and the payloads that have fields as `kCommand` and
+/// `kReply`:
+///
+///     class Trel_Cmd_StartPlayback : public Trel_DescribedCommand<Trel_Cmd_StartPlayback> {
+///       TREL_COMMAND(StartPlayback, .synchronous = false)
+///       TREL_FIELD(Trel_I64, StartAtRunningTime, "running time of the start, us")
+///       static constexpr Trel_Payload kCommand{kStartAtRunningTime};
+///     };
+template <class Derived>
+class Trel_DescribedCommand : public Trel_Command {
+public:
+  using Self = Derived;
+
+  static constexpr Trel_Payload<> kCommand{};
+  static constexpr Trel_Payload<> kReply{};
+
+  /// The class's identifier in the numbering in force, asked anew at each call.
+  static Trel_eCmd GetCommandID() {
+    return IsCurrentNumbering() ? Derived::kIdentifiers.current : Derived::kIdentifiers.legacy;
+  }
+
+  const char* GetCommandName() const override { return Derived::kIdentifiers.name; }
+  bool IsSynchronous() const override { return Derived::kTraits.synchronous; }
+  bool DontLogCommand() const override { return !Derived::kTraits.logged; }
+  void PrepareTransmitCommand(char** cursor) override { Write<Derived::kCommand>(cursor); }
+  void PrepareReceiveCommand(char** cursor) override { Read<Derived::kCommand>(cursor); }
+  void PrepareTransmitReply(char** cursor) override { Write<Derived::kReply>(cursor); }
+  void PrepareReceiveReply(char** cursor) override { Read<Derived::kReply>(cursor); }
+  void GetSendDebugInfo(std::ostream& out) const override { Print<Derived::kCommand>(out); }
+  void GetReplyDebugInfo(std::ostream& out) const override { Print<Derived::kReply>(out); }
+
+  const Trel_CommandDescription* GetDescription() const override { return &Describe(); }
+  static const Trel_CommandDescription& Describe() {
+    static constexpr auto command = Derived::kCommand.Describe();
+    static constexpr auto reply = Derived::kReply.Describe();
+    static constexpr Trel_CommandDescription description{Derived::kIdentifiers, Derived::kTraits, command, reply};
+    return description;
+  }
+
+protected:
+  Trel_DescribedCommand()
+      : Trel_Command(Derived::kTraits.currentOnly || !Derived::kTraits.numbered ? eTrel_Cmd_Invalid
+                                                                                : Derived::kIdentifiers.legacy,
+                     Derived::kTraits.revision) {
+    if (Derived::kTraits.numbered && (Derived::kTraits.currentOnly || IsCurrentNumbering())) {
+      SetCommandType(Derived::kIdentifiers.current);
+    }
+  }
+
+  template <const auto& Payload>
+  void Write(char** cursor) {
+    char* position = *cursor;
+    ForEachInForce<Payload>(
+        [&](const auto& field) { CodecOf<decltype(field)>::Write(*this, ThisDerived().*field.member, &position); });
+    *cursor = position;
+  }
+  template <const auto& Payload>
+  void Read(char** cursor) {
+    char* position = *cursor;
+    ForEachInForce<Payload>([&](const auto& field) {
+      if (GetReceivedRevision() >= field.since) {
+        CodecOf<decltype(field)>::Read(*this, ThisDerived().*field.member, &position);
+      }
+    });
+    *cursor = position;
+  }
+  template <const auto& Payload>
+  void Print(std::ostream& out) const {
+    const char* separator = "";
+    ForEachInForce<Payload>([&](const auto& field) {
+      out << separator << field.name << '=';
+      CodecOf<decltype(field)>::Print(static_cast<const Derived&>(*this).*field.member, out);
+      separator = " ";
+    });
+  }
+
+private:
+  template <class Field>
+  using CodecOf = typename std::remove_cvref_t<Field>::Codec;
+
+  Derived& ThisDerived() { return static_cast<Derived&>(*this); }
+
+  template <const auto& Payload, class Action>
+  static void ForEachInForce(Action action) {
+    [[maybe_unused]] Trel_Numbering other = Trel_Numbering::legacy;
+    if constexpr (Payload.DependsOnNumbering()) {
+      other = IsCurrentNumbering() ? Trel_Numbering::legacy : Trel_Numbering::current;
+    }
+    [[maybe_unused]] const auto visit = [&](const auto& field) {
+      if (field.numbering == Trel_Numbering::both || field.numbering != other) {
+        action(field);
+      }
+    };
+    std::apply([&](const auto&... field) { (visit(field), ...); }, Payload.fields);
+  }
+};
+
+/// Names the class and says what is particular to it, as designated initialisers of Trel_CommandTraits.
+#define TREL_COMMAND(Name, ...)                                                                                        \
+public:                                                                                                                \
+  static constexpr Trel_CommandIdentifiers kIdentifiers = Trel_Identifiers::Name;                                      \
+  static constexpr Trel_CommandTraits kTraits{__VA_ARGS__};                                                            \
+  /** Numbers 0, flags false, texts empty. */                                                                          \
+  Trel_Cmd_##Name() = default;
