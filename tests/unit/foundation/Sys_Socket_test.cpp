@@ -1,0 +1,48 @@
+#include <trel/Sys_Socket.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+TEST(Sys_Socket, WritesAndReadsDottedAddresses) {
+  struct Case {
+    std::uint32_t address;
+    const char* text;
+  };
+  for (const Case& test : {Case{0, "0.0.0.0"}, Case{0x0a000005, "10.0.0.5"}, Case{0xffffffff, "255.255.255.255"}}) {
+    EXPECT_EQ(Sys_Socket::DecodeIPAddress(test.address), test.text);
+    std::uint32_t address = 1;
+    EXPECT_TRUE(Sys_Socket::EncodeIPAddress(test.text, &address)) << test.text;
+    EXPECT_EQ(address, test.address);
+  }
+  for (const char* const text : {"", "1.2.3", "1.2.3.", "1.2.3.4.", "1.2.3.4.5", "1.2.3.256", "1.2.3.-4", "1..3.4",
+                                 "01.2.3.4", "1.2.3.00", "1.2.3.4 ", " 1.2.3.4", "1,2,3,4", "0x1.2.3.4", "host"}) {
+    std::uint32_t address = 77;
+    EXPECT_FALSE(Sys_Socket::EncodeIPAddress(text, &address)) << text;
+    EXPECT_EQ(address, 77U) << text;
+  }
+  EXPECT_FALSE(Sys_Socket::EncodeIPAddress(nullptr, nullptr));
+}
+
+TEST(Sys_Socket, FindsTheAdaptorOfAnAddress) {
+  Sys_Adaptor adaptor;
+  for (const std::uint32_t address : {0x7f000001U, 0x7f000003U, 0x7fabcdefU}) {
+    ASSERT_TRUE(Sys_Socket::FindAdaptorOf(address, &adaptor));
+    EXPECT_TRUE(adaptor.isUp && adaptor.isLoopback && adaptor.canBroadcast);
+    EXPECT_EQ(adaptor.address, 0x7f000001U);
+    EXPECT_EQ(adaptor.broadcast, 0x7fffffffU);
+  }
+  for (const std::uint32_t foreign : {0U, 0xcb007101U /* 203.0.113.1, for documentation */, 0xffffffffU}) {
+    EXPECT_FALSE(Sys_Socket::FindAdaptorOf(foreign, &adaptor));
+  }
+  for (const Sys_Adaptor& own : Sys_Socket::GetAdaptors()) {
+    EXPECT_TRUE(Sys_Socket::FindAdaptorOf(own.address, &adaptor)) << own.name;
+    EXPECT_EQ(adaptor.name, own.name);
+  }
+}
+
+TEST(Sys_Socket, KnowsTheNameOfTheHost) { EXPECT_FALSE(Sys_Socket::GetHostName().empty()); }
+
+} // namespace
