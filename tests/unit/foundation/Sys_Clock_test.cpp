@@ -11,7 +11,7 @@
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000;
-constexpr std::int64_t kYear = 365 * 24 * 3600 * kSecond;
+constexpr std::int64_t kYear = kSecond * 3600 * 24 * 365;
 constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
 
