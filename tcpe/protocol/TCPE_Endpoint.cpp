@@ -1,0 +1,336 @@
+#include "tcpe/protocol/TCPE_Endpoint.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t address, TCPE_Time now) {
+  if (mOpen.contains(address)) {
+    Push({.kind = Event::Kind::connectEnded, .address = address});
+    return std::nullopt;
+  }
+  if (AttemptOf(address) != 0) {
+    return std::nullopt;
+  }
+  if (mOpen.size() >= mConfig.maxConnections) {
+    Push({.kind = Event::Kind::connectEnded, .address = address, .error = eTCPE_CommErr_NotConnected});
+    return std::nullopt;
+  }
+  mConnections[++mLastId] = {.address = address, .deadline = now + mConfig.limits.transportConnect};
+  return mLastId;
+}
+
+void TCPE_Endpoint::TransportConnected(Id id, TCPE_Time now) {
+  if (Connection* connection = Find(id)) {
+    AddSession(id, TCPE_Session::Role::initiator, mConfig.makeConnectFrame(connection->address), now);
+  }
+}
+
+std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::TransportAccepted(std::uint32_t address, TCPE_Time now) {
+  const auto fromThere =
+      static_cast<std::size_t>(std::count_if(mConnections.begin(), mConnections.end(), [address](const auto& entry) {
+        return entry.second.openedByPeer && entry.second.address == address && !IsOpen(entry.second);
+      }));
+  if (HalfOpenConnections() >= mConfig.limits.maxHalfOpen || fromThere >= mConfig.limits.maxHalfOpenPerAddress) {
+    ++mRefusals;
+    return std::nullopt;
+  }
+  mConnections[++mLastId] = {.address = address, .openedByPeer = true};
+  AddSession(mLastId, TCPE_Session::Role::acceptor, {}, now);
+  return mLastId;
+}
+
+void TCPE_Endpoint::TransportEnded(Id id, TCPE_Time now) {
+  Connection* connection = Find(id);
+  if (connection == nullptr) {
+    return;
+  }
+  if (IsOpen(*connection)) {
+    Lose(id, eNetworkError_ConnectionLost, now);
+  } else if (connection->openedByPeer) {
+    ++mRefusals;
+    Close(id);
+  } else {
+    AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
+  }
+}
+
+std::span<std::byte> TCPE_Endpoint::ReceiveSpace(Id id) {
+  Connection* connection = Find(id);
+  return connection != nullptr && connection->session ? connection->session->ReceiveSpace() : std::span<std::byte>();
+}
+
+void TCPE_Endpoint::Received(Id id, std::size_t count, TCPE_Time now) {
+  Connection* connection = Find(id);
+  if (connection != nullptr && connection->session) {
+    connection->session->Received(count, now);
+    mToAdvance.push_back(id);
+  }
+}
+
+void TCPE_Endpoint::End(Id id, ETCPE_NetworkError error, TCPE_Time now) {
+  if (Find(id) == nullptr) {
+    return;
+  }
+  if (error != eNetworkError_None) {
+    Lose(id, error, now);
+  } else {
+    const std::uint32_t address = Find(id)->address;
+    Close(id);
+    DecideWaiting(address, now);
+  }
+}
+
+void TCPE_Endpoint::Tick(TCPE_Time now) {
+  for (const auto& [id, connection] : mConnections) {
+    if (connection.session ? connection.session->NextDeadline() <= now : connection.deadline <= now) {
+      mToAdvance.push_back(id);
+    }
+  }
+}
+
+TCPE_Time TCPE_Endpoint::NextDeadline() const {
+  TCPE_Time deadline = std::numeric_limits<TCPE_Time>::max();
+  for (const auto& [id, connection] : mConnections) {
+    deadline = std::min(deadline, connection.session ? connection.session->NextDeadline() : connection.deadline);
+  }
+  return deadline;
+}
+
+std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::NextEvent(TCPE_Time now) {
+  while (true) {
+    if (!mEvents.empty()) {
+      Queued queued = std::move(mEvents.front());
+      mEvents.pop_front();
+      if (!queued.bytes.empty()) {
+        mCurrentBytes = std::move(queued.bytes);
+        queued.event.payload = mCurrentBytes;
+      }
+      return std::move(queued.event);
+    }
+    if (mToAdvance.empty()) {
+      return std::nullopt;
+    }
+    const Id id = mToAdvance.front();
+    if (std::optional<Event> event = Advance(id, now)) {
+      return event;
+    }
+  }
+}
+
+std::size_t TCPE_Endpoint::HalfOpenConnections() const {
+  return static_cast<std::size_t>(std::count_if(mConnections.begin(), mConnections.end(), [](const auto& entry) {
+    return entry.second.openedByPeer && !IsOpen(entry.second);
+  }));
+}
+
+TCPE_Endpoint::Connection* TCPE_Endpoint::Find(Id id) {
+  const auto position = mConnections.find(id);
+  return position != mConnections.end() ? &position->second : nullptr;
+}
+
+TCPE_Endpoint::Id TCPE_Endpoint::AttemptOf(std::uint32_t address) const {
+  const auto position = std::find_if(mConnections.begin(), mConnections.end(), [address](const auto& entry) {
+    return !entry.second.openedByPeer && entry.second.address == address && !IsOpen(entry.second);
+  });
+  return position != mConnections.end() ? position->first : 0;
+}
+
+std::vector<TCPE_Endpoint::Id> TCPE_Endpoint::WaitingFor(std::uint32_t address) const {
+  std::vector<Id> waiting;
+  for (const auto& [id, connection] : mConnections) {
+    if (connection.waitsForProbe && connection.address == address) {
+      waiting.push_back(id);
+    }
+  }
+  return waiting;
+}
+
+void TCPE_Endpoint::AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now) {
+  mConnections.at(id).session =
+      std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, role, std::move(connectFrame), now);
+  PushOutput(id);
+}
+
+/// Takes one event of the session that is first in the line, and leaves the line when it has no more. A frame is handed
+/// on without a copy; everything else goes through the queue.
+std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now) {
+  Connection* connection = Find(id);
+  if (connection == nullptr || !connection->session) {
+    mToAdvance.pop_front();
+    if (connection != nullptr) {
+      CheckDeadline(id, now);
+    }
+    return std::nullopt;
+  }
+  const std::optional<TCPE_Session::Event> event = connection->session->NextEvent(now);
+  PushOutput(id);
+  if (!event) {
+    mToAdvance.pop_front();
+    return std::nullopt;
+  }
+  using Kind = TCPE_Session::Event::Kind;
+  switch (event->kind) {
+  case Kind::frame:
+    if (event->header.type == mConfig.disconnectType && !event->header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
+      const std::uint32_t address = connection->address;
+      Push({.kind = Event::Kind::disconnected, .id = id, .address = address, .header = event->header},
+           {event->payload.begin(), event->payload.end()});
+      Close(id);
+      DecideWaiting(address, now);
+      return std::nullopt;
+    }
+    return Event{.kind = Event::Kind::frame,
+                 .id = id,
+                 .address = connection->address,
+                 .header = event->header,
+                 .payload = event->payload};
+  case Kind::connectRequested:
+    connection->connectHeader = event->header;
+    connection->connectPayload.assign(event->payload.begin(), event->payload.end());
+    Decide(id, now);
+    break;
+  case Kind::accepted:
+    connection->connectHeader = event->header;
+    Open(id, false);
+    break;
+  case Kind::refused:
+    if (connection->openedByPeer) {
+      ++mRefusals;
+      Close(id);
+    } else {
+      AttemptFailed(id, event->error, now);
+    }
+    break;
+  case Kind::probeAnswered:
+    for (const Id newcomer : WaitingFor(connection->address)) {
+      const bool isAnotherSystem =
+          mConnections.at(newcomer).session->PeerInstance() != connection->session->PeerInstance();
+      Refuse(newcomer, isAnotherSystem ? eTCPE_CommErr_DuplicateAddress : eTCPE_CommErr_AlreadyConnected);
+    }
+    break;
+  case Kind::probeUnanswered:
+    Lose(id, eNetworkError_ConnectionLost, now);
+    break;
+  case Kind::failed:
+    if (mOpen.contains(connection->address) && mOpen.at(connection->address) == id) {
+      Lose(id, event->networkError, now);
+    } else if (connection->openedByPeer) {
+      ++mRefusals;
+      Close(id);
+    } else {
+      AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
+    }
+    break;
+  }
+  return std::nullopt;
+}
+
+void TCPE_Endpoint::CheckDeadline(Id id, TCPE_Time now) {
+  const Connection& connection = mConnections.at(id);
+  if (connection.deadline <= now) {
+    AttemptFailed(id, connection.yielded ? eTCPE_CommErr_AlreadyConnected : eTCPE_CommErr_NotConnected, now);
+  }
+}
+
+void TCPE_Endpoint::Decide(Id id, TCPE_Time now) {
+  Connection& connection = mConnections.at(id);
+  const std::uint32_t address = connection.address;
+  connection.waitsForProbe = false;
+  if (!mConfig.allowConnect(address)) {
+    Refuse(id, eTCPE_CommErr_NotAllowed);
+    return;
+  }
+  if (const auto open = mOpen.find(address); open != mOpen.end()) {
+    // The peer believes that it is not connected: it was restarted, or it lost the connection before this side did.
+    connection.waitsForProbe = true;
+    mConnections.at(open->second).session->Probe(now);
+    PushOutput(open->second);
+    return;
+  }
+  if (mOpen.size() >= mConfig.maxConnections) {
+    Refuse(id, eTCPE_CommErr_Full);
+    return;
+  }
+  const Id attempt = AttemptOf(address);
+  if (attempt != 0 && !mConnections.at(attempt).yielded && mConfig.localAddress < address) {
+    Refuse(id, eTCPE_CommErr_AlreadyConnected); // both connect at once: the one opened by the lower address survives
+    return;
+  }
+  connection.session->Accept(now);
+  Open(id, true);
+}
+
+void TCPE_Endpoint::DecideWaiting(std::uint32_t address, TCPE_Time now) {
+  for (const Id id : WaitingFor(address)) {
+    Decide(id, now);
+  }
+}
+
+void TCPE_Endpoint::Refuse(Id id, TCPE_CommErr error) {
+  ++mRefusals;
+  mConnections.at(id).session->Refuse(error);
+  PushOutput(id);
+  Close(id);
+}
+
+/// The opened event goes out before the acceptor's answer, so that the peer is known here before it knows it is
+/// admitted.
+void TCPE_Endpoint::Open(Id id, bool openedByPeer) {
+  Connection& connection = mConnections.at(id);
+  const std::uint32_t address = connection.address;
+  mOpen[address] = id;
+  Push({.kind = Event::Kind::opened,
+        .id = id,
+        .address = address,
+        .header = connection.connectHeader,
+        .session = connection.session,
+        .openedByPeer = openedByPeer},
+       std::exchange(connection.connectPayload, {}));
+  PushOutput(id);
+  Push({.kind = Event::Kind::connectEnded, .address = address});
+  if (const Id attempt = AttemptOf(address); attempt != 0) {
+    Close(attempt);
+  }
+}
+
+void TCPE_Endpoint::AttemptFailed(Id id, TCPE_CommErr error, TCPE_Time now) {
+  Connection& connection = mConnections.at(id);
+  const std::uint32_t address = connection.address;
+  if (error == eTCPE_CommErr_AlreadyConnected && !connection.yielded) {
+    Push({.kind = Event::Kind::close, .id = id});
+    connection.session.reset();
+    connection.yielded = true;
+    connection.deadline = now + mConfig.limits.handshake;
+    return;
+  }
+  Close(id);
+  Push({.kind = Event::Kind::connectEnded, .address = address, .error = error});
+}
+
+void TCPE_Endpoint::Lose(Id id, ETCPE_NetworkError error, TCPE_Time now) {
+  const std::uint32_t address = mConnections.at(id).address;
+  Push({.kind = Event::Kind::lost, .id = id, .address = address, .networkError = error});
+  Close(id);
+  DecideWaiting(address, now);
+}
+
+void TCPE_Endpoint::Close(Id id) {
+  const auto position = mConnections.find(id);
+  if (const auto open = mOpen.find(position->second.address); open != mOpen.end() && open->second == id) {
+    mOpen.erase(open);
+  }
+  mConnections.erase(position);
+  Push({.kind = Event::Kind::close, .id = id});
+}
+
+void TCPE_Endpoint::PushOutput(Id id) {
+  const Connection& connection = mConnections.at(id);
+  if (connection.session && !connection.session->Output().empty()) {
+    Push({.kind = Event::Kind::send, .id = id}, std::exchange(connection.session->Output(), {}));
+  }
+}
+
+void TCPE_Endpoint::Push(Event event, std::vector<std::byte> bytes) {
+  mEvents.push_back({std::move(event), std::move(bytes)});
+}

@@ -1,0 +1,127 @@
+#pragma once
+
+#include "tcpe/protocol/TCPE_Session.h"
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+/// All connections of one engine, without sockets, threads or a clock: who may connect, which of two connections of one
+/// peer survives, when one is lost.
+///
+/// The owner reports what its transports do and the present time, and carries out the events. At most one connection an
+/// address is open. One thread at a time, but for Session::NoteSent.
+class TCPE_Endpoint {
+public:
+  using Id = std::uint32_t;
+
+  struct Config {
+    TCPE_Limits limits;
+    TCPE_Session::Local local;
+    std::uint32_t localAddress = 0;
+    TCPE_eCmd disconnectType = 0;
+    std::size_t maxConnections = 0;
+    /// The host's word on an address.
+    std::function<bool(std::uint32_t address)> allowConnect;
+    /// Makes the connect command for an address, a complete frame.
+    std::function<std::vector<std::byte>(std::uint32_t address)> makeConnectFrame;
+  };
+
+  struct Event {
+    enum class Kind : std::uint8_t {
+      opened,       ///< from now on frames pass; header and payload are the connect command's when the peer opened it
+      frame,        ///< a command or a reply of the peer
+      disconnected, ///< the peer ended the connection with the disconnect command in header and payload
+      lost,         ///< an open connection ended with `networkError`
+      connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
+      send,         ///< send `payload`
+      close,        ///< close the transport; what was given to send goes out first
+    };
+    Kind kind;
+    Id id = 0;
+    std::uint32_t address = 0;
+    TCPE_FrameHeader header{};
+    std::span<const std::byte> payload{}; ///< valid until the endpoint is called again
+    TCPE_CommErr error = eTCPE_CommErr_None;
+    ETCPE_NetworkError networkError = eNetworkError_None;
+    std::shared_ptr<TCPE_Session> session{}; ///< with opened
+    bool openedByPeer = false;
+  };
+
+  explicit TCPE_Endpoint(Config config) : mConfig(std::move(config)) {}
+
+  /// Begins an attempt: the owner opens a transport for the returned identifier. Nothing when one is under way already,
+  /// or when a connectEnded event answers at once.
+  std::optional<Id> BeginConnect(std::uint32_t address, TCPE_Time now);
+  void TransportConnected(Id id, TCPE_Time now);
+  /// A transport that a peer opened; nothing when there is no room for it and it is to be closed at once.
+  std::optional<Id> TransportAccepted(std::uint32_t address, TCPE_Time now);
+  /// The transport failed or was closed at the other end.
+  void TransportEnded(Id id, TCPE_Time now);
+  /// Where to put arriving bytes; empty for a connection that is gone.
+  std::span<std::byte> ReceiveSpace(Id id);
+  void Received(Id id, std::size_t count, TCPE_Time now);
+
+  /// Ends an open connection on the host's wish or because of an error that the owner found; no lost event for 'none'.
+  void End(Id id, ETCPE_NetworkError error, TCPE_Time now);
+
+  /// Looks at the time; call at the deadline.
+  void Tick(TCPE_Time now);
+  /// The next thing to carry out. Call after each call above until there is none.
+  std::optional<Event> NextEvent(TCPE_Time now);
+  TCPE_Time NextDeadline() const;
+
+  std::size_t OpenConnections() const { return mOpen.size(); }
+  std::size_t HalfOpenConnections() const;
+  /// Connections turned away, and strangers that sent no valid handshake.
+  std::uint64_t Refusals() const { return mRefusals; }
+
+private:
+  struct Connection {
+    std::uint32_t address = 0;
+    std::shared_ptr<TCPE_Session> session{}; ///< none while the transport connects
+    TCPE_Time deadline = 0;                  ///< of the transport connection, or of a yielded attempt
+    bool openedByPeer = false;
+    bool yielded = false;       ///< our attempt was refused because the peer's own survives; it waits for that one
+    bool waitsForProbe = false; ///< a newcomer whose predecessor is being probed
+    TCPE_FrameHeader connectHeader{}; ///< of the connect command, or of its reply
+    std::vector<std::byte> connectPayload{};
+  };
+  using Connections = std::map<Id, Connection>;
+
+  static bool IsOpen(const Connection& connection) { return connection.session && connection.session->IsOpen(); }
+  Connection* Find(Id id);
+  Id AttemptOf(std::uint32_t address) const;
+  std::vector<Id> WaitingFor(std::uint32_t address) const;
+  void AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now);
+  std::optional<Event> Advance(Id id, TCPE_Time now);
+  void CheckDeadline(Id id, TCPE_Time now);
+  void Decide(Id id, TCPE_Time now);
+  void DecideWaiting(std::uint32_t address, TCPE_Time now);
+  void Refuse(Id id, TCPE_CommErr error);
+  void Open(Id id, bool openedByPeer);
+  void AttemptFailed(Id id, TCPE_CommErr error, TCPE_Time now);
+  void Lose(Id id, ETCPE_NetworkError error, TCPE_Time now);
+  void Close(Id id);
+  void PushOutput(Id id);
+  void Push(Event event, std::vector<std::byte> bytes = {});
+
+  struct Queued {
+    Event event;
+    std::vector<std::byte> bytes;
+  };
+
+  Config mConfig;
+  Connections mConnections;
+  std::map<std::uint32_t, Id> mOpen;
+  std::deque<Queued> mEvents;
+  std::deque<Id> mToAdvance;
+  std::vector<std::byte> mCurrentBytes;
+  Id mLastId = 0;
+  std::uint64_t mRefusals = 0;
+};

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+/// Microseconds on the raw clock of the machine.
+using TCPE_Time = std::int64_t;
+
+/// What bounds the engine's memory, sockets, threads and patience.
+struct TCPE_Limits {
+  /// Largest payload; the header's 16-bit length could say more, but no command needs it.
+  std::size_t maxPayload = 16384;
+  /// Largest payload before a peer is admitted: the connect command needs 294 bytes.
+  std::size_t maxHandshakePayload = 512;
+  /// Connections that are not admitted yet: more than a full link that comes back at once.
+  std::size_t maxHalfOpen = 160;
+  /// ... from one address: simultaneous connections, and one that comes back before the old one is known to be dead.
+  std::size_t maxHalfOpenPerAddress = 4;
+  /// Systems beside this one, whatever the task allows.
+  std::size_t maxConnections = 128;
+  /// Bytes queued for one peer: seconds of heavy traffic, and little enough for 128 peers at once.
+  std::size_t maxOutboundBytes = std::size_t{512} * 1024;
+  /// Received commands that wait for their handlers, per peer.
+  std::size_t maxQueuedCommands = 1024;
+  /// Senders that wait for a reply, per peer.
+  std::size_t maxPendingCalls = 256;
+  /// One thread for each peer's handler that waits for another system, and a few more.
+  std::size_t maxHandlerThreads = 144;
+
+  TCPE_Time transportConnect = 5'000'000;
+  /// From the transport connection to the verdict.
+  TCPE_Time handshake = 3'000'000;
+  /// From the first byte of a frame to its last.
+  TCPE_Time frame = 5'000'000;
+  /// An idle connection sends a heartbeat this often ...
+  TCPE_Time heartbeat = 1'000'000;
+  /// ... so that a peer that says nothing for this long is gone.
+  TCPE_Time silence = 3'000'000;
+  /// How long a connection may leave a probe unanswered when its system connects anew.
+  TCPE_Time probe = 1'000'000;
+  /// How long a connection that is being closed may take to send what is queued.
+  TCPE_Time linger = 1'000'000;
+  /// How long a synchronous sender waits for its reply.
+  TCPE_Time reply = 2'000'000;
+  /// How long Terminate waits for handlers that are running.
+  TCPE_Time handlersAtEnd = 700'000;
+};
