@@ -50,13 +50,9 @@ Sum operator+(const Sum& a, const Sum& b) {
   return FastTwoSum(partial.mHigh, partial.mLow + lows.mLow);
 }
 
-Sum operator-(const Sum& a) {
-  return {-a.mHigh, -a.mLow};
-}
+Sum operator-(const Sum& a) { return {-a.mHigh, -a.mLow}; }
 
-Sum operator-(const Sum& a, const Sum& b) {
-  return a + -b;
-}
+Sum operator-(const Sum& a, const Sum& b) { return a + -b; }
 
 Sum operator*(const Sum& a, const Sum& b) {
   const Sum highs = TwoProduct(a.mHigh, b.mHigh);
@@ -116,17 +112,11 @@ void Trel_LinearCorrelator::AddMeasurement(std::int64_t local, std::int64_t remo
   mNeedsCalculate = true;
 }
 
-std::int64_t Trel_LinearCorrelator::PredictRemote(std::int64_t local) {
-  return GetLine().PredictRemote(local);
-}
+std::int64_t Trel_LinearCorrelator::PredictRemote(std::int64_t local) { return GetLine().PredictRemote(local); }
 
-std::int64_t Trel_LinearCorrelator::PredictLocal(std::int64_t remote) {
-  return GetLine().PredictLocal(remote);
-}
+std::int64_t Trel_LinearCorrelator::PredictLocal(std::int64_t remote) { return GetLine().PredictLocal(remote); }
 
-bool Trel_LinearCorrelator::IsCorrelated() {
-  return GetLine().mIsCorrelated;
-}
+bool Trel_LinearCorrelator::IsCorrelated() { return GetLine().mIsCorrelated; }
 
 Trel_LinearCorrelator::Line Trel_LinearCorrelator::GetLine() {
   if (mNeedsCalculate) {
@@ -143,9 +133,7 @@ std::int64_t Trel_LinearCorrelator::GetAverageMeasurementPeriod() const {
   return Truncate((now - mHistory.front().mLocal) / static_cast<double>(mHistory.size()));
 }
 
-void Trel_LinearCorrelator::Reset() {
-  *this = Trel_LinearCorrelator(mMaxMeasurements);
-}
+void Trel_LinearCorrelator::Reset() { *this = Trel_LinearCorrelator(mMaxMeasurements); }
 
 void Trel_LinearCorrelator::ProcessMeasurement(const Measurement& measurement, EProcess process) {
   const double x = measurement.mLocal;

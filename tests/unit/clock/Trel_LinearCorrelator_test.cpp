@@ -26,7 +26,7 @@ Trel_LinearCorrelator Fit(const Points& points, std::int64_t capacity = 25) {
 }
 
 class OpenCorrelator : public Trel_LinearCorrelator {
- public:
+public:
   using Trel_LinearCorrelator::Trel_LinearCorrelator;
 
   // Moves the sums away from the window, which only a rebuild repairs.
@@ -109,15 +109,15 @@ TEST(Trel_LinearCorrelator, LineIsExactAfterAYear) {
 }
 
 TEST(Trel_LinearCorrelator, RebuildsTheSumsOnEverySeventhAddition) {
-  for (const int spoiledAfter : {0, 6, 7, 13, 14, 20, 60}) {
+  for (const std::int64_t spoiledAfter : {0, 6, 7, 13, 14, 20, 60}) {
     OpenCorrelator correlator(25);
-    int additions = 0;
+    std::int64_t additions = 0;
     const auto add = [&] { correlator.AddMeasurement(100 * additions, 100 * additions), ++additions; };
     while (additions < spoiledAfter) {
       add();
     }
     correlator.SpoilSums();
-    const int nextRebuild = (spoiledAfter / 7 + 1) * 7;
+    const std::int64_t nextRebuild = (spoiledAfter / 7 + 1) * 7;
     while (additions < nextRebuild) {
       EXPECT_TRUE(additions == spoiledAfter || correlator.PredictRemote(1'000'000) != 1'000'000) << additions;
       add();

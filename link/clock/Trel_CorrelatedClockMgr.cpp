@@ -1,0 +1,190 @@
+#include <trel/Trel_CorrelatedClockMgr.h>
+
+#include "link/clock/Trel_PublishedLine.h"
+#include "link/clock/Trel_Trace.h"
+
+#include <trel/Cmn_Assert.h>
+#include <trel/Sys_Clock.h>
+#include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_LinearCorrelator.h>
+
+#include <atomic>
+#include <cmath>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+constexpr std::int64_t kWindowCapacity = 25;
+constexpr std::int64_t kPeriodWithoutCorrelator = 10'000'000; // microseconds
+
+// A round trip is accepted up to this many microseconds, and up to more when measurements are rare.
+constexpr std::int64_t kBaseLimit = 2'000;
+constexpr std::int64_t kPeriodOfBaseLimit = 500'000;
+constexpr double kLimitGrowth = 0.62;
+
+// What writers change, under the mutex.
+struct State {
+  std::mutex mMutex;
+  std::unique_ptr<Trel_LinearCorrelator> mLinearCorrelator;
+  // An exchange on probation: it becomes a measurement when the master vouches for it.
+  std::int64_t mLastUnvalidatedRunningTime = 0;
+  std::int64_t mLastUnvalidatedHostTime = 0;
+};
+
+// Never destroyed, so that threads which outlive the static objects find it whole.
+State& TheState() {
+  static auto* const state = new State;
+  return *state;
+}
+
+// Nothing is published while there is no correlator. Both have no destruction.
+constinit Trel_PublishedLine sPublishedLine;
+constinit std::atomic<std::int64_t> sMaxNetworkLatencyForNonMaster{0};
+
+// The functions named ...Locked are called with the mutex held.
+
+void PublishLocked(State& state) { sPublishedLine.Publish(state.mLinearCorrelator->GetLine()); }
+
+void InitializeLocked(State& state) {
+  if (!state.mLinearCorrelator) {
+    state.mLinearCorrelator = std::make_unique<Trel_LinearCorrelator>(kWindowCapacity);
+    PublishLocked(state);
+  }
+  sMaxNetworkLatencyForNonMaster.store(0, std::memory_order_relaxed);
+}
+
+Trel_LinearCorrelator& CorrelatorLocked(State& state) {
+  if (!state.mLinearCorrelator) {
+    InitializeLocked(state);
+  }
+  return *state.mLinearCorrelator;
+}
+
+void AddMeasurementLocked(State& state, std::int64_t runningTime, std::int64_t hostTime) {
+  CorrelatorLocked(state).AddMeasurement(hostTime, runningTime);
+  PublishLocked(state);
+}
+
+Trel_LinearCorrelator::Line LineInForce() {
+  if (const auto line = sPublishedLine.Read()) {
+    return *line;
+  }
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  return CorrelatorLocked(state).GetLine();
+}
+
+std::int64_t RoundTripLimitLocked(const State& state) {
+  const std::int64_t period =
+      state.mLinearCorrelator ? state.mLinearCorrelator->GetAverageMeasurementPeriod() : kPeriodWithoutCorrelator;
+  if (period <= kPeriodOfBaseLimit) {
+    return kBaseLimit;
+  }
+  return kBaseLimit +
+         static_cast<std::int64_t>(std::pow(static_cast<double>(period - kPeriodOfBaseLimit), kLimitGrowth));
+}
+
+// A peer may send any number, so the sum wraps.
+std::int64_t AddHalfRoundTrip(std::int64_t runningTime, std::int64_t roundTripTime) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(runningTime) +
+                                   static_cast<std::uint64_t>(roundTripTime >> 1));
+}
+
+void HandleUpdateRunningTime(const Trel_Cmd_UpdateRunningTime& command, std::int64_t hostTime) {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  state.mLastUnvalidatedRunningTime = command.GetRunningTime();
+  state.mLastUnvalidatedHostTime = hostTime;
+}
+
+void HandleLastUpdateRunningTimeValid(const Trel_Cmd_LastUpdateRunningTimeValid& command) {
+  const std::int64_t roundTripTime = command.GetRoundTripTime();
+  State& state = TheState();
+  std::unique_lock lock(state.mMutex);
+  const std::int64_t limit = RoundTripLimitLocked(state);
+  if (roundTripTime > sMaxNetworkLatencyForNonMaster.load(std::memory_order_relaxed)) {
+    sMaxNetworkLatencyForNonMaster.store(roundTripTime, std::memory_order_relaxed);
+    lock.unlock();
+    Trel_Trace::Line("TREL: New Max Network Latency (non-master): %d usecs", static_cast<std::int32_t>(roundTripTime));
+    lock.lock();
+  }
+  if (roundTripTime <= limit) {
+    AddMeasurementLocked(state, AddHalfRoundTrip(state.mLastUnvalidatedRunningTime, roundTripTime),
+                         state.mLastUnvalidatedHostTime);
+  }
+}
+
+} // namespace
+
+void Trel_CorrelatedClockMgr::Initialize() {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  InitializeLocked(state);
+}
+
+void Trel_CorrelatedClockMgr::Terminate() {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  state.mLinearCorrelator.reset();
+  sPublishedLine.Publish(std::nullopt);
+}
+
+void Trel_CorrelatedClockMgr::AddMeasurement(std::int64_t runningTime, std::int64_t hostTime) {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  AddMeasurementLocked(state, runningTime, hostTime);
+}
+
+std::int64_t Trel_CorrelatedClockMgr::GetRunningTime(std::int64_t hostTime) {
+  return LineInForce().PredictRemote(hostTime);
+}
+
+std::int64_t Trel_CorrelatedClockMgr::GetHostTime(std::int64_t runningTime) {
+  return LineInForce().PredictLocal(runningTime);
+}
+
+void Trel_CorrelatedClockMgr::ResetClock() {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  CorrelatorLocked(state).Reset();
+  PublishLocked(state);
+}
+
+bool Trel_CorrelatedClockMgr::IsLocked() { return LineInForce().mIsCorrelated; }
+
+bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
+  const std::int64_t hostTime = Sys_Clock::Microseconds();
+  if (inCommand == nullptr) {
+    return false;
+  }
+
+  // The numbers depend on the numbering in force, which is asked each time.
+  const auto type = inCommand->GetCommandType();
+  bool isTimingCommand = false;
+  if (type == Trel_Cmd_UpdateRunningTime::GetCommandID()) {
+    isTimingCommand = true;
+    if (const auto* command = dynamic_cast<const Trel_Cmd_UpdateRunningTime*>(inCommand)) {
+      HandleUpdateRunningTime(*command, hostTime);
+    }
+  }
+  if (type == Trel_Cmd_LastUpdateRunningTimeValid::GetCommandID()) {
+    isTimingCommand = true;
+    if (const auto* command = dynamic_cast<const Trel_Cmd_LastUpdateRunningTimeValid*>(inCommand)) {
+      HandleLastUpdateRunningTimeValid(*command);
+    }
+  }
+  if (type == Trel_Cmd_ResetClock::GetCommandID()) {
+    isTimingCommand = true;
+    ResetClock();
+  }
+
+  if (isTimingCommand && !inCommand->IsSynchronous()) {
+    Cmn_Assert::HandleMagicAssert(false, "inCommand->IsSynchronous()@$^$@..\\Trel_CorrelatedClockMgr", 205);
+  }
+  return isTimingCommand;
+}
+
+std::int64_t Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster() {
+  return sMaxNetworkLatencyForNonMaster.load(std::memory_order_relaxed);
+}

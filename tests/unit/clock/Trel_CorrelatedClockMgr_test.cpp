@@ -1,0 +1,254 @@
+#include <trel/Cmn_Assert.h>
+#include <trel/Sys_Clock.h>
+#include <trel/TCPE_CommManager.h>
+#include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
+
+#include "link/clock/Trel_Trace.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::atomic<std::int64_t> sNow{0};
+std::vector<std::string> sReports;
+std::vector<std::string> sTraceLines;
+
+class Trel_CorrelatedClockMgrTest : public testing::TestWithParam<bool> {
+protected:
+  void SetUp() override {
+    Sys_Clock::SetSource([] { return sNow.load(); });
+    TCPE_CommManager::SetSupportsMarlo11(GetParam());
+    ASSERT_EQ(TCPE_CommManager::GetSupportsMarlo11(), GetParam());
+    Trel_CorrelatedClockMgr::Terminate();
+    Trel_CorrelatedClockMgr::Initialize();
+  }
+
+  void TearDown() override {
+    Trel_CorrelatedClockMgr::Terminate();
+    TCPE_CommManager::SetSupportsMarlo11(mNumberingBefore);
+    Sys_Clock::SetSource(nullptr);
+  }
+
+  static void ReceiveRunningTime(std::int64_t hostTime, std::int64_t runningTime) {
+    sNow = hostTime;
+    Trel_Cmd_UpdateRunningTime command(runningTime);
+    EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&command));
+  }
+
+  static void ReceiveVoucher(std::int64_t roundTripTime) {
+    Trel_Cmd_LastUpdateRunningTimeValid command;
+    command.SetRoundTripTime(roundTripTime);
+    EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&command));
+  }
+
+private:
+  bool mNumberingBefore = TCPE_CommManager::GetSupportsMarlo11();
+};
+
+INSTANTIATE_TEST_SUITE_P(CurrentNumbering, Trel_CorrelatedClockMgrTest, testing::Bool(),
+                         testing::PrintToStringParamName());
+
+TEST_P(Trel_CorrelatedClockMgrTest, VouchedExchangesBecomeMeasurements) {
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(77), 77);
+  ReceiveRunningTime(5'000'000, 1'000'000);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(5'000'000), 5'000'000);
+  sNow = 5'040'000; // the voucher's own time of arrival does not matter
+  ReceiveVoucher(1'001);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(5'000'000), 1'000'500);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetHostTime(1'000'500), 5'000'000);
+
+  // The pair stays and can be vouched for again: two measurements at one host time have no line.
+  ReceiveVoucher(500);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(5'000'000), std::numeric_limits<std::int64_t>::min());
+
+  Trel_CorrelatedClockMgr::ResetClock();
+  ReceiveVoucher(-3); // halved toward minus infinity
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(5'000'000), 999'998);
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, LimitOfTheRoundTripGrowsWithThePeriod) {
+  const struct {
+    std::int64_t period;
+    std::int64_t limit;
+  } cases[] = {{-1'000, 2'000},    {500'000, 2'000},   {500'001, 2'001},     {600'000, 3'258},
+               {1'000'000, 5'414}, {2'000'000, 8'748}, {10'000'000, 23'192}, {20'000'000, 35'099}};
+  constexpr std::int64_t kProbe = 1'000'000'000;
+  for (const auto& test : cases) {
+    for (const std::int64_t excess : {0, 1}) {
+      Trel_CorrelatedClockMgr::ResetClock();
+      Trel_CorrelatedClockMgr::AddMeasurement(0, 0);
+      ReceiveRunningTime(test.period, 0);
+      ReceiveVoucher(test.limit + excess);
+      // Accepted, the second measurement gives the line another slope than the first one alone.
+      const bool accepted = Trel_CorrelatedClockMgr::GetRunningTime(kProbe) != kProbe;
+      EXPECT_EQ(accepted, excess == 0) << "period " << test.period << ", limit " << test.limit;
+    }
+  }
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, EmptyWindowTakesTheLimitOfTenSeconds) {
+  for (const bool initialized : {true, false}) {
+    Trel_CorrelatedClockMgr::Terminate();
+    if (initialized) {
+      Trel_CorrelatedClockMgr::Initialize();
+    }
+    ReceiveRunningTime(50'000'000, 100);
+    ReceiveVoucher(23'193);
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 23'193);
+    ReceiveVoucher(23'192);
+    // Creating the window for the accepted one clears the maximum.
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), initialized ? 23'193 : 0);
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(50'000'000), 100 + 11'596);
+  }
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, LocksAndIsResetByCommand) {
+  for (std::int64_t i = 0; i < 4; ++i) {
+    EXPECT_FALSE(Trel_CorrelatedClockMgr::IsLocked());
+    ReceiveRunningTime(1'000'000 + 100'000 * i, 100'000 * i);
+    ReceiveVoucher(200);
+  }
+  EXPECT_TRUE(Trel_CorrelatedClockMgr::IsLocked());
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(2'000'000), 1'000'100);
+  Trel_CorrelatedClockMgr::Initialize();
+  EXPECT_TRUE(Trel_CorrelatedClockMgr::IsLocked());
+
+  ReceiveVoucher(3'000); // beyond the limit, counted all the same
+  Trel_Cmd_ResetClock reset;
+  EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&reset));
+  EXPECT_FALSE(Trel_CorrelatedClockMgr::IsLocked());
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(2'000'000), 2'000'000);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 3'000);
+  ReceiveVoucher(0); // nor is the pair forgotten
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(1'300'000), 300'000);
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, OperationsAfterTerminateStartAnew) {
+  void (*const uses[])() = {[] { Trel_CorrelatedClockMgr::AddMeasurement(0, 0); },
+                            [] { Trel_CorrelatedClockMgr::GetRunningTime(0); },
+                            [] { Trel_CorrelatedClockMgr::GetHostTime(0); },
+                            [] { Trel_CorrelatedClockMgr::ResetClock(); }, [] { Trel_CorrelatedClockMgr::IsLocked(); }};
+  for (const auto use : uses) {
+    Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
+    Trel_CorrelatedClockMgr::Terminate();
+    ReceiveVoucher(1'000'000);
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 1'000'000);
+    use();
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 0);
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(9), 9);
+  }
+}
+
+void KeepTraceLine(std::uint32_t, const char* format, ...) {
+  char line[100];
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  sTraceLines.emplace_back(line);
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, TracesEachNewMaximum) {
+  Trel_Trace::mFacilityOn = [](std::uint32_t category) { return category == 0x4000b07; };
+  Trel_Trace::mFormat = &KeepTraceLine;
+  sTraceLines.clear();
+  ReceiveVoucher(3'000);
+  EXPECT_TRUE(sTraceLines.empty());
+  Trel_CorrelatedClockMgr::Initialize();
+  Trel_Trace::mUsable = true;
+  for (const std::int64_t roundTripTime : {3'000LL, 2'500LL, 0x1'0000'1000LL}) {
+    ReceiveVoucher(roundTripTime);
+  }
+  Trel_Trace::mUsable = false;
+  EXPECT_EQ(sTraceLines, (std::vector<std::string>{"TREL: New Max Network Latency (non-master): 3000 usecs",
+                                                   "TREL: New Max Network Latency (non-master): 4096 usecs"}));
+}
+
+class AsynchronousResetClock : public Trel_Cmd_ResetClock {
+public:
+  bool IsSynchronous() const override { return false; }
+};
+
+TEST_P(Trel_CorrelatedClockMgrTest, TakesTheTimingCommandsOfTheNumberingInForceOnly) {
+  sReports.clear();
+  Cmn_Assert::SetSink(
+      [](const char* text, std::int32_t line) { sReports.push_back(std::string(text) + " " + std::to_string(line)); });
+  Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
+  EXPECT_FALSE(Trel_CorrelatedClockMgr::HandleTimingCommand(nullptr));
+  const std::vector<std::int32_t> expected =
+      GetParam() ? std::vector<std::int32_t>{30, 31, 33} : std::vector<std::int32_t>{23, 24, 26};
+  std::vector<std::int32_t> taken;
+  Trel_Cmd_GetCurrentRunningTime command;
+  for (std::int32_t type = -6; type <= 80; ++type) {
+    command.SetCommandType(type);
+    if (Trel_CorrelatedClockMgr::HandleTimingCommand(&command)) {
+      taken.push_back(type);
+    } else {
+      EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(0), type > expected[2] ? 0 : 500);
+    }
+  }
+  EXPECT_EQ(taken, expected);
+  EXPECT_TRUE(sReports.empty());
+
+  Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
+  AsynchronousResetClock asynchronous;
+  EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&asynchronous));
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(0), 0);
+  EXPECT_EQ(sReports, std::vector<std::string>{R"(inCommand->IsSynchronous()@$^$@..\Trel_CorrelatedClockMgr 205)"});
+  Cmn_Assert::SetSink(nullptr);
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, SurvivesHostileNumbers) {
+  constexpr std::int64_t kExtremes[] = {std::numeric_limits<std::int64_t>::min(), -1, 0,
+                                        std::numeric_limits<std::int64_t>::max()};
+  for (const std::int64_t runningTime : kExtremes) {
+    for (const std::int64_t roundTripTime : kExtremes) {
+      ReceiveRunningTime(sNow + 100'000, runningTime);
+      ReceiveVoucher(roundTripTime);
+      Trel_CorrelatedClockMgr::GetRunningTime(runningTime);
+      Trel_CorrelatedClockMgr::GetHostTime(runningTime);
+    }
+  }
+  Trel_CorrelatedClockMgr::ResetClock();
+  ReceiveRunningTime(50, 100);
+  ReceiveVoucher(0);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(50), 100);
+}
+
+TEST_P(Trel_CorrelatedClockMgrTest, ReadersRunBesideWriters) {
+  std::atomic<bool> done{false};
+  std::vector<std::thread> readers(3);
+  for (std::thread& reader : readers) {
+    reader = std::thread([&done] {
+      while (!done) {
+        const std::int64_t runningTime = Trel_CorrelatedClockMgr::GetRunningTime(1'000'000);
+        EXPECT_TRUE(runningTime >= 1'000'000 && runningTime < 1'000'000 + 5'000) << runningTime;
+        Trel_CorrelatedClockMgr::IsLocked();
+      }
+    });
+  }
+  for (std::int64_t offset = 0; offset < 5'000; ++offset) {
+    if (offset % 100 == 0) {
+      Trel_CorrelatedClockMgr::Terminate();
+    }
+    ReceiveRunningTime(20 * offset, 21 * offset);
+    ReceiveVoucher(0);
+    Trel_CorrelatedClockMgr::ResetClock();
+  }
+  done = true;
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+}
+
+} // namespace
