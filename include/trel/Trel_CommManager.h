@@ -1,6 +1,94 @@
 #pragma once
+
 #include <trel/TCPE_CommManager.h>
-class Trel_CommManager {
+#include <trel/Trel_CommPreferences.h>
+#include <trel/Trel_Export.h>
+
+#include <cstdint>
+#include <set>
+
+/// The host's door to the link engine: start and stop, connections, commands, roles and limits.
+///
+/// The one engine object behind it is created on first use and lives until Terminate; what is set before Initialize
+/// (roles, names, identifier, host-pumped delivery, command log) holds for it, and is gone with it. A call that is
+/// under way on another thread while Terminate runs ends in good order. Unloading the library terminates the engine.
+///
+/// Unless they say otherwise the operations are thread-safe, do what TCPE_CommManager's operation of the same name
+/// does, and, not initialised, behave as described there. None is real-time-safe: each takes a short lock, and the
+/// first one allocates. IPv4 addresses are in host order.
+class TREL_EXPORT Trel_CommManager {
 public:
+  Trel_CommManager() = delete;
+
+  /// Takes the number of satellites from the start-up option "MaxNumberSatellites" (default 11) and starts the engine.
+  /// Trel_Init::Init must have run. Null preferences stand for Trel_CommPreferences::Inst(). Blocks while sockets and
+  /// threads start.
+  /// @return 0, or an ETCPE_Status; after a failure nothing is left running
+  static std::int32_t Initialize(Trel_CommPreferences* prefs, TCPE_CommManager::NetworkErrorProc onNetworkError);
+  static bool IsInitialized();
+  /// Ends the engine and frees it; the limits stay. Senders that wait get an error. Returns within a second. From a
+  /// handler or callback it reports an assertion and does nothing.
+  static void Terminate();
+  /// The link's periodic work; call it from the host's idle loop, initialised or not. A system that does not hold the
+  /// master clock reports its clock lock to every connected system when the lock or the set of those systems has
+  /// changed since the last report, and once after Initialize.
+  static void DoIdle();
+
+  /// Blocks for 8 s at the most.
+  static bool Connect(std::uint32_t address);
+  static bool Disconnect(std::uint32_t address);
+  static bool IsConnected(std::uint32_t address);
+  static std::set<std::uint32_t> GetConnectedAddresses();
+
+  /// The command stays the caller's. Blocks for one round trip when the command is synchronous.
+  static void SendCommand(TCPE_Command* command);
+  static TCPE_Command* TakeCommand();
+  static void DisposeCommand(TCPE_Command* command);
+  static void PreProcessConnectionCommands(TCPE_Command* command);
+  static void SetHostPumpedDelivery(bool hostPumped);
+  static void SetCommandLog(TCPE_CommManager::CommandLogProc log);
+  static void NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address);
+  static bool GetAuthenticationFailed(std::uint32_t address);
+
+  static bool IsSatellite();
+  static void SetIsSatellite(bool isSatellite);
+  static bool AllowSatellitesToConnectToMasterSystem();
+  static void SetAllowSatellitesToConnectToMasterSystem(bool allow);
+  static bool IsMasterClock();
+  static void SetIsMasterClock(bool isMasterClock);
+  static ETCPE_SystemType GetSystemType();
+  static void SetSystemType(ETCPE_SystemType type);
+  /// The text stays valid until the name is set again or the engine is terminated.
+  static const char* GetSystemName();
+  /// At most 29 characters; a longer name is cut.
+  static void SetSystemName(const char* name);
+  static std::int32_t GetUniqueID();
+  static void SetUniqueID(std::int32_t identifier);
+  /// This system's record, owned by the engine; valid until Terminate. Takes no lock once the engine object exists.
   static TCPE_System* GetLocalSystem();
+  /// True: current numbering; false: legacy numbering.
+  static bool GetSupportsMarlo11();
+
+  /// 28283 unless configured.
+  static std::int32_t GetDiscoveryPort();
+  /// 28282 unless configured.
+  static std::int32_t GetCommunicationPort();
+  static std::uint32_t GetAdaptorIPAddress();
+  static std::uint32_t GetLocalSystemConnectionIDIP();
+  static void SetLocalSystemConnectionIDIP(std::uint32_t address);
+  static std::uint16_t GetLocalSystemConnectionIDPort();
+  static void SetLocalSystemConnectionIDPort(std::uint16_t port);
+  static std::uint32_t GetMasterSystemConnectionIDIPForDiscovery();
+  static void SetMasterSystemConnectionIDIPForDiscovery(std::uint32_t address);
+  static std::uint16_t GetMasterSystemConnectionIDPortForDiscovery();
+  static void SetMasterSystemConnectionIDPortForDiscovery(std::uint16_t port);
+  static std::uint32_t GetMasterSystemIPAddress();
+  static void SetMasterSystemIPAddress(std::uint32_t address);
+
+  /// Satellites that this master admits, 11 until Initialize reads the option; and the most that this build supports,
+  /// 128. A setter lowers values above 128 to 128 and keeps negative ones. These four are real-time-safe.
+  static std::int32_t GetMaxNumberSatellites();
+  static void SetMaxNumberSatellites(std::int32_t number);
+  static std::int32_t GetMaxNumberSatellitesSupported();
+  static void SetMaxNumberSatellitesSupported(std::int32_t number);
 };

@@ -1,0 +1,293 @@
+#include <trel/Trel_CommManager.h>
+
+#include "link/clock/Trel_Trace.h"
+
+#include <trel/Cmn_Assert.h>
+#include <trel/SPSStartupOption.h>
+#include <trel/Sys_Socket.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
+#include <trel/Trel_Messenger.h>
+#include <trel/Trel_TCPEInterface.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <new>
+
+namespace {
+
+constexpr std::int32_t kMostSatellites = 128;
+
+enum EClockLockedState : std::uint8_t {
+  eClockLockedState_Unknown = 0,
+  eClockLockedState_Locked = 1,
+  eClockLockedState_Unlocked = 2,
+};
+
+struct State {
+  std::mutex mMutex; // guards the engine object's pointer and the count; held for no call that can wait
+  // Every call holds a reference of its own, so that the object outlives a Terminate on another thread.
+  std::shared_ptr<Trel_TCPEInterface> sTCPEInterface;
+  std::int32_t mInitializing = 0;
+
+  std::mutex mReportMutex; // guards what was last reported
+  EClockLockedState mLastClockLockedState = eClockLockedState_Unknown;
+  std::set<std::uint32_t> mLastClockLockedStateAddressSet;
+};
+
+// Never destroyed, so that threads which outlive the static objects find it whole.
+State& TheState() {
+  static auto* const state = new State;
+  return *state;
+}
+
+// The record inside the engine object: every command's constructor asks for it.
+constinit std::atomic<TCPE_System*> sLocalSystem{nullptr};
+constinit std::atomic<std::int32_t> mMaxNumberSatellites{11};
+constinit std::atomic<std::int32_t> mMaxNumberSatellitesSupported{kMostSatellites};
+
+// Both with the mutex held.
+void CreateTCPEInterface(State& state) {
+  state.sTCPEInterface.reset(new (std::nothrow) Trel_TCPEInterface);
+  if (state.sTCPEInterface) {
+    sLocalSystem.store(state.sTCPEInterface->GetLocalSystem(), std::memory_order_release);
+  }
+}
+
+void FreeTCPEInterface(State& state) {
+  sLocalSystem.store(nullptr, std::memory_order_release);
+  state.sTCPEInterface.reset();
+}
+
+std::shared_ptr<Trel_TCPEInterface> TCPEInterface() {
+  State& state = TheState();
+  std::unique_lock lock(state.mMutex);
+  if (!state.sTCPEInterface) {
+    CreateTCPEInterface(state);
+  }
+  std::shared_ptr<Trel_TCPEInterface> sTCPEInterface = state.sTCPEInterface;
+  lock.unlock();
+  Cmn_Assert::HandleMagicAssert(sTCPEInterface != nullptr, R"(sTCPEInterface != 0@$^$@..\Trel_CommManager)", __LINE__);
+  return sTCPEInterface;
+}
+
+/// Keeps the engine object in place while it is being initialised.
+class Initializing {
+public:
+  Initializing() : mState(TheState()) {
+    const std::lock_guard lock(mState.mMutex);
+    ++mState.mInitializing;
+  }
+  ~Initializing() {
+    const std::lock_guard lock(mState.mMutex);
+    --mState.mInitializing;
+  }
+  Initializing(const Initializing&) = delete;
+  Initializing& operator=(const Initializing&) = delete;
+
+private:
+  State& mState;
+};
+
+/// Terminates the engine when the library is unloaded or the process ends.
+struct Terminator {
+  Terminator() = default;
+  ~Terminator() { Trel_CommManager::Terminate(); }
+  Terminator(const Terminator&) = delete;
+  Terminator& operator=(const Terminator&) = delete;
+};
+
+void TraceFlag(const char* format, bool flag) { Trel_Trace::Line(format, flag ? "true" : "false"); }
+
+} // namespace
+
+std::int32_t Trel_CommManager::Initialize(Trel_CommPreferences* prefs,
+                                          TCPE_CommManager::NetworkErrorProc onNetworkError) {
+  Trel_Trace::Line("Trel_CommManager::Initialize\n");
+  State& state = TheState();
+  {
+    const std::lock_guard lock(state.mReportMutex);
+    state.mLastClockLockedState = eClockLockedState_Unknown;
+  }
+  SetMaxNumberSatellites(SPSStartupOptionSInt32("MaxNumberSatellites", 11));
+  const Initializing initializing;
+  const std::int32_t status =
+      TCPEInterface()->Initialize(prefs != nullptr ? prefs : Trel_CommPreferences::Inst(), onNetworkError);
+  // Made when everything that the engine uses has been, so that it goes before any of that does.
+  static const Terminator terminator;
+  return status;
+}
+
+bool Trel_CommManager::IsInitialized() { return TCPEInterface()->IsInitialized(); }
+
+void Trel_CommManager::Terminate() {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  engine->Terminate();
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  // It stays when the engine refused to terminate, and when another thread initialises it again.
+  if (state.sTCPEInterface == engine && state.mInitializing == 0 && !engine->IsInitialized()) {
+    FreeTCPEInterface(state); // `engine` still refers to it, so that it is destroyed outside the lock
+  }
+}
+
+void Trel_CommManager::DoIdle() {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  if (engine->IsInitialized()) {
+    engine->DoIdle();
+  }
+  if (engine->IsMasterClock()) {
+    return;
+  }
+  const bool locked = Trel_CorrelatedClockMgr::IsLocked();
+  const EClockLockedState lockedState = locked ? eClockLockedState_Locked : eClockLockedState_Unlocked;
+  const std::set<std::uint32_t> addresses = engine->GetConnectedAddresses();
+  State& state = TheState();
+  {
+    const std::lock_guard lock(state.mReportMutex);
+    if (lockedState == state.mLastClockLockedState && addresses == state.mLastClockLockedStateAddressSet) {
+      return;
+    }
+    state.mLastClockLockedState = lockedState;
+    state.mLastClockLockedStateAddressSet = addresses;
+  }
+  for (const std::uint32_t address : addresses) {
+    Trel_Messenger::ClockLockState(locked, address);
+  }
+}
+
+bool Trel_CommManager::Connect(std::uint32_t address) { return TCPEInterface()->Connect(address); }
+
+bool Trel_CommManager::Disconnect(std::uint32_t address) { return TCPEInterface()->Disconnect(address); }
+
+bool Trel_CommManager::IsConnected(std::uint32_t address) { return TCPEInterface()->IsConnected(address); }
+
+std::set<std::uint32_t> Trel_CommManager::GetConnectedAddresses() { return TCPEInterface()->GetConnectedAddresses(); }
+
+void Trel_CommManager::SendCommand(TCPE_Command* command) { TCPEInterface()->SendCommand(command); }
+
+TCPE_Command* Trel_CommManager::TakeCommand() { return TCPEInterface()->TakeCommand(); }
+
+void Trel_CommManager::DisposeCommand(TCPE_Command* command) { TCPEInterface()->DisposeCommand(command); }
+
+void Trel_CommManager::PreProcessConnectionCommands(TCPE_Command* command) {
+  TCPEInterface()->PreProcessConnectionCommands(command);
+}
+
+void Trel_CommManager::SetHostPumpedDelivery(bool hostPumped) { TCPEInterface()->SetHostPumpedDelivery(hostPumped); }
+
+void Trel_CommManager::SetCommandLog(TCPE_CommManager::CommandLogProc log) { TCPEInterface()->SetCommandLog(log); }
+
+void Trel_CommManager::NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address) {
+  TCPEInterface()->NetworkErrorOccured(error, address);
+}
+
+bool Trel_CommManager::GetAuthenticationFailed(std::uint32_t address) {
+  return TCPEInterface()->GetAuthenticationFailed(address);
+}
+
+bool Trel_CommManager::IsSatellite() { return TCPEInterface()->IsSatellite(); }
+
+void Trel_CommManager::SetIsSatellite(bool isSatellite) {
+  TraceFlag("Trel_CommManager::SetIsSatellite %s", isSatellite);
+  TCPEInterface()->SetIsSatellite(isSatellite);
+}
+
+bool Trel_CommManager::AllowSatellitesToConnectToMasterSystem() {
+  return TCPEInterface()->AllowSatellitesToConnectToMasterSystem();
+}
+
+void Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(bool allow) {
+  TCPEInterface()->SetAllowSatellitesToConnectToMasterSystem(allow);
+}
+
+bool Trel_CommManager::IsMasterClock() { return TCPEInterface()->IsMasterClock(); }
+
+void Trel_CommManager::SetIsMasterClock(bool isMasterClock) {
+  TraceFlag("Trel_CommManager::SetIsMasterClock %s", isMasterClock);
+  TCPEInterface()->SetIsMasterClock(isMasterClock);
+}
+
+ETCPE_SystemType Trel_CommManager::GetSystemType() { return TCPEInterface()->GetSystemType(); }
+
+void Trel_CommManager::SetSystemType(ETCPE_SystemType type) { TCPEInterface()->SetSystemType(type); }
+
+const char* Trel_CommManager::GetSystemName() { return TCPEInterface()->GetSystemName(); }
+
+void Trel_CommManager::SetSystemName(const char* name) { TCPEInterface()->SetSystemName(name); }
+
+std::int32_t Trel_CommManager::GetUniqueID() { return TCPEInterface()->GetUniqueID(); }
+
+void Trel_CommManager::SetUniqueID(std::int32_t identifier) { TCPEInterface()->SetUniqueID(identifier); }
+
+TCPE_System* Trel_CommManager::GetLocalSystem() {
+  TCPE_System* system = sLocalSystem.load(std::memory_order_acquire);
+  return system != nullptr ? system : TCPEInterface()->GetLocalSystem();
+}
+
+bool Trel_CommManager::GetSupportsMarlo11() {
+  TCPEInterface();
+  return TCPE_CommManager::GetSupportsMarlo11();
+}
+
+std::int32_t Trel_CommManager::GetDiscoveryPort() { return TCPEInterface()->GetDiscoveryPort(); }
+
+std::int32_t Trel_CommManager::GetCommunicationPort() { return TCPEInterface()->GetCommunicationPort(); }
+
+std::uint32_t Trel_CommManager::GetAdaptorIPAddress() { return TCPEInterface()->GetAdaptorIPAddress(); }
+
+std::uint32_t Trel_CommManager::GetLocalSystemConnectionIDIP() {
+  return TCPEInterface()->GetLocalSystemConnectionIDIP();
+}
+
+void Trel_CommManager::SetLocalSystemConnectionIDIP(std::uint32_t address) {
+  TCPEInterface()->SetLocalSystemConnectionIDIP(address);
+}
+
+std::uint16_t Trel_CommManager::GetLocalSystemConnectionIDPort() {
+  return TCPEInterface()->GetLocalSystemConnectionIDPort();
+}
+
+void Trel_CommManager::SetLocalSystemConnectionIDPort(std::uint16_t port) {
+  TCPEInterface()->SetLocalSystemConnectionIDPort(port);
+}
+
+std::uint32_t Trel_CommManager::GetMasterSystemConnectionIDIPForDiscovery() {
+  return TCPEInterface()->GetMasterSystemConnectionIDIPForDiscovery();
+}
+
+void Trel_CommManager::SetMasterSystemConnectionIDIPForDiscovery(std::uint32_t address) {
+  TCPEInterface()->SetMasterSystemConnectionIDIPForDiscovery(address);
+}
+
+std::uint16_t Trel_CommManager::GetMasterSystemConnectionIDPortForDiscovery() {
+  return TCPEInterface()->GetMasterSystemConnectionIDPortForDiscovery();
+}
+
+void Trel_CommManager::SetMasterSystemConnectionIDPortForDiscovery(std::uint16_t port) {
+  TCPEInterface()->SetMasterSystemConnectionIDPortForDiscovery(port);
+}
+
+std::uint32_t Trel_CommManager::GetMasterSystemIPAddress() { return TCPEInterface()->GetMasterSystemIPAddress(); }
+
+void Trel_CommManager::SetMasterSystemIPAddress(std::uint32_t address) {
+  if (Trel_Trace::IsUsable()) {
+    Trel_Trace::Line("Trel_CommManager::SetMasterSystemIPAddress %s", Sys_Socket::DecodeIPAddress(address).c_str());
+  }
+  TCPEInterface()->SetMasterSystemIPAddress(address);
+}
+
+std::int32_t Trel_CommManager::GetMaxNumberSatellites() { return mMaxNumberSatellites.load(std::memory_order_relaxed); }
+
+void Trel_CommManager::SetMaxNumberSatellites(std::int32_t number) {
+  mMaxNumberSatellites.store(std::min(number, kMostSatellites), std::memory_order_relaxed);
+}
+
+std::int32_t Trel_CommManager::GetMaxNumberSatellitesSupported() {
+  return mMaxNumberSatellitesSupported.load(std::memory_order_relaxed);
+}
+
+void Trel_CommManager::SetMaxNumberSatellitesSupported(std::int32_t number) {
+  mMaxNumberSatellitesSupported.store(std::min(number, kMostSatellites), std::memory_order_relaxed);
+}
