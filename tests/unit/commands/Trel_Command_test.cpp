@@ -1,0 +1,167 @@
+#include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_Cmd_State.h>
+#include <trel/Trel_Cmd_Transport.h>
+
+#include "tests/support/NumberingTest.h"
+#include "tests/support/ReportCollector.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <map>
+#include <stdexcept>
+
+namespace {
+
+class Trel_CommandTest : public NumberingTest {
+protected:
+  void TearDown() override {
+    for (std::int32_t identifier = -6; identifier <= 80; ++identifier) {
+      Trel_Command::SetDoItCommand(identifier, nullptr);
+      Trel_Command::SetAppDataPtr(identifier, nullptr);
+    }
+    NumberingTest::TearDown();
+  }
+
+  static std::int32_t Slot(std::int32_t type) { return IsCurrent() ? type : type + 6; }
+};
+
+INSTANTIATE_NUMBERING_TESTS(Trel_CommandTest);
+
+int sCalls = 0;
+void Count(TCPE_Command* /*command*/) { ++sCalls; }
+void Throw(TCPE_Command* /*command*/) {
+  ++sCalls;
+  throw std::runtime_error("handler");
+}
+
+TEST_P(Trel_CommandTest, TranslatesBetweenIdentifiersAndEngineTypes) {
+  const std::map<std::int32_t, TCPE_eCmd> engineTypes{{1, -1}, {2, -2}, {3, -3}, {18, -4}, {19, -5}, {27, -6}};
+  for (std::int32_t identifier = 0; identifier <= 667; ++identifier) {
+    const bool isEngines = !IsCurrent() && engineTypes.contains(identifier);
+    const TCPE_eCmd type = isEngines ? engineTypes.at(identifier) : identifier;
+    EXPECT_EQ(Trel_Command::GetTCPECommandType(identifier), type);
+    EXPECT_EQ(Trel_Command::GetCompatibleID(type), identifier);
+  }
+  for (const std::int32_t type : {-7, -100}) {
+    EXPECT_EQ(Trel_Command::GetTCPECommandType(type), type);
+    EXPECT_EQ(Trel_Command::GetCompatibleID(type), type);
+  }
+  EXPECT_EQ(Trel_Command::GetCompatibleID(-1), IsCurrent() ? -1 : 1);
+}
+
+TEST_P(Trel_CommandTest, KnowsRangeAndVersionOfTheNumbering) {
+  for (const TCPE_eCmd type : {-100, -7, -6, -1, 0, 1, 76, 77, 80, 81, 666}) {
+    TCPE_eCmd validated = type;
+    Trel_Command::ValidateCommand(&validated);
+    EXPECT_EQ(validated, (IsCurrent() ? 0 <= type && type <= 80 : -6 <= type && type <= 76) ? type : 0);
+  }
+  EXPECT_EQ(Trel_Cmd_StopPlayback().GetMaxNumberCommands(), IsCurrent() ? 81 : 77);
+  EXPECT_EQ(Trel_Command::GetCurrentProtocolMajorVersion(), IsCurrent() ? 4 : 3);
+  EXPECT_EQ(Trel_Command::GetCurrentProtocolMinorVersion(), 1);
+  EXPECT_EQ(Trel_Command::GetCommandID(), 0);
+  Trel_Command::mMaxCommandSize = 0;
+  EXPECT_EQ(Trel_Command::GetMaxCommandSize(), 616U);
+  EXPECT_EQ(Trel_Command::mMaxCommandSize, 616U);
+}
+
+TEST_P(Trel_CommandTest, RegistrationTranslatesAndLookupDoesNot) {
+  const Trel_Cmd_StopPlayback command;
+  Trel_Command::SetDoItCommand(18, &Count);
+  EXPECT_EQ(Trel_Command::mDoItProcPtrArray[IsCurrent() ? 18 : 2], &Count);
+  EXPECT_EQ(command.GetDoItCommand(18), IsCurrent() ? &Count : nullptr);
+  EXPECT_EQ(command.GetDoItCommand(-4), IsCurrent() ? nullptr : &Count);
+
+  const std::int32_t last = IsCurrent() ? 80 : 76;
+  for (const std::int32_t outside : {last + 1, 666, -7, IsCurrent() ? -1 : -8}) {
+    Trel_Command::SetDoItCommand(outside, &Throw);
+    EXPECT_EQ(command.GetDoItCommand(outside), nullptr);
+  }
+  EXPECT_THAT(Trel_Command::mDoItProcPtrArray, testing::Not(testing::Contains(&Throw)));
+  Trel_Command::SetDoItCommand(last, &Throw);
+  EXPECT_EQ(Trel_Command::mDoItProcPtrArray[Slot(last)], &Throw);
+
+  // Out of range reads the slot of identifier 0.
+  Trel_Command::SetDoItCommand(0, &Count);
+  EXPECT_EQ(command.GetDoItCommand(last + 1), &Count);
+  EXPECT_EQ(command.GetDoItCommand(-7), &Count);
+}
+
+TEST_P(Trel_CommandTest, DataOfTheEnginesCommandsIsNotTranslated) {
+  int datum = 0;
+  Trel_Cmd_Connect connect;
+  Trel_Command::SetAppDataPtr(connect.GetCommandType(), &datum);
+  EXPECT_EQ(connect.GetAppDataPtr(), &datum);
+  // As it arrives, its type is the engine's.
+  connect.SetCommandType(Trel_Command::GetTCPECommandType(connect.GetCommandType()));
+  EXPECT_EQ(connect.GetAppDataPtr(), IsCurrent() ? &datum : nullptr);
+
+  int other = 0;
+  Trel_Command::SetAppDataPtr(IsCurrent() ? 81 : 77, &other);
+  Trel_Command::SetAppDataPtr(-7, &other);
+  EXPECT_THAT(Trel_Command::mAppDataPtrArray, testing::Not(testing::Contains(&other)));
+  Trel_Command::SetAppDataPtr(0, &other);
+  EXPECT_EQ(Trel_Command::mAppDataPtrArray[Slot(0)], &other);
+  connect.SetCommandType(666);
+  EXPECT_EQ(connect.GetAppDataPtr(), &other);
+}
+
+TEST_P(Trel_CommandTest, DispatchesToTheHandlerAndSwallowsWhatItThrows) {
+  Trel_Cmd_Connect connect;
+  sCalls = 0;
+  Trel_Command::DoIt(&connect);
+  EXPECT_FALSE(Trel_Command::HasHandler(&connect));
+  EXPECT_EQ(sCalls, 0);
+
+  Trel_Command::SetDoItCommand(Trel_Cmd_Connect::GetCommandID(), &Throw);
+  Trel_Command::DoIt(&connect);
+  connect.SetCommandType(IsCurrent() ? 5 : -4); // as it arrives
+  EXPECT_TRUE(Trel_Command::HasHandler(&connect));
+  Trel_Command::DoIt(&connect);
+  EXPECT_EQ(sCalls, 2);
+
+  // Out of range there is no handler, not even that of identifier 0.
+  Trel_Command::SetDoItCommand(0, &Count);
+  for (const TCPE_eCmd type : {666, -7, IsCurrent() ? 81 : 77}) {
+    connect.SetCommandType(type);
+    EXPECT_FALSE(Trel_Command::HasHandler(&connect));
+    Trel_Command::DoIt(&connect);
+  }
+  EXPECT_EQ(sCalls, 2);
+}
+
+TEST_P(Trel_CommandTest, HandlersHoldTheNumbering) {
+  ReportCollector reports;
+  Trel_Command::SetDoItCommand(7, &Count);
+  Trel_Command::SetDoItCommand(7, &Throw);
+  Trel_Command::SetDoItCommand(8, &Count);
+  Trel_Command::SetDoItCommand(7, nullptr);
+  Trel_Command::SetDoItCommand(7, nullptr);
+  TCPE_CommManager::SetSupportsMarlo11(!IsCurrent());
+  EXPECT_EQ(TCPE_CommManager::GetSupportsMarlo11(), IsCurrent());
+  EXPECT_THAT(reports.Take(), testing::SizeIs(1));
+  Trel_Command::SetDoItCommand(8, nullptr);
+
+  const Trel_Cmd_GetState before;
+  TCPE_CommManager::SetSupportsMarlo11(!IsCurrent());
+  EXPECT_EQ(TCPE_CommManager::GetSupportsMarlo11(), !IsCurrent());
+  EXPECT_THAT(reports.Take(), testing::IsEmpty());
+  // A command keeps what it was built with; the class answers anew.
+  EXPECT_EQ(before.GetCommandType(), IsCurrent() ? 70 : 67);
+  EXPECT_EQ(Trel_Cmd_GetState::GetCommandID(), IsCurrent() ? 67 : 70);
+}
+
+TEST_P(Trel_CommandTest, ConstructsInTheBlock) {
+  alignas(std::max_align_t) std::byte block[Trel_Command::kMaxCommandSize];
+  TCPE_Command* command = Trel_Command::Construct(Trel_Cmd_Prime::GetCommandID(), block);
+  ASSERT_EQ(static_cast<void*>(command), block);
+  EXPECT_EQ(command->GetSelf(), command);
+  EXPECT_STREQ(command->GetCommandName(), "Prime");
+  command->~TCPE_Command();
+  EXPECT_EQ(Trel_Command::Construct(Trel_Cmd_Prime::GetCommandID(), nullptr), nullptr);
+  for (const std::int32_t identifier : {-4, -1, 0, 1, 77, 78, 81, 666}) {
+    EXPECT_EQ(Trel_Command::Construct(static_cast<Trel_eCmd>(identifier), block), nullptr) << identifier;
+  }
+}
+
+} // namespace
