@@ -21,4 +21,4 @@ private:
 
 #define INSTANTIATE_NUMBERING_TESTS(Fixture)                                                                           \
   INSTANTIATE_TEST_SUITE_P(Numberings, Fixture, testing::Bool(),                                                       \
-                           [](const auto& info) { return info.param ? "Current" : "Legacy"; })
+                           [](const auto& numbering) { return numbering.param ? "Current" : "Legacy"; })
