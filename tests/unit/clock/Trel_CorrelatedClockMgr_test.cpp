@@ -1,10 +1,10 @@
 #include <trel/Cmn_Assert.h>
 #include <trel/Sys_Clock.h>
-#include <trel/TCPE_CommManager.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
 
 #include "link/clock/Trel_Trace.h"
+#include "tests/support/NumberingTest.h"
 
 #include <atomic>
 #include <cstdarg>
@@ -23,20 +23,19 @@ std::atomic<std::int64_t> sNow{0};
 std::vector<std::string> sReports;
 std::vector<std::string> sTraceLines;
 
-class Trel_CorrelatedClockMgrTest : public testing::TestWithParam<bool> {
+class Trel_CorrelatedClockMgrTest : public NumberingTest {
 protected:
   void SetUp() override {
+    NumberingTest::SetUp();
     Sys_Clock::SetSource([] { return sNow.load(); });
-    TCPE_CommManager::SetSupportsMarlo11(GetParam());
-    ASSERT_EQ(TCPE_CommManager::GetSupportsMarlo11(), GetParam());
     Trel_CorrelatedClockMgr::Terminate();
     Trel_CorrelatedClockMgr::Initialize();
   }
 
   void TearDown() override {
     Trel_CorrelatedClockMgr::Terminate();
-    TCPE_CommManager::SetSupportsMarlo11(mNumberingBefore);
     Sys_Clock::SetSource(nullptr);
+    NumberingTest::TearDown();
   }
 
   static void ReceiveRunningTime(std::int64_t hostTime, std::int64_t runningTime) {
@@ -50,13 +49,9 @@ protected:
     command.SetRoundTripTime(roundTripTime);
     EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&command));
   }
-
-private:
-  bool mNumberingBefore = TCPE_CommManager::GetSupportsMarlo11();
 };
 
-INSTANTIATE_TEST_SUITE_P(CurrentNumbering, Trel_CorrelatedClockMgrTest, testing::Bool(),
-                         testing::PrintToStringParamName());
+INSTANTIATE_NUMBERING_TESTS(Trel_CorrelatedClockMgrTest);
 
 TEST_P(Trel_CorrelatedClockMgrTest, VouchedExchangesBecomeMeasurements) {
   EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(77), 77);
@@ -186,7 +181,7 @@ TEST_P(Trel_CorrelatedClockMgrTest, TakesTheTimingCommandsOfTheNumberingInForceO
   Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
   EXPECT_FALSE(Trel_CorrelatedClockMgr::HandleTimingCommand(nullptr));
   const std::vector<std::int32_t> expected =
-      GetParam() ? std::vector<std::int32_t>{30, 31, 33} : std::vector<std::int32_t>{23, 24, 26};
+      IsCurrent() ? std::vector<std::int32_t>{30, 31, 33} : std::vector<std::int32_t>{23, 24, 26};
   std::vector<std::int32_t> taken;
   Trel_Cmd_GetCurrentRunningTime command;
   for (std::int32_t type = -6; type <= 80; ++type) {

@@ -1,0 +1,143 @@
+#include <trel/Sys_Clock.h>
+#include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_CommManager.h>
+#include <trel/host/Trel_RunningTimeExchange.h>
+
+#include <algorithm>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+constexpr int kMostRepetitions = 3;
+constexpr int kRoundTripsToKnowAPeer = 4;
+constexpr std::int64_t kRoundTripsOfAnEra = 40;
+constexpr std::int64_t kMostUnvouchedInRow = 3;
+
+// Microseconds.
+constexpr std::int64_t kShortestPause = 500'000;
+constexpr std::int64_t kLongestPause = 30'000'000;
+constexpr std::int64_t kPauseForTimeLost = 4;
+constexpr std::int64_t kLongFailure = 100'000;
+
+std::int64_t PauseAfter(std::int64_t timeLost, std::int64_t failuresInRow) {
+  const std::int64_t first = std::max(kShortestPause, kPauseForTimeLost * timeLost);
+  const auto doublings = static_cast<unsigned>(std::clamp<std::int64_t>(failuresInRow - 1, 0, 10));
+  return std::min(first << doublings, kLongestPause);
+}
+
+} // namespace
+
+Trel_RunningTimeExchange::Trel_RunningTimeExchange() = default;
+
+Trel_RunningTimeExchange::Trel_RunningTimeExchange(const Settings& settings) : mSettings(settings) {}
+
+Trel_RunningTimeExchange::~Trel_RunningTimeExchange() = default;
+
+void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime) {
+  const std::int64_t now = Sys_Clock::Microseconds();
+  const std::int64_t runningTimeAtZero = runningTime - now;
+
+  std::erase_if(mPeers, [&](const auto& peer) { return !addresses.contains(peer.first); });
+  std::vector<std::tuple<std::int64_t, std::int64_t, std::uint32_t>> due; // in the order in which they are served
+  for (const std::uint32_t address : addresses) {
+    const Peer& peer = mPeers[address];
+    if (peer.mDue <= now) {
+      due.emplace_back(peer.mFailuresInRow, peer.mDue, address);
+    }
+  }
+  std::sort(due.begin(), due.end());
+
+  for (const auto& [failuresInRow, dueTime, address] : due) {
+    Peer& peer = mPeers[address];
+    const std::int64_t begin = Sys_Clock::Microseconds();
+    const Outcome outcome = Exchange(address, peer, runningTimeAtZero);
+    if (outcome != Outcome::failed) {
+      peer.mFailuresInRow = 0;
+      peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
+      const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
+      peer.mDue = now + (isFull ? mSettings.mInterval : mSettings.mFirstInterval);
+      continue;
+    }
+    ++peer.mStatus.mFailures;
+    ++peer.mFailuresInRow;
+    const std::int64_t end = Sys_Clock::Microseconds();
+    peer.mDue = end + PauseAfter(end - begin, peer.mFailuresInRow);
+    if (end - begin >= kLongFailure) {
+      return;
+    }
+  }
+}
+
+void Trel_RunningTimeExchange::Restart() { mPeers.clear(); }
+
+std::optional<Trel_RunningTimeExchange::Status> Trel_RunningTimeExchange::GetStatus(std::uint32_t address) const {
+  const auto peer = mPeers.find(address);
+  return peer != mPeers.end() ? std::optional(peer->second.mStatus) : std::nullopt;
+}
+
+bool Trel_RunningTimeExchange::Send(Trel_Command* command) {
+  Trel_CommManager::SendCommand(command);
+  return Trel_Command::GetTCPECommandType(command->GetCommandType()) != -1;
+}
+
+void Trel_RunningTimeExchange::KeepRoundTrip(Peer& peer, std::int64_t roundTrip) {
+  if (peer.mRoundTripsNow == kRoundTripsOfAnEra) {
+    peer.mShortestBefore = peer.mShortestNow;
+    peer.mShortestNow = kNone;
+    peer.mRoundTripsNow = 0;
+  }
+  ++peer.mRoundTripsNow;
+  peer.mShortestNow = std::min(peer.mShortestNow, roundTrip);
+  ++peer.mStatus.mRoundTrips;
+  peer.mStatus.mLastRoundTrip = roundTrip;
+  peer.mStatus.mSmallestRoundTrip = std::min(peer.mShortestBefore, peer.mShortestNow);
+}
+
+bool Trel_RunningTimeExchange::IsGood(const Peer& peer, std::int64_t roundTrip) {
+  const std::int64_t shortest = peer.mStatus.mSmallestRoundTrip;
+  const std::int64_t allowance = shortest * 3 / 10 + 5;
+  return roundTrip - shortest <= allowance
+                                     << static_cast<unsigned>(std::min(peer.mUnvouchedInRow, kMostUnvouchedInRow));
+}
+
+Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32_t address, Peer& peer,
+                                                                     std::int64_t runningTimeAtZero) {
+  const int least = peer.mStatus.mRoundTrips == 0 ? kRoundTripsToKnowAPeer : 1;
+  const int most = least + kMostRepetitions;
+  bool isGood = false;
+  for (int count = 1; count <= most && (count <= least || !isGood); ++count) {
+    if (!MeasureRoundTrip(address, peer, runningTimeAtZero)) {
+      return Outcome::failed;
+    }
+    isGood = IsGood(peer, peer.mStatus.mLastRoundTrip);
+  }
+  if (!isGood && peer.mUnvouchedInRow < kMostUnvouchedInRow) {
+    return Outcome::notVouched;
+  }
+  return Vouch(address, peer) ? Outcome::vouched : Outcome::failed;
+}
+
+bool Trel_RunningTimeExchange::MeasureRoundTrip(std::uint32_t address, Peer& peer, std::int64_t runningTimeAtZero) {
+  Trel_Cmd_UpdateRunningTime command;
+  command.SetIPAddressTo(address);
+  const std::int64_t sent = Sys_Clock::Microseconds();
+  command.SetRunningTime(runningTimeAtZero + sent);
+  if (!Send(&command)) {
+    return false;
+  }
+  KeepRoundTrip(peer, Sys_Clock::Microseconds() - sent);
+  return true;
+}
+
+bool Trel_RunningTimeExchange::Vouch(std::uint32_t address, Peer& peer) {
+  Trel_Cmd_LastUpdateRunningTimeValid command;
+  command.SetIPAddressTo(address);
+  command.SetRoundTripTime(peer.mStatus.mLastRoundTrip);
+  if (!Send(&command)) {
+    return false;
+  }
+  ++peer.mStatus.mVouched;
+  peer.mStatus.mLastVouchedRoundTrip = peer.mStatus.mLastRoundTrip;
+  return true;
+}

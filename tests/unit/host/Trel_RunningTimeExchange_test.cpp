@@ -1,0 +1,216 @@
+#include <trel/Sys_Clock.h>
+#include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
+#include <trel/host/Trel_RunningTimeExchange.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::uint32_t kDeadPeer = 0x7f000002;
+constexpr std::uint32_t kOtherDeadPeer = 0x7f000003;
+constexpr std::uint32_t kPeer = 0x7f000004;
+constexpr std::int64_t kRunningTimeAhead = 123'456'789; // of host time
+constexpr std::int64_t kTick = 10'000;
+
+std::int64_t sNow = 0;
+
+/// The ways of one command to its peer and of the reply, microseconds. `answered` false: no reply comes.
+struct Ways {
+  std::int64_t there = 50;
+  std::int64_t back = 50;
+  bool answered = true;
+};
+
+struct Voucher {
+  std::int64_t time;
+  std::int64_t roundTrip;
+};
+
+/// An exchange whose commands travel in virtual time. The clock manager of this process is the peer kPeer.
+class SimulatedExchange : public Trel_RunningTimeExchange {
+public:
+  std::function<Ways(std::uint32_t address, bool isVoucher)> mWays = [](std::uint32_t, bool) { return Ways{}; };
+  std::vector<Voucher> mVouchers; // for kPeer
+  std::int64_t mLongestTick = 0;
+
+  void Run(std::int64_t duration, const std::set<std::uint32_t>& peers = {kPeer}) {
+    for (const std::int64_t end = sNow + duration; sNow < end; sNow += kTick) {
+      const std::int64_t begin = sNow;
+      Tick(peers, sNow + kRunningTimeAhead);
+      mLongestTick = std::max(mLongestTick, sNow - begin);
+    }
+  }
+
+protected:
+  bool Send(Trel_Command* command) override {
+    const auto* voucher = dynamic_cast<const Trel_Cmd_LastUpdateRunningTimeValid*>(command);
+    const Ways ways = mWays(command->GetIPAddressTo(), voucher != nullptr);
+    sNow += ways.there;
+    if (command->GetIPAddressTo() == kPeer && ways.answered) {
+      EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(command));
+      if (voucher != nullptr) {
+        mVouchers.push_back({sNow, voucher->GetRoundTripTime()});
+      }
+    }
+    sNow += ways.back;
+    return ways.answered;
+  }
+};
+
+std::int64_t LongestGap(const std::vector<Voucher>& vouchers) {
+  std::int64_t longest = 0;
+  for (std::size_t i = 1; i < vouchers.size(); ++i) {
+    longest = std::max(longest, vouchers[i].time - vouchers[i - 1].time);
+  }
+  return longest;
+}
+
+std::int64_t PeerError() {
+  return std::abs(Trel_CorrelatedClockMgr::GetRunningTime(sNow) - (sNow + kRunningTimeAhead));
+}
+
+class Trel_RunningTimeExchangeTest : public testing::Test {
+protected:
+  void SetUp() override {
+    sNow = 0;
+    Sys_Clock::SetSource([] { return sNow; });
+    Trel_CorrelatedClockMgr::Terminate();
+  }
+  void TearDown() override {
+    Trel_CorrelatedClockMgr::Terminate();
+    Sys_Clock::SetSource(nullptr);
+  }
+
+  SimulatedExchange mExchange;
+};
+
+TEST_F(Trel_RunningTimeExchangeTest, LocksThePeerAndSlowsDownWhenItsWindowIsFull) {
+  mExchange.Run(400'000);
+  EXPECT_TRUE(Trel_CorrelatedClockMgr::IsLocked());
+  mExchange.Run(12'100'000);
+  EXPECT_EQ(PeerError(), 0);
+  EXPECT_LE(mExchange.mVouchers[24].time, 2'800'000);
+  EXPECT_NEAR(static_cast<double>(mExchange.mVouchers.size()), 25 + 38, 2);
+  const auto status = mExchange.GetStatus(kPeer);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->mVouched, static_cast<std::int64_t>(mExchange.mVouchers.size()));
+  EXPECT_EQ(status->mRoundTrips, status->mVouched + 3);
+  EXPECT_EQ(status->mLastVouchedRoundTrip, 100);
+  EXPECT_EQ(status->mFailures, 0);
+}
+
+TEST_F(Trel_RunningTimeExchangeTest, VouchesForGoodRoundTripsOnly) {
+  using RoundTrips = std::vector<std::int64_t>;
+  const struct {
+    const char* name;
+    int ticks;
+    RoundTrips roundTrips; // of the running times, in the order of sending
+    RoundTrips vouchedFor;
+  } cases[] = {
+      {"a new peer is got to know", 1, {900, 400, 200, 100}, {100}},
+      {"a new peer whose fourth is bad", 1, {100, 100, 100, 900, 900, 120}, {120}},
+      {"at the limit and above", 3, {100, 100, 100, 135, 136, 134, 90}, {135, 134, 90}},
+      {"all too long, then twice the allowance", 3, {100, 100, 100, 100, 171, 171, 171, 171, 171, 170}, {100, 170}},
+      {"the allowance shrinks again", 4, {100, 100, 100, 100, 150, 150, 150, 150, 150, 150, 99}, {100, 150, 99}},
+      {"never starved",
+       5,
+       {100, 100, 100, 100, 901, 902, 903, 904, 905, 906, 907, 908, 909, 910, 911, 912, 913, 914, 915, 916},
+       {100, 916}},
+  };
+  for (const auto& test : cases) {
+    SimulatedExchange exchange;
+    std::size_t next = 0;
+    exchange.mWays = [&](std::uint32_t, bool isVoucher) {
+      const std::int64_t roundTrip = isVoucher ? 100 : test.roundTrips.at(next++);
+      return Ways{.there = 10, .back = roundTrip - 10};
+    };
+    for (int tick = 0; tick < test.ticks; ++tick) {
+      exchange.Tick({kPeer}, sNow + kRunningTimeAhead);
+      sNow += 100'000;
+    }
+    RoundTrips vouchedFor;
+    for (const Voucher& voucher : exchange.mVouchers) {
+      vouchedFor.push_back(voucher.roundTrip);
+    }
+    EXPECT_EQ(vouchedFor, test.vouchedFor) << test.name;
+    EXPECT_EQ(next, test.roundTrips.size()) << test.name;
+  }
+}
+
+TEST_F(Trel_RunningTimeExchangeTest, KeepsThePeerAccurateWhenHalfOfTheRoundTripsAreDisturbed) {
+  std::minstd_rand random;
+  const auto delay = [&] {
+    return 50 + static_cast<std::int64_t>(random() % 10 < 3 ? random() % 1'500 : random() % 5);
+  };
+  mExchange.mWays = [&](std::uint32_t, bool) { return Ways{delay(), delay()}; };
+  mExchange.Run(5'000'000);
+  std::int64_t worst = 0;
+  for (int i = 0; i < 1'000; ++i) {
+    mExchange.Run(50'000);
+    worst = std::max(worst, PeerError());
+  }
+  EXPECT_LE(worst, 10);
+  EXPECT_LE(LongestGap(mExchange.mVouchers), 1'050'000);
+}
+
+TEST_F(Trel_RunningTimeExchangeTest, FollowsANetworkThatHasBecomeSlower) {
+  mExchange.Run(20'000'000);
+  mExchange.mWays = [](std::uint32_t, bool) { return Ways{.there = 250, .back = 250}; };
+  mExchange.Run(30'000'000);
+  EXPECT_LE(LongestGap(mExchange.mVouchers), 1'100'000);
+  const auto before = *mExchange.GetStatus(kPeer);
+  EXPECT_EQ(before.mSmallestRoundTrip, 500);
+  mExchange.Run(10'000'000);
+  const auto after = *mExchange.GetStatus(kPeer);
+  EXPECT_EQ(after.mRoundTrips - before.mRoundTrips, after.mVouched - before.mVouched);
+}
+
+TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
+  constexpr std::int64_t kTimeOut = 2'000'000;
+  mExchange.mWays = [](std::uint32_t address, bool) {
+    return address == kPeer ? Ways{} : Ways{.there = 0, .back = kTimeOut, .answered = false};
+  };
+  mExchange.Run(60'000'000, {kPeer, kDeadPeer, kOtherDeadPeer});
+  EXPECT_LE(LongestGap(mExchange.mVouchers), kTimeOut + 250'000 + 3 * kTick);
+  EXPECT_LT(mExchange.mLongestTick, kTimeOut + kTick);
+  EXPECT_EQ(mExchange.GetStatus(kDeadPeer)->mFailures, 3); // at 0, 10 and 28 seconds
+  EXPECT_GE(mExchange.mVouchers.size(), 180U);
+}
+
+TEST_F(Trel_RunningTimeExchangeTest, TriesAgainAfterAPauseAndForgetsWhoIsGone) {
+  mExchange.mWays = [](std::uint32_t, bool isVoucher) {
+    return Ways{.there = 50, .back = 50, .answered = !isVoucher && sNow > 1'200'000};
+  };
+  mExchange.Run(3'000'000);
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->mFailures, 3); // at 0, 0.5 and, the voucher, 1.5 seconds
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->mVouched, 0);
+  mExchange.mWays = [](std::uint32_t, bool) { return Ways{}; };
+  mExchange.Run(1'000'000);
+  EXPECT_GE(mExchange.GetStatus(kPeer)->mVouched, 3);
+  bool failed = false; // once more; the pause is the first one again
+  mExchange.mWays = [&failed](std::uint32_t, bool) { return Ways{.answered = std::exchange(failed, true)}; };
+  mExchange.Run(6'000'000);
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->mFailures, 4);
+  EXPECT_LE(LongestGap(mExchange.mVouchers), 800'000);
+
+  mExchange.Tick({}, sNow + kRunningTimeAhead);
+  EXPECT_FALSE(mExchange.GetStatus(kPeer));
+  for (int i = 0; i < 2; ++i) {
+    mExchange.Tick({kPeer}, sNow + kRunningTimeAhead);
+    EXPECT_EQ(mExchange.GetStatus(kPeer)->mRoundTrips, 4);
+    mExchange.Restart();
+  }
+}
+
+} // namespace
