@@ -59,8 +59,7 @@ void TCPE_Command::GetSendDebugInfo(std::ostream& /*out*/) const {}
 void TCPE_Command::GetReplyDebugInfo(std::ostream& /*out*/) const {}
 
 void TCPE_Command::WriteHeader(std::uint8_t majorVersion, std::uint8_t minorVersion, char** cursor) {
-  mProtocolMajorVersion = majorVersion;
-  mProtocolMinorVersion = minorVersion;
+  SetProtocolVersion(majorVersion, minorVersion);
   TCPE_FrameHeader header;
   header.dataLength = mDataLength;
   header.majorVersion = majorVersion;

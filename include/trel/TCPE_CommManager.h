@@ -1,11 +1,13 @@
 #pragma once
 
 #include <trel/TCPE_CommPreferences.h>
+#include <trel/TCPE_Counters.h>
 #include <trel/TCPE_System.h>
 #include <trel/TCPE_Types.h>
 #include <trel/Trel_Export.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -100,6 +102,9 @@ public:
   /// Whether a system failed to prove the shared secret within the last ten seconds.
   bool GetAuthenticationFailed(std::uint32_t address) const;
 
+  /// What was dropped or turned away since Initialize; all zero before.
+  TCPE_Counters GetCounters() const;
+
   /// Installs the command log, or removes it with null. The hook must not send synchronous commands.
   void SetCommandLog(CommandLogProc log);
 
@@ -122,6 +127,8 @@ public:
   void SetUniqueID(std::int32_t identifier);
   /// This system's record; owned by the manager.
   TCPE_System* GetLocalSystem() { return &mLocalSystem; }
+  /// The record as it is now; safe while another thread changes it.
+  TCPE_System CopyLocalSystem() const;
 
   /// Address of the adaptor in use, host order; 0 before Initialize.
   std::uint32_t GetAdaptorIPAddress() const { return mAdaptorIPAddress; }
@@ -142,9 +149,13 @@ protected:
   std::atomic<std::uint16_t> mCommunicationPort = 0;
 
 private:
-  std::shared_ptr<TCPE_Engine> Engine() const;
+  class Caller;
 
-  mutable std::mutex mMutex; // guards the engine pointer and the local record
+  void SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task);
+
+  mutable std::mutex mMutex; // guards the engine pointer, the number of callers and the local record
+  mutable std::condition_variable mCallersHaveLeft;
+  mutable std::int32_t mCallers = 0;
   std::mutex mLifecycleMutex;
   std::shared_ptr<TCPE_Engine> mEngine;
   TCPE_System mLocalSystem;

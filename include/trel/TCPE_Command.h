@@ -62,6 +62,10 @@ public:
   void SetDataLength(std::uint16_t length) { mDataLength = length; }
   std::uint8_t GetProtocolMajorVersion() const { return mProtocolMajorVersion; }
   std::uint8_t GetProtocolMinorVersion() const { return mProtocolMinorVersion; }
+  void SetProtocolVersion(std::uint8_t majorVersion, std::uint8_t minorVersion) {
+    mProtocolMajorVersion = majorVersion;
+    mProtocolMinorVersion = minorVersion;
+  }
   /// The class's own payload revision.
   std::uint8_t GetRevision() const { return mRevision; }
   /// The revision of the frame that this object is decoded from; the class's own until one has arrived.

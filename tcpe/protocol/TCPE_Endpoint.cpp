@@ -69,13 +69,16 @@ void TCPE_Endpoint::Received(Id id, std::size_t count, TCPE_Time now) {
 }
 
 void TCPE_Endpoint::End(Id id, ETCPE_NetworkError error, TCPE_Time now) {
-  if (Find(id) == nullptr) {
+  const Connection* connection = Find(id);
+  if (connection == nullptr) {
     return;
   }
-  if (error != eNetworkError_None) {
+  if (!IsOpen(*connection)) {
+    TransportEnded(id, now);
+  } else if (error != eNetworkError_None) {
     Lose(id, error, now);
   } else {
-    const std::uint32_t address = Find(id)->address;
+    const std::uint32_t address = connection->address;
     Close(id);
     DecideWaiting(address, now);
   }

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <cstdint>
+
+/// Input that the engine dropped, by reason.
+struct TCPE_Counters {
+  std::uint64_t unknownCommands = 0;    ///< types without a class
+  std::uint64_t malformedPayloads = 0;  ///< payloads too short, or without sense
+  std::uint64_t unhandledCommands = 0;  ///< commands without a handler
+  std::uint64_t queueOverflows = 0;     ///< commands that found the peer's queue full
+  std::uint64_t lateReplies = 0;        ///< replies that nobody waited for any more
+  std::uint64_t refusedConnections = 0; ///< connections turned away, and strangers without a valid handshake
+};

@@ -1,0 +1,325 @@
+#include <trel/Cmn_Assert.h>
+#include <trel/SPSStartupOption.h>
+#include <trel/Sys_Clock.h>
+#include <trel/Sys_Socket.h>
+#include <trel/Sys_Umid.h>
+#include <trel/TCPE_CommManager.h>
+#include <trel/TCPE_CommTask.h>
+#include <trel/TCPE_Command.h>
+
+#include "tcpe/net/TCPE_Engine.h"
+#include "tcpe/protocol/TCPE_Limits.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace {
+
+std::atomic<bool> sSupportsMarlo11 = true;
+std::atomic<bool> sNumberingIsOverridden = false;
+std::atomic<std::int32_t> sNumberingHolds = 0;
+
+/// The error type of both numberings, for when there is no task to tell its identifier.
+constexpr TCPE_eCmd kErrorType = -1;
+
+/// The adaptor whose address a system is known by: the preferred one, else the first that can broadcast, else loopback.
+ETCPE_Status ChooseAdaptor(std::uint32_t preferred, Sys_Adaptor* chosen) {
+  if (preferred != 0) {
+    return Sys_Socket::FindAdaptorOf(preferred, chosen) ? eTCPE_Status_Success : eTCPE_Status_AddressNotLocal;
+  }
+  const std::vector<Sys_Adaptor> adaptors = Sys_Socket::GetAdaptors();
+  auto position = std::find_if(adaptors.begin(), adaptors.end(), [](const Sys_Adaptor& adaptor) {
+    return adaptor.isUp && adaptor.canBroadcast && !adaptor.isLoopback;
+  });
+  if (position == adaptors.end()) {
+    position = std::find_if(adaptors.begin(), adaptors.end(), [](const Sys_Adaptor& adaptor) { return adaptor.isUp; });
+  }
+  if (position == adaptors.end()) {
+    return eTCPE_Status_NoAdaptor;
+  }
+  *chosen = *position;
+  return eTCPE_Status_Success;
+}
+
+} // namespace
+
+/// A caller that is inside: the engine stays, and Terminate waits for it to leave.
+class TCPE_CommManager::Caller {
+public:
+  explicit Caller(const TCPE_CommManager& manager) : mManager(manager) {
+    const std::lock_guard lock(manager.mMutex);
+    ++manager.mCallers;
+    mEngine = manager.mEngine;
+  }
+  ~Caller() {
+    mEngine.reset();
+    const std::lock_guard lock(mManager.mMutex);
+    if (--mManager.mCallers == 0) {
+      mManager.mCallersHaveLeft.notify_all();
+    }
+  }
+  Caller(const Caller&) = delete;
+  Caller& operator=(const Caller&) = delete;
+
+  explicit operator bool() const { return mEngine != nullptr; }
+  TCPE_Engine* operator->() const { return mEngine.get(); }
+
+private:
+  const TCPE_CommManager& mManager;
+  std::shared_ptr<TCPE_Engine> mEngine;
+};
+
+TCPE_CommManager::TCPE_CommManager() { mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31()); }
+
+TCPE_CommManager::~TCPE_CommManager() {
+  // The subclass is gone by now: whoever has one terminates before destroying it.
+  Terminate();
+}
+
+std::int32_t TCPE_CommManager::InitializeSubclass() { return 0; }
+
+void TCPE_CommManager::TerminateSubclass() {}
+
+TCPE_CommTask* TCPE_CommManager::CreateCommTask(std::uint16_t /*communicationPort*/, std::uint16_t /*discoveryPort*/,
+                                                TCPE_System* /*localSystem*/) {
+  return nullptr;
+}
+
+std::int32_t TCPE_CommManager::GetDiscoveryPort() { return mDiscoveryPort; }
+
+std::int32_t TCPE_CommManager::GetCommunicationPort() { return mCommunicationPort; }
+
+bool TCPE_CommManager::HandleSyncCommand(TCPE_Command* /*command*/) { return false; }
+
+bool TCPE_CommManager::HandleAsyncCommand(TCPE_Command* /*command*/) { return false; }
+
+bool TCPE_CommManager::AllowConnect(std::uint32_t /*address*/) { return true; }
+
+bool TCPE_CommManager::GetSupportsMarlo11() { return sSupportsMarlo11.load(std::memory_order_relaxed); }
+
+void TCPE_CommManager::SetSupportsMarlo11(bool supports) {
+  const bool isFree = sNumberingHolds == 0;
+  Cmn_Assert::HandleMagicAssert(isFree, "sNumberingHolds == 0@$^$@..\\TCPE_CommManager", __LINE__);
+  if (isFree) {
+    sNumberingIsOverridden = true;
+    sSupportsMarlo11 = supports;
+  }
+}
+
+void TCPE_CommManager::ReadNumberingOption() {
+  if (!sNumberingIsOverridden && sNumberingHolds == 0) {
+    sSupportsMarlo11 = SPSStartupOptionSInt32("SupportsMarlo11", 1) != 0;
+  }
+}
+
+void TCPE_CommManager::HoldNumbering() { ++sNumberingHolds; }
+
+void TCPE_CommManager::ReleaseNumbering() { --sNumberingHolds; }
+
+std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError) {
+  const std::lock_guard lifecycle(mLifecycleMutex);
+  if (IsInitialized()) {
+    return eTCPE_Status_AlreadyInitialized;
+  }
+  Sys_Adaptor adaptor;
+  const std::uint32_t preferred = preferences != nullptr ? preferences->GetLocalInterfaceAddress() : 0;
+  if (const ETCPE_Status status = ChooseAdaptor(preferred, &adaptor); status != eTCPE_Status_Success) {
+    return status;
+  }
+  const std::uint32_t address = preferred != 0 ? preferred : adaptor.address;
+  mCommunicationPort = preferences != nullptr ? preferences->GetCommunicationPort() : std::uint16_t{0};
+  const auto communicationPort = static_cast<std::uint16_t>(GetCommunicationPort());
+  const auto discoveryPort = static_cast<std::uint16_t>(GetDiscoveryPort());
+
+  HoldNumbering();
+  InitializeSubclass();
+  std::unique_ptr<TCPE_CommTask> task(CreateCommTask(communicationPort, discoveryPort, &mLocalSystem));
+  ETCPE_Status status = eTCPE_Status_NoCommTask;
+  if (task) {
+    SetUpLocalSystem(address, communicationPort, *task);
+    mAdaptorIPAddress = address;
+    TCPE_Limits limits;
+    constexpr TCPE_Time kMicrosecondsPerMillisecond = 1000;
+    limits.reply =
+        kMicrosecondsPerMillisecond *
+        std::max(1, SPSStartupOptionSInt32("SynchronousTimeoutMilliseconds",
+                                           static_cast<std::int32_t>(limits.reply / kMicrosecondsPerMillisecond)));
+    std::shared_ptr<TCPE_Engine> engine;
+    status = TCPE_Engine::Start({.manager = this,
+                                 .task = std::move(task),
+                                 .limits = limits,
+                                 .localAddress = address,
+                                 .broadcastAddress = adaptor.broadcast,
+                                 .onNetworkError = onNetworkError,
+                                 .isHostPumped = mHostPumped},
+                                &engine);
+    if (status == eTCPE_Status_Success) {
+      engine->SetCommandLog(mCommandLog);
+      const std::lock_guard lock(mMutex);
+      mEngine = std::move(engine);
+      return status;
+    }
+  }
+  mAdaptorIPAddress = 0;
+  TerminateSubclass();
+  ReleaseNumbering();
+  return status;
+}
+
+bool TCPE_CommManager::IsInitialized() const {
+  const std::lock_guard lock(mMutex);
+  return mEngine != nullptr;
+}
+
+void TCPE_CommManager::Terminate() {
+  std::shared_ptr<TCPE_Engine> engine;
+  {
+    const std::lock_guard lock(mMutex);
+    engine = mEngine;
+  }
+  const bool isOutside = !engine || !engine->IsOnOwnThread();
+  Cmn_Assert::HandleMagicAssert(isOutside, "! engine->IsOnOwnThread()@$^$@..\\TCPE_CommManager", __LINE__);
+  if (!isOutside) {
+    return;
+  }
+  const std::lock_guard lifecycle(mLifecycleMutex);
+  {
+    const std::lock_guard lock(mMutex);
+    if (mEngine != engine || !engine) {
+      return;
+    }
+    mEngine.reset();
+  }
+  engine->Stop();
+  {
+    // Bounded, because a caller may be inside a callback of the host.
+    constexpr auto kPatience = std::chrono::milliseconds(200);
+    std::unique_lock lock(mMutex);
+    mCallersHaveLeft.wait_for(lock, kPatience, [this] { return mCallers == 0; });
+  }
+  mAdaptorIPAddress = 0;
+  TerminateSubclass();
+  ReleaseNumbering();
+}
+
+void TCPE_CommManager::DoIdle() {}
+
+bool TCPE_CommManager::Connect(std::uint32_t address) {
+  const Caller caller(*this);
+  return caller && caller->Connect(address);
+}
+
+bool TCPE_CommManager::Disconnect(std::uint32_t address) {
+  const Caller caller(*this);
+  return caller && caller->Disconnect(address);
+}
+
+bool TCPE_CommManager::IsConnected(std::uint32_t address) const {
+  const Caller caller(*this);
+  return caller && caller->IsConnected(address);
+}
+
+std::set<std::uint32_t> TCPE_CommManager::GetConnectedAddresses() const {
+  const Caller caller(*this);
+  return caller ? caller->GetConnectedAddresses() : std::set<std::uint32_t>();
+}
+
+void TCPE_CommManager::SendCommand(TCPE_Command* command) {
+  if (command == nullptr) {
+    return;
+  }
+  const Caller caller(*this);
+  if (caller) {
+    caller->SendCommand(*command);
+  } else {
+    command->SetError(eTCPE_CommErr_NotInitialized);
+    if (command->IsSynchronous()) {
+      command->SetCommandType(kErrorType);
+    }
+  }
+}
+
+TCPE_Command* TCPE_CommManager::TakeCommand() {
+  const Caller caller(*this);
+  return caller ? caller->TakeCommand() : nullptr;
+}
+
+void TCPE_CommManager::DisposeCommand(TCPE_Command* command) {
+  if (const Caller caller(*this); caller) {
+    caller->DisposeCommand(command);
+  }
+}
+
+void TCPE_CommManager::PreProcessConnectionCommands(TCPE_Command* command) {
+  if (const Caller caller(*this); caller) {
+    caller->PreProcessConnectionCommands(command);
+  }
+}
+
+void TCPE_CommManager::SetHostPumpedDelivery(bool hostPumped) { mHostPumped = hostPumped; }
+
+void TCPE_CommManager::NetworkErrorOccured(ENetworkError error, std::uint32_t address) {
+  if (const Caller caller(*this); caller) {
+    caller->NetworkErrorOccured(error, address);
+  }
+}
+
+bool TCPE_CommManager::GetAuthenticationFailed(std::uint32_t /*address*/) const { return false; }
+
+TCPE_Counters TCPE_CommManager::GetCounters() const {
+  const Caller caller(*this);
+  return caller ? caller->GetCounters() : TCPE_Counters();
+}
+
+void TCPE_CommManager::SetCommandLog(CommandLogProc log) {
+  mCommandLog = log;
+  if (const Caller caller(*this); caller) {
+    caller->SetCommandLog(log);
+  }
+}
+
+ETCPE_SystemType TCPE_CommManager::GetSystemType() const {
+  const std::lock_guard lock(mMutex);
+  return mLocalSystem.GetSystemType();
+}
+
+void TCPE_CommManager::SetSystemType(ETCPE_SystemType type) {
+  const std::lock_guard lock(mMutex);
+  mLocalSystem.SetSystemType(type);
+}
+
+const char* TCPE_CommManager::GetSystemName() const { return mLocalSystem.GetSystemName(); }
+
+void TCPE_CommManager::SetSystemName(const char* name) {
+  const std::lock_guard lock(mMutex);
+  mLocalSystem.SetSystemName(name);
+}
+
+std::int32_t TCPE_CommManager::GetUniqueID() const {
+  const std::lock_guard lock(mMutex);
+  return mLocalSystem.GetUniqueID();
+}
+
+void TCPE_CommManager::SetUniqueID(std::int32_t identifier) {
+  const std::lock_guard lock(mMutex);
+  mLocalSystem.SetUniqueID(identifier);
+}
+
+TCPE_System TCPE_CommManager::CopyLocalSystem() const {
+  const std::lock_guard lock(mMutex);
+  return mLocalSystem;
+}
+
+void TCPE_CommManager::SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task) {
+  const std::string hostName = Sys_Socket::GetHostName();
+  const std::lock_guard lock(mMutex);
+  mLocalSystem.SetHostName(hostName.c_str());
+  if (mLocalSystem.GetSystemName()[0] == '\0') {
+    mLocalSystem.SetSystemName(hostName.c_str());
+  }
+  mLocalSystem.SetIPAddress(address);
+  mLocalSystem.SetPort(port);
+  mLocalSystem.SetMajorVersion(task.GetCurrentProtocolMajorVersion());
+  mLocalSystem.SetMinorVersion(task.GetCurrentProtocolMinorVersion());
+}

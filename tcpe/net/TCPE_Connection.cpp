@@ -1,0 +1,161 @@
+#include "tcpe/net/TCPE_Connection.h"
+
+#include <trel/Sys_Clock.h>
+
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include <asio/buffer.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+
+namespace {
+
+/// Two writes within this time are a burst: what follows is gathered, so that it leaves in few packets.
+constexpr TCPE_Time kBurst = 100;
+
+} // namespace
+
+TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner,
+                                 const TCPE_Limits& limits, TCPE_Endpoint::Id id, std::uint32_t address)
+    : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
+      mCalls(limits) {}
+
+TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> bytes, Urgency urgency) {
+  const std::lock_guard lock(mMutex);
+  if (!mSocket || mClosesWhenSent || mFailureReported) {
+    return eTCPE_CommErr_ConnectionLost;
+  }
+  if (QueuedBytes() + bytes.size() > mLimits.maxOutboundBytes) {
+    ReportFailure(eNetworkError_PeerTooSlow);
+    return eTCPE_CommErr_QueueFull;
+  }
+  const TCPE_Time now = Sys_Clock::RawMicroseconds();
+  const bool isQuiet = QueuedBytes() == 0 && now - mLastWrite > kBurst;
+  bool isSound = true;
+  if (urgency == Urgency::now || isQuiet) {
+    isSound = WriteQueue() && (QueuedBytes() != 0 || Write(bytes));
+    mLastWrite = now;
+    if (mSession) {
+      mSession->NoteSent(now);
+    }
+  }
+  mQueue.insert(mQueue.end(), bytes.begin(), bytes.end());
+  if (!isSound) {
+    ReportFailure(eNetworkError_ConnectionLost);
+    return eTCPE_CommErr_ConnectionLost;
+  }
+  if (QueuedBytes() != 0) {
+    FlushLater();
+  }
+  return eTCPE_CommErr_None;
+}
+
+void TCPE_Connection::SetSession(std::shared_ptr<TCPE_Session> session) {
+  const std::lock_guard lock(mMutex);
+  mSession = std::move(session);
+}
+
+void TCPE_Connection::CloseWhenSent() {
+  const std::lock_guard lock(mMutex);
+  mClosesWhenSent = true;
+  if (!mSocket) {
+    return;
+  }
+  if (!WriteQueue() || QueuedBytes() == 0) {
+    CloseSocket();
+    return;
+  }
+  FlushLater();
+  auto timer = std::make_shared<asio::steady_timer>(mContext, std::chrono::microseconds(mLimits.linger));
+  timer->async_wait([self = shared_from_this(), timer](const asio::error_code&) { self->CloseNow(); });
+}
+
+void TCPE_Connection::CloseNow() {
+  const std::lock_guard lock(mMutex);
+  CloseSocket();
+}
+
+bool TCPE_Connection::Write(std::span<const std::byte>& bytes) {
+  while (!bytes.empty()) {
+    asio::error_code error;
+    const std::size_t written = mSocket->write_some(asio::buffer(bytes.data(), bytes.size()), error);
+    if (error == asio::error::would_block || error == asio::error::try_again) {
+      return true;
+    }
+    if (error) {
+      return false;
+    }
+    bytes = bytes.subspan(written);
+  }
+  return true;
+}
+
+bool TCPE_Connection::WriteQueue() {
+  std::span<const std::byte> queued = std::span<const std::byte>(mQueue).subspan(mQueueBegin);
+  if (queued.empty()) {
+    return true;
+  }
+  const bool isSound = Write(queued);
+  mQueueBegin = mQueue.size() - queued.size();
+  if (queued.empty()) {
+    mQueue.clear();
+    mQueueBegin = 0;
+  } else if (mQueueBegin > mQueue.size() / 2) {
+    mQueue.erase(mQueue.begin(), mQueue.begin() + static_cast<std::ptrdiff_t>(mQueueBegin));
+    mQueueBegin = 0;
+  }
+  return isSound;
+}
+
+void TCPE_Connection::FlushLater() {
+  if (!mFlushIsDue) {
+    mFlushIsDue = true;
+    asio::post(mContext, [self = shared_from_this()] { self->Flush(); });
+  }
+}
+
+void TCPE_Connection::Flush() {
+  const std::lock_guard lock(mMutex);
+  mFlushIsDue = false;
+  if (!mSocket) {
+    return;
+  }
+  if (!WriteQueue()) {
+    ReportFailure(eNetworkError_ConnectionLost);
+    return;
+  }
+  mLastWrite = Sys_Clock::RawMicroseconds();
+  if (mSession) {
+    mSession->NoteSent(mLastWrite);
+  }
+  if (QueuedBytes() != 0) {
+    mFlushIsDue = true;
+    mSocket->async_wait(asio::ip::tcp::socket::wait_write,
+                        [self = shared_from_this()](const asio::error_code&) { self->Flush(); });
+  } else if (mClosesWhenSent) {
+    CloseSocket();
+  }
+}
+
+void TCPE_Connection::ReportFailure(ETCPE_NetworkError error) {
+  if (!mFailureReported) {
+    mFailureReported = true;
+    asio::post(mContext, [self = shared_from_this(), error] { self->mOwner.OnTransportFailed(self->mId, error); });
+  }
+}
+
+void TCPE_Connection::CloseSocket() {
+  if (!mSocket) {
+    return;
+  }
+  asio::error_code error;
+  mSocket->shutdown(asio::ip::tcp::socket::shutdown_send, error);
+  // Closing with unread bytes would reset the connection, and the reset may overtake what was sent last.
+  std::array<std::byte, 4096> rest{};
+  for (int reads = 0; reads < 16 && !error; ++reads) {
+    mSocket->read_some(asio::buffer(rest), error);
+  }
+  mSocket.reset();
+}

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "tcpe/net/TCPE_PendingCalls.h"
+#include "tcpe/protocol/TCPE_Endpoint.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+
+/// The socket of one connection, and what is queued for it.
+///
+/// Any thread sends; everything else happens on the network thread.
+class TCPE_Connection : public std::enable_shared_from_this<TCPE_Connection> {
+public:
+  /// What the network thread is to be told by a sender.
+  class Owner {
+  public:
+    virtual void OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) = 0;
+
+  protected:
+    ~Owner() = default;
+  };
+
+  enum class Urgency : std::uint8_t {
+    now,  ///< somebody waits: write at once
+    soon, ///< write at once when the connection was quiet; within a burst leave it to the network thread
+  };
+
+  TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner, const TCPE_Limits& limits,
+                  TCPE_Endpoint::Id id, std::uint32_t address);
+
+  TCPE_Endpoint::Id GetId() const { return mId; }
+  std::uint32_t GetAddress() const { return mAddress; }
+  /// Null once it is closed. On the network thread.
+  asio::ip::tcp::socket* Socket() { return mSocket ? &*mSocket : nullptr; }
+  TCPE_PendingCalls& Calls() { return mCalls; }
+
+  /// Sends bytes as they are, after what is queued already. Never blocks.
+  TCPE_CommErr Send(std::span<const std::byte> bytes, Urgency urgency);
+
+  /// From opening on, sent frames save heartbeats.
+  void SetSession(std::shared_ptr<TCPE_Session> session);
+  /// Closes when everything queued has been written, at the latest after the linger time.
+  void CloseWhenSent();
+  void CloseNow();
+
+  /// True for the first caller: it is the one to report the end.
+  bool TryEnd() { return !mHasEnded.exchange(true); }
+  bool HasEnded() const { return mHasEnded; }
+
+  ETCPE_SystemType GetPeerSystemType() const { return static_cast<ETCPE_SystemType>(mPeerSystemType.load()); }
+  void SetPeerSystemType(std::uint8_t type) { mPeerSystemType = type; }
+
+private:
+  std::size_t QueuedBytes() const { return mQueue.size() - mQueueBegin; }
+  /// False when the transport has failed. Both with the mutex held.
+  bool Write(std::span<const std::byte>& bytes);
+  bool WriteQueue();
+  void FlushLater();
+  void Flush();
+  void ReportFailure(ETCPE_NetworkError error);
+  void CloseSocket();
+
+  const TCPE_Limits& mLimits;
+  Owner& mOwner;
+  asio::io_context& mContext;
+  std::optional<asio::ip::tcp::socket> mSocket;
+  const TCPE_Endpoint::Id mId;
+  const std::uint32_t mAddress;
+  TCPE_PendingCalls mCalls;
+  std::atomic<bool> mHasEnded = false;
+  std::atomic<std::uint8_t> mPeerSystemType = 0;
+
+  std::mutex mMutex; // guards writing and closing the socket, and what follows
+  std::vector<std::byte> mQueue;
+  std::size_t mQueueBegin = 0;
+  std::shared_ptr<TCPE_Session> mSession;
+  TCPE_Time mLastWrite = 0;
+  bool mFlushIsDue = false;
+  bool mClosesWhenSent = false;
+  bool mFailureReported = false;
+};

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "tcpe/protocol/TCPE_Limits.h"
+
+#include <trel/TCPE_CommManager.h>
+#include <trel/TCPE_CommTask.h>
+
+#include <cstdint>
+#include <memory>
+#include <set>
+
+class TCPE_Command;
+
+/// A running engine: what stands between a manager's callers, the network and the handlers.
+///
+/// Lives from the manager's Initialize to its Terminate; callers and handlers that are still inside then keep it.
+class TCPE_Engine {
+public:
+  struct Setup {
+    TCPE_CommManager* manager = nullptr;
+    std::unique_ptr<TCPE_CommTask> task;
+    TCPE_Limits limits;
+    std::uint32_t localAddress = 0;
+    std::uint32_t broadcastAddress = 0;
+    TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
+    bool isHostPumped = false;
+  };
+
+  /// Starts listening and the threads.
+  static ETCPE_Status Start(Setup setup, std::shared_ptr<TCPE_Engine>* engine);
+  TCPE_Engine() = default;
+  virtual ~TCPE_Engine() = default;
+  TCPE_Engine(const TCPE_Engine&) = delete;
+  TCPE_Engine& operator=(const TCPE_Engine&) = delete;
+
+  /// Tells the peers, fails waiting senders, ends the threads.
+  virtual void Stop() = 0;
+  /// On one of its own threads an engine cannot be stopped: it would wait for itself.
+  virtual bool IsOnOwnThread() const = 0;
+
+  // As in TCPE_CommManager.
+  virtual bool Connect(std::uint32_t address) = 0;
+  virtual bool Disconnect(std::uint32_t address) = 0;
+  virtual bool IsConnected(std::uint32_t address) const = 0;
+  virtual std::set<std::uint32_t> GetConnectedAddresses() const = 0;
+  virtual void SendCommand(TCPE_Command& command) = 0;
+  virtual TCPE_Command* TakeCommand() = 0;
+  virtual void DisposeCommand(TCPE_Command* command) = 0;
+  virtual void PreProcessConnectionCommands(TCPE_Command* command) = 0;
+  virtual void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) = 0;
+  virtual void SetCommandLog(TCPE_CommManager::CommandLogProc log) = 0;
+  virtual TCPE_Counters GetCounters() const = 0;
+};

@@ -1,0 +1,271 @@
+#include "tcpe/net/TCPE_Network.h"
+
+#include <trel/Sys_Clock.h>
+
+#include <chrono>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include <asio/buffer.hpp>
+#include <asio/post.hpp>
+
+using asio::ip::tcp;
+
+namespace {
+
+constexpr auto kAcceptPause = std::chrono::milliseconds(100);
+
+TCPE_Time Now() { return Sys_Clock::RawMicroseconds(); }
+
+void PrepareSocket(tcp::socket& socket) {
+  asio::error_code ignored;
+  socket.set_option(tcp::no_delay(true), ignored);
+  socket.non_blocking(true, ignored);
+  socket.native_non_blocking(true, ignored);
+}
+
+} // namespace
+
+TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, std::uint16_t port, Listener& listener)
+    : mLimits(config.limits), mLocalAddress(config.localAddress), mPort(port), mListener(listener),
+      mEndpoint(std::move(config)) {}
+
+TCPE_Network::~TCPE_Network() { Stop(); }
+
+ETCPE_Status TCPE_Network::Start() {
+  if (const ETCPE_Status status = Listen(); status != eTCPE_Status_Success) {
+    return status;
+  }
+  try {
+    mThread = std::thread([this] { Run(); });
+  } catch (const std::system_error&) {
+    return eTCPE_Status_SystemError;
+  }
+  return eTCPE_Status_Success;
+}
+
+void TCPE_Network::Stop() {
+  if (!mThread.joinable()) {
+    return;
+  }
+  asio::post(mContext, [this] {
+    for (const auto& [id, connection] : mConnections) {
+      connection->CloseNow();
+    }
+    for (const ConnectionPointer& connection : mClosing) {
+      connection->CloseNow();
+    }
+    mContext.stop();
+  });
+  mThread.join();
+  mConnections.clear();
+  mClosing.clear();
+}
+
+void TCPE_Network::Connect(std::uint32_t address) {
+  asio::post(mContext, [this, address] {
+    if (const std::optional<TCPE_Endpoint::Id> id = mEndpoint.BeginConnect(address, Now())) {
+      OpenTransport(*id, address);
+    }
+    CarryOut();
+  });
+}
+
+void TCPE_Network::End(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+  asio::post(mContext, [this, connection, error] {
+    mEndpoint.End(connection->GetId(), error, Now());
+    CarryOut();
+  });
+}
+
+ETCPE_Status TCPE_Network::Listen() {
+  const tcp::endpoint endpoint(asio::ip::address_v4(mLocalAddress), mPort);
+  asio::error_code error;
+  mAcceptor.open(endpoint.protocol(), error);
+  if (!error) {
+    mAcceptor.set_option(tcp::acceptor::reuse_address(true), error);
+  }
+  if (!error) {
+    mAcceptor.bind(endpoint, error);
+  }
+  if (!error) {
+    mAcceptor.listen(asio::socket_base::max_listen_connections, error);
+  }
+  if (error == asio::error::address_in_use) {
+    return eTCPE_Status_PortInUse;
+  }
+  return error ? eTCPE_Status_SystemError : eTCPE_Status_Success;
+}
+
+void TCPE_Network::Run() {
+  mThreadId = std::this_thread::get_id();
+  Accept();
+  mContext.run();
+}
+
+void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
+  tcp::socket socket(mContext);
+  asio::error_code error;
+  socket.open(tcp::v4(), error);
+  if (!error) {
+    // From this system's address: it is the identity that the peer knows it by.
+    socket.bind({asio::ip::address_v4(mLocalAddress), 0}, error);
+  }
+  if (error) {
+    mEndpoint.TransportEnded(id, Now());
+    return;
+  }
+  const ConnectionPointer connection = Add(id, address, std::move(socket));
+  connection->Socket()->async_connect({asio::ip::address_v4(address), mPort},
+                                      [this, connection](const asio::error_code& failure) {
+                                        if (failure == asio::error::operation_aborted) {
+                                          return;
+                                        }
+                                        if (failure) {
+                                          mEndpoint.TransportEnded(connection->GetId(), Now());
+                                        } else {
+                                          mEndpoint.TransportConnected(connection->GetId(), Now());
+                                        }
+                                        CarryOut();
+                                        Read(connection);
+                                      });
+}
+
+void TCPE_Network::Accept() {
+  mAcceptor.async_accept([this](const asio::error_code& error, tcp::socket socket) {
+    if (error == asio::error::operation_aborted) {
+      return;
+    }
+    if (error) { // out of descriptors: wait for better times, and do not spin
+      mAcceptPause.expires_after(kAcceptPause);
+      mAcceptPause.async_wait([this](const asio::error_code&) { Accept(); });
+      return;
+    }
+    asio::error_code gone;
+    const tcp::endpoint remote = socket.remote_endpoint(gone);
+    const std::optional<TCPE_Endpoint::Id> id =
+        gone ? std::nullopt : mEndpoint.TransportAccepted(remote.address().to_v4().to_uint(), Now());
+    if (id) {
+      const ConnectionPointer connection = Add(*id, remote.address().to_v4().to_uint(), std::move(socket));
+      CarryOut();
+      Read(connection);
+    } else {
+      socket.close(gone);
+      mRefusals = mEndpoint.Refusals();
+    }
+    Accept();
+  });
+}
+
+void TCPE_Network::Read(const ConnectionPointer& connection) {
+  const std::span<std::byte> space = mEndpoint.ReceiveSpace(connection->GetId());
+  if (space.empty() || connection->Socket() == nullptr) {
+    return;
+  }
+  connection->Socket()->async_read_some(asio::buffer(space.data(), space.size()),
+                                        [this, connection](const asio::error_code& error, std::size_t count) {
+                                          if (error == asio::error::operation_aborted) {
+                                            return;
+                                          }
+                                          if (error) {
+                                            mEndpoint.TransportEnded(connection->GetId(), Now());
+                                          } else {
+                                            mEndpoint.Received(connection->GetId(), count, Now());
+                                          }
+                                          CarryOut();
+                                          Read(connection);
+                                        });
+}
+
+void TCPE_Network::CarryOut() {
+  bool connectionsChanged = mTimerArmedFor == 0;
+  while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(Now())) {
+    connectionsChanged = connectionsChanged || event->kind != TCPE_Endpoint::Event::Kind::frame;
+    CarryOut(*event);
+  }
+  // Frames only move deadlines away; the timer then comes too early and looks again.
+  if (connectionsChanged) {
+    mRefusals = mEndpoint.Refusals();
+    ArmTimer();
+  }
+}
+
+void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
+  using Kind = TCPE_Endpoint::Event::Kind;
+  const ConnectionPointer connection = Find(event.id);
+  if (event.kind == Kind::connectEnded) {
+    mListener.OnConnectEnded(event.address, event.error);
+    return;
+  }
+  if (!connection) {
+    return;
+  }
+  switch (event.kind) {
+  case Kind::opened:
+    connection->SetSession(event.session);
+    mListener.OnOpened(connection, event);
+    break;
+  case Kind::frame:
+    mListener.OnFrame(connection, event.header, event.payload);
+    break;
+  case Kind::disconnected:
+    mListener.OnDisconnected(connection, event.header, event.payload);
+    break;
+  case Kind::lost:
+    mListener.OnLost(connection, event.networkError);
+    break;
+  case Kind::send:
+    connection->Send(event.payload, TCPE_Connection::Urgency::now);
+    break;
+  case Kind::close:
+    mConnections.erase(event.id);
+    connection->CloseWhenSent();
+    mClosing.remove_if([](const ConnectionPointer& closing) { return closing->Socket() == nullptr; });
+    if (connection->Socket() != nullptr) {
+      mClosing.push_back(connection);
+    }
+    break;
+  case Kind::connectEnded:
+    break;
+  }
+}
+
+void TCPE_Network::ArmTimer() {
+  const TCPE_Time deadline = mEndpoint.NextDeadline();
+  if (deadline == mTimerArmedFor) {
+    return;
+  }
+  mTimerArmedFor = deadline;
+  if (deadline == std::numeric_limits<TCPE_Time>::max()) {
+    mTimerArmedFor = 0;
+    mTimer.cancel();
+    return;
+  }
+  mTimer.expires_at(std::chrono::steady_clock::time_point(std::chrono::microseconds(deadline + 1)));
+  mTimer.async_wait([this](const asio::error_code& error) {
+    if (!error) {
+      mTimerArmedFor = 0;
+      mEndpoint.Tick(Now());
+      CarryOut();
+    }
+  });
+}
+
+void TCPE_Network::OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) {
+  mEndpoint.End(id, error, Now());
+  CarryOut();
+}
+
+TCPE_Network::ConnectionPointer TCPE_Network::Add(TCPE_Endpoint::Id id, std::uint32_t address, tcp::socket socket) {
+  PrepareSocket(socket);
+  const auto connection =
+      std::make_shared<TCPE_Connection>(mContext, std::move(socket), static_cast<Owner&>(*this), mLimits, id, address);
+  mConnections[id] = connection;
+  return connection;
+}
+
+TCPE_Network::ConnectionPointer TCPE_Network::Find(TCPE_Endpoint::Id id) const {
+  const auto position = mConnections.find(id);
+  return position != mConnections.end() ? position->second : nullptr;
+}

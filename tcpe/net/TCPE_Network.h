@@ -1,0 +1,82 @@
+#pragma once
+
+#include "tcpe/net/TCPE_Connection.h"
+#include "tcpe/protocol/TCPE_Endpoint.h"
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <span>
+#include <thread>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
+
+/// The shell around the endpoint: the network thread, its sockets and its timer.
+class TCPE_Network : private TCPE_Connection::Owner {
+public:
+  using ConnectionPointer = std::shared_ptr<TCPE_Connection>;
+
+  /// What the network thread tells; called on that thread, outside every lock.
+  class Listener {
+  public:
+    virtual void OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) = 0;
+    virtual void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                         std::span<const std::byte> payload) = 0;
+    virtual void OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                                std::span<const std::byte> payload) = 0;
+    virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
+    virtual void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) = 0;
+
+  protected:
+    ~Listener() = default;
+  };
+
+  TCPE_Network(TCPE_Endpoint::Config config, std::uint16_t port, Listener& listener);
+  ~TCPE_Network();
+  TCPE_Network(const TCPE_Network&) = delete;
+  TCPE_Network& operator=(const TCPE_Network&) = delete;
+
+  ETCPE_Status Start();
+  /// Closes everything and ends the thread; from then on nothing is told.
+  void Stop();
+
+  // From any thread; carried out on the network thread.
+  void Connect(std::uint32_t address);
+  void End(const ConnectionPointer& connection, ETCPE_NetworkError error);
+
+  bool IsOnNetworkThread() const { return std::this_thread::get_id() == mThreadId.load(); }
+  std::uint64_t Refusals() const { return mRefusals; }
+
+private:
+  ETCPE_Status Listen();
+  void Run();
+  void OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address);
+  void Accept();
+  void Read(const ConnectionPointer& connection);
+  void CarryOut();
+  void CarryOut(const TCPE_Endpoint::Event& event);
+  void ArmTimer();
+  void OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) override;
+  ConnectionPointer Add(TCPE_Endpoint::Id id, std::uint32_t address, asio::ip::tcp::socket socket);
+  ConnectionPointer Find(TCPE_Endpoint::Id id) const;
+
+  const TCPE_Limits mLimits;
+  const std::uint32_t mLocalAddress;
+  const std::uint16_t mPort;
+  Listener& mListener;
+  TCPE_Endpoint mEndpoint;
+  asio::io_context mContext{1};
+  asio::ip::tcp::acceptor mAcceptor{mContext};
+  asio::steady_timer mTimer{mContext};
+  asio::steady_timer mAcceptPause{mContext};
+  TCPE_Time mTimerArmedFor = 0;
+  std::map<TCPE_Endpoint::Id, ConnectionPointer> mConnections;
+  std::list<ConnectionPointer> mClosing; ///< still sending what was queued
+  std::atomic<std::uint64_t> mRefusals = 0;
+  std::atomic<std::thread::id> mThreadId{};
+  std::thread mThread;
+};

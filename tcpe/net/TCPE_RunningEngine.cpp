@@ -1,0 +1,462 @@
+#include "tcpe/net/TCPE_RunningEngine.h"
+
+#include <trel/Sys_Umid.h>
+#include <trel/TCPE_Cmd_Disconnect.h>
+#include <trel/TCPE_Command.h>
+
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+/// What the host is told when a peer refuses to be connected; none for failures that are no refusal.
+ETCPE_NetworkError RefusalOf(TCPE_CommErr error) {
+  switch (error) {
+  case eTCPE_CommErr_NotAllowed:
+    return eNetworkError_NotAllowed;
+  case eTCPE_CommErr_Full:
+    return eNetworkError_Full;
+  case eTCPE_CommErr_OtherNumbering:
+    return eNetworkError_OtherNumbering;
+  case eTCPE_CommErr_Authentication:
+    return eNetworkError_Authentication;
+  case eTCPE_CommErr_DuplicateAddress:
+    return eNetworkError_DuplicateAddress;
+  default:
+    return eNetworkError_None;
+  }
+}
+
+TCPE_Hello::Nonce RandomNonce() {
+  TCPE_Hello::Nonce nonce{};
+  for (std::size_t half = 0; half < nonce.size(); half += sizeof(std::uint64_t)) {
+    const std::uint64_t random = Sys_Umid::Random64();
+    std::memcpy(nonce.data() + half, &random, sizeof random);
+  }
+  return nonce;
+}
+
+} // namespace
+
+ETCPE_Status TCPE_Engine::Start(Setup setup, std::shared_ptr<TCPE_Engine>* engine) {
+  const auto running = std::make_shared<TCPE_RunningEngine>(std::move(setup));
+  const ETCPE_Status status = running->Start();
+  if (status == eTCPE_Status_Success) {
+    *engine = running;
+  }
+  return status;
+}
+
+TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
+    : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits), mLocalAddress(setup.localAddress),
+      mBroadcastAddress(setup.broadcastAddress), mOnNetworkError(setup.onNetworkError),
+      mIsHostPumped(setup.isHostPumped),
+      mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
+      mDispatcher(mManager, *mTask, *this),
+      mPool(std::make_shared<TCPE_HandlerPool>(mLimits.maxHandlerThreads, mLimits.maxQueuedCommands)),
+      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), mTask->GetCommunicationPort(),
+                                              static_cast<TCPE_Network::Listener&>(*this))) {}
+
+ETCPE_Status TCPE_RunningEngine::Start() {
+  try {
+    mPool->Start();
+  } catch (const std::system_error&) {
+    return eTCPE_Status_SystemError;
+  }
+  const ETCPE_Status status = mNetwork->Start();
+  if (status != eTCPE_Status_Success) {
+    mPool->Stop(mLimits.handlersAtEnd);
+  }
+  return status;
+}
+
+void TCPE_RunningEngine::Stop() {
+  mIsStopping = true;
+  std::map<std::uint32_t, ConnectionPointer> connected;
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    connected.swap(mConnected);
+  }
+  for (const auto& [address, connection] : connected) {
+    if (connection->TryEnd()) {
+      Farewell(connection, eTCPE_CommErr_NotInitialized);
+    }
+  }
+  mNetwork->Stop();
+  {
+    const std::lock_guard lock(mAttemptsMutex);
+    for (const auto& [address, attempt] : mAttempts) {
+      attempt->hasEnded = true;
+    }
+    mAttempts.clear();
+    mAttemptEnded.notify_all();
+  }
+  mPool->Stop(mLimits.handlersAtEnd);
+  std::unique_lock lock(mPumpMutex);
+  mPumped.clear();
+  mDisposed.wait_for(lock, std::chrono::microseconds(mLimits.handlersAtEnd), [this] { return mTaken.empty(); });
+  mTaken.clear();
+}
+
+bool TCPE_RunningEngine::IsOnOwnThread() const { return mNetwork->IsOnNetworkThread() || mPool->IsOnHandlerThread(); }
+
+bool TCPE_RunningEngine::Connect(std::uint32_t address) {
+  if (!IsPossiblePeer(address) || mNetwork->IsOnNetworkThread()) {
+    return false;
+  }
+  if (IsConnected(address)) {
+    return true;
+  }
+  const TCPE_HandlerPool::WaitScope waits;
+  std::unique_lock lock(mAttemptsMutex);
+  if (mIsStopping) {
+    return false;
+  }
+  std::shared_ptr<Attempt>& entry = mAttempts[address];
+  if (!entry) {
+    entry = std::make_shared<Attempt>();
+    mNetwork->Connect(address);
+  }
+  const std::shared_ptr<Attempt> attempt = entry;
+  // The endpoint ends every attempt by itself; the bound is a second line of defence.
+  const TCPE_Time bound = mLimits.transportConnect + 2 * mLimits.handshake;
+  mAttemptEnded.wait_for(lock, std::chrono::microseconds(bound), [&attempt] { return attempt->hasEnded; });
+  return attempt->isConnected;
+}
+
+bool TCPE_RunningEngine::Disconnect(std::uint32_t address) {
+  const ConnectionPointer connection = ConnectionOf(address);
+  if (!connection || !connection->TryEnd()) {
+    return false;
+  }
+  Forget(connection);
+  Farewell(connection, eTCPE_CommErr_ConnectionLost);
+  return true;
+}
+
+bool TCPE_RunningEngine::IsConnected(std::uint32_t address) const { return ConnectionOf(address) != nullptr; }
+
+std::set<std::uint32_t> TCPE_RunningEngine::GetConnectedAddresses() const {
+  std::set<std::uint32_t> addresses;
+  const std::lock_guard lock(mConnectedMutex);
+  for (const auto& [address, connection] : mConnected) {
+    addresses.insert(address);
+  }
+  return addresses;
+}
+
+void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
+  const TCPE_CommErr error = Send(command);
+  command.SetError(error);
+  if (error != eTCPE_CommErr_None && command.IsSynchronous()) {
+    command.SetCommandType(mTask->GetErrorCommandID());
+  }
+}
+
+TCPE_Command* TCPE_RunningEngine::TakeCommand() {
+  std::unique_lock lock(mPumpMutex);
+  while (!mPumped.empty()) {
+    const Pumped next = std::move(mPumped.front());
+    mPumped.pop_front();
+    if (next.command) {
+      mTaken.emplace(next.command->Command(), next.command);
+      return next.command->Command();
+    }
+    lock.unlock();
+    mOnNetworkError(next.error, next.address);
+    lock.lock();
+  }
+  return nullptr;
+}
+
+void TCPE_RunningEngine::DisposeCommand(TCPE_Command* command) {
+  ReceivedPointer received;
+  {
+    const std::lock_guard lock(mPumpMutex);
+    const auto position = mTaken.find(command);
+    if (position == mTaken.end()) {
+      return;
+    }
+    received = std::move(position->second);
+    mTaken.erase(position);
+    mDisposed.notify_all();
+  }
+  mDispatcher.Reply(*received);
+}
+
+void TCPE_RunningEngine::PreProcessConnectionCommands(TCPE_Command* command) {
+  ReceivedPointer received;
+  {
+    const std::lock_guard lock(mPumpMutex);
+    const auto position = mTaken.find(command);
+    if (position == mTaken.end()) {
+      return;
+    }
+    received = position->second;
+  }
+  if (received->Header().type == mTypes.disconnect && received->Origin()->TryEnd()) {
+    Forget(received->Origin());
+    mNetwork->End(received->Origin(), eNetworkError_None);
+  }
+}
+
+void TCPE_RunningEngine::NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) {
+  if (error == eNetworkError_None) {
+    return;
+  }
+  if (const ConnectionPointer connection = ConnectionOf(address)) {
+    mNetwork->End(connection, error);
+  } else {
+    ReportNetworkError(error, address);
+  }
+}
+
+void TCPE_RunningEngine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { mDispatcher.SetCommandLog(log); }
+
+TCPE_Counters TCPE_RunningEngine::GetCounters() const {
+  TCPE_Counters counters = mDispatcher.GetCounters();
+  counters.refusedConnections = mNetwork->Refusals();
+  return counters;
+}
+
+TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
+  TCPE_Endpoint::Config config;
+  config.limits = mLimits;
+  config.local.hello.majorVersion = mTask->GetCurrentProtocolMajorVersion();
+  config.local.hello.instance = Sys_Umid::Random64();
+  config.local.hello.nonce = RandomNonce();
+  config.local.minorVersion = mTask->GetCurrentProtocolMinorVersion();
+  config.local.systemType = static_cast<std::uint8_t>(mManager.GetSystemType());
+  config.local.connectType = mTypes.connect;
+  config.localAddress = mLocalAddress;
+  config.disconnectType = mTypes.disconnect;
+  config.maxConnections = std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections);
+  config.allowConnect = [this](std::uint32_t address) { return mManager.AllowConnect(address); };
+  config.makeConnectFrame = [this](std::uint32_t /*address*/) { return MakeConnectFrame(); };
+  return config;
+}
+
+std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame() {
+  TCPE_CommandCodec codec;
+  const TCPE_CommandCodec::Stamp stamp{.wireType = mTypes.connect,
+                                       .serial = ++mLastSerial,
+                                       .localSystemType = mManager.GetSystemType(),
+                                       .replyWanted = true};
+  if (const auto fresh = FreshCommand(mTypes.connect)) {
+    mTask->FillConnectCommand(fresh->Command(), mManager.CopyLocalSystem());
+    codec.EncodeCommand(*mTask, *fresh->Command(), stamp);
+  } else {
+    TCPE_Cmd_Disconnect bare(nullptr, mTypes.connect);
+    codec.EncodeCommand(*mTask, bare, stamp);
+  }
+  return {codec.Frame().begin(), codec.Frame().end()};
+}
+
+bool TCPE_RunningEngine::IsPossiblePeer(std::uint32_t address) const {
+  constexpr std::uint32_t kFirstMulticast = 0xe0000000;
+  return address != 0 && address != mLocalAddress && address != mBroadcastAddress && address < kFirstMulticast;
+}
+
+TCPE_RunningEngine::ConnectionPointer TCPE_RunningEngine::ConnectionOf(std::uint32_t address) const {
+  const std::lock_guard lock(mConnectedMutex);
+  const auto position = mConnected.find(address);
+  return position != mConnected.end() ? position->second : nullptr;
+}
+
+void TCPE_RunningEngine::Forget(const ConnectionPointer& connection) {
+  const std::lock_guard lock(mConnectedMutex);
+  const auto position = mConnected.find(connection->GetAddress());
+  if (position != mConnected.end() && position->second == connection) {
+    mConnected.erase(position);
+  }
+}
+
+void TCPE_RunningEngine::Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet) {
+  connection->Calls().FailAll(waitersGet);
+  TCPE_Cmd_Disconnect farewell(nullptr, mTypes.disconnect);
+  EncodeAndSend(farewell, *connection,
+                {.wireType = mTypes.disconnect,
+                 .serial = ++mLastSerial,
+                 .localSystemType = mManager.GetSystemType(),
+                 .remoteSystemType = connection->GetPeerSystemType()},
+                TCPE_Connection::Urgency::now);
+  mNetwork->End(connection, eNetworkError_None);
+}
+
+TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
+  if (mIsStopping) {
+    return eTCPE_CommErr_NotInitialized;
+  }
+  TCPE_eCmd wireType = mTypes.disconnect;
+  if (dynamic_cast<const TCPE_Cmd_Disconnect*>(&command) == nullptr) {
+    if (const TCPE_CommErr error = mTask->PrepareToSend(&command); error != eTCPE_CommErr_None) {
+      return error;
+    }
+    wireType = mTask->GetTCPECommandType(command.GetCommandType());
+  }
+  if (wireType == mTypes.connect) {
+    return eTCPE_CommErr_NotSendable;
+  }
+  if (wireType == mTypes.disconnect) {
+    return Disconnect(command.GetIPAddressTo()) ? eTCPE_CommErr_None : eTCPE_CommErr_NotConnected;
+  }
+  const ConnectionPointer connection = ConnectionOf(command.GetIPAddressTo());
+  if (!connection) {
+    return eTCPE_CommErr_NotConnected;
+  }
+  const bool isSynchronous = command.IsSynchronous();
+  const TCPE_CommandCodec::Stamp stamp{.wireType = wireType,
+                                       .serial = ++mLastSerial,
+                                       .localSystemType = mManager.GetSystemType(),
+                                       .remoteSystemType = connection->GetPeerSystemType(),
+                                       .replyWanted = isSynchronous};
+  command.SetIPAddressFrom(mLocalAddress);
+  if (isSynchronous) {
+    return SendAndWait(command, *connection, stamp);
+  }
+  return EncodeAndSend(command, *connection, stamp, TCPE_Connection::Urgency::soon);
+}
+
+TCPE_CommErr TCPE_RunningEngine::EncodeAndSend(TCPE_Command& command, TCPE_Connection& connection,
+                                               const TCPE_CommandCodec::Stamp& stamp,
+                                               TCPE_Connection::Urgency urgency) {
+  TCPE_CommandCodec codec;
+  TCPE_CommErr error = codec.EncodeCommand(*mTask, command, stamp);
+  if (error == eTCPE_CommErr_None) {
+    error = connection.Send(codec.Frame(), urgency);
+  }
+  if (error == eTCPE_CommErr_None) {
+    mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, command, connection.GetAddress());
+  }
+  return error;
+}
+
+TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connection& connection,
+                                             TCPE_CommandCodec::Stamp stamp) {
+  if (mNetwork->IsOnNetworkThread()) {
+    return eTCPE_CommErr_WrongThread;
+  }
+  TCPE_Call call;
+  if (const TCPE_CommErr refused = connection.Calls().Add(stamp.serial, call); refused != eTCPE_CommErr_None) {
+    return refused;
+  }
+  const TCPE_CommErr error = EncodeAndSend(command, connection, stamp, TCPE_Connection::Urgency::now);
+  if (error != eTCPE_CommErr_None) {
+    connection.Calls().Cancel(stamp.serial, error);
+  }
+  const TCPE_HandlerPool::WaitScope waits;
+  connection.Calls().Wait(stamp.serial, call);
+  return call.error != eTCPE_CommErr_None ? call.error : TakeReply(command, stamp.wireType, call);
+}
+
+/// A fresh object takes the reply first: one that is malformed must not leave its traces in the caller's.
+TCPE_CommErr TCPE_RunningEngine::TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call) {
+  if (call.header.Has(kTCPE_Flag_ErrorReply)) {
+    return call.header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(call.header.error)
+                                                   : eTCPE_CommErr_MalformedPayload;
+  }
+  const auto fresh = FreshCommand(wireType);
+  if (!fresh || call.header.type != wireType ||
+      !TCPE_CommandCodec::DecodeReply(*fresh->Command(), call.header, call.payload)) {
+    return eTCPE_CommErr_MalformedPayload;
+  }
+  TCPE_CommandCodec::DecodeReply(command, call.header, call.payload);
+  command.SetRemoteSystemType(static_cast<ETCPE_SystemType>(call.header.senderSystemType));
+  command.SetIsReply(true);
+  mDispatcher.Log(TCPE_Dispatcher::LogEvent::answered, command, command.GetIPAddressTo());
+  return eTCPE_CommErr_None;
+}
+
+std::unique_ptr<TCPE_ReceivedCommand> TCPE_RunningEngine::FreshCommand(TCPE_eCmd wireType) {
+  auto fresh = std::make_unique<TCPE_ReceivedCommand>(nullptr, TCPE_FrameHeader(), mTask->GetMaxCommandSize());
+  fresh->SetCommand(mTask->ConstructCommand(mTask->GetCompatibleID(wireType), fresh->Block()));
+  return fresh->Command() != nullptr ? std::move(fresh) : nullptr;
+}
+
+void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) {
+  connection->SetPeerSystemType(event.header.senderSystemType);
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    mConnected[connection->GetAddress()] = connection;
+  }
+  if (event.openedByPeer) {
+    // The endpoint answers the connect command; for the handler it is a notification.
+    TCPE_FrameHeader header = event.header;
+    header.flags = static_cast<std::uint8_t>(header.flags & ~kTCPE_Flag_ReplyWanted);
+    mDispatcher.OnFrame(connection, header, event.payload);
+  }
+}
+
+void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                                 std::span<const std::byte> payload) {
+  if (!connection->HasEnded()) {
+    mDispatcher.OnFrame(connection, header, payload);
+  }
+}
+
+void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                                        std::span<const std::byte> payload) {
+  if (connection->TryEnd()) {
+    Forget(connection);
+    connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
+    mDispatcher.OnFrame(connection, header, payload);
+  }
+}
+
+void TCPE_RunningEngine::OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+  if (connection->TryEnd()) {
+    Forget(connection);
+    connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
+    ReportNetworkError(error, connection->GetAddress());
+  }
+}
+
+void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr error) {
+  {
+    const std::lock_guard lock(mAttemptsMutex);
+    const auto position = mAttempts.find(address);
+    if (position == mAttempts.end()) {
+      return;
+    }
+    position->second->hasEnded = true;
+    position->second->isConnected = error == eTCPE_CommErr_None;
+    mAttempts.erase(position);
+    mAttemptEnded.notify_all();
+  }
+  if (const ETCPE_NetworkError refusal = RefusalOf(error); refusal != eNetworkError_None) {
+    ReportNetworkError(refusal, address);
+  }
+}
+
+bool TCPE_RunningEngine::Deliver(const ReceivedPointer& received) {
+  if (mIsHostPumped) {
+    const std::lock_guard lock(mPumpMutex);
+    if (mPumped.size() >= mLimits.maxQueuedCommands) {
+      return false;
+    }
+    mPumped.push_back({.command = received});
+    return true;
+  }
+  return mPool->Submit(received->Origin()->GetAddress(), [engine = shared_from_this(), received] {
+    engine->mTask->DoCommand(received->Command());
+    if (!engine->mIsStopping) {
+      engine->mDispatcher.Reply(*received);
+    }
+  });
+}
+
+void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
+  if (mOnNetworkError == nullptr || mIsStopping) {
+    return;
+  }
+  if (mIsHostPumped) {
+    const std::lock_guard lock(mPumpMutex);
+    mPumped.push_back({.error = error, .address = address});
+  } else {
+    mPool->Submit(
+        address, [proc = mOnNetworkError, error, address] { proc(error, address); }, true);
+  }
+}

@@ -1,0 +1,111 @@
+#pragma once
+
+#include "tcpe/net/TCPE_Dispatcher.h"
+#include "tcpe/net/TCPE_Engine.h"
+#include "tcpe/net/TCPE_HandlerPool.h"
+#include "tcpe/net/TCPE_Network.h"
+#include "tcpe/protocol/TCPE_Numbering.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+/// The engine over real sockets and threads.
+class TCPE_RunningEngine final : public TCPE_Engine,
+                                 public std::enable_shared_from_this<TCPE_RunningEngine>,
+                                 private TCPE_Network::Listener,
+                                 private TCPE_Dispatcher::Receiver {
+public:
+  explicit TCPE_RunningEngine(Setup setup);
+  ~TCPE_RunningEngine() override = default;
+
+  ETCPE_Status Start();
+  void Stop() override;
+  bool IsOnOwnThread() const override;
+  bool Connect(std::uint32_t address) override;
+  bool Disconnect(std::uint32_t address) override;
+  bool IsConnected(std::uint32_t address) const override;
+  std::set<std::uint32_t> GetConnectedAddresses() const override;
+  void SendCommand(TCPE_Command& command) override;
+  TCPE_Command* TakeCommand() override;
+  void DisposeCommand(TCPE_Command* command) override;
+  void PreProcessConnectionCommands(TCPE_Command* command) override;
+  void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) override;
+  void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
+  TCPE_Counters GetCounters() const override;
+
+private:
+  using ConnectionPointer = TCPE_Network::ConnectionPointer;
+  using ReceivedPointer = TCPE_Dispatcher::ReceivedPointer;
+
+  /// An attempt to connect that callers wait for.
+  struct Attempt {
+    bool hasEnded = false;
+    bool isConnected = false;
+  };
+  /// What a host that pumps finds: a command, or a network error.
+  struct Pumped {
+    ReceivedPointer command{};
+    ETCPE_NetworkError error = eNetworkError_None;
+    std::uint32_t address = 0;
+  };
+
+  TCPE_Endpoint::Config EndpointConfig();
+  std::vector<std::byte> MakeConnectFrame();
+  bool IsPossiblePeer(std::uint32_t address) const;
+  ConnectionPointer ConnectionOf(std::uint32_t address) const;
+  void Forget(const ConnectionPointer& connection);
+  /// Ends a connection on this side's wish: what is queued goes out, then the disconnect command.
+  void Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet);
+
+  TCPE_CommErr Send(TCPE_Command& command);
+  TCPE_CommErr EncodeAndSend(TCPE_Command& command, TCPE_Connection& connection, const TCPE_CommandCodec::Stamp& stamp,
+                             TCPE_Connection::Urgency urgency);
+  TCPE_CommErr SendAndWait(TCPE_Command& command, TCPE_Connection& connection, TCPE_CommandCodec::Stamp stamp);
+  TCPE_CommErr TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call);
+  std::unique_ptr<TCPE_ReceivedCommand> FreshCommand(TCPE_eCmd wireType);
+
+  void OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) override;
+  void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+               std::span<const std::byte> payload) override;
+  void OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                      std::span<const std::byte> payload) override;
+  void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
+  void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
+  bool Deliver(const ReceivedPointer& received) override;
+  void ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address);
+
+  TCPE_CommManager& mManager;
+  const std::unique_ptr<TCPE_CommTask> mTask;
+  const TCPE_Limits mLimits;
+  const std::uint32_t mLocalAddress;
+  const std::uint32_t mBroadcastAddress;
+  const TCPE_CommManager::NetworkErrorProc mOnNetworkError;
+  const bool mIsHostPumped;
+  const TCPE_EngineTypes& mTypes;
+  std::atomic<bool> mIsStopping = false;
+  std::atomic<std::uint32_t> mLastSerial = 0;
+
+  mutable std::mutex mConnectedMutex;
+  std::map<std::uint32_t, ConnectionPointer> mConnected;
+
+  std::mutex mAttemptsMutex;
+  std::condition_variable mAttemptEnded;
+  std::map<std::uint32_t, std::shared_ptr<Attempt>> mAttempts;
+
+  std::mutex mPumpMutex;
+  std::condition_variable mDisposed;
+  std::deque<Pumped> mPumped;
+  std::map<TCPE_Command*, ReceivedPointer> mTaken;
+
+  TCPE_Dispatcher mDispatcher;
+  std::shared_ptr<TCPE_HandlerPool> mPool;
+  std::unique_ptr<TCPE_Network> mNetwork;
+};
