@@ -1,0 +1,9 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+// Each command adds itself to the program; when the command line names it, it runs and leaves its exit status.
+
+void AddDemoCommand(CLI::App& program, int& exitStatus);

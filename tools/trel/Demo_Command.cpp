@@ -1,0 +1,64 @@
+#include "Commands.h"
+#include "Demo_Coordinator.h"
+#include "Demo_Master.h"
+#include "Demo_NodeOptions.h"
+#include "Demo_Satellite.h"
+#include "ExitStatus.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+int RunDemo(const Demo_Coordinator::Options& options, const std::string& jsonFile) {
+  std::ofstream json;
+  if (!jsonFile.empty()) {
+    json.open(jsonFile);
+    if (!json) {
+      throw std::runtime_error("cannot write " + jsonFile);
+    }
+  }
+  Demo_Coordinator coordinator(options, std::cout);
+  const int exitStatus = coordinator.Run();
+  coordinator.Results().PrintTable(std::cout);
+  if (json.is_open()) {
+    coordinator.Results().WriteJson(json);
+    json.close();
+    if (!json) {
+      throw std::runtime_error("cannot write " + jsonFile);
+    }
+  }
+  return exitStatus;
+}
+
+int RunNode(const Demo_NodeOptions& options) {
+  return options.IsMaster() ? Demo_Master(options).Run() : Demo_Satellite(options).Run();
+}
+
+} // namespace
+
+void AddDemoCommand(CLI::App& program, int& exitStatus) {
+  const auto options = std::make_shared<Demo_Coordinator::Options>();
+  const auto jsonFile = std::make_shared<std::string>();
+  CLI::App* const demo = program.add_subcommand(
+      "demo", "Shows several systems on this machine link, correlate their clocks and start together");
+  demo->add_option("--satellites", options->satellites, "Number of satellites")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  demo->add_option("--rounds", options->rounds, "How often they start together")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  demo->add_option("--port", options->port, "Communication port")->check(CLI::Range(1, 65535))->capture_default_str();
+  demo->add_flag("--legacy", options->legacy, "Use the legacy command numbering");
+  demo->add_option("--json", *jsonFile, "Write the results to a file")->type_name("FILE");
+  demo->callback([options, jsonFile, &exitStatus] { exitStatus = RunDemo(*options, *jsonFile); });
+
+  const auto nodeOptions = std::make_shared<Demo_NodeOptions>();
+  Demo_NodeOptions::AddTo(program, *nodeOptions)->callback([nodeOptions, &exitStatus] {
+    exitStatus = RunNode(*nodeOptions);
+  });
+}

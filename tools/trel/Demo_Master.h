@@ -1,0 +1,64 @@
+#pragma once
+
+#include "Demo_Node.h"
+
+#include <trel/Trel_Enumerations.h>
+
+#include <map>
+#include <memory>
+#include <stop_token>
+#include <vector>
+
+class Demo_Player;
+class Trel_Cmd_ClockLockState;
+class Trel_Cmd_Connect;
+class Trel_Cmd_ReportPlayStartData;
+class Trel_Cmd_SendState;
+
+/// The master of the demonstration: waits for its satellites, keeps their clocks in step, conducts the rounds, and
+/// plays along.
+class Demo_Master : public Demo_Node {
+public:
+  explicit Demo_Master(const Demo_NodeOptions& options);
+  ~Demo_Master() override;
+
+  /// Until the coordinator says that it is over.
+  /// @return an ExitStatus
+  int Run();
+
+  /// The longest that Run takes until it tells that all rounds are over.
+  static std::chrono::milliseconds LongestRun(std::int32_t rounds);
+
+private:
+  /// What is known of a satellite; of the master itself only whether it has reported its start.
+  struct System {
+    bool isLinked = false;
+    bool isLocked = false;
+    bool isLost = false;
+    bool hasReported = false;
+    ETrel_State state = eTrel_State_Stop;
+  };
+  using Addresses = std::vector<std::uint32_t>;
+
+  void Conduct();
+  void PlayRound(std::int32_t round, const Addresses& addresses);
+  /// Waits until the condition holds for each of the systems that is not lost; tells for which ones it does not.
+  /// @return those that it holds for
+  template <class Condition>
+  Addresses WaitForEach(const Addresses& addresses, std::chrono::milliseconds timeOut, const char* whatFails,
+                        Condition condition);
+  void Exchange(const std::stop_token& stop);
+  std::int64_t RunningTime() const;
+
+  void OnNetworkError(TCPE_CommManager::ENetworkError error, std::uint32_t address) override;
+  void OnConnect(Trel_Cmd_Connect& command);
+  void OnClockLockState(Trel_Cmd_ClockLockState& command);
+  void OnSendState(Trel_Cmd_SendState& command);
+  void OnReportPlayStartData(Trel_Cmd_ReportPlayStartData& command);
+  template <class Change>
+  void Update(std::uint32_t address, Change change);
+
+  std::int64_t mEpoch = 0;                  // host time of running time 0
+  std::map<std::uint32_t, System> mSystems; // guarded by mMutex; by address
+  std::unique_ptr<Demo_Player> mPlayer;
+};

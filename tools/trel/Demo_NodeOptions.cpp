@@ -1,0 +1,53 @@
+#include "Demo_NodeOptions.h"
+
+#include <trel/Sys_Socket.h>
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+constexpr const char* kCommand = "demo-node";
+
+CLI::Option* AddAddress(CLI::App& command, const std::string& name, std::uint32_t& address) {
+  return command.add_option_function<std::string>(name, [&address](const std::string& text) {
+    if (!Sys_Socket::EncodeIPAddress(text.c_str(), &address)) {
+      throw CLI::ValidationError("address", text + " is no IPv4 address");
+    }
+  });
+}
+
+} // namespace
+
+std::vector<std::string> Demo_NodeOptions::ToArguments(const std::string& program) const {
+  std::vector<std::string> arguments = {program,
+                                        kCommand,
+                                        "--address=" + Sys_Socket::DecodeIPAddress(address),
+                                        "--master=" + Sys_Socket::DecodeIPAddress(master),
+                                        "--port=" + std::to_string(port),
+                                        "--name=" + name,
+                                        "--offset=" + std::to_string(offsetMilliseconds),
+                                        "--drift=" + std::to_string(driftPPM),
+                                        "--satellites=" + std::to_string(satellites),
+                                        "--rounds=" + std::to_string(rounds),
+                                        "--coordinator=" + std::to_string(coordinator)};
+  if (legacy) {
+    arguments.emplace_back("--legacy");
+  }
+  return arguments;
+}
+
+CLI::App* Demo_NodeOptions::AddTo(CLI::App& program, Demo_NodeOptions& options) {
+  CLI::App* const command = program.add_subcommand(kCommand);
+  command->group(""); // not listed in the help
+  AddAddress(*command, "--address", options.address)->required();
+  AddAddress(*command, "--master", options.master)->required();
+  command->add_option("--port", options.port)->required();
+  command->add_option("--name", options.name)->required();
+  command->add_option("--offset", options.offsetMilliseconds);
+  command->add_option("--drift", options.driftPPM);
+  command->add_option("--satellites", options.satellites)->required();
+  command->add_option("--rounds", options.rounds)->required();
+  command->add_option("--coordinator", options.coordinator)->required();
+  command->add_flag("--legacy", options.legacy);
+  return command;
+}

@@ -1,0 +1,42 @@
+#include "Commands.h"
+#include "ExitStatus.h"
+
+#include <CLI/CLI.hpp>
+
+#include <exception>
+#include <iostream>
+
+#ifndef TREL_VERSION
+#define TREL_VERSION "(development)"
+#endif
+
+namespace {
+
+constexpr void (*kCommands[])(CLI::App& program, int& exitStatus) = {AddDemoCommand};
+
+constexpr const char* kExitStatusHelp = "Exit status: 0 everything happened; 1 something failed, the output names it;\n"
+                                        "2 wrong command line; 128 + n ended by signal n (130: Ctrl-C).";
+
+} // namespace
+
+int main(int argc, char** argv) {
+  try {
+    CLI::App program("Links audio workstations on one network so that they start together.", "trel");
+    program.set_version_flag("--version", "trel " TREL_VERSION);
+    program.footer(kExitStatusHelp);
+    program.require_subcommand(1);
+    int exitStatus = kExitSuccess;
+    for (const auto& addCommand : kCommands) {
+      addCommand(program, exitStatus);
+    }
+    try {
+      program.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return program.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    }
+    return exitStatus;
+  } catch (const std::exception& error) {
+    std::cerr << "trel: " << error.what() << '\n';
+    return kExitFailure;
+  }
+}
