@@ -208,7 +208,7 @@ TEST_F(Demo, SaysWhatIsWrongWithACommandLine) {
       {{"--help"}, 0, "demo"},
       {{"--version"}, 0, "trel "},
       {{"demo", "--help"}, 0, "--satellites"},
-      {{}, 2, "subcommand"},
+      {{}, 2, "A subcommand is required"},
       {{"nonsense"}, 2, "nonsense"},
       {{"demo", "--nonsense"}, 2, "--nonsense"},
       {{"demo", "--satellites", "0"}, 2, "--satellites"},

@@ -111,7 +111,8 @@ int Demo_Coordinator::Run() {
   const SignalPipe signals;
   StartNodes();
   const milliseconds longest = Demo_Master::LongestRun(mOptions.rounds) + kStartMargin;
-  TakeEventsUntil([this] { return mIsDone || mNodes.back()->isOver; }, longest, "the master has not come to an end");
+  TakeEventsUntil([this] { return mIsDone || mNodes.back()->isOver || AreSatellitesOver(); }, longest,
+                  "the master has not come to an end");
   Finish();
   if (mSignal != 0) {
     Fail(Sys_Clock::RawMicroseconds(), Text("interrupted by signal ", mSignal, "; all systems have been ended"));
@@ -258,7 +259,8 @@ void Demo_Coordinator::TakeStart(const Demo_Event& event) {
 
 void Demo_Coordinator::SayStarts(const Demo_Event& roundOver) {
   const auto& late = mResults.starts.back().late;
-  std::string text = Text("round ", roundOver.value, ": ", late.size(), " systems started");
+  std::string text =
+      Text("round ", roundOver.value, ": ", late.size(), late.size() == 1 ? " system" : " systems", " started");
   if (!late.empty()) {
     text += Text(", spread ", mResults.starts.back().Spread(), " us");
   }
@@ -290,19 +292,20 @@ void Demo_Coordinator::Finish() {
   if (mSignal == 0) {
     const auto master = std::prev(mNodes.end());
     std::for_each(mNodes.begin(), master, [&](const auto& node) { node->process.Send(finish); });
-    TakeEventsUntil([&] { return std::all_of(mNodes.begin(), master, [](const auto& node) { return node->isOver; }); },
-                    kEndTimeOut, "not all satellites have ended");
+    TakeEventsUntil([this] { return AreSatellitesOver(); }, kEndTimeOut, "not all satellites have ended");
     (*master)->process.Send(finish);
     TakeEventsUntil([&] { return (*master)->isOver; }, kEndTimeOut, "the master has not ended");
   }
   mNodes.clear(); // kills those that are left
-  CheckCompleteness();
-}
-
-void Demo_Coordinator::CheckCompleteness() {
   auto& starts = mResults.starts;
   starts.erase(std::remove_if(starts.begin(), starts.end(), [](const auto& start) { return start.late.empty(); }),
                starts.end());
+  if (mResults.failures.empty() && mSignal == 0) {
+    CheckCompleteness();
+  }
+}
+
+void Demo_Coordinator::CheckCompleteness() {
   std::vector<std::uint32_t> addresses = {kMasterAddress};
   for (const Demo_Results::Satellite& satellite : mResults.satellites) {
     addresses.push_back(satellite.address);
@@ -311,13 +314,17 @@ void Demo_Coordinator::CheckCompleteness() {
     }
   }
   for (const std::uint32_t address : addresses) {
-    const auto count =
-        std::count_if(starts.begin(), starts.end(), [&](const auto& start) { return start.late.count(address) != 0; });
+    const auto count = std::count_if(mResults.starts.begin(), mResults.starts.end(),
+                                     [&](const auto& start) { return start.late.count(address) != 0; });
     if (count != mOptions.rounds) {
       Fail(Sys_Clock::RawMicroseconds(),
            Text(NameOf(address), ": started ", count, " times in place of ", mOptions.rounds));
     }
   }
+}
+
+bool Demo_Coordinator::AreSatellitesOver() const {
+  return std::all_of(mNodes.begin(), std::prev(mNodes.end()), [](const auto& node) { return node->isOver; });
 }
 
 Demo_Coordinator::Node& Demo_Coordinator::FindNode(std::uint32_t address) {

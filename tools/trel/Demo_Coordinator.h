@@ -52,6 +52,7 @@ private:
   void Finish();
   void CheckCompleteness();
 
+  bool AreSatellitesOver() const;
   static std::string NameOf(std::uint32_t address);
   /// The master's for an address that is none of the satellites'.
   Node& FindNode(std::uint32_t address);

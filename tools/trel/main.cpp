@@ -24,13 +24,16 @@ int main(int argc, char** argv) {
     CLI::App program("Links audio workstations on one network so that they start together.", "trel");
     program.set_version_flag("--version", "trel " TREL_VERSION);
     program.footer(kExitStatusHelp);
-    program.require_subcommand(1);
     int exitStatus = kExitSuccess;
     for (const auto& addCommand : kCommands) {
       addCommand(program, exitStatus);
     }
     try {
       program.parse(argc, argv);
+      // Not left to the parser, which would say this, and no more, of an unknown one.
+      if (program.get_subcommands().empty()) {
+        throw CLI::RequiredError::Subcommand(1);
+      }
     } catch (const CLI::ParseError& error) {
       return program.exit(error) == 0 ? kExitSuccess : kExitUsage;
     }
