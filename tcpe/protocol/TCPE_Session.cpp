@@ -7,9 +7,8 @@
 
 TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Role role,
                            std::vector<std::byte> connectFrame, TCPE_Time now)
-    : mLimits(limits), mLocal(local), mConnectFrame(std::move(connectFrame)),
-      mBuffer(TCPE_FrameHeader::kSize + limits.maxHandshakePayload), mOutput(TCPE_Hello::kSize), mLastSent(now),
-      mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mRole(role) {
+    : mLimits(limits), mLocal(local), mConnectFrame(std::move(connectFrame)), mOutput(TCPE_Hello::kSize),
+      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mRole(role) {
   mLocal.hello.Write(mOutput.data());
 }
 
@@ -18,6 +17,8 @@ std::span<std::byte> TCPE_Session::ReceiveSpace() {
             mBuffer.begin());
   mEnd -= mBegin;
   mBegin = 0;
+  // Here and not when the connection opens: bytes may be on their way into the space given out before.
+  mBuffer.resize(std::max(mBuffer.size(), TCPE_FrameHeader::kSize + MaxPayload()));
   return std::span(mBuffer).subspan(mEnd);
 }
 
@@ -198,7 +199,6 @@ void TCPE_Session::Open(TCPE_Time now) {
   mState = State::open;
   mLastReceived = now;
   NoteSent(now);
-  mBuffer.resize(TCPE_FrameHeader::kSize + mLimits.maxPayload);
 }
 
 bool TCPE_Session::IsWellFormed(const TCPE_FrameHeader& header) const {

@@ -49,7 +49,7 @@ public:
   TCPE_Session(const TCPE_Limits& limits, const Local& local, Role role, std::vector<std::byte> connectFrame,
                TCPE_Time now);
 
-  /// Where to put the bytes that arrive; never empty while the session lives.
+  /// Where to put the bytes that arrive; never empty while the session lives, valid until the next call of this one.
   std::span<std::byte> ReceiveSpace();
   void Received(std::size_t count, TCPE_Time now);
   /// The next thing that the bytes, or the time, brought about. Call until there is none.
