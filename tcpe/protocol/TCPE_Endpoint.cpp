@@ -50,7 +50,7 @@ void TCPE_Endpoint::TransportEnded(Id id, TCPE_Time now) {
   } else if (connection->openedByPeer) {
     ++mRefusals;
     Close(id);
-  } else {
+  } else if (!connection->yielded) {
     AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
   }
 }
@@ -194,6 +194,10 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     Decide(id, now);
     break;
   case Kind::accepted:
+    if (mOpen.size() >= mConfig.maxConnections) { // another one took the last place meanwhile
+      AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
+      break;
+    }
     connection->connectHeader = event->header;
     Open(id, false);
     break;

@@ -166,7 +166,9 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader&
     return Fail(eNetworkError_MalformedData);
   }
   if (header.Has(kTCPE_Flag_ErrorReply)) {
-    return Refused(static_cast<TCPE_CommErr>(header.error));
+    // A refusal without a reason is one all the same.
+    return Refused(header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(header.error)
+                                                      : eTCPE_CommErr_NotConnected);
   }
   Open(mLastReceived);
   return Event{.kind = Event::Kind::accepted, .header = header};
