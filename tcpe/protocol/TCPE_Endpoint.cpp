@@ -139,6 +139,16 @@ TCPE_Endpoint::Id TCPE_Endpoint::AttemptOf(std::uint32_t address) const {
   return position != mConnections.end() ? position->first : 0;
 }
 
+/// An attempt that has heard of another instance tries to reach an engine that is no more.
+bool TCPE_Endpoint::IsAttemptUnderWay(std::uint32_t address, std::uint64_t instance) const {
+  const Id id = AttemptOf(address);
+  if (id == 0 || mConnections.at(id).yielded) {
+    return false;
+  }
+  const TCPE_Session* session = mConnections.at(id).session.get();
+  return session == nullptr || session->PeerInstance() == 0 || session->PeerInstance() == instance;
+}
+
 std::vector<TCPE_Endpoint::Id> TCPE_Endpoint::WaitingFor(std::uint32_t address) const {
   std::vector<Id> waiting;
   for (const auto& [id, connection] : mConnections) {
@@ -259,8 +269,7 @@ void TCPE_Endpoint::Decide(Id id, TCPE_Time now) {
     Refuse(id, eTCPE_CommErr_Full);
     return;
   }
-  const Id attempt = AttemptOf(address);
-  if (attempt != 0 && !mConnections.at(attempt).yielded && mConfig.localAddress < address) {
+  if (mConfig.localAddress < address && IsAttemptUnderWay(address, connection.session->PeerInstance())) {
     Refuse(id, eTCPE_CommErr_AlreadyConnected); // both connect at once: the one opened by the lower address survives
     return;
   }

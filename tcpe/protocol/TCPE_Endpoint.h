@@ -97,6 +97,7 @@ private:
   static bool IsOpen(const Connection& connection) { return connection.session && connection.session->IsOpen(); }
   Connection* Find(Id id);
   Id AttemptOf(std::uint32_t address) const;
+  bool IsAttemptUnderWay(std::uint32_t address, std::uint64_t instance) const;
   std::vector<Id> WaitingFor(std::uint32_t address) const;
   void AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now);
   std::optional<Event> Advance(Id id, TCPE_Time now);
