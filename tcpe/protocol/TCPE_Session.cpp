@@ -150,6 +150,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnHello() {
 std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader& header,
                                                          std::span<const std::byte> payload) {
   const bool isReply = header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply);
+  mPeerSystemType = header.senderSystemType;
   if (mState == State::open) {
     return header.type == kTCPE_HeartbeatType ? OnEngineFrame(header)
                                               : Event{.kind = Event::Kind::frame, .header = header, .payload = payload};
@@ -214,6 +215,7 @@ void TCPE_Session::SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t s
   header.minorVersion = mLocal.minorVersion;
   header.flags = flags;
   header.senderSystemType = mLocal.systemType;
+  header.receiverSystemType = mPeerSystemType;
   header.type = type;
   header.serial = serial;
   header.error = error;

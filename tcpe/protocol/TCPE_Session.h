@@ -101,6 +101,7 @@ private:
   TCPE_Time mFrameBegan = 0; // 0: no frame is half received
   TCPE_Time mProbeDeadline = 0;
   std::uint32_t mConnectSerial = 0;
+  std::uint8_t mPeerSystemType = 0;
   Role mRole;
   State mState = State::hello;
 };
