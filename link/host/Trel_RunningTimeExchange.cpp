@@ -12,7 +12,7 @@ namespace {
 constexpr int kMostRepetitions = 3;
 constexpr int kRoundTripsToKnowAPeer = 4;
 constexpr std::int64_t kRoundTripsOfAnEra = 40;
-constexpr std::int64_t kMostUnvouchedInRow = 3;
+constexpr std::int64_t kMostUnvouchedInRow = 8;
 
 // Microseconds.
 constexpr std::int64_t kShortestPause = 500'000;
@@ -34,9 +34,10 @@ Trel_RunningTimeExchange::Trel_RunningTimeExchange(const Settings& settings) : m
 
 Trel_RunningTimeExchange::~Trel_RunningTimeExchange() = default;
 
-void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime) {
+void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime,
+                                    std::int64_t hostTime) {
   const std::int64_t now = Sys_Clock::Microseconds();
-  const std::int64_t runningTimeAtZero = runningTime - now;
+  const std::int64_t runningTimeAtZero = runningTime - hostTime;
 
   std::erase_if(mPeers, [&](const auto& peer) { return !addresses.contains(peer.first); });
   std::vector<std::tuple<std::int64_t, std::int64_t, std::uint32_t>> due; // in the order in which they are served
@@ -56,7 +57,9 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       peer.mFailuresInRow = 0;
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
       const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
-      peer.mDue = now + (isFull ? mSettings.mInterval : mSettings.mFirstInterval);
+      peer.mDue = now + (outcome == Outcome::notVouched ? mSettings.mRetryInterval
+                         : isFull                       ? mSettings.mInterval
+                                                        : mSettings.mFirstInterval);
       continue;
     }
     ++peer.mStatus.mFailures;

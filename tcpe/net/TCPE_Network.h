@@ -16,7 +16,7 @@
 #include <asio/steady_timer.hpp>
 
 /// The shell around the endpoint: the network thread, its sockets and its timer.
-class TCPE_Network : private TCPE_Connection::Owner {
+class TCPE_Network final : private TCPE_Connection::Owner {
 public:
   using ConnectionPointer = std::shared_ptr<TCPE_Connection>;
 

@@ -157,7 +157,8 @@ Demo_Master::Addresses Demo_Master::WaitForEach(const Addresses& addresses, mill
 void Demo_Master::Exchange(const std::stop_token& stop) {
   Trel_RunningTimeExchange exchange;
   while (!stop.stop_requested()) {
-    exchange.Tick(Trel_CommManager::GetConnectedAddresses(), RunningTime());
+    // Running time 0 is at the epoch: given as a pair, the two need not be read at one instant.
+    exchange.Tick(Trel_CommManager::GetConnectedAddresses(), 0, mEpoch);
     std::this_thread::sleep_for(kExchangePeriod);
   }
 }

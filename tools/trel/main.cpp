@@ -6,10 +6,6 @@
 #include <exception>
 #include <iostream>
 
-#ifndef TREL_VERSION
-#define TREL_VERSION "(development)"
-#endif
-
 namespace {
 
 constexpr void (*kCommands[])(CLI::App& program, int& exitStatus) = {AddDemoCommand};

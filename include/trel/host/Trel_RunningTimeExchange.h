@@ -1,5 +1,6 @@
 #pragma once
 
+#include <trel/Sys_Clock.h>
 #include <trel/Trel_Export.h>
 
 #include <cstdint>
@@ -20,7 +21,7 @@ class Trel_Command;
 /// round trip of late is kept for each peer, and a good round trip is one that is not much longer: 30 % and 5 us. After
 /// a longer one the running time is sent again at once, up to three times. Only the last can be vouched for, because
 /// the receiver keeps no other. When all were too long, none is vouched for and the allowance doubles for the next
-/// time; the fourth time in a row the last is vouched for whatever it was, so a peer on a disturbed network is never
+/// time; the ninth time in a row the last is vouched for whatever it was, so a peer on a disturbed network is never
 /// starved. The shortest round trip is that of the last 40 to 80, so a network that has become slower is taken as it is
 /// after a while. A new peer is sent four running times before the first is vouched for, which makes its shortest round
 /// trip known.
@@ -36,6 +37,7 @@ public:
   /// Microseconds between the exchanges with one peer. Shorter intervals than the host's ticks mean one each tick.
   struct Settings {
     std::int64_t mFirstInterval = 100'000; ///< until the peer's window of measurements is full
+    std::int64_t mRetryInterval = 25'000;  ///< after an exchange that was not vouched for
     std::int64_t mInterval = 250'000;      ///< from then on; up to 500 ms keep the receiver at its strictest
     std::int64_t mFirstMeasurements = 25;  ///< vouched exchanges after which the window counts as full
   };
@@ -57,9 +59,11 @@ public:
   /// Does the exchange with every peer that is due. Blocks for their round trips, and for a time-out when a peer does
   /// not answer. Not initialised or not connected, the peers count as not answering.
   /// @param addresses the peers, IPv4 in host order; those missing here are forgotten
-  /// @param runningTime the running time at the moment of the call, microseconds. While the call lasts it is taken to
-  ///        advance like host time.
-  void Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime);
+  /// @param runningTime a running time, microseconds; while the call lasts it is taken to advance like host time
+  /// @param hostTime the host time of that running time. The default, now, errs by as much as the caller is held up
+  ///        between reading the running time and calling; give both when they were read together.
+  void Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime,
+            std::int64_t hostTime = Sys_Clock::Microseconds());
 
   /// Starts anew with every peer, as is due when running time has jumped and the peers' clocks have been reset.
   void Restart();
