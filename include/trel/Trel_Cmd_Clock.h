@@ -7,8 +7,7 @@
 /// First half of the running-time exchange: the master's running time at sending.
 class TREL_EXPORT Trel_Cmd_UpdateRunningTime : public Trel_DescribedCommand<Trel_Cmd_UpdateRunningTime> {
   TREL_COMMAND(UpdateRunningTime, .synchronous = true, .logged = false)
-  TREL_FIELD(Trel_I64, RunningTime, "running time at sending, us")
-  static constexpr Trel_Payload kCommand{kRunningTime};
+  TREL_COMMAND_FIELD(Trel_I64, RunningTime, "running time at sending, us")
 
   explicit Trel_Cmd_UpdateRunningTime(std::int64_t runningTime) : mRunningTime(runningTime) {}
 };
@@ -17,17 +16,7 @@ class TREL_EXPORT Trel_Cmd_UpdateRunningTime : public Trel_DescribedCommand<Trel
 class TREL_EXPORT Trel_Cmd_LastUpdateRunningTimeValid
     : public Trel_DescribedCommand<Trel_Cmd_LastUpdateRunningTimeValid> {
   TREL_COMMAND(LastUpdateRunningTimeValid, .synchronous = true, .logged = false)
-  TREL_FIELD(Trel_I64, RoundTripTime, "round trip of the exchange, us")
-  static constexpr Trel_Payload kCommand{kRoundTripTime};
-};
-
-/// Tells a system where the frame edges lie.
-class TREL_EXPORT Trel_Cmd_FrameEdgeInRunningTime : public Trel_DescribedCommand<Trel_Cmd_FrameEdgeInRunningTime> {
-  TREL_COMMAND(FrameEdgeInRunningTime, .synchronous = true)
-  TREL_FIELD(Trel_I64, FrameEdgeTime, "running time of a frame edge, us")
-  static constexpr Trel_Payload kCommand{kFrameEdgeTime};
-
-  explicit Trel_Cmd_FrameEdgeInRunningTime(std::int64_t frameEdgeTime) : mFrameEdgeTime(frameEdgeTime) {}
+  TREL_COMMAND_FIELD(Trel_I64, RoundTripTime, "round trip of the exchange, us")
 };
 
 /// Empties the receiver's clock correlation.
@@ -38,15 +27,29 @@ class TREL_EXPORT Trel_Cmd_ResetClock : public Trel_DescribedCommand<Trel_Cmd_Re
 /// Reports whether the sender's clock is locked to the master's.
 class TREL_EXPORT Trel_Cmd_ClockLockState : public Trel_DescribedCommand<Trel_Cmd_ClockLockState> {
   TREL_COMMAND(ClockLockState, .synchronous = false)
-  TREL_FIELD(Trel_Bool, ClockLocked, "the sender's clock is locked")
-  static constexpr Trel_Payload kCommand{kClockLocked};
+  TREL_COMMAND_FIELD(Trel_Bool, ClockLocked, "the sender's clock is locked")
 };
 
 /// Asks for the running time.
 class TREL_EXPORT Trel_Cmd_GetCurrentRunningTime : public Trel_DescribedCommand<Trel_Cmd_GetCurrentRunningTime> {
   TREL_COMMAND(GetCurrentRunningTime, .synchronous = true, .logged = false)
-  TREL_FIELD(Trel_I64, RunningTime, "running time, us")
-  static constexpr Trel_Payload kReply{kRunningTime};
+  TREL_REPLY_FIELD(Trel_I64, RunningTime, "running time, us")
+};
+
+/// Carries a running time for a test of the host.
+class TREL_EXPORT Trel_Cmd_TestRunningTime : public Trel_DescribedCommand<Trel_Cmd_TestRunningTime> {
+  TREL_COMMAND(TestRunningTime, .synchronous = false)
+  TREL_COMMAND_FIELD(Trel_I64, Time, "running time, us")
+
+  explicit Trel_Cmd_TestRunningTime(std::int64_t time) : mTime(time) {}
+};
+
+/// Tells a system where the frame edges lie.
+class TREL_EXPORT Trel_Cmd_FrameEdgeInRunningTime : public Trel_DescribedCommand<Trel_Cmd_FrameEdgeInRunningTime> {
+  TREL_COMMAND(FrameEdgeInRunningTime, .synchronous = true)
+  TREL_COMMAND_FIELD(Trel_I64, FrameEdgeTime, "running time of a frame edge, us")
+
+  explicit Trel_Cmd_FrameEdgeInRunningTime(std::int64_t frameEdgeTime) : mFrameEdgeTime(frameEdgeTime) {}
 };
 
 /// Asks where the frame edges lie.
@@ -58,22 +61,19 @@ class TREL_EXPORT Trel_Cmd_GetFrameEdgeInRunningTime
   static constexpr Trel_Payload kReply{kFrameEdge};
 };
 
-/// Carries a running time for a test of the host.
-class TREL_EXPORT Trel_Cmd_TestRunningTime : public Trel_DescribedCommand<Trel_Cmd_TestRunningTime> {
-  TREL_COMMAND(TestRunningTime, .synchronous = false)
-  TREL_FIELD(Trel_I64, Time, "running time, us")
-  static constexpr Trel_Payload kCommand{kTime};
-
-  explicit Trel_Cmd_TestRunningTime(std::int64_t time) : mTime(time) {}
-};
-
 /// Asks a system to supply the master clock, or to stop doing so.
 class TREL_EXPORT Trel_Cmd_RequestSupplyMasterClock : public Trel_DescribedCommand<Trel_Cmd_RequestSupplyMasterClock> {
   TREL_COMMAND(RequestSupplyMasterClock, .synchronous = true)
-  TREL_FIELD(Trel_Bool, SupplyMasterClock, "supply the master clock")
-  TREL_FIELD(Trel_Bool, Success, "the system does as asked")
-  static constexpr Trel_Payload kCommand{kSupplyMasterClock};
-  static constexpr Trel_Payload kReply{kSuccess};
+  TREL_COMMAND_FIELD(Trel_Bool, SupplyMasterClock, "supply the master clock")
+  TREL_REPLY_FIELD(Trel_Bool, Success, "the system does as asked")
+};
+
+/// Tells whether the sender can supply the master clock.
+class TREL_EXPORT Trel_Cmd_UpdateCanSupplyClock : public Trel_DescribedCommand<Trel_Cmd_UpdateCanSupplyClock> {
+  TREL_COMMAND(UpdateCanSupplyClock, .synchronous = false)
+  TREL_COMMAND_FIELD(Trel_Bool, CanSupplyClock, "the sender can supply the master clock")
+
+  explicit Trel_Cmd_UpdateCanSupplyClock(bool canSupplyClock) : mCanSupplyClock(canSupplyClock) {}
 };
 
 /// Says which system supplies the master clock: by its identifier, in the legacy numbering by its address.
@@ -81,8 +81,7 @@ class TREL_EXPORT Trel_Cmd_UpdateMasterClockSource : public Trel_DescribedComman
   TREL_COMMAND(UpdateMasterClockSource, .synchronous = false)
   TREL_FIELD(Trel_I32<>, UniqueID, "identifier of the system that supplies the clock")
   TREL_FIELD(Trel_IPv4, MasterClock, "address of the system that supplies the clock")
-  static constexpr Trel_Payload kCommand{Trel_In(Trel_Numbering::current, kUniqueID),
-                                         Trel_In(Trel_Numbering::legacy, kMasterClock)};
+  static constexpr Trel_Payload kCommand{Trel_InCurrent(kUniqueID), Trel_InLegacy(kMasterClock)};
 };
 
 /// Asks which timeline position belongs to which running time.
@@ -98,13 +97,11 @@ class TREL_EXPORT Trel_Cmd_GetPositionRunningTimeCorrelation
 class TREL_EXPORT Trel_Cmd_RequestSupplyMasterClockComplete
     : public Trel_DescribedCommand<Trel_Cmd_RequestSupplyMasterClockComplete> {
   TREL_COMMAND(RequestSupplyMasterClockComplete, .synchronous = true, .currentOnly = true)
-  TREL_FIELD(Trel_Bool, Success, "the hand-over succeeded")
-  static constexpr Trel_Payload kCommand{kSuccess};
+  TREL_COMMAND_FIELD(Trel_Bool, Success, "the hand-over succeeded")
 };
 
 /// Asks whether a system holds the master clock.
 class TREL_EXPORT Trel_Cmd_GetIsMasterClock : public Trel_DescribedCommand<Trel_Cmd_GetIsMasterClock> {
   TREL_COMMAND(GetIsMasterClock, .synchronous = true, .currentOnly = true)
-  TREL_FIELD(Trel_Bool, IsMasterClock, "the system holds the master clock")
-  static constexpr Trel_Payload kReply{kIsMasterClock};
+  TREL_REPLY_FIELD(Trel_Bool, IsMasterClock, "the system holds the master clock")
 };

@@ -30,8 +30,7 @@ class TREL_EXPORT Trel_Cmd_SyncClock : public Trel_DescribedCommand<Trel_Cmd_Syn
 /// Starts a primed system at an agreed instant.
 class TREL_EXPORT Trel_Cmd_StartPlayback : public Trel_DescribedCommand<Trel_Cmd_StartPlayback> {
   TREL_COMMAND(StartPlayback, .synchronous = false)
-  TREL_FIELD(Trel_I64, StartAtRunningTime, "running time of the requested start, us")
-  static constexpr Trel_Payload kCommand{kStartAtRunningTime};
+  TREL_COMMAND_FIELD(Trel_I64, StartAtRunningTime, "running time of the requested start, us")
 
   explicit Trel_Cmd_StartPlayback(std::int64_t startAtRunningTime) : mStartAtRunningTime(startAtRunningTime) {}
 };
@@ -44,8 +43,7 @@ class TREL_EXPORT Trel_Cmd_StopPlayback : public Trel_DescribedCommand<Trel_Cmd_
 /// Asks how long a system takes from the start command to playback.
 class TREL_EXPORT Trel_Cmd_GetStartDelay : public Trel_DescribedCommand<Trel_Cmd_GetStartDelay> {
   TREL_COMMAND(GetStartDelay, .synchronous = true)
-  TREL_FIELD(Trel_U32, StartDelay, "time from start command to playback, us")
-  static constexpr Trel_Payload kReply{kStartDelay};
+  TREL_REPLY_FIELD(Trel_U32, StartDelay, "time from start command to playback, us")
 };
 
 /// Reports when playback began.
@@ -75,13 +73,26 @@ class TREL_EXPORT Trel_Cmd_GetPlayRange : public Trel_DescribedCommand<Trel_Cmd_
                                        kActualStartTime, kPlaySpeed, kLoopPlay};
 };
 
+/// Sets loop play.
+class TREL_EXPORT Trel_Cmd_SetLoopPlay : public Trel_DescribedCommand<Trel_Cmd_SetLoopPlay> {
+  TREL_COMMAND(SetLoopPlay, .synchronous = false)
+  TREL_COMMAND_FIELD(Trel_Bool, LoopPlay, "play in a loop")
+
+  explicit Trel_Cmd_SetLoopPlay(bool loopPlay) : mLoopPlay(loopPlay) {}
+};
+
+/// Asks whether a system plays in a loop. Any byte but 1 means that it does not.
+class TREL_EXPORT Trel_Cmd_GetLoopPlay : public Trel_DescribedCommand<Trel_Cmd_GetLoopPlay> {
+  TREL_COMMAND(GetLoopPlay, .synchronous = true)
+  TREL_REPLY_FIELD(Trel_StrictBool, LoopPlay, "the system plays in a loop")
+};
+
 /// Makes a system follow the playback of another one, named by its identifier, in the legacy numbering by its address.
 class TREL_EXPORT Trel_Cmd_LockPlaybackToSystem : public Trel_DescribedCommand<Trel_Cmd_LockPlaybackToSystem> {
   TREL_COMMAND(LockPlaybackToSystem, .synchronous = false)
   TREL_FIELD(Trel_I32<>, UniqueID, "identifier of the system to follow")
   TREL_FIELD(Trel_IPv4, SystemToLockTo, "address of the system to follow")
-  static constexpr Trel_Payload kCommand{Trel_In(Trel_Numbering::current, kUniqueID),
-                                         Trel_In(Trel_Numbering::legacy, kSystemToLockTo)};
+  static constexpr Trel_Payload kCommand{Trel_InCurrent(kUniqueID), Trel_InLegacy(kSystemToLockTo)};
 
   explicit Trel_Cmd_LockPlaybackToSystem(std::uint32_t systemToLockTo) : mSystemToLockTo(systemToLockTo) {}
 };

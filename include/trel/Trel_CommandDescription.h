@@ -2,6 +2,7 @@
 
 #include <trel/Trel_Identifiers.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -13,12 +14,15 @@ enum class Trel_Numbering : std::uint8_t { both, current, legacy };
 
 /// One field of a payload, for whoever lists, prints or dissects commands.
 struct Trel_FieldDescription {
-  const char* name;
+  char name[32]; ///< the elements of an array are fields of their own, with their index behind the name
   Trel_FieldKind kind;
   std::uint16_t width; ///< bytes on the wire; 0 when it varies
   Trel_Numbering numbering;
   std::uint8_t since; ///< least payload revision that carries the field
   const char* meaning;
+  /// What one entry of a list is made of, in wire order. A list is a count, i32, and that many entries.
+  const Trel_FieldDescription* entry;
+  std::size_t entryFields;
 };
 
 /// What is particular to a command class, beside its fields.

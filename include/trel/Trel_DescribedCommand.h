@@ -4,16 +4,23 @@
 #include <trel/Trel_Field.h>
 
 #include <ostream>
+#include <type_traits>
 
 /// Makes a command class from its description: name, identifiers, payload hooks and debug text.
 ///
-/// `Derived` states TREL_COMMAND, its fields with TREL_FIELD, and the payloads that have fields as `kCommand` and
-/// `kReply`:
+/// `Derived` states TREL_COMMAND, and its fields: one that is a whole payload with TREL_COMMAND_FIELD or
+/// TREL_REPLY_FIELD, others with TREL_FIELD, and then the payloads that they make up as `kCommand` and `kReply`:
 ///
 ///     class Trel_Cmd_StartPlayback : public Trel_DescribedCommand<Trel_Cmd_StartPlayback> {
 ///       TREL_COMMAND(StartPlayback, .synchronous = false)
-///       TREL_FIELD(Trel_I64, StartAtRunningTime, "running time of the start, us")
-///       static constexpr Trel_Payload kCommand{kStartAtRunningTime};
+///       TREL_COMMAND_FIELD(Trel_I64, StartAtRunningTime, "running time of the requested start, us")
+///     };
+///
+///     class Trel_Cmd_GetDocumentStartAndLength : public Trel_DescribedCommand<Trel_Cmd_GetDocumentStartAndLength> {
+///       TREL_COMMAND(GetDocumentStartAndLength, .synchronous = true)
+///       TREL_FIELD(Trel_I64, Start, "timeline position of the start")
+///       TREL_FIELD(Trel_I64, Length, "length of the document")
+///       static constexpr Trel_Payload kReply{kStart, kLength};
 ///     };
 template <class Derived>
 class Trel_DescribedCommand : public Trel_Command {
@@ -59,8 +66,7 @@ protected:
   template <const auto& Payload>
   void Write(char** cursor) {
     char* position = *cursor;
-    ForEachInForce<Payload>(
-        [&](const auto& field) { CodecOf<decltype(field)>::Write(*this, ThisDerived().*field.member, &position); });
+    ForEachInForce<Payload>([&](const auto& field) { field.Write(*this, ThisDerived(), &position); });
     *cursor = position;
   }
   template <const auto& Payload>
@@ -68,7 +74,9 @@ protected:
     char* position = *cursor;
     ForEachInForce<Payload>([&](const auto& field) {
       if (GetReceivedRevision() >= field.since) {
-        CodecOf<decltype(field)>::Read(*this, ThisDerived().*field.member, &position);
+        field.Read(*this, ThisDerived(), &position);
+      } else if constexpr (requires { field.otherwise; }) {
+        std::remove_cvref_t<decltype(field)>::Codec::Set(ThisDerived().*field.member, field.otherwise);
       }
     });
     *cursor = position;
@@ -77,16 +85,12 @@ protected:
   void Print(std::ostream& out) const {
     const char* separator = "";
     ForEachInForce<Payload>([&](const auto& field) {
-      out << separator << field.name << '=';
-      CodecOf<decltype(field)>::Print(static_cast<const Derived&>(*this).*field.member, out);
+      field.Print(static_cast<const Derived&>(*this), out << separator);
       separator = " ";
     });
   }
 
 private:
-  template <class Field>
-  using CodecOf = typename std::remove_cvref_t<Field>::Codec;
-
   Derived& ThisDerived() { return static_cast<Derived&>(*this); }
 
   template <const auto& Payload, class Action>
@@ -100,7 +104,7 @@ private:
         action(field);
       }
     };
-    std::apply([&](const auto&... field) { (visit(field), ...); }, Payload.fields);
+    Payload.ForEach(visit);
   }
 };
 

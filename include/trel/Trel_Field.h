@@ -11,7 +11,7 @@
 #include <ostream>
 #include <string_view>
 #include <tuple>
-#include <type_traits>
+#include <vector>
 
 // Codecs: how one field is stored in a command, and how it travels. `Value` is what accessors give and take.
 
@@ -27,11 +27,18 @@ struct Trel_PlainCodec {
   static void Print(const Stored& stored, std::ostream& out) { out << +stored; }
 };
 
-/// Signed 64-bit integer, big-endian.
-struct Trel_I64 : Trel_PlainCodec<std::int64_t, Trel_FieldKind::i64, 8> {
-  static void Write(TCPE_Command& command, Stored value, char** cursor) { command.WriteInt64(value, cursor); }
-  static void Read(TCPE_Command& command, Stored& value, char** cursor) { value = command.ReadInt64(cursor); }
+/// 64-bit integer, big-endian: signed, and as accessors that take it unsigned give it.
+template <class T>
+struct Trel_Int64 : Trel_PlainCodec<T, Trel_FieldKind::i64, 8> {
+  static void Write(TCPE_Command& command, T value, char** cursor) {
+    command.WriteInt64(static_cast<std::int64_t>(value), cursor);
+  }
+  static void Read(TCPE_Command& command, T& value, char** cursor) {
+    value = static_cast<T>(command.ReadInt64(cursor));
+  }
 };
+using Trel_I64 = Trel_Int64<std::int64_t>;
+using Trel_I64AsUnsigned = Trel_Int64<std::uint64_t>;
 
 /// Signed 32-bit integer or enumeration, big-endian. Values that the enumeration does not name are kept.
 template <class T = std::int32_t>
@@ -48,6 +55,12 @@ struct Trel_I32 : Trel_PlainCodec<T, Trel_FieldKind::i32, 4> {
 struct Trel_U32 : Trel_PlainCodec<std::uint32_t, Trel_FieldKind::u32, 4> {
   static void Write(TCPE_Command& command, Stored value, char** cursor) { command.WriteUInt32(value, cursor); }
   static void Read(TCPE_Command& command, Stored& value, char** cursor) { value = command.ReadUInt32(cursor); }
+};
+
+/// Unsigned 32-bit word that never travels: it is written as 0, and what arrives is read and dropped.
+struct Trel_MuteU32 : Trel_U32 {
+  static void Write(TCPE_Command& command, Stored /*value*/, char** cursor) { command.WriteUInt32(0, cursor); }
+  static void Read(TCPE_Command& command, Stored& /*value*/, char** cursor) { command.ReadUInt32(cursor); }
 };
 
 /// One byte.
@@ -98,13 +111,13 @@ struct Trel_TextBuffer {
 
 /// What happens to a text that is as long as its field or longer.
 struct Trel_UnknownSystemName {
-  static constexpr const char* kReplacement = "Unknown System Name";
+  static constexpr std::string_view kReplacement = "Unknown System Name";
 };
 struct Trel_UnknownHostName {
-  static constexpr const char* kReplacement = "Unknown Host Name";
+  static constexpr std::string_view kReplacement = "Unknown Host Name";
 };
 struct Trel_CutText {
-  static constexpr const char* kReplacement = nullptr;
+  static constexpr std::string_view kReplacement{};
 };
 
 /// Fixed-length text of `Width` bytes on the wire; a setter replaces or cuts one of `Limit` characters or more.
@@ -122,8 +135,7 @@ struct Trel_Text {
   static void Set(Stored& stored, Value value) {
     std::string_view text = value == nullptr ? std::string_view() : std::string_view(value);
     if (text.size() >= Limit) {
-      text = WhenTooLong::kReplacement != nullptr ? std::string_view(WhenTooLong::kReplacement)
-                                                  : text.substr(0, Limit - 1);
+      text = WhenTooLong::kReplacement.empty() ? text.substr(0, Limit - 1) : WhenTooLong::kReplacement;
     }
     Trel_TextBuffer fresh;
     std::copy(text.begin(), text.end(), fresh.text);
@@ -143,39 +155,190 @@ using Trel_SystemName = Trel_Text<30, 30, Trel_UnknownSystemName>;
 using Trel_HostName = Trel_Text<256, 256, Trel_UnknownHostName>;
 using Trel_Message = Trel_Text<256, 256, Trel_CutText>;
 
-/// A field of a class: its codec, its member, and when it travels.
-template <class Class, class FieldCodec>
-struct Trel_Field {
-  using Codec = FieldCodec;
-  const char* name;
-  const char* meaning;
-  typename Codec::Stored Class::*member;
-  Trel_Numbering numbering = Trel_Numbering::both;
-  std::uint8_t since = 0;
+/// `Count` values of one kind, one after the other. The class writes the accessors.
+template <class ElementCodec, std::size_t Count>
+struct Trel_Array {
+  using Stored = std::array<typename ElementCodec::Stored, Count>;
+  static constexpr Trel_FieldKind kKind = ElementCodec::kKind;
+  static constexpr std::uint16_t kWidth = ElementCodec::kWidth; ///< of one element
+  static constexpr std::size_t kCount = Count;
 
-  constexpr Trel_FieldDescription Describe() const {
-    return {name, Codec::kKind, Codec::kWidth, numbering, since, meaning};
+  static void Write(TCPE_Command& command, const Stored& value, char** cursor) {
+    for (const auto& element : value) {
+      ElementCodec::Write(command, element, cursor);
+    }
+  }
+  static void Read(TCPE_Command& command, Stored& value, char** cursor) {
+    for (auto& element : value) {
+      ElementCodec::Read(command, element, cursor);
+    }
+  }
+  static void Print(const Stored& stored, std::ostream& out) {
+    const char* separator = "";
+    for (const auto& element : stored) {
+      ElementCodec::Print(element, out << separator);
+      separator = ",";
+    }
   }
 };
 
-/// The same field, carried in one numbering alone.
+/// Any number of records, behind their count. `Entry` names the class of a record and its fields in wire order.
+template <class Entry>
+struct Trel_List {
+  using Stored = std::vector<typename Entry::Record>;
+  using Value = const Stored&;
+  static constexpr Trel_FieldKind kKind = Trel_FieldKind::list;
+  static constexpr std::uint16_t kWidth = 0;
+  static constexpr std::size_t kCountWidth = 4;
+  static constexpr std::size_t kEntryWidth = Entry::kFields.Width();
+  static constexpr auto kEntry = Entry::kFields.Describe();
+
+  static Value Get(const Stored& stored) { return stored; }
+  static void Set(Stored& stored, Value value) { stored = value; }
+  /// Writes all of it or, when it does not fit, nothing.
+  static void Write(TCPE_Command& command, const Stored& value, char** cursor) {
+    if (kCountWidth + value.size() * kEntryWidth > command.GetPayloadBytesLeft(*cursor)) {
+      command.SetPayloadFault();
+      return;
+    }
+    command.WriteInt32(static_cast<std::int32_t>(value.size()), cursor);
+    for (const auto& record : value) {
+      Entry::kFields.ForEach([&](const auto& field) { field.Write(command, record, cursor); });
+    }
+  }
+  static void Read(TCPE_Command& command, Stored& value, char** cursor) {
+    value.clear();
+    const std::int32_t count = command.ReadInt32(cursor);
+    if (count < 0 || static_cast<std::size_t>(count) > command.GetPayloadBytesLeft(*cursor) / kEntryWidth) {
+      command.SetPayloadFault();
+      return;
+    }
+    value.resize(static_cast<std::size_t>(count));
+    for (auto& record : value) {
+      Entry::kFields.ForEach([&](const auto& field) { field.Read(command, record, cursor); });
+    }
+  }
+  static void Print(const Stored& stored, std::ostream& out) {
+    for (const auto& record : stored) {
+      const char* separator = "{";
+      Entry::kFields.ForEach([&](const auto& field) {
+        field.Print(record, out << separator);
+        separator = " ";
+      });
+      out << '}';
+    }
+  }
+};
+
+/// What a field is, wherever its value is kept.
+template <class FieldCodec>
+struct Trel_FieldBase {
+  using Codec = FieldCodec;
+  const char* name;
+  const char* meaning;
+  Trel_Numbering numbering = Trel_Numbering::both;
+  std::uint8_t since = 0;
+
+  static constexpr std::size_t NumberOfDescriptions() {
+    if constexpr (requires { Codec::kCount; }) {
+      return Codec::kCount;
+    } else {
+      return 1;
+    }
+  }
+  /// Describes the field, each element of an array for itself.
+  constexpr void Describe(Trel_FieldDescription*& next) const {
+    for (std::size_t index = 0; index < NumberOfDescriptions(); ++index) {
+      *next = {{}, Codec::kKind, Codec::kWidth, numbering, since, meaning, nullptr, 0};
+      char* end = std::copy(name, name + std::string_view(name).size(), next->name);
+      if constexpr (requires { Codec::kCount; }) {
+        static_assert(Codec::kCount <= 100);
+        if (index >= 10) {
+          *end++ = static_cast<char>('0' + index / 10);
+        }
+        *end = static_cast<char>('0' + index % 10);
+      }
+      if constexpr (requires { Codec::kEntry; }) {
+        next->entry = Codec::kEntry.data();
+        next->entryFields = Codec::kEntry.size();
+      }
+      ++next;
+    }
+  }
+};
+
+/// A field of a class: its codec, its member, and when it travels.
 template <class Class, class Codec>
-constexpr Trel_Field<Class, Codec> Trel_In(Trel_Numbering numbering, Trel_Field<Class, Codec> field) {
-  field.numbering = numbering;
+struct Trel_Field : Trel_FieldBase<Codec> {
+  typename Codec::Stored Class::*member;
+
+  void Write(TCPE_Command& command, const Class& object, char** cursor) const {
+    Codec::Write(command, object.*member, cursor);
+  }
+  void Read(TCPE_Command& command, Class& object, char** cursor) const { Codec::Read(command, object.*member, cursor); }
+  void Print(const Class& object, std::ostream& out) const { Codec::Print(object.*member, out << this->name << '='); }
+};
+
+/// A field of a record that shows its values through accessors alone.
+template <class Record, class Codec>
+struct Trel_Property : Trel_FieldBase<Codec> {
+  typename Codec::Value (Record::*get)() const;
+  void (Record::*set)(typename Codec::Value value);
+
+  void Write(TCPE_Command& command, const Record& record, char** cursor) const {
+    Codec::Write(command, Load(record), cursor);
+  }
+  void Read(TCPE_Command& command, Record& record, char** cursor) const {
+    typename Codec::Stored stored{};
+    Codec::Read(command, stored, cursor);
+    (record.*set)(Codec::Get(stored));
+  }
+  void Print(const Record& record, std::ostream& out) const { Codec::Print(Load(record), out << this->name << '='); }
+
+private:
+  typename Codec::Stored Load(const Record& record) const {
+    typename Codec::Stored stored{};
+    Codec::Set(stored, (record.*get)());
+    return stored;
+  }
+};
+
+/// A field that gets a value of its own when the sender's revision does not carry it.
+template <class Class, class Codec>
+struct Trel_FieldOrElse : Trel_Field<Class, Codec> {
+  typename Codec::Value otherwise;
+};
+
+/// The same field, carried in the current numbering alone, or in the legacy one.
+template <class Class, class Codec>
+constexpr Trel_Field<Class, Codec> Trel_InCurrent(Trel_Field<Class, Codec> field) {
+  field.numbering = Trel_Numbering::current;
+  return field;
+}
+template <class Class, class Codec>
+constexpr Trel_Field<Class, Codec> Trel_InLegacy(Trel_Field<Class, Codec> field) {
+  field.numbering = Trel_Numbering::legacy;
   return field;
 }
 
-/// The same field, carried from a payload revision on.
+/// The same field, carried from a payload revision on. From an older sender it keeps the value that it has...
 template <class Class, class Codec>
 constexpr Trel_Field<Class, Codec> Trel_Since(std::uint8_t revision, Trel_Field<Class, Codec> field) {
   field.since = revision;
   return field;
 }
 
+/// ...or becomes `otherwise`.
+template <class Class, class Codec>
+constexpr Trel_FieldOrElse<Class, Codec> Trel_Since(std::uint8_t revision, Trel_Field<Class, Codec> field,
+                                                    typename Codec::Value otherwise) {
+  return {Trel_Since(revision, field), otherwise};
+}
+
 /// The same text, in a field of another width.
 template <std::uint16_t Width, class Class, class Codec>
 constexpr Trel_Field<Class, typename Codec::template WithWidth<Width>> Trel_WithWidth(Trel_Field<Class, Codec> field) {
-  return {field.name, field.meaning, field.member, field.numbering, field.since};
+  return {{field.name, field.meaning, field.numbering, field.since}, field.member};
 }
 
 /// The fields of a payload, in wire order.
@@ -185,14 +348,21 @@ struct Trel_Payload {
 
   constexpr explicit Trel_Payload(Fields... list) : fields(list...) {}
 
+  template <class Action>
+  constexpr void ForEach(Action action) const {
+    std::apply([&](const auto&... field) { (action(field), ...); }, fields);
+  }
   constexpr bool DependsOnNumbering() const {
     return std::apply([](const auto&... field) { return (false || ... || (field.numbering != Trel_Numbering::both)); },
                       fields);
   }
-  constexpr std::array<Trel_FieldDescription, sizeof...(Fields)> Describe() const {
-    return std::apply(
-        [](const auto&... field) { return std::array<Trel_FieldDescription, sizeof...(Fields)>{field.Describe()...}; },
-        fields);
+  /// Bytes on the wire, of fields that are always carried.
+  constexpr std::size_t Width() const { return (std::size_t{0} + ... + Fields::Codec::kWidth); }
+  constexpr auto Describe() const {
+    std::array<Trel_FieldDescription, (std::size_t{0} + ... + Fields::NumberOfDescriptions())> all{};
+    [[maybe_unused]] Trel_FieldDescription* next = all.data();
+    ForEach([&](const auto& field) { field.Describe(next); });
+    return all;
   }
 };
 
@@ -203,12 +373,24 @@ struct Trel_Payload {
   /** Sets the field of this name; its meaning stands in the class's description. */                                   \
   void Set##Name(FieldCodec::Value value) { FieldCodec::Set(m##Name, value); }
 
+/// The same for the only field of the command, or of the reply; the payload list is made too.
+#define TREL_COMMAND_FIELD(FieldCodec, Name, Meaning)                                                                  \
+  TREL_FIELD(FieldCodec, Name, Meaning)                                                                                \
+  static constexpr Trel_Payload kCommand{k##Name};
+#define TREL_REPLY_FIELD(FieldCodec, Name, Meaning)                                                                    \
+  TREL_FIELD(FieldCodec, Name, Meaning)                                                                                \
+  static constexpr Trel_Payload kReply{k##Name};
+
 /// The same for a field whose setter the class writes itself.
 #define TREL_FIELD_WITHOUT_SETTER(FieldCodec, Name, Meaning)                                                           \
+  TREL_FIELD_WITHOUT_ACCESSORS(FieldCodec, Name, Meaning)                                                              \
+  /** Gets the field of this name. */                                                                                  \
+  FieldCodec::Value Get##Name() const { return FieldCodec::Get(m##Name); }
+
+/// The same for a field whose accessors the class writes itself.
+#define TREL_FIELD_WITHOUT_ACCESSORS(FieldCodec, Name, Meaning)                                                        \
 private:                                                                                                               \
   FieldCodec::Stored m##Name{};                                                                                        \
                                                                                                                        \
 public:                                                                                                                \
-  static constexpr Trel_Field<Self, FieldCodec> k##Name{#Name, Meaning, &Self::m##Name};                               \
-  /** Gets the field of this name. */                                                                                  \
-  FieldCodec::Value Get##Name() const { return FieldCodec::Get(m##Name); }
+  static constexpr Trel_Field<Self, FieldCodec> k##Name{{#Name, Meaning}, &Self::m##Name};
