@@ -19,8 +19,15 @@
 #include <trel/TCPE_System.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_Cmd_Control.h>
+#include <trel/Trel_Cmd_Dialogs.h>
+#include <trel/Trel_Cmd_Grouping.h>
+#include <trel/Trel_Cmd_Identity.h>
+#include <trel/Trel_Cmd_Project.h>
+#include <trel/Trel_Cmd_Selection.h>
 #include <trel/Trel_Cmd_State.h>
 #include <trel/Trel_Cmd_Transport.h>
+#include <trel/Trel_Cmd_Video.h>
 #include <trel/Trel_CommManager.h>
 #include <trel/Trel_CommPreferences.h>
 #include <trel/Trel_CommTask.h>
@@ -30,4 +37,5 @@
 #include <trel/Trel_Init.h>
 #include <trel/Trel_LinearCorrelator.h>
 #include <trel/Trel_Messenger.h>
+#include <trel/Trel_System.h>
 #include <trel/Trel_TCPEInterface.h>

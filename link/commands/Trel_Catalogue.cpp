@@ -3,55 +3,39 @@
 #include <trel/TCPE_CommManager.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_Cmd_Control.h>
+#include <trel/Trel_Cmd_Dialogs.h>
+#include <trel/Trel_Cmd_Grouping.h>
+#include <trel/Trel_Cmd_Identity.h>
+#include <trel/Trel_Cmd_Project.h>
+#include <trel/Trel_Cmd_Selection.h>
 #include <trel/Trel_Cmd_State.h>
 #include <trel/Trel_Cmd_Transport.h>
+#include <trel/Trel_Cmd_Video.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <new>
+#include <tuple>
 
 namespace {
 
-template <class... Commands>
-struct ClassList {
-  static constexpr std::size_t kSize = sizeof...(Commands);
-};
-
-using AllClasses =
-    ClassList<Trel_Cmd_Connect, Trel_Cmd_ConnectComplete, Trel_Cmd_Disconnect, Trel_Cmd_Prime, Trel_Cmd_SyncClock,
-              Trel_Cmd_StartPlayback, Trel_Cmd_StopPlayback, Trel_Cmd_GetStartDelay, Trel_Cmd_UpdateRunningTime,
-              Trel_Cmd_LastUpdateRunningTimeValid, Trel_Cmd_FrameEdgeInRunningTime, Trel_Cmd_ResetClock,
-              Trel_Cmd_ReportPlayStartData, Trel_Cmd_SendState, Trel_Cmd_ClockLockState, Trel_Cmd_GetCurrentRunningTime,
-              Trel_Cmd_GetFrameEdgeInRunningTime, Trel_Cmd_TestRunningTime, Trel_Cmd_GetPlayRange,
-              Trel_Cmd_RequestSupplyMasterClock, Trel_Cmd_UpdateMasterClockSource,
-              Trel_Cmd_GetPositionRunningTimeCorrelation, Trel_Cmd_LockPlaybackToSystem, Trel_Cmd_GetState,
-              Trel_Cmd_RequestMaxSatellites, Trel_Cmd_GetMaxSatellites, Trel_Cmd_GetMaxSatellitesSupported,
-              Trel_Cmd_RequestSupplyMasterClockComplete, Trel_Cmd_GetIsMasterClock>;
+constexpr bool IdentifiersAreUnique(Trel_eCmd Trel_CommandIdentifiers::*numbering) {
+  std::array<std::int32_t, kTrel_CommandTable.size()> identifiers{};
+  std::transform(kTrel_CommandTable.begin(), kTrel_CommandTable.end(), identifiers.begin(),
+                 [&](const Trel_CommandIdentifiers& row) { return row.*numbering; });
+  std::sort(identifiers.begin(), identifiers.end());
+  return std::adjacent_find(identifiers.begin(), identifiers.end()) == identifiers.end();
+}
+static_assert(IdentifiersAreUnique(&Trel_CommandIdentifiers::current));
+static_assert(IdentifiersAreUnique(&Trel_CommandIdentifiers::legacy));
 
 template <class Command>
 TCPE_Command* ConstructIn(void* block) {
   static_assert(sizeof(Command) <= Trel_Command::kMaxCommandSize);
   static_assert(alignof(Command) <= alignof(std::max_align_t));
   return new (block) Command();
-}
-
-template <class... Commands>
-constexpr bool IdentifiersAreUnique(ClassList<Commands...> /*list*/) {
-  std::array current{Commands::kIdentifiers.current...};
-  std::array legacy{Commands::kIdentifiers.legacy...};
-  std::sort(current.begin(), current.end());
-  std::sort(legacy.begin(), legacy.end());
-  return std::adjacent_find(current.begin(), current.end()) == current.end() &&
-         std::adjacent_find(legacy.begin(), legacy.end()) == legacy.end();
-}
-static_assert(IdentifiersAreUnique(AllClasses()));
-
-template <class... Commands>
-std::span<const Trel_CommandClass> ClassesOf(ClassList<Commands...> /*list*/) {
-  static const std::array<Trel_CommandClass, sizeof...(Commands)> classes{
-      Trel_CommandClass{&Commands::Describe(), &ConstructIn<Commands>}...};
-  return classes;
 }
 
 /// Classes by identifier. Beyond it lies ConnectionFailed's current identifier alone, which is never received.
@@ -70,7 +54,15 @@ ClassTable MakeTable(Trel_eCmd Trel_CommandIdentifiers::*numbering) {
 
 } // namespace
 
-std::span<const Trel_CommandClass> Trel_Catalogue::Classes() { return ClassesOf(AllClasses()); }
+std::span<const Trel_CommandClass> Trel_Catalogue::Classes() {
+  static const std::array classes{
+#define TREL_ROW(Name, Current, Legacy) Trel_CommandClass{&Trel_Cmd_##Name::Describe(), &ConstructIn<Trel_Cmd_##Name>},
+      TREL_COMMAND_TABLE(TREL_ROW)
+#undef TREL_ROW
+  };
+  static_assert(std::tuple_size_v<decltype(classes)> == kTrel_CommandTable.size());
+  return classes;
+}
 
 const Trel_CommandClass* Trel_Catalogue::Find(std::int32_t identifier) {
   static const ClassTable current = MakeTable(&Trel_CommandIdentifiers::current);
