@@ -24,37 +24,58 @@ TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socke
 
 TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> bytes, Urgency urgency) {
   const std::lock_guard lock(mMutex);
-  if (!mSocket || mClosesWhenSent || mFailureReported) {
+  if (mAnswerIsDue) {
+    if (mHeldBack.size() + bytes.size() > mLimits.maxOutboundBytes) {
+      return eTCPE_CommErr_QueueFull;
+    }
+    mHeldBack.insert(mHeldBack.end(), bytes.begin(), bytes.end());
+    return eTCPE_CommErr_None;
+  }
+  return SendInTurn(bytes, urgency);
+}
+
+void TCPE_Connection::SendOfSession(std::span<const std::byte> bytes) {
+  const std::lock_guard lock(mMutex);
+  SendInTurn(bytes, Urgency::now);
+  if (std::exchange(mAnswerIsDue, false) && !mHeldBack.empty()) {
+    SendInTurn(std::exchange(mHeldBack, {}), Urgency::now);
+  }
+}
+
+TCPE_CommErr TCPE_Connection::SendInTurn(std::span<const std::byte> bytes, Urgency urgency) {
+  if (!mSocket || mClosesWhenSent || mHasFailed) {
     return eTCPE_CommErr_ConnectionLost;
   }
-  if (QueuedBytes() + bytes.size() > mLimits.maxOutboundBytes) {
-    ReportFailure(eNetworkError_PeerTooSlow);
+  const auto isFull = [&] { return QueuedBytes() + bytes.size() > mLimits.maxOutboundBytes; };
+  bool isSound = !isFull() || WriteQueue(); // it may be waiting for this side's network thread alone
+  if (isSound && isFull()) {
+    ReportTooSlow();
     return eTCPE_CommErr_QueueFull;
   }
   const TCPE_Time now = Sys_Clock::RawMicroseconds();
   const bool isQuiet = QueuedBytes() == 0 && now - mLastWrite > kBurst;
-  bool isSound = true;
-  if (urgency == Urgency::now || isQuiet) {
+  if (isSound && (urgency == Urgency::now || isQuiet)) {
     isSound = WriteQueue() && (QueuedBytes() != 0 || Write(bytes));
     mLastWrite = now;
     if (mSession) {
       mSession->NoteSent(now);
     }
   }
-  mQueue.insert(mQueue.end(), bytes.begin(), bytes.end());
   if (!isSound) {
-    ReportFailure(eNetworkError_ConnectionLost);
+    EndWriting();
     return eTCPE_CommErr_ConnectionLost;
   }
+  mQueue.insert(mQueue.end(), bytes.begin(), bytes.end());
   if (QueuedBytes() != 0) {
     FlushLater();
   }
   return eTCPE_CommErr_None;
 }
 
-void TCPE_Connection::SetSession(std::shared_ptr<TCPE_Session> session) {
+void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session, bool answerIsDue) {
   const std::lock_guard lock(mMutex);
   mSession = std::move(session);
+  mAnswerIsDue = answerIsDue;
 }
 
 void TCPE_Connection::CloseWhenSent() {
@@ -123,7 +144,7 @@ void TCPE_Connection::Flush() {
     return;
   }
   if (!WriteQueue()) {
-    ReportFailure(eNetworkError_ConnectionLost);
+    EndWriting();
     return;
   }
   mLastWrite = Sys_Clock::RawMicroseconds();
@@ -139,11 +160,20 @@ void TCPE_Connection::Flush() {
   }
 }
 
-void TCPE_Connection::ReportFailure(ETCPE_NetworkError error) {
-  if (!mFailureReported) {
-    mFailureReported = true;
-    asio::post(mContext, [self = shared_from_this(), error] { self->mOwner.OnTransportFailed(self->mId, error); });
-  }
+/// What the peer said last may still be unread, a farewell among it. So the end is left to the reading side to find,
+/// and made sure of here.
+void TCPE_Connection::EndWriting() {
+  mHasFailed = true;
+  mQueue.clear();
+  mQueueBegin = 0;
+  asio::error_code ignored;
+  mSocket->shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+}
+
+void TCPE_Connection::ReportTooSlow() {
+  mHasFailed = true;
+  asio::post(mContext,
+             [self = shared_from_this()] { self->mOwner.OnTransportFailed(self->mId, eNetworkError_PeerTooSlow); });
 }
 
 void TCPE_Connection::CloseSocket() {

@@ -46,8 +46,12 @@ public:
   /// Sends bytes as they are, after what is queued already. Never blocks.
   TCPE_CommErr Send(std::span<const std::byte> bytes, Urgency urgency);
 
-  /// From opening on, sent frames save heartbeats.
-  void SetSession(std::shared_ptr<TCPE_Session> session);
+  /// Sends what the session itself has to say.
+  void SendOfSession(std::span<const std::byte> bytes);
+
+  /// From opening on, sent frames save heartbeats. When the session has yet to answer the peer, what others send waits
+  /// until it has: a peer takes nothing before the answer.
+  void Open(std::shared_ptr<TCPE_Session> session, bool answerIsDue);
   /// Closes when everything queued has been written, at the latest after the linger time.
   void CloseWhenSent();
   void CloseNow();
@@ -61,12 +65,16 @@ public:
 
 private:
   std::size_t QueuedBytes() const { return mQueue.size() - mQueueBegin; }
-  /// False when the transport has failed. Both with the mutex held.
+  // All with the mutex held.
+  TCPE_CommErr SendInTurn(std::span<const std::byte> bytes, Urgency urgency);
+  /// False when the transport has failed.
   bool Write(std::span<const std::byte>& bytes);
   bool WriteQueue();
   void FlushLater();
   void Flush();
-  void ReportFailure(ETCPE_NetworkError error);
+  /// The transport takes nothing any more.
+  void EndWriting();
+  void ReportTooSlow();
   void CloseSocket();
 
   const TCPE_Limits& mLimits;
@@ -82,9 +90,11 @@ private:
   std::mutex mMutex; // guards writing and closing the socket, and what follows
   std::vector<std::byte> mQueue;
   std::size_t mQueueBegin = 0;
+  std::vector<std::byte> mHeldBack; ///< until the session has answered the peer
+  bool mAnswerIsDue = false;
   std::shared_ptr<TCPE_Session> mSession;
   TCPE_Time mLastWrite = 0;
   bool mFlushIsDue = false;
   bool mClosesWhenSent = false;
-  bool mFailureReported = false;
+  bool mHasFailed = false;
 };

@@ -203,7 +203,7 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   }
   switch (event.kind) {
   case Kind::opened:
-    connection->SetSession(event.session);
+    connection->Open(event.session, event.openedByPeer);
     mListener.OnOpened(connection, event);
     break;
   case Kind::frame:
@@ -216,7 +216,7 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
     mListener.OnLost(connection, event.networkError);
     break;
   case Kind::send:
-    connection->Send(event.payload, TCPE_Connection::Urgency::now);
+    connection->SendOfSession(event.payload);
     break;
   case Kind::close:
     mConnections.erase(event.id);
