@@ -145,19 +145,18 @@ std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, Net
         kMicrosecondsPerMillisecond *
         std::max(1, SPSStartupOptionSInt32("SynchronousTimeoutMilliseconds",
                                            static_cast<std::int32_t>(limits.reply / kMicrosecondsPerMillisecond)));
-    std::shared_ptr<TCPE_Engine> engine;
-    status = TCPE_Engine::Start({.manager = this,
-                                 .task = std::move(task),
-                                 .limits = limits,
-                                 .localAddress = address,
-                                 .broadcastAddress = adaptor.broadcast,
-                                 .onNetworkError = onNetworkError,
-                                 .isHostPumped = mHostPumped},
-                                &engine);
+    const std::shared_ptr<TCPE_Engine> engine = TCPE_Engine::Make({.manager = this,
+                                                                   .task = std::move(task),
+                                                                   .limits = limits,
+                                                                   .localAddress = address,
+                                                                   .broadcastAddress = adaptor.broadcast,
+                                                                   .onNetworkError = onNetworkError,
+                                                                   .isHostPumped = mHostPumped});
+    engine->SetCommandLog(mCommandLog);
+    const std::lock_guard lock(mMutex); // a handler that runs before Start returns waits here until it finds the engine
+    status = engine->Start();
     if (status == eTCPE_Status_Success) {
-      engine->SetCommandLog(mCommandLog);
-      const std::lock_guard lock(mMutex);
-      mEngine = std::move(engine);
+      mEngine = engine;
       return status;
     }
   }

@@ -26,13 +26,15 @@ public:
     bool isHostPumped = false;
   };
 
-  /// Starts listening and the threads.
-  static ETCPE_Status Start(Setup setup, std::shared_ptr<TCPE_Engine>* engine);
+  /// Makes an engine that does nothing yet.
+  static std::shared_ptr<TCPE_Engine> Make(Setup setup);
   TCPE_Engine() = default;
   virtual ~TCPE_Engine() = default;
   TCPE_Engine(const TCPE_Engine&) = delete;
   TCPE_Engine& operator=(const TCPE_Engine&) = delete;
 
+  /// Starts listening and the threads. After a failure nothing is left running.
+  virtual ETCPE_Status Start() = 0;
   /// Tells the peers, fails waiting senders, ends the threads.
   virtual void Stop() = 0;
   /// On one of its own threads an engine cannot be stopped: it would wait for itself.

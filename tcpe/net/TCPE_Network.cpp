@@ -50,6 +50,9 @@ void TCPE_Network::Stop() {
     return;
   }
   asio::post(mContext, [this] {
+    asio::error_code ignored;
+    mAcceptor.close(ignored); // a handler that does not end may keep this object, but not the port
+    mListener.OnStopping();
     for (const auto& [id, connection] : mConnections) {
       connection->CloseNow();
     }

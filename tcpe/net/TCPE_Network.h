@@ -30,6 +30,8 @@ public:
                                 std::span<const std::byte> payload) = 0;
     virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
     virtual void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) = 0;
+    /// The last that is told, while the connections are still there.
+    virtual void OnStopping() = 0;
 
   protected:
     ~Listener() = default;

@@ -41,13 +41,8 @@ TCPE_Hello::Nonce RandomNonce() {
 
 } // namespace
 
-ETCPE_Status TCPE_Engine::Start(Setup setup, std::shared_ptr<TCPE_Engine>* engine) {
-  const auto running = std::make_shared<TCPE_RunningEngine>(std::move(setup));
-  const ETCPE_Status status = running->Start();
-  if (status == eTCPE_Status_Success) {
-    *engine = running;
-  }
-  return status;
+std::shared_ptr<TCPE_Engine> TCPE_Engine::Make(Setup setup) {
+  return std::make_shared<TCPE_RunningEngine>(std::move(setup));
 }
 
 TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
@@ -75,16 +70,6 @@ ETCPE_Status TCPE_RunningEngine::Start() {
 
 void TCPE_RunningEngine::Stop() {
   mIsStopping = true;
-  std::map<std::uint32_t, ConnectionPointer> connected;
-  {
-    const std::lock_guard lock(mConnectedMutex);
-    connected.swap(mConnected);
-  }
-  for (const auto& [address, connection] : connected) {
-    if (connection->TryEnd()) {
-      Farewell(connection, eTCPE_CommErr_NotInitialized);
-    }
-  }
   mNetwork->Stop();
   {
     const std::lock_guard lock(mAttemptsMutex);
@@ -428,6 +413,20 @@ void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr erro
   }
   if (const ETCPE_NetworkError refusal = RefusalOf(error); refusal != eNetworkError_None) {
     ReportNetworkError(refusal, address);
+  }
+}
+
+/// On the network thread, where no peer can come in meanwhile.
+void TCPE_RunningEngine::OnStopping() {
+  std::map<std::uint32_t, ConnectionPointer> connected;
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    connected.swap(mConnected);
+  }
+  for (const auto& [address, connection] : connected) {
+    if (connection->TryEnd()) {
+      Farewell(connection, eTCPE_CommErr_NotInitialized);
+    }
   }
 }
 

@@ -26,7 +26,7 @@ public:
   explicit TCPE_RunningEngine(Setup setup);
   ~TCPE_RunningEngine() override = default;
 
-  ETCPE_Status Start();
+  ETCPE_Status Start() override;
   void Stop() override;
   bool IsOnOwnThread() const override;
   bool Connect(std::uint32_t address) override;
@@ -79,6 +79,7 @@ private:
                       std::span<const std::byte> payload) override;
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
+  void OnStopping() override;
   bool Deliver(const ReceivedPointer& received) override;
   void ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address);
 
