@@ -65,8 +65,12 @@ public:
     const std::lock_guard lock(mMutex);
     mReply = std::move(bytes);
   }
-  /// Whether it has handlers; without, its engine answers with errors and nothing is recorded.
-  void SetHandles(bool handles) { mHandles = handles; }
+  enum class Answer {
+    reply,
+    error, ///< it has no handlers: its engine answers with errors, and nothing is recorded
+    leave, ///< it disconnects in place of answering
+  };
+  void SetAnswer(Answer answer) { mAnswer = answer; }
   /// While it holds, its handlers do not return.
   void Hold(bool hold) {
     const std::lock_guard lock(mMutex);
@@ -79,7 +83,7 @@ private:
   public:
     Task(std::uint16_t communicationPort, std::uint16_t discoveryPort, TCPE_System* localSystem, PeerSystem* peer)
         : Trel_CommTask(communicationPort, discoveryPort, localSystem, 128, peer), mPeer(*peer) {}
-    bool HasHandler(const TCPE_Command* /*command*/) override { return mPeer.mHandles; }
+    bool HasHandler(const TCPE_Command* /*command*/) override { return mPeer.mAnswer != Answer::error; }
     void DoCommand(TCPE_Command* command) override { mPeer.Receive(*command); }
 
   private:
@@ -91,6 +95,8 @@ private:
     return new Task(communicationPort, discoveryPort, localSystem, this);
   }
 
+  static constexpr std::uint8_t kNewestRevision = 2; // the bytes of replies have all fields that there are
+
   void Receive(TCPE_Command& command) {
     std::ostringstream text;
     command.GetSendDebugInfo(text);
@@ -98,6 +104,12 @@ private:
     mReceived.push_back(command.GetCommandName() + (text.str().empty() ? "" : ' ' + text.str()));
     mChanged.notify_all();
     mChanged.wait(lock, [this] { return !mHolds; });
+    if (mAnswer == Answer::leave) {
+      lock.unlock();
+      Disconnect(command.GetIPAddressFrom());
+      return;
+    }
+    command.SetReceivedRevision(kNewestRevision);
     char* cursor = mReply.data();
     command.SetPayloadEnd(cursor + mReply.size());
     command.PrepareReceiveReply(&cursor);
@@ -108,6 +120,6 @@ private:
   std::deque<std::string> mReceived;
   std::string mReply;
   bool mHolds = false;
-  std::atomic<bool> mHandles = true;
+  std::atomic<Answer> mAnswer = Answer::reply;
   std::int32_t mStatus;
 };
