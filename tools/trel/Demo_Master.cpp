@@ -154,7 +154,7 @@ Demo_Master::Addresses Demo_Master::WaitForEach(const Addresses& addresses, mill
   return fulfilled;
 }
 
-void Demo_Master::Exchange(const std::stop_token& stop) {
+void Demo_Master::Exchange(const std::stop_token& stop) const {
   Trel_RunningTimeExchange exchange;
   while (!stop.stop_requested()) {
     // Running time 0 is at the epoch: given as a pair, the two need not be read at one instant.

@@ -47,7 +47,7 @@ private:
   template <class Condition>
   Addresses WaitForEach(const Addresses& addresses, std::chrono::milliseconds timeOut, const char* whatFails,
                         Condition condition);
-  void Exchange(const std::stop_token& stop);
+  void Exchange(const std::stop_token& stop) const;
   std::int64_t RunningTime() const;
 
   void OnNetworkError(TCPE_CommManager::ENetworkError error, std::uint32_t address) override;
