@@ -93,12 +93,17 @@ public:
   TCPE_Command* GetSelf() const { return mSelf; }
 
   /// Sets the first byte that the payload hooks must not touch and clears the fault; null lifts the bound. Beyond it a
-  /// read yields zero or the empty text, a write writes nothing, and both set the fault.
+  /// read yields zero or the empty text, a write writes nothing, and both set the fault. A fault moves the bound to the
+  /// cursor: what follows fails too, and the cursor stays at the first field that did not fit.
   void SetPayloadEnd(const char* end);
   /// Bytes left before the bound; the largest number without a bound.
   std::uint32_t GetPayloadBytesLeft(const char* cursor) const;
   bool GetPayloadFault() const { return mPayloadFault; }
-  void SetPayloadFault() { mPayloadFault = true; }
+  /// Says that the payload makes no sense at the cursor, or has no room for what follows.
+  void SetPayloadFault(const char* cursor) {
+    mPayloadFault = true;
+    mPayloadEnd = mPayloadEnd == nullptr ? nullptr : cursor;
+  }
 
   // Payload primitives. Integers are big-endian; addresses and ports travel least significant byte first.
   void WriteInt64(std::int64_t value, char** cursor) { WriteBigEndian(static_cast<std::uint64_t>(value), cursor); }
@@ -162,7 +167,7 @@ private:
     if (mPayloadEnd == nullptr || mPayloadEnd - cursor >= static_cast<std::int64_t>(width)) [[likely]] {
       return true;
     }
-    mPayloadFault = true;
+    SetPayloadFault(cursor);
     return false;
   }
 

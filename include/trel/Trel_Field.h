@@ -198,7 +198,7 @@ struct Trel_List {
   /// Writes all of it or, when it does not fit, nothing.
   static void Write(TCPE_Command& command, const Stored& value, char** cursor) {
     if (kCountWidth + value.size() * kEntryWidth > command.GetPayloadBytesLeft(*cursor)) {
-      command.SetPayloadFault();
+      command.SetPayloadFault(*cursor);
       return;
     }
     command.WriteInt32(static_cast<std::int32_t>(value.size()), cursor);
@@ -210,7 +210,7 @@ struct Trel_List {
     value.clear();
     const std::int32_t count = command.ReadInt32(cursor);
     if (count < 0 || static_cast<std::size_t>(count) > command.GetPayloadBytesLeft(*cursor) / kEntryWidth) {
-      command.SetPayloadFault();
+      command.SetPayloadFault(*cursor);
       return;
     }
     value.resize(static_cast<std::size_t>(count));
