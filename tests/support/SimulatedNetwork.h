@@ -1,0 +1,330 @@
+#pragma once
+
+#include "tcpe/protocol/TCPE_Endpoint.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+/// Endpoints joined by byte streams in virtual time: with delay, chopped into pieces, cut. Systems are numbered from 0;
+/// several may share an address. Strangers are peers without an endpoint, whose bytes the test makes.
+///
+/// Like the owner of real sockets, a side holds the space for its next bytes while it waits for them, and reports
+/// nothing about a transport that it was told to close. What no endpoint may ever do throws std::logic_error.
+class SimulatedNetwork {
+public:
+  using Event = TCPE_Endpoint::Event;
+  static constexpr int kStranger = -1;
+
+  struct System {
+    TCPE_Endpoint::Config config;
+    std::unique_ptr<TCPE_Endpoint> endpoint{};
+    std::map<std::uint32_t, Event> open{}; ///< opened events, by address
+    std::set<std::uint32_t> connecting{};  ///< addresses whose connectEnded is due
+    std::string log{};                     ///< every event but send and close
+    TCPE_Time lastLogged = 0;
+  };
+  struct Side {
+    int system = kStranger;
+    std::uint32_t address = 0;
+    TCPE_Endpoint::Id id = 0; ///< 0: not open at this side
+    std::string received{};   ///< what a stranger got
+    bool hasEnded = false;    ///< whether the other side has closed it, for a stranger
+    enum class Piece : std::uint8_t { opening, opened, bytes, ended };
+    struct Arriving {
+      TCPE_Time due;
+      Piece piece;
+      std::string bytes;
+    };
+    std::deque<Arriving> arriving{};
+    TCPE_Time lastDue = 0;
+    std::span<std::byte> space{};
+  };
+  struct Transport {
+    Side sides[2]; ///< who opened it, who accepted it
+    bool isCut = false;
+  };
+
+  explicit SimulatedNetwork(std::uint32_t seed = 1) : mRandom(seed) {}
+
+  static TCPE_Endpoint::Config Config(std::uint32_t address) {
+    TCPE_Endpoint::Config config;
+    config.local.hello.majorVersion = 4;
+    config.local.minorVersion = 1;
+    config.local.systemType = 1;
+    config.local.connectType = 5;
+    config.localAddress = address;
+    config.disconnectType = 12;
+    config.maxConnections = config.limits.maxConnections;
+    config.allowConnect = [](std::uint32_t) { return true; };
+    config.makeConnectFrame = [](std::uint32_t) {
+      const std::string frame = Frame({.flags = kTCPE_Flag_ReplyWanted, .type = 5, .serial = 77}, "introduction");
+      const auto bytes = std::as_bytes(std::span(frame));
+      return std::vector<std::byte>(bytes.begin(), bytes.end());
+    };
+    return config;
+  }
+  static std::string Frame(TCPE_FrameHeader header, const std::string& payload = {}) {
+    header.majorVersion = 4;
+    std::string frame(TCPE_FrameHeader::kSize, '\0');
+    header.Write(std::as_writable_bytes(std::span(frame)).data());
+    return Sealed(frame + payload);
+  }
+  static std::string Sealed(std::string frame) {
+    TCPE_SealFrame(std::as_writable_bytes(std::span(frame)));
+    return frame;
+  }
+
+  int Add(TCPE_Endpoint::Config config) {
+    Start(mSystems.emplace_back(System{std::move(config)}));
+    return static_cast<int>(mSystems.size()) - 1;
+  }
+  System& At(int system) { return mSystems.at(static_cast<std::size_t>(system)); }
+  TCPE_Time Now() const { return mNow; }
+  std::uint32_t Random(std::uint32_t bound) { return static_cast<std::uint32_t>(mRandom() % bound); }
+  /// Largest size of a piece, 0 for whole writes; largest delay of a piece beyond the 100 microseconds that it takes.
+  void Chop(std::uint32_t size, std::uint32_t delay) {
+    mLargestPiece = size;
+    mLargestDelay = delay;
+  }
+
+  void Connect(int from, int to) { Connect(from, to, At(to).config.localAddress); }
+  /// The transport stands at once; null when the endpoint did not want one.
+  Transport* ConnectToStranger(int from, std::uint32_t address) { return Connect(from, kStranger, address); }
+  Transport& ConnectStranger(std::uint32_t address, int to) {
+    Transport& transport = mTransports.emplace_back();
+    transport.sides[0].address = address;
+    transport.sides[1] = {to, At(to).config.localAddress};
+    Arrive(transport, 1, Side::Piece::opening);
+    return transport;
+  }
+  void Send(Transport& transport, int toSide, const std::string& bytes) {
+    for (std::size_t begin = 0; begin < bytes.size();) {
+      const std::size_t size = mLargestPiece == 0 ? bytes.size() : 1 + Random(mLargestPiece);
+      Arrive(transport, toSide, Side::Piece::bytes, bytes.substr(begin, size));
+      begin += size;
+    }
+  }
+  /// Sends over the open connection, as a host does.
+  void Send(int from, std::uint32_t address, const std::string& bytes) {
+    const auto [transport, side] = Find(from, At(from).open.at(address).id);
+    At(from).open.at(address).session->NoteSent(mNow);
+    Send(*transport, 1 - side, bytes);
+  }
+  void End(int system, std::uint32_t address, ETCPE_NetworkError error = eNetworkError_None) {
+    if (At(system).open.contains(address)) {
+      Send(system, address, Frame({.type = 12}));
+      At(system).endpoint->End(At(system).open.at(address).id, error, mNow);
+      CarryOut(system);
+    }
+  }
+  /// A stranger closes its side.
+  void End(Transport& transport, int toSide) { Arrive(transport, toSide, Side::Piece::ended); }
+  /// The cable is pulled: nothing arrives any more, and nobody is told.
+  void CutAll(int system) {
+    for (Transport& transport : mTransports) {
+      if (transport.sides[0].system == system || transport.sides[1].system == system) {
+        transport.isCut = true;
+        transport.sides[0].arriving.clear();
+        transport.sides[1].arriving.clear();
+      }
+    }
+  }
+  /// The machine loses its power; another engine starts with its address.
+  void Restart(int system) {
+    CutAll(system);
+    ForEachSide([system](Transport&, int, Side& side) { side.id = side.system == system ? 0 : side.id; });
+    Start(At(system));
+  }
+
+  void Run(TCPE_Time duration) {
+    const TCPE_Time end = mNow + duration;
+    for (bool isBusy = true; isBusy;) {
+      TCPE_Time next = end;
+      ForEachSide([&next](Transport&, int, const Side& side) {
+        next = side.arriving.empty() ? next : std::min(next, side.arriving.front().due);
+      });
+      for (const System& system : mSystems) {
+        next = std::min(next, system.endpoint->NextDeadline());
+      }
+      mNow = std::max(mNow, next);
+      isBusy = mNow < end;
+      ForEachSide([this, &isBusy](Transport& transport, int index, Side& side) {
+        if (!side.arriving.empty() && side.arriving.front().due <= mNow) {
+          const Side::Arriving arrived = std::move(side.arriving.front());
+          side.arriving.pop_front();
+          Deliver(transport, index, arrived);
+          isBusy = true;
+        }
+      });
+      for (int system = 0; system < static_cast<int>(mSystems.size()); ++system) {
+        if (At(system).endpoint->NextDeadline() <= mNow) {
+          At(system).endpoint->Tick(mNow);
+          CarryOut(system);
+          Check(At(system).endpoint->NextDeadline() > mNow, "a deadline that was met stands");
+          isBusy = true;
+        }
+      }
+    }
+  }
+
+private:
+  static void Check(bool condition, const char* failure) {
+    if (!condition) {
+      throw std::logic_error(failure);
+    }
+  }
+  template <class Visit>
+  void ForEachSide(Visit visit) {
+    for (Transport& transport : mTransports) {
+      visit(transport, 0, transport.sides[0]);
+      visit(transport, 1, transport.sides[1]);
+    }
+  }
+  std::pair<Transport*, int> Find(int system, TCPE_Endpoint::Id id) {
+    std::pair<Transport*, int> found{nullptr, 0};
+    ForEachSide([&](Transport& transport, int index, const Side& side) {
+      found = id != 0 && side.system == system && side.id == id ? std::pair{&transport, index} : found;
+    });
+    return found;
+  }
+  void Start(System& system) {
+    system.config.local.hello.instance = ++mLastInstance;
+    system.endpoint = std::make_unique<TCPE_Endpoint>(system.config);
+    system.open.clear();
+    system.connecting.clear();
+  }
+  Transport* Connect(int from, int to, std::uint32_t address) {
+    Transport* transport = nullptr;
+    At(from).connecting.insert(address);
+    if (const auto id = At(from).endpoint->BeginConnect(address, mNow)) {
+      transport = &mTransports.emplace_back();
+      transport->sides[0] = {from, At(from).config.localAddress, *id};
+      transport->sides[1] = {to, address};
+      if (to == kStranger) {
+        Arrive(*transport, 0, Side::Piece::opened);
+      } else {
+        Arrive(*transport, 1, Side::Piece::opening);
+      }
+    }
+    CarryOut(from);
+    return transport;
+  }
+  void Arrive(Transport& transport, int index, Side::Piece piece, const std::string& bytes = {}) {
+    Side& side = transport.sides[index];
+    if (!transport.isCut) {
+      side.lastDue = std::max(side.lastDue, mNow + 100 + (mLargestDelay != 0 ? Random(mLargestDelay) : 0));
+      side.arriving.push_back({side.lastDue, piece, bytes});
+    }
+  }
+  void Deliver(Transport& transport, int index, const Side::Arriving& arrived) {
+    Side& side = transport.sides[index];
+    if (side.system == kStranger) {
+      side.received += arrived.bytes;
+      side.hasEnded = side.hasEnded || arrived.piece == Side::Piece::ended;
+      return;
+    }
+    TCPE_Endpoint& endpoint = *At(side.system).endpoint;
+    if (arrived.piece == Side::Piece::opening) {
+      side.id = endpoint.TransportAccepted(transport.sides[0].address, mNow).value_or(0);
+      Arrive(transport, 1 - index, side.id != 0 ? Side::Piece::opened : Side::Piece::ended);
+    } else if (side.id != 0 && arrived.piece == Side::Piece::opened) {
+      endpoint.TransportConnected(side.id, mNow);
+    } else if (side.id != 0 && arrived.piece == Side::Piece::ended) {
+      endpoint.TransportEnded(side.id, mNow);
+    }
+    CarryOut(side.system);
+    for (std::string_view rest = arrived.bytes; !rest.empty() && side.id != 0;) {
+      const std::size_t count = std::min(rest.size(), side.space.size());
+      Check(count != 0, "no space for arriving bytes");
+      std::copy_n(std::as_bytes(std::span(rest)).begin(), count, side.space.begin());
+      side.space = {};
+      rest.remove_prefix(count);
+      endpoint.Received(side.id, count, mNow);
+      CarryOut(side.system);
+    }
+  }
+  void CarryOut(int index) {
+    System& system = At(index);
+    const TCPE_Limits& limits = system.config.limits;
+    int events = 0;
+    while (const std::optional<Event> event = system.endpoint->NextEvent(mNow)) {
+      CarryOut(index, *event);
+      Check(++events < 10'000, "events without end");
+    }
+    Check(system.endpoint->OpenConnections() == system.open.size(), "open connections without their events");
+    Check(system.open.size() <= system.config.maxConnections, "too many open connections");
+    Check(system.endpoint->HalfOpenConnections() <= limits.maxHalfOpen, "too many half-open connections");
+    ForEachSide([&system, index](Transport&, int, Side& side) {
+      if (side.system == index && side.id != 0 && side.space.empty()) {
+        side.space = system.endpoint->ReceiveSpace(side.id);
+      }
+    });
+  }
+  void CarryOut(int index, const Event& event) {
+    using Kind = Event::Kind;
+    System& system = At(index);
+    const auto [transport, side] = Find(index, event.id);
+    const auto log = [&](const std::string& text, const std::string& detail = {}) {
+      system.log += (system.log.empty() ? "" : ", ") + text + std::to_string(event.address) + detail;
+      system.lastLogged = mNow;
+    };
+    const auto open = system.open.find(event.address);
+    const bool isOpen = open != system.open.end() && open->second.id == event.id;
+    switch (event.kind) {
+    case Kind::opened:
+      Check(open == system.open.end(), "two open connections of one address");
+      log("opened ", event.openedByPeer ? " by peer" : "");
+      system.open[event.address] = event;
+      break;
+    case Kind::frame:
+      Check(isOpen, "a frame of a connection that is not open");
+      log("frame ", " " + std::to_string(event.header.type) + " (" + std::to_string(event.payload.size()) + ")");
+      break;
+    case Kind::disconnected:
+    case Kind::lost:
+      Check(isOpen, "the end of a connection that is not open");
+      log(event.kind == Kind::lost ? "lost " : "disconnected ",
+          event.kind == Kind::lost ? " " + std::to_string(event.networkError) : "");
+      system.open.erase(open);
+      break;
+    case Kind::connectEnded:
+      Check((event.error == eTCPE_CommErr_None) == (open != system.open.end()), "connected, or not?");
+      if (system.connecting.erase(event.address) != 0) {
+        log("ended ", " " + std::to_string(event.error));
+      }
+      break;
+    case Kind::send:
+      if (transport != nullptr) {
+        Send(*transport, 1 - side, {reinterpret_cast<const char*>(event.payload.data()), event.payload.size()});
+      }
+      break;
+    case Kind::close:
+      std::erase_if(system.open, [&event](const auto& entry) { return entry.second.id == event.id; });
+      if (transport != nullptr) {
+        transport->sides[side].id = 0;
+        transport->sides[side].space = {};
+        Arrive(*transport, 1 - side, Side::Piece::ended);
+      }
+      break;
+    }
+  }
+
+  std::mt19937 mRandom;
+  TCPE_Time mNow = 1'000'000'000;
+  std::uint32_t mLargestPiece = 0;
+  std::uint32_t mLargestDelay = 0;
+  std::uint64_t mLastInstance = 0x0102030405060700;
+  std::deque<System> mSystems;
+  std::deque<Transport> mTransports;
+};

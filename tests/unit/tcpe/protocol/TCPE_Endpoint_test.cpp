@@ -1,0 +1,374 @@
+#include "tcpe/protocol/TCPE_Endpoint.h"
+
+#include "tests/support/Hex.h"
+#include "tests/support/SimulatedNetwork.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace {
+
+constexpr TCPE_Time kSecond = 1'000'000;
+constexpr TCPE_Time kMillisecond = 1'000;
+
+std::string Frame(TCPE_eCmd type, std::uint8_t flags = 0, std::uint32_t serial = 0, const std::string& payload = {},
+                  std::uint16_t error = 0) {
+  return SimulatedNetwork::Frame({.flags = flags, .type = type, .serial = serial, .error = error}, payload);
+}
+
+/// What a stranger sends to be admitted: "TREL", versions, no secret, instance, nonce; connect command with a payload
+/// of odd length.
+std::string Hello(const std::string& instance = "00*7 99") {
+  return FromHex(("5452454c 01 04 00 00 " + instance + " a0a1a2a3a4a5a6a7a8a9aaabacadaeaf").c_str());
+}
+std::string Connect() { return FromHex("0003 04 01 00 08 02 00 00000005 00000003 3589 0000 616263"); }
+
+/// Systems 0, 1 and 2 have the addresses 10, 20 and 30, system 3 has the address of system 1.
+struct Systems : SimulatedNetwork {
+  explicit Systems(std::uint32_t seed = 1) : SimulatedNetwork(seed) {
+    for (const std::uint32_t address : {10U, 20U, 30U, 20U}) {
+      Add(Config(address));
+    }
+  }
+  void Configure(int system, const std::function<void(TCPE_Endpoint::Config&)>& change) {
+    change(At(system).config);
+    Restart(system);
+  }
+  std::string Take(int system) { return std::exchange(At(system).log, {}); }
+  void Link(int from, int to) {
+    SimulatedNetwork::Connect(from, to);
+    Run(kSecond / 10);
+    const std::string address = std::to_string(At(to).config.localAddress);
+    ASSERT_EQ(Take(from), "opened " + address + ", ended " + address + " 0");
+    ASSERT_EQ(Take(to), "opened " + std::to_string(At(from).config.localAddress) + " by peer");
+  }
+};
+
+TEST(TCPE_Endpoint, ConnectsOrSaysWhyNot) {
+  using Config = TCPE_Endpoint::Config;
+  const struct {
+    const char* name;
+    int system; ///< whose configuration is changed: 0 connects to 1
+    std::function<void(Config&)> change;
+    const char* logOf0;
+    const char* logOf1 = "";
+  } cases[] = {
+      {"admitted", 1, [](Config&) {}, "opened 20, ended 20 0", "opened 10 by peer"},
+      {"not allowed", 1, [](Config& c) { c.allowConnect = [](auto address) { return address != 10; }; }, "ended 20 14"},
+      {"full", 1, [](Config& c) { c.maxConnections = 0; }, "ended 20 15"},
+      {"full itself", 0, [](Config& c) { c.maxConnections = 0; }, "ended 20 2"},
+      {"other numbering", 1, [](Config& c) { c.local.hello.majorVersion = 3; }, "ended 20 16"},
+      {"acceptor's secret", 1, [](Config& c) { c.local.hello.authenticationRequired = true; }, "ended 20 17"},
+      {"initiator's secret", 0, [](Config& c) { c.local.hello.authenticationRequired = true; }, "ended 20 17"},
+  };
+  for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
+    for (const auto& test : cases) {
+      SCOPED_TRACE(test.name);
+      Systems systems;
+      systems.Chop(largestPiece, 1000);
+      systems.Configure(test.system, test.change);
+      systems.Connect(0, 1);
+      systems.Run(4 * kSecond);
+      EXPECT_EQ(systems.Take(0), test.logOf0);
+      EXPECT_EQ(systems.Take(1), test.logOf1);
+      EXPECT_EQ(systems.At(1).endpoint->HalfOpenConnections(), 0U);
+    }
+  }
+}
+
+TEST(TCPE_Endpoint, GivesUpOnPeersThatDoNotAnswer) {
+  Systems systems;
+  systems.Connect(0, 1);
+  systems.CutAll(1); // no transport
+  systems.Run(5 * kSecond - 1);
+  EXPECT_EQ(systems.Take(0), "");
+  systems.Run(1);
+  EXPECT_EQ(systems.Take(0), "ended 20 2");
+  systems.ConnectToStranger(0, 20); // no hello
+  systems.Run(3 * kSecond);
+  EXPECT_EQ(systems.Take(0), "");
+  systems.Run(kMillisecond);
+  EXPECT_EQ(systems.Take(0), "ended 20 2");
+}
+
+TEST(TCPE_Endpoint, OneOfTwoSimultaneousConnectionsSurvives) {
+  for (std::uint32_t seed = 0; seed < 400; ++seed) {
+    SCOPED_TRACE(seed);
+    Systems systems(seed);
+    systems.Chop(seed % 3 == 0 ? 0 : seed % 20, 1 + seed * 50);
+    const bool isAtOnce = seed % 2 == 0;
+    const int first = seed % 4 < 2 ? 0 : 1;
+    systems.Connect(first, 1 - first);
+    systems.Run(isAtOnce ? 0 : systems.Random(60'000));
+    systems.Connect(1 - first, first);
+    systems.Run(2 * kSecond);
+    // Both were told once, and the connection holds.
+    ASSERT_TRUE(systems.At(1).open.contains(10));
+    const bool isOpenedBy0 = systems.At(1).open[10].openedByPeer;
+    EXPECT_EQ(systems.Take(0), isOpenedBy0 ? "opened 20, ended 20 0" : "opened 20 by peer, ended 20 0");
+    EXPECT_EQ(systems.Take(1), isOpenedBy0 ? "opened 10 by peer, ended 10 0" : "opened 10, ended 10 0");
+    EXPECT_TRUE(isOpenedBy0 || !isAtOnce) << "the one of the lower address is to survive";
+    systems.Run(5 * kSecond);
+    EXPECT_EQ(systems.Take(0) + systems.Take(1), "");
+  }
+}
+
+TEST(TCPE_Endpoint, ARestartedSystemReplacesItsDeadConnection) {
+  for (const int opener : {0, 1}) {
+    for (const std::uint32_t largestPiece : {0U, 1U}) {
+      Systems systems;
+      systems.Chop(largestPiece, 0);
+      systems.Link(opener, 1 - opener);
+      systems.Restart(1);
+      systems.Run(kSecond / 2);
+      const TCPE_Time begin = systems.Now();
+      systems.Connect(1, 0);
+      systems.Run(kSecond / 2);
+      auto& another = systems.ConnectStranger(20, 0); // does not put it off
+      systems.Send(another, 1, Hello() + Connect());
+      systems.Run(kSecond / 2);
+      EXPECT_EQ(systems.Take(0) + systems.Take(1), "") << "the old connection has a second to answer";
+      systems.Run(10 * kMillisecond);
+      EXPECT_EQ(systems.Take(0), "lost 20 1, opened 20 by peer");
+      EXPECT_EQ(systems.Take(1), "opened 10, ended 10 0");
+      EXPECT_LT(systems.At(1).lastLogged, begin + kSecond + 2 * kMillisecond);
+      systems.Send(1, 10, Frame(7, 0, 1, std::string(600, 'x'))); // more than fits before a peer is admitted
+      systems.Run(kSecond);
+      EXPECT_EQ(systems.Take(0), "frame 20 7 (600)");
+    }
+  }
+}
+
+TEST(TCPE_Endpoint, ALiveSystemIsNotReplaced) {
+  Systems systems;
+  systems.Link(0, 1);
+  systems.Connect(3, 0);
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(3), "ended 10 18");
+  // Nor by several at once; who speaks before the verdict gets none.
+  auto& patient = systems.ConnectStranger(20, 0);
+  auto& hasty = systems.ConnectStranger(20, 0);
+  systems.Send(patient, 1, Hello() + Connect());
+  systems.Send(hasty, 1, Hello() + Connect() + "?");
+  systems.Run(kSecond);
+  EXPECT_EQ(patient.sides[0].received.size(), TCPE_Hello::kSize + TCPE_FrameHeader::kSize);
+  EXPECT_EQ(hasty.sides[0].received.size(), TCPE_Hello::kSize);
+  EXPECT_TRUE(patient.sides[0].hasEnded && hasty.sides[0].hasEnded);
+  EXPECT_EQ(systems.Take(0) + systems.Take(1), "");
+  EXPECT_EQ(systems.At(0).endpoint->Refusals(), 3U);
+  // When the old connection ends before it has answered, the one that waits is admitted.
+  systems.CutAll(1);
+  systems.Send(systems.ConnectStranger(20, 0), 1, Hello() + Connect());
+  systems.Run(kSecond / 2);
+  systems.End(0, 20);
+  systems.Run(kSecond / 2);
+  EXPECT_EQ(systems.Take(0), "opened 20 by peer");
+}
+
+TEST(TCPE_Endpoint, ConnectionsOfDifferentEnginesAreNoPair) {
+  Systems systems;
+  systems.Connect(0, 1);
+  systems.Run(250); // the peer's hello has come
+  systems.Restart(1);
+  systems.Connect(1, 0);
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(0), "opened 20 by peer, ended 20 0");
+  EXPECT_EQ(systems.Take(1), "opened 10, ended 10 0");
+}
+
+TEST(TCPE_Endpoint, AnIdleConnectionBeatsAndASilentOneIsLost) {
+  Systems systems;
+  auto& stranger = systems.ConnectStranger(20, 0);
+  systems.Send(stranger, 1, Hello() + Connect());
+  systems.Run(kMillisecond);
+  // Hello, then the empty reply to the connect command.
+  std::string expected = FromHex("5452454c 01 04 00 00 0102030405060701 00*16") +
+                         FromHex("0000 04 01 00 01 01 02 00000005 00000003 faf3 0000");
+  EXPECT_EQ(stranger.sides[0].received, expected);
+  systems.Run(2 * kSecond);
+  const std::string heartbeat = FromHex("0000 04 01 00 00 01 02 00000000 00000000 fafc 0000");
+  expected += heartbeat + heartbeat;
+  EXPECT_EQ(stranger.sides[0].received, expected);
+  systems.At(0).open[20].session->NoteSent(systems.Now()); // a frame of the host saves one
+  systems.Run(kSecond - 2 * kMillisecond);
+  EXPECT_EQ(systems.Take(0), "opened 20 by peer");
+  EXPECT_EQ(stranger.sides[0].received, expected);
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(0), "lost 20 1");
+  EXPECT_TRUE(stranger.sides[0].hasEnded);
+
+  systems.Link(2, 0);
+  systems.Run(60 * kSecond);
+  EXPECT_EQ(systems.Take(0) + systems.Take(2), "");
+  const TCPE_Time begin = systems.Now();
+  systems.CutAll(2);
+  systems.Run(4 * kSecond);
+  EXPECT_EQ(systems.Take(0), "lost 30 1");
+  EXPECT_EQ(systems.Take(2), "lost 10 1");
+  EXPECT_GT(systems.At(0).lastLogged, begin + 2 * kSecond);
+  EXPECT_LE(systems.At(0).lastLogged, begin + 3 * kSecond);
+}
+
+TEST(TCPE_Endpoint, AFrameIsCompleteWithinFiveSeconds) {
+  Systems systems;
+  systems.Link(1, 0);
+  const auto dribble = [&systems](const std::string& bytes, std::size_t size, TCPE_Time pause) {
+    for (std::size_t i = 0; i < bytes.size() && systems.At(1).open.contains(10); i += size) {
+      systems.Send(1, 10, bytes.substr(i, size));
+      systems.Run(pause);
+    }
+  };
+  dribble(Frame(7, 0, 0, "abcde"), 1, kSecond / 5); // complete just in time
+  EXPECT_EQ(systems.Take(0), "frame 20 7 (5)");
+  dribble(Frame(7, 0, 0, "abcde") + Frame(7) + Frame(7) + Frame(7, 0, 0, "abcde"), 11, kSecond * 4 / 5);
+  EXPECT_EQ(systems.Take(0), "frame 20 7 (5), frame 20 7 (0), frame 20 7 (0), frame 20 7 (5)");
+  systems.Run(kSecond);
+  const TCPE_Time begin = systems.Now();
+  dribble(Frame(7, 0, 0, "abcdefghij"), 1, kSecond / 5);
+  EXPECT_EQ(systems.Take(0), "lost 20 2");
+  EXPECT_EQ(systems.At(0).lastLogged, begin + 100 + 5 * kSecond);
+  EXPECT_EQ(systems.Take(1), "lost 10 1");
+}
+
+TEST(TCPE_Endpoint, StrangersAreFewAndShortLived) {
+  Systems systems;
+  const std::string wellBegun = Hello() + Connect();
+  const std::string attempts[] = {"", wellBegun.substr(0, 31), wellBegun.substr(0, 40), "GET / HTTP/1.1"};
+  for (std::uint32_t i = 0; i < 5; ++i) {
+    systems.ConnectStranger(20, 0);
+  }
+  systems.Run(kMillisecond);
+  EXPECT_EQ(systems.At(0).endpoint->HalfOpenConnections(), 4U);
+  for (std::uint32_t i = 0; i < 200; ++i) {
+    systems.Send(systems.ConnectStranger(100 + i, 0), 1, attempts[i % std::size(attempts)]);
+  }
+  systems.Run(kMillisecond);
+  EXPECT_EQ(systems.At(0).endpoint->HalfOpenConnections(), 160U);
+  systems.Run(3 * kSecond);
+  EXPECT_EQ(systems.At(0).endpoint->HalfOpenConnections(), 0U);
+  EXPECT_EQ(systems.At(0).endpoint->Refusals(), 205U);
+  systems.Link(1, 0);
+  // What is wrong at once ends at once: another hello, our own; no connect command, one that is a reply or too long.
+  for (const std::string& bytes :
+       {"X" + Hello().substr(1), Hello().substr(0, 4) + "\x02" + Hello().substr(5), Hello("0102030405060701"),
+        Hello() + Frame(6, 8), Hello() + Frame(0), Hello() + Frame(5, 1),
+        Hello() + Frame(5, 8, 0, std::string(513, 'x')), Hello() + Connect().substr(0, 22) + "?"}) {
+    auto& stranger = systems.ConnectStranger(30, 0);
+    systems.Send(stranger, 1, bytes);
+    systems.Run(kMillisecond);
+    EXPECT_TRUE(stranger.sides[0].hasEnded);
+    EXPECT_EQ(stranger.sides[0].received.size(), TCPE_Hello::kSize);
+  }
+  EXPECT_EQ(systems.Take(0), "");
+}
+
+TEST(TCPE_Endpoint, OnlyTheReplyToItsConnectCommandAdmits) {
+  const struct {
+    std::string reply;
+    const char* log;
+  } cases[] = {{Frame(5, 1, 77) + Frame(7), "opened 20, ended 20 0, frame 20 7 (0)"},
+               {Frame(5, 1, 78), "ended 20 2"},
+               {Frame(6, 1, 77), "ended 20 2"},
+               {Frame(5, 8, 77), "ended 20 2"},
+               {Frame(5, 3, 77, "", 15), "ended 20 15"},
+               {Frame(5, 3, 77, "", 0), "ended 20 2"}}; // refused without a reason
+  for (const auto& test : cases) {
+    Systems systems;
+    systems.Send(*systems.ConnectToStranger(0, 20), 0, Hello() + test.reply);
+    systems.Run(kSecond);
+    EXPECT_EQ(systems.Take(0), test.log);
+  }
+}
+
+TEST(TCPE_Endpoint, EveryWrongHeaderFieldIsMalformedDataOnce) {
+  const std::string good = Frame(7, 0, 5, "abc");
+  const auto expect = [](const std::string& frame, const std::string& log) {
+    Systems systems;
+    systems.Link(1, 0);
+    systems.Send(1, 10, frame + Frame(7));
+    systems.Run(kSecond / 2);
+    EXPECT_EQ(systems.Take(0), log);
+    EXPECT_EQ(systems.Take(1), log.starts_with("lost") ? "lost 10 1" : "");
+  };
+  const auto altered = [&good](std::size_t offset, int bits) {
+    std::string frame = good;
+    frame[offset] = static_cast<char>(frame[offset] ^ bits);
+    return frame;
+  };
+  for (std::size_t offset = 0; offset < good.size(); ++offset) {
+    SCOPED_TRACE(offset);
+    expect(altered(offset, offset == 0 ? 0x40 : 1), "lost 20 2");
+  }
+  expect(altered(1, 4), "lost 20 2"); // longer: ends in the next frame
+  for (const int flag : {4, 0x10, 0x20, 0x40, 0x80}) {
+    expect(SimulatedNetwork::Sealed(altered(5, flag)), "lost 20 2");
+  }
+  expect(SimulatedNetwork::Sealed(altered(2, 7)), "lost 20 2");
+  for (const std::size_t offset : {3U, 4U, 6U, 7U, 8U, 18U}) { // these may vary
+    const std::string type = offset == 8 ? "-16777209" : "7";
+    expect(SimulatedNetwork::Sealed(altered(offset, 0xff)), "frame 20 " + type + " (3), frame 20 7 (0)");
+  }
+  expect(Frame(0, 0, 0, "dropped") + Frame(-5), "frame 20 -5 (0), frame 20 7 (0)");
+  expect(Frame(7, 0, 0, std::string(16384, 'x')), "frame 20 7 (16384), frame 20 7 (0)");
+  expect(Frame(7, 0, 0, std::string(16385, 'x')), "lost 20 2");
+}
+
+TEST(TCPE_Endpoint, DisconnectIsNoLoss) {
+  Systems systems;
+  systems.Link(1, 0);
+  systems.Send(1, 10, Frame(7) + Frame(12, 1)); // a reply does not disconnect
+  systems.End(1, 10);
+  systems.Run(5 * kSecond);
+  EXPECT_EQ(systems.Take(0), "frame 20 7 (0), frame 20 12 (0), disconnected 20");
+  EXPECT_EQ(systems.Take(1), "");
+  systems.Link(1, 0);
+}
+
+TEST(TCPE_Endpoint, NeverHasMoreConnectionsThanItMay) {
+  Systems systems;
+  systems.Configure(0, [](TCPE_Endpoint::Config& config) { config.maxConnections = 1; });
+  systems.Connect(0, 1);
+  systems.Connect(0, 2);
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(0), "opened 20, ended 20 0, ended 30 2");
+}
+
+/// Whatever happens to transports and machines, when it is over both sides agree on who is connected, and everybody who
+/// wanted to connect was told.
+TEST(TCPE_Endpoint, SidesAgreeAfterAnything) {
+  for (std::uint32_t seed = 1; seed <= 300; ++seed) {
+    SCOPED_TRACE(seed);
+    Systems systems(seed);
+    systems.Chop(seed % 30, 1 + seed * 100);
+    for (int step = 0; step < 40; ++step) {
+      const int system = static_cast<int>(systems.Random(3));
+      const int other = (system + 1 + static_cast<int>(systems.Random(2))) % 3;
+      switch (systems.Random(8)) {
+      case 0:
+        systems.Restart(system);
+        break;
+      case 1:
+        systems.CutAll(system);
+        break;
+      case 2:
+        systems.End(system, systems.At(other).config.localAddress);
+        break;
+      default:
+        systems.Connect(system, other);
+      }
+      systems.Run(systems.Random(seed % 2 == 0 ? 2'000'000 : 20'000));
+    }
+    systems.Run(20 * kSecond);
+    for (int system = 0; system < 3; ++system) {
+      EXPECT_TRUE(systems.At(system).connecting.empty());
+      EXPECT_EQ(systems.At(system).endpoint->HalfOpenConnections(), 0U);
+      for (int other = 0; other < 3; ++other) {
+        EXPECT_EQ(systems.At(system).open.contains(systems.At(other).config.localAddress),
+                  systems.At(other).open.contains(systems.At(system).config.localAddress));
+      }
+    }
+  }
+}
+
+} // namespace
