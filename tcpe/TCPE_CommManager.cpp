@@ -12,7 +12,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -175,7 +178,7 @@ void TCPE_CommManager::Terminate() {
   std::shared_ptr<TCPE_Engine> engine;
   {
     const std::lock_guard lock(mMutex);
-    engine = mEngine;
+    engine = mEngine ? mEngine : mEndingEngine;
   }
   const bool isOutside = !engine || !engine->IsOnOwnThread();
   Cmn_Assert::HandleMagicAssert(isOutside, "! engine->IsOnOwnThread()@$^$@..\\TCPE_CommManager", __LINE__);
@@ -188,6 +191,7 @@ void TCPE_CommManager::Terminate() {
     if (mEngine != engine || !engine) {
       return;
     }
+    mEndingEngine = std::move(mEngine);
     mEngine.reset();
   }
   engine->Stop();
@@ -196,6 +200,7 @@ void TCPE_CommManager::Terminate() {
     constexpr auto kPatience = std::chrono::milliseconds(200);
     std::unique_lock lock(mMutex);
     mCallersHaveLeft.wait_for(lock, kPatience, [this] { return mCallers == 0; });
+    mEndingEngine.reset();
   }
   mAdaptorIPAddress = 0;
   TerminateSubclass();
@@ -247,14 +252,12 @@ TCPE_Command* TCPE_CommManager::TakeCommand() {
 void TCPE_CommManager::DisposeCommand(TCPE_Command* command) {
   if (const Caller caller(*this); caller) {
     caller->DisposeCommand(command);
+  } else {
+    TCPE_Engine::DisposeOrphan(command);
   }
 }
 
-void TCPE_CommManager::PreProcessConnectionCommands(TCPE_Command* command) {
-  if (const Caller caller(*this); caller) {
-    caller->PreProcessConnectionCommands(command);
-  }
-}
+void TCPE_CommManager::PreProcessConnectionCommands(TCPE_Command* /*command*/) {}
 
 void TCPE_CommManager::SetHostPumpedDelivery(bool hostPumped) { mHostPumped = hostPumped; }
 
@@ -284,11 +287,20 @@ ETCPE_SystemType TCPE_CommManager::GetSystemType() const {
 }
 
 void TCPE_CommManager::SetSystemType(ETCPE_SystemType type) {
-  const std::lock_guard lock(mMutex);
-  mLocalSystem.SetSystemType(type);
+  {
+    const std::lock_guard lock(mMutex);
+    mLocalSystem.SetSystemType(type);
+  }
+  if (const Caller caller(*this); caller) {
+    caller->SetLocalSystemType(type);
+  }
 }
 
-const char* TCPE_CommManager::GetSystemName() const { return mLocalSystem.GetSystemName(); }
+const char* TCPE_CommManager::GetSystemName() const {
+  thread_local TCPE_System copy;
+  copy = CopyLocalSystem();
+  return copy.GetSystemName();
+}
 
 void TCPE_CommManager::SetSystemName(const char* name) {
   const std::lock_guard lock(mMutex);

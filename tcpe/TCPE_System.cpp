@@ -7,10 +7,11 @@ namespace {
 
 template <std::size_t Size>
 void CopyText(char (&target)[Size], const char* text) {
-  std::memset(target, 0, Size);
+  char fresh[Size] = {}; // the text may be the target itself
   if (text != nullptr) {
-    std::memcpy(target, text, std::min(std::strlen(text), Size - 1));
+    std::memcpy(fresh, text, std::min(std::strlen(text), Size - 1));
   }
+  std::memcpy(target, fresh, Size);
 }
 
 } // namespace

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 /// Random identifiers, from the random number generator of the operating system: unpredictable, and different on every
-/// call and in every process but for chance. Secrets and nonces of the authentication are not made here.
+/// call and in every process but for chance. Secrets are not made here.
 ///
 /// Should the operating system refuse, an assertion is reported and the identifier is made from the clock and a
 /// counter: then it is still new, but can be guessed.

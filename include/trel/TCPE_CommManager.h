@@ -24,7 +24,7 @@ class TCPE_Engine;
 /// All operations are thread-safe unless they say otherwise, none is real-time-safe, and before Initialize connections
 /// are refused, commands are dropped with an error, and lists are empty.
 ///
-/// The base has no virtual destructor: destroy an object through its exact type.
+/// The base has no virtual destructor: destroy an object through its exact type, and terminate a subclass before.
 class TREL_EXPORT TCPE_CommManager {
 public:
   using ENetworkError = ETCPE_NetworkError;
@@ -76,8 +76,8 @@ public:
   /// Periodic work of the engine; the host calls it from its idle loop.
   void DoIdle();
 
-  /// Opens a connection and waits until the peer has admitted this system, 8 s at the most. False for this system's own
-  /// address, 0 and broadcast addresses; true at once when connected already. Not from a network-thread hook.
+  /// Opens a connection and waits until the peer has admitted this system, 11 s at the most. False for this system's
+  /// own address, 0 and broadcast addresses; true at once when connected already. Not from a network-thread hook.
   bool Connect(std::uint32_t address);
   /// Sends what is queued, tells the peer, closes. True when there was a connection.
   bool Disconnect(std::uint32_t address);
@@ -93,7 +93,8 @@ public:
   /// host-pumped delivery.
   TCPE_Command* TakeCommand();
   void DisposeCommand(TCPE_Command* command);
-  /// With host-pumped delivery: lets the engine act on a taken disconnect command. Other commands are left alone.
+  /// Part of the sequence of a host that pumps: TakeCommand, this, execution, DisposeCommand. The engine has acted on
+  /// connect and disconnect commands before they can be taken, so nothing is left to do here.
   void PreProcessConnectionCommands(TCPE_Command* command);
   /// Delivers commands through TakeCommand in place of the handler threads. Before Initialize; later calls are ignored.
   void SetHostPumpedDelivery(bool hostPumped);
@@ -118,7 +119,7 @@ public:
   ETCPE_SystemType GetSystemType() const;
   /// 0..255.
   void SetSystemType(ETCPE_SystemType type);
-  /// The text stays valid until the name is set again.
+  /// The text stays valid until this thread asks again.
   const char* GetSystemName() const;
   /// At most 29 characters; a longer name is cut.
   void SetSystemName(const char* name);
@@ -158,6 +159,7 @@ private:
   mutable std::int32_t mCallers = 0;
   std::mutex mLifecycleMutex;
   std::shared_ptr<TCPE_Engine> mEngine;
+  std::shared_ptr<TCPE_Engine> mEndingEngine; // while Terminate waits for it
   TCPE_System mLocalSystem;
   std::atomic<CommandLogProc> mCommandLog = nullptr;
   std::atomic<bool> mHostPumped = false;

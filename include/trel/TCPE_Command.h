@@ -102,7 +102,9 @@ public:
   /// Says that the payload makes no sense at the cursor, or has no room for what follows.
   void SetPayloadFault(const char* cursor) {
     mPayloadFault = true;
-    mPayloadEnd = mPayloadEnd == nullptr ? nullptr : cursor;
+    if (mPayloadEnd != nullptr) {
+      mPayloadEnd = cursor;
+    }
   }
 
   // Payload primitives. Integers are big-endian; addresses and ports travel least significant byte first.
@@ -171,9 +173,27 @@ private:
     return false;
   }
 
+  /// A pointer that belongs to one object: a copy of the object does not get it, and keeps its own when assigned to.
+  template <class T>
+  class OwnPointer {
+  public:
+    OwnPointer() = default;
+    OwnPointer(const OwnPointer& /*other*/) {}
+    OwnPointer& operator=(const OwnPointer& /*other*/) { return *this; } // NOLINT(bugprone-unhandled-self-assignment)
+    OwnPointer& operator=(T* pointer) {
+      mPointer = pointer;
+      return *this;
+    }
+    ~OwnPointer() = default;
+    operator T*() const { return mPointer; } // NOLINT(google-explicit-constructor)
+
+  private:
+    T* mPointer = nullptr;
+  };
+
   // Ordered for size: a received command of any class is built in a block of 616 bytes.
-  TCPE_Command* mSelf = nullptr;
-  const char* mPayloadEnd = nullptr;
+  OwnPointer<TCPE_Command> mSelf;
+  OwnPointer<const char> mPayloadEnd;
   TCPE_eCmd mCommandType;
   std::uint32_t mSerialNumber = 0;
   std::uint32_t mIPAddressTo = 0;

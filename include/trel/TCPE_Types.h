@@ -36,6 +36,7 @@ enum TCPE_CommErr : std::uint16_t {
   eTCPE_CommErr_Authentication = 17,    ///< connection refused: the shared secret was not proved
   eTCPE_CommErr_DuplicateAddress = 18,  ///< connection refused: a live system with this address is connected already
   eTCPE_CommErr_AlreadyConnected = 19,  ///< connection refused: the other one of two simultaneous ones survives
+  eTCPE_CommErr_HandlerFailed = 20,     ///< the handler at the destination threw an exception
 };
 
 /// Why a connection ended, or was not admitted; given to the host's network-error callback.

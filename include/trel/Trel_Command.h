@@ -23,6 +23,8 @@ public:
   /// Bytes of a block in which any received command can be built.
   static constexpr std::uint32_t kMaxCommandSize = 616;
 
+  /// `revision` is the payload revision of the class.
+  Trel_Command(std::int32_t identifier, std::uint8_t revision);
   Trel_Command(const Trel_Command& other);
   Trel_Command& operator=(const Trel_Command& other);
   ~Trel_Command() override;
@@ -62,7 +64,7 @@ public:
 
   /// Builds the command class of an identifier of the numbering in force in `block`, which is aligned for any type and
   /// at least GetMaxCommandSize() bytes long. Returns null for a null block or an identifier without a class.
-  static TCPE_Command* Construct(Trel_eCmd identifier, void* block);
+  static TCPE_Command* Construct(std::int32_t identifier, void* block);
 
   // Written through the operations above; each slot is accessed atomically.
   static DoItProc mDoItProcPtrArray[kNumberOfSlots];
@@ -70,7 +72,5 @@ public:
   static std::uint32_t mMaxCommandSize;
 
 protected:
-  Trel_Command(std::int32_t identifier, std::uint8_t revision);
-
   static bool IsCurrentNumbering();
 };

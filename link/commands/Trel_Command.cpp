@@ -5,6 +5,7 @@
 #include "link/commands/Trel_Catalogue.h"
 
 #include <atomic>
+#include <iterator>
 #include <optional>
 
 namespace {
@@ -138,7 +139,7 @@ void Trel_Command::SetAppDataPtr(std::int32_t identifier, void* datum) {
   }
 }
 
-TCPE_Command* Trel_Command::Construct(Trel_eCmd identifier, void* block) {
+TCPE_Command* Trel_Command::Construct(std::int32_t identifier, void* block) {
   const Trel_CommandClass* commandClass = Trel_Catalogue::Find(identifier);
   if (commandClass == nullptr || block == nullptr) {
     return nullptr;

@@ -47,14 +47,17 @@ constinit std::atomic<TCPE_System*> sLocalSystem{nullptr};
 constinit std::atomic<std::int32_t> mMaxNumberSatellites{11};
 constinit std::atomic<std::int32_t> mMaxNumberSatellitesSupported{kMostSatellites};
 
-// Both with the mutex held.
+// Made outside the lock, because an assertion that is reported meanwhile may call back.
 void CreateTCPEInterface(State& state) {
-  state.sTCPEInterface.reset(new (std::nothrow) Trel_TCPEInterface);
-  if (state.sTCPEInterface) {
+  const std::shared_ptr<Trel_TCPEInterface> made(new (std::nothrow) Trel_TCPEInterface);
+  const std::lock_guard lock(state.mMutex);
+  if (made && !state.sTCPEInterface) {
+    state.sTCPEInterface = made;
     sLocalSystem.store(state.sTCPEInterface->GetLocalSystem(), std::memory_order_release);
   }
 }
 
+// With the mutex held.
 void FreeTCPEInterface(State& state) {
   sLocalSystem.store(nullptr, std::memory_order_release);
   state.sTCPEInterface.reset();
@@ -64,7 +67,9 @@ std::shared_ptr<Trel_TCPEInterface> TCPEInterface() {
   State& state = TheState();
   std::unique_lock lock(state.mMutex);
   if (!state.sTCPEInterface) {
+    lock.unlock();
     CreateTCPEInterface(state);
+    lock.lock();
   }
   std::shared_ptr<Trel_TCPEInterface> sTCPEInterface = state.sTCPEInterface;
   lock.unlock();

@@ -42,14 +42,16 @@ bool Trel_CommTask::HasHandler(const TCPE_Command* command) { return Trel_Comman
 TCPE_CommErr Trel_CommTask::PrepareToSend(TCPE_Command* command) {
   const auto* linkCommand = dynamic_cast<const Trel_Command*>(command);
   if (linkCommand == nullptr) {
-    return eTCPE_CommErr_None; // the engine's own
+    return TCPE_CommTask::PrepareToSend(command);
   }
   const bool isCurrentNumbering = TCPE_CommManager::GetSupportsMarlo11();
   const Trel_CommandDescription* description = linkCommand->GetDescription();
   if (description != nullptr && description->traits.currentOnly && !isCurrentNumbering) {
     return eTCPE_CommErr_NotInThisNumbering;
   }
-  if (command->GetCommandType() == TCPE_Command::GetInvalidCommandID()) {
+  // An object whose last reply was invalid carries the error identifier, which never travels.
+  if (command->GetCommandType() == TCPE_Command::GetInvalidCommandID() ||
+      command->GetCommandType() == GetErrorCommandID()) {
     if (description == nullptr) {
       return eTCPE_CommErr_NoIdentifier;
     }

@@ -1,5 +1,6 @@
 #include "tcpe/net/TCPE_Dispatcher.h"
 
+#include <trel/Cmn_NumberToText.h>
 #include <trel/Sys_Socket.h>
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
@@ -14,7 +15,7 @@ TCPE_ReceivedCommand::~TCPE_ReceivedCommand() {
   }
 }
 
-void TCPE_Dispatcher::OnFrame(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
+void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
                               std::span<const std::byte> payload) {
   connection->SetPeerSystemType(header.senderSystemType);
   if (header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
@@ -23,17 +24,40 @@ void TCPE_Dispatcher::OnFrame(const std::shared_ptr<TCPE_Connection>& connection
     }
     return;
   }
-  const ReceivedPointer received = Construct(connection, header, payload);
-  if (!received) {
-    return;
-  }
-  Log(LogEvent::received, *received->Command(), connection->GetAddress());
-  if (AnswerInPlace(*received)) {
-    Reply(*received);
-  } else if (!mTask.HasHandler(received->Command())) {
-    Drop(*connection, header, eTCPE_CommErr_NoHandler, mUnhandledCommands);
-  } else if (!mReceiver.Deliver(received)) {
-    Drop(*connection, header, eTCPE_CommErr_QueueFull, mQueueOverflows);
+  Handle(connection, header, payload, false);
+}
+
+void TCPE_Dispatcher::OnConnectionFrame(const Connection& connection, TCPE_FrameHeader header,
+                                        std::span<const std::byte> payload) {
+  connection->SetPeerSystemType(header.senderSystemType);
+  header.flags = static_cast<std::uint8_t>(header.flags & ~kTCPE_Flag_ReplyWanted);
+  Handle(connection, header, payload, true);
+}
+
+bool TCPE_Dispatcher::IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const {
+  TCPE_ReceivedCommand trial(nullptr, header, mTask.GetMaxCommandSize());
+  trial.SetCommand(Build(header.type, trial.Block()));
+  return trial.Command() != nullptr && TCPE_CommandCodec::DecodeCommand(*trial.Command(), header, payload);
+}
+
+void TCPE_Dispatcher::Handle(const Connection& connection, const TCPE_FrameHeader& header,
+                             std::span<const std::byte> payload, bool mustNotBeLost) {
+  try {
+    const ReceivedPointer received = Construct(connection, header, payload);
+    if (!received) {
+      return;
+    }
+    Log(LogEvent::received, *received->Command(), connection->GetAddress());
+    const bool mustBeHandled = received->IsReplyWanted() || !mReceiver.TakesUnhandled();
+    if (AnswerInPlace(*received)) {
+      Reply(*received);
+    } else if (mustBeHandled && !mTask.HasHandler(received->Command())) {
+      Drop(*connection, header, eTCPE_CommErr_NoHandler, mUnhandledCommands);
+    } else if (!mReceiver.Deliver(received, mustNotBeLost)) {
+      Drop(*connection, header, eTCPE_CommErr_QueueFull, mQueueOverflows);
+    }
+  } catch (...) { // what a host's hook throws must not end the network thread
+    Drop(*connection, header, eTCPE_CommErr_HandlerFailed, mUnhandledCommands);
   }
 }
 
@@ -81,7 +105,23 @@ void TCPE_Dispatcher::Log(LogEvent event, const TCPE_Command& command, std::uint
   if (const std::string text = info.str(); !text.empty()) {
     line += ": " + text;
   }
-  log(line.c_str());
+  WriteLog(log, line);
+}
+
+void TCPE_Dispatcher::WriteLog(TCPE_CommManager::CommandLogProc log, const std::string& line) const {
+  try {
+    log(line.c_str());
+  } catch (...) { // NOLINT(bugprone-empty-catch): a log that fails must not take the command down
+  }
+}
+
+TCPE_Command* TCPE_Dispatcher::Build(TCPE_eCmd wireType, void* block) const {
+  TCPE_eCmd type = wireType;
+  mTask.ValidateCommand(&type);
+  const std::int32_t identifier = mTask.GetCompatibleID(type);
+  // An engine command's link identifier never travels: in the legacy numbering it would be a second name for it.
+  const bool travels = type != TCPE_Command::GetInvalidCommandID() && mTask.GetTCPECommandType(identifier) == type;
+  return travels ? mTask.ConstructCommand(identifier, block) : nullptr;
 }
 
 TCPE_Counters TCPE_Dispatcher::GetCounters() const {
@@ -95,12 +135,8 @@ TCPE_Counters TCPE_Dispatcher::GetCounters() const {
 TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_ptr<TCPE_Connection>& connection,
                                                             const TCPE_FrameHeader& header,
                                                             std::span<const std::byte> payload) {
-  TCPE_eCmd type = header.type;
-  mTask.ValidateCommand(&type);
   auto received = std::make_shared<TCPE_ReceivedCommand>(connection, header, mTask.GetMaxCommandSize());
-  TCPE_Command* command = type != TCPE_Command::GetInvalidCommandID()
-                              ? mTask.ConstructCommand(mTask.GetCompatibleID(type), received->Block())
-                              : nullptr;
+  TCPE_Command* command = Build(header.type, received->Block());
   if (command == nullptr) {
     Drop(*connection, header, eTCPE_CommErr_UnknownCommand, mUnknownCommands);
     return nullptr;
@@ -149,4 +185,8 @@ void TCPE_Dispatcher::Drop(TCPE_Connection& connection, const TCPE_FrameHeader& 
   answer.Write(frame.data());
   TCPE_SealFrame(frame);
   connection.Send(frame, TCPE_Connection::Urgency::now);
+  if (const TCPE_CommManager::CommandLogProc log = mLog) {
+    WriteLog(log, "refused a command of type " + Cmn_Int32ToString(header.type) + " from " +
+                      Sys_Socket::DecodeIPAddress(connection.GetAddress()) + ": error " + Cmn_Int32ToString(error));
+  }
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 
 class TCPE_Command;
 class TCPE_CommTask;
@@ -49,7 +50,10 @@ public:
   class Receiver {
   public:
     /// False when there is no room.
-    virtual bool Deliver(const ReceivedPointer& received) = 0;
+    /// @param mustNotBeLost connect and disconnect, without which the host's picture of the link would be wrong
+    virtual bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) = 0;
+    /// Whether asynchronous commands are delivered that nobody has registered for.
+    virtual bool TakesUnhandled() const = 0;
 
   protected:
     ~Receiver() = default;
@@ -58,9 +62,14 @@ public:
   TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
       : mManager(manager), mTask(task), mReceiver(receiver) {}
 
-  /// On the network thread.
+  // On the network thread.
   void OnFrame(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
                std::span<const std::byte> payload);
+  /// A connect or disconnect command: nobody waits for a reply, and it is delivered also to a full queue.
+  void OnConnectionFrame(const std::shared_ptr<TCPE_Connection>& connection, TCPE_FrameHeader header,
+                         std::span<const std::byte> payload);
+  /// Whether a frame decodes to a command.
+  bool IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const;
   /// Sends the reply that a received command has, if one is wanted. From any thread.
   void Reply(TCPE_ReceivedCommand& received);
 
@@ -72,12 +81,19 @@ public:
   TCPE_Counters GetCounters() const;
 
 private:
+  using Connection = std::shared_ptr<TCPE_Connection>;
+
+  void Handle(const Connection& connection, const TCPE_FrameHeader& header, std::span<const std::byte> payload,
+              bool mustNotBeLost);
+  /// The command class of a wire type, built in the block; null when there is none.
+  TCPE_Command* Build(TCPE_eCmd wireType, void* block) const;
   /// Null when the command is to be dropped; then it has been counted, and answered if a reply is wanted.
   ReceivedPointer Construct(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
                             std::span<const std::byte> payload);
   bool AnswerInPlace(TCPE_ReceivedCommand& received);
   void Drop(TCPE_Connection& connection, const TCPE_FrameHeader& header, TCPE_CommErr error,
             std::atomic<std::uint64_t>& counter);
+  void WriteLog(TCPE_CommManager::CommandLogProc log, const std::string& line) const;
 
   TCPE_CommManager& mManager;
   TCPE_CommTask& mTask;

@@ -48,8 +48,11 @@ public:
   virtual void SendCommand(TCPE_Command& command) = 0;
   virtual TCPE_Command* TakeCommand() = 0;
   virtual void DisposeCommand(TCPE_Command* command) = 0;
-  virtual void PreProcessConnectionCommands(TCPE_Command* command) = 0;
   virtual void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) = 0;
+  virtual void SetLocalSystemType(ETCPE_SystemType type) = 0;
   virtual void SetCommandLog(TCPE_CommManager::CommandLogProc log) = 0;
   virtual TCPE_Counters GetCounters() const = 0;
+
+  /// Gives back a command that was taken from an engine which has been stopped meanwhile.
+  static void DisposeOrphan(TCPE_Command* command);
 };

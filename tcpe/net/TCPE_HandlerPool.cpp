@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -12,27 +13,32 @@ void TCPE_HandlerPool::Start() {
   AddThread();
 }
 
-bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, bool mustNotBeLost) {
+bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, std::size_t bytes, bool mustNotBeLost) {
   const std::lock_guard lock(mMutex);
   if (mIsStopping) {
     return false;
   }
   const auto position = mPeers.try_emplace(peer).first;
-  if (position->second.jobs.size() >= mMaxJobsPerPeer && !mustNotBeLost) {
+  if (IsFull(position->second) && !mustNotBeLost) {
     return false;
   }
-  position->second.jobs.push_back(std::move(job));
-  if (!position->second.isBusy) {
-    MakeReady(position);
-  }
+  position->second.jobs.push_back({std::move(job), bytes});
+  position->second.bytes += bytes;
+  Continue(position);
   return true;
+}
+
+bool TCPE_HandlerPool::IsFull(std::uint32_t peer) const {
+  const std::lock_guard lock(mMutex);
+  const auto position = mPeers.find(peer);
+  return position != mPeers.end() && IsFull(position->second);
 }
 
 void TCPE_HandlerPool::Stop(std::int64_t timeout) {
   std::unique_lock lock(mMutex);
   mIsStopping = true;
   mReady.clear();
-  std::deque<Job> dropped;
+  std::deque<Waiting> dropped; // destroyed outside the lock
   for (auto& [address, peer] : mPeers) {
     std::move(peer.jobs.begin(), peer.jobs.end(), std::back_inserter(dropped));
     peer.jobs.clear();
@@ -60,8 +66,11 @@ bool TCPE_HandlerPool::IsOnHandlerThread() const { return sRunning != nullptr &&
 TCPE_HandlerPool::WaitScope::WaitScope() {
   if (sRunning != nullptr && !sRunning->isReleased) {
     const std::lock_guard lock(sRunning->pool->mMutex);
+    Peer& peer = sRunning->peer->second;
     sRunning->isReleased = true;
-    sRunning->pool->EndTurn(sRunning->peer);
+    peer.isBusy = false;
+    ++peer.released;
+    sRunning->pool->Continue(sRunning->peer);
   }
 }
 
@@ -76,8 +85,10 @@ void TCPE_HandlerPool::Run(Worker& worker) {
     }
     Running running{this, mReady.front()};
     mReady.pop_front();
-    Job job = std::move(running.peer->second.jobs.front());
-    running.peer->second.jobs.pop_front();
+    Peer& peer = running.peer->second;
+    Job job = std::move(peer.jobs.front().job);
+    peer.bytes -= peer.jobs.front().bytes;
+    peer.jobs.pop_front();
     lock.unlock();
     sRunning = &running;
     try {
@@ -87,9 +98,12 @@ void TCPE_HandlerPool::Run(Worker& worker) {
     job = nullptr;
     sRunning = nullptr;
     lock.lock();
-    if (!running.isReleased) {
-      EndTurn(running.peer);
+    if (running.isReleased) {
+      --peer.released;
+    } else {
+      peer.isBusy = false;
     }
+    Continue(running.peer);
   }
   worker.hasEnded = true;
   mEnded.notify_all();
@@ -98,7 +112,7 @@ void TCPE_HandlerPool::Run(Worker& worker) {
 void TCPE_HandlerPool::MakeReady(Peers::iterator peer) {
   peer->second.isBusy = true;
   mReady.push_back(peer);
-  if (mReady.size() > mIdle && mWorkers.size() < mMaxThreads) {
+  if (mReady.size() > mIdle && mWorkers.size() < mBounds.threads) {
     try {
       AddThread();
     } catch (const std::system_error&) { // NOLINT(bugprone-empty-catch): the threads that there are take longer
@@ -107,11 +121,15 @@ void TCPE_HandlerPool::MakeReady(Peers::iterator peer) {
   mWork.notify_one();
 }
 
-void TCPE_HandlerPool::EndTurn(Peers::iterator peer) {
-  if (peer->second.jobs.empty() || mIsStopping) {
-    mPeers.erase(peer);
-  } else {
+void TCPE_HandlerPool::Continue(Peers::iterator peer) {
+  const Peer& state = peer->second;
+  if (state.isBusy) {
+    return;
+  }
+  if (!state.jobs.empty() && state.released < mBounds.waitingJobsPerPeer) {
     MakeReady(peer);
+  } else if (state.jobs.empty() && state.released == 0) {
+    mPeers.erase(peer);
   }
 }
 

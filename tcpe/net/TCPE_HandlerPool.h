@@ -19,13 +19,22 @@ class TCPE_HandlerPool : public std::enable_shared_from_this<TCPE_HandlerPool> {
 public:
   using Job = std::function<void()>;
 
-  TCPE_HandlerPool(std::size_t maxThreads, std::size_t maxJobsPerPeer)
-      : mMaxThreads(maxThreads), mMaxJobsPerPeer(maxJobsPerPeer) {}
+  struct Bounds {
+    std::size_t threads;
+    std::size_t jobsPerPeer;
+    std::size_t bytesPerPeer;       ///< that the waiting jobs of a peer hold
+    std::size_t waitingJobsPerPeer; ///< that have started and wait for another system
+  };
+
+  explicit TCPE_HandlerPool(const Bounds& bounds) : mBounds(bounds) {}
 
   /// Starts the first thread; throws std::system_error when there is none to be had.
   void Start();
   /// False when the peer has too many jobs waiting. A job that must not be lost is queued all the same.
-  bool Submit(std::uint32_t peer, Job job, bool mustNotBeLost = false);
+  /// @param bytes memory that the job holds until it has run
+  bool Submit(std::uint32_t peer, Job job, std::size_t bytes = 0, bool mustNotBeLost = false);
+  /// Whether a peer has as many jobs waiting as it may.
+  bool IsFull(std::uint32_t peer) const;
   /// Drops the jobs that have not started and waits for those that run, `timeout` microseconds at the most. Threads
   /// that are still busy then end by themselves.
   void Stop(std::int64_t timeout);
@@ -41,9 +50,15 @@ public:
   };
 
 private:
+  struct Waiting {
+    Job job;
+    std::size_t bytes;
+  };
   struct Peer {
-    std::deque<Job> jobs;
-    bool isBusy = false;
+    std::deque<Waiting> jobs;
+    std::size_t bytes = 0;
+    std::size_t released = 0; ///< jobs that wait for another system
+    bool isBusy = false;      ///< a job is ready, or runs and has not been released
   };
   using Peers = std::map<std::uint32_t, Peer>;
   /// What this thread runs; one a thread.
@@ -58,15 +73,18 @@ private:
   };
 
   void Run(Worker& worker);
+  bool IsFull(const Peer& peer) const {
+    return peer.jobs.size() >= mBounds.jobsPerPeer || peer.bytes >= mBounds.bytesPerPeer;
+  }
   void MakeReady(Peers::iterator peer);
-  void EndTurn(Peers::iterator peer);
+  /// Lets the next job of a peer start, if there is one and it may; forgets a peer that has none.
+  void Continue(Peers::iterator peer);
   void AddThread();
 
   static thread_local Running* sRunning;
 
-  const std::size_t mMaxThreads;
-  const std::size_t mMaxJobsPerPeer;
-  std::mutex mMutex;
+  const Bounds mBounds;
+  mutable std::mutex mMutex;
   std::condition_variable mWork;
   std::condition_variable mEnded;
   Peers mPeers;

@@ -15,6 +15,8 @@ using asio::ip::tcp;
 namespace {
 
 constexpr auto kAcceptPause = std::chrono::milliseconds(100);
+constexpr TCPE_Time kFarewell = 100'000;
+constexpr auto kFarewellCheck = std::chrono::milliseconds(1);
 
 TCPE_Time Now() { return Sys_Clock::RawMicroseconds(); }
 
@@ -54,16 +56,33 @@ void TCPE_Network::Stop() {
     mAcceptor.close(ignored); // a handler that does not end may keep this object, but not the port
     mListener.OnStopping();
     for (const auto& [id, connection] : mConnections) {
-      connection->CloseNow();
+      connection->CloseWhenSent();
+      mClosing.push_back(connection);
     }
-    for (const ConnectionPointer& connection : mClosing) {
-      connection->CloseNow();
-    }
-    mContext.stop();
+    mConnections.clear();
+    CloseAll(Now() + kFarewell);
   });
   mThread.join();
   mConnections.clear();
   mClosing.clear();
+}
+
+/// Ends the thread when every connection has sent its farewell, or when that takes too long.
+void TCPE_Network::CloseAll(TCPE_Time deadline) {
+  mClosing.remove_if([](const ConnectionPointer& connection) { return connection->Socket() == nullptr; });
+  if (mClosing.empty() || Now() >= deadline) {
+    for (const ConnectionPointer& connection : mClosing) {
+      connection->CloseNow();
+    }
+    mContext.stop();
+    return;
+  }
+  mCloseTimer.expires_after(kFarewellCheck);
+  mCloseTimer.async_wait([this, deadline](const asio::error_code&) { CloseAll(deadline); });
+}
+
+void TCPE_Network::SetLocalSystemType(std::uint8_t type) {
+  asio::post(mContext, [this, type] { mEndpoint.SetLocalSystemType(type); });
 }
 
 void TCPE_Network::Connect(std::uint32_t address) {
@@ -87,7 +106,9 @@ ETCPE_Status TCPE_Network::Listen() {
   asio::error_code error;
   mAcceptor.open(endpoint.protocol(), error);
   if (!error) {
+#if !defined(_WIN32) // there it would let two processes listen on one port
     mAcceptor.set_option(tcp::acceptor::reuse_address(true), error);
+#endif
   }
   if (!error) {
     mAcceptor.bind(endpoint, error);
@@ -136,6 +157,9 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
 }
 
 void TCPE_Network::Accept() {
+  if (!mAcceptor.is_open()) {
+    return;
+  }
   mAcceptor.async_accept([this](const asio::error_code& error, tcp::socket socket) {
     if (error == asio::error::operation_aborted) {
       return;
@@ -166,8 +190,10 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
   if (space.empty() || connection->Socket() == nullptr) {
     return;
   }
+  // The read keeps the session: the space that it fills belongs to it.
   connection->Socket()->async_read_some(asio::buffer(space.data(), space.size()),
-                                        [this, connection](const asio::error_code& error, std::size_t count) {
+                                        [this, connection, session = mEndpoint.SessionOf(connection->GetId())](
+                                            const asio::error_code& error, std::size_t count) {
                                           if (error == asio::error::operation_aborted) {
                                             return;
                                           }

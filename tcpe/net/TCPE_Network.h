@@ -47,6 +47,7 @@ public:
   void Stop();
 
   // From any thread; carried out on the network thread.
+  void SetLocalSystemType(std::uint8_t type);
   void Connect(std::uint32_t address);
   void End(const ConnectionPointer& connection, ETCPE_NetworkError error);
 
@@ -57,6 +58,7 @@ private:
   ETCPE_Status Listen();
   void Run();
   void OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address);
+  void CloseAll(TCPE_Time deadline);
   void Accept();
   void Read(const ConnectionPointer& connection);
   void CarryOut();
@@ -75,6 +77,7 @@ private:
   asio::ip::tcp::acceptor mAcceptor{mContext};
   asio::steady_timer mTimer{mContext};
   asio::steady_timer mAcceptPause{mContext};
+  asio::steady_timer mCloseTimer{mContext};
   TCPE_Time mTimerArmedFor = 0;
   std::map<TCPE_Endpoint::Id, ConnectionPointer> mConnections;
   std::list<ConnectionPointer> mClosing; ///< still sending what was queued

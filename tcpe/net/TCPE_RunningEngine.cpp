@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -41,6 +42,8 @@ TCPE_Hello::Nonce RandomNonce() {
 
 } // namespace
 
+void TCPE_Engine::DisposeOrphan(TCPE_Command* command) { TCPE_PumpQueue::ReturnOrphan(command); }
+
 std::shared_ptr<TCPE_Engine> TCPE_Engine::Make(Setup setup) {
   return std::make_shared<TCPE_RunningEngine>(std::move(setup));
 }
@@ -50,8 +53,12 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
       mBroadcastAddress(setup.broadcastAddress), mOnNetworkError(setup.onNetworkError),
       mIsHostPumped(setup.isHostPumped),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
-      mDispatcher(mManager, *mTask, *this),
-      mPool(std::make_shared<TCPE_HandlerPool>(mLimits.maxHandlerThreads, mLimits.maxQueuedCommands)),
+      mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError),
+      mPool(std::make_shared<TCPE_HandlerPool>(
+          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
+                                   .jobsPerPeer = mLimits.maxQueuedCommands,
+                                   .bytesPerPeer = mLimits.maxQueuedBytes,
+                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
       mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), mTask->GetCommunicationPort(),
                                               static_cast<TCPE_Network::Listener&>(*this))) {}
 
@@ -79,14 +86,15 @@ void TCPE_RunningEngine::Stop() {
     mAttempts.clear();
     mAttemptEnded.notify_all();
   }
+  if (mIsHostPumped) {
+    mPumpQueue.Stop(mLimits.handlersAtEnd);
+  }
   mPool->Stop(mLimits.handlersAtEnd);
-  std::unique_lock lock(mPumpMutex);
-  mPumped.clear();
-  mDisposed.wait_for(lock, std::chrono::microseconds(mLimits.handlersAtEnd), [this] { return mTaken.empty(); });
-  mTaken.clear();
 }
 
-bool TCPE_RunningEngine::IsOnOwnThread() const { return mNetwork->IsOnNetworkThread() || mPool->IsOnHandlerThread(); }
+bool TCPE_RunningEngine::IsOnOwnThread() const {
+  return mNetwork->IsOnNetworkThread() || mPool->IsOnHandlerThread() || mPumpQueue.IsInHandOfThisThread();
+}
 
 bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   if (!IsPossiblePeer(address) || mNetwork->IsOnNetworkThread()) {
@@ -108,7 +116,9 @@ bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   const std::shared_ptr<Attempt> attempt = entry;
   // The endpoint ends every attempt by itself; the bound is a second line of defence.
   const TCPE_Time bound = mLimits.transportConnect + 2 * mLimits.handshake;
-  mAttemptEnded.wait_for(lock, std::chrono::microseconds(bound), [&attempt] { return attempt->hasEnded; });
+  if (!mAttemptEnded.wait_for(lock, std::chrono::microseconds(bound), [&attempt] { return attempt->hasEnded; })) {
+    mAttempts.erase(address);
+  }
   return attempt->isConnected;
 }
 
@@ -141,50 +151,13 @@ void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
   }
 }
 
-TCPE_Command* TCPE_RunningEngine::TakeCommand() {
-  std::unique_lock lock(mPumpMutex);
-  while (!mPumped.empty()) {
-    const Pumped next = std::move(mPumped.front());
-    mPumped.pop_front();
-    if (next.command) {
-      mTaken.emplace(next.command->Command(), next.command);
-      return next.command->Command();
-    }
-    lock.unlock();
-    mOnNetworkError(next.error, next.address);
-    lock.lock();
-  }
-  return nullptr;
-}
+TCPE_Command* TCPE_RunningEngine::TakeCommand() { return mPumpQueue.Take(); }
 
 void TCPE_RunningEngine::DisposeCommand(TCPE_Command* command) {
-  ReceivedPointer received;
-  {
-    const std::lock_guard lock(mPumpMutex);
-    const auto position = mTaken.find(command);
-    if (position == mTaken.end()) {
-      return;
-    }
-    received = std::move(position->second);
-    mTaken.erase(position);
-    mDisposed.notify_all();
-  }
-  mDispatcher.Reply(*received);
-}
-
-void TCPE_RunningEngine::PreProcessConnectionCommands(TCPE_Command* command) {
-  ReceivedPointer received;
-  {
-    const std::lock_guard lock(mPumpMutex);
-    const auto position = mTaken.find(command);
-    if (position == mTaken.end()) {
-      return;
-    }
-    received = position->second;
-  }
-  if (received->Header().type == mTypes.disconnect && received->Origin()->TryEnd()) {
-    Forget(received->Origin());
-    mNetwork->End(received->Origin(), eNetworkError_None);
+  if (const ReceivedPointer received = mPumpQueue.Return(command)) {
+    mDispatcher.Reply(*received);
+  } else {
+    DisposeOrphan(command);
   }
 }
 
@@ -197,6 +170,10 @@ void TCPE_RunningEngine::NetworkErrorOccured(ETCPE_NetworkError error, std::uint
   } else {
     ReportNetworkError(error, address);
   }
+}
+
+void TCPE_RunningEngine::SetLocalSystemType(ETCPE_SystemType type) {
+  mNetwork->SetLocalSystemType(static_cast<std::uint8_t>(type));
 }
 
 void TCPE_RunningEngine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { mDispatcher.SetCommandLog(log); }
@@ -212,19 +189,29 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
   config.limits = mLimits;
   config.local.hello.majorVersion = mTask->GetCurrentProtocolMajorVersion();
   config.local.hello.instance = Sys_Umid::Random64();
-  config.local.hello.nonce = RandomNonce();
   config.local.minorVersion = mTask->GetCurrentProtocolMinorVersion();
   config.local.systemType = static_cast<std::uint8_t>(mManager.GetSystemType());
   config.local.connectType = mTypes.connect;
   config.localAddress = mLocalAddress;
   config.disconnectType = mTypes.disconnect;
   config.maxConnections = std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections);
-  config.allowConnect = [this](std::uint32_t address) { return mManager.AllowConnect(address); };
-  config.makeConnectFrame = [this](std::uint32_t /*address*/) { return MakeConnectFrame(); };
+  config.allowConnect = [this](std::uint32_t address) {
+    try {
+      return mManager.AllowConnect(address);
+    } catch (...) { // a host that cannot decide admits nobody
+      return false;
+    }
+  };
+  config.makeNonce = RandomNonce;
+  config.examineConnect = [this](std::uint32_t address, const TCPE_FrameHeader& header,
+                                 std::span<const std::byte> payload) {
+    return ExamineConnect(address, header, payload);
+  };
+  config.makeConnectFrame = [this](std::uint32_t address) { return MakeConnectFrame(address); };
   return config;
 }
 
-std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame() {
+std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t address) {
   TCPE_CommandCodec codec;
   const TCPE_CommandCodec::Stamp stamp{.wireType = mTypes.connect,
                                        .serial = ++mLastSerial,
@@ -233,6 +220,7 @@ std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame() {
   if (const auto fresh = FreshCommand(mTypes.connect)) {
     mTask->FillConnectCommand(fresh->Command(), mManager.CopyLocalSystem());
     codec.EncodeCommand(*mTask, *fresh->Command(), stamp);
+    mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, *fresh->Command(), address);
   } else {
     TCPE_Cmd_Disconnect bare(nullptr, mTypes.connect);
     codec.EncodeCommand(*mTask, bare, stamp);
@@ -369,9 +357,7 @@ void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCP
   }
   if (event.openedByPeer) {
     // The endpoint answers the connect command; for the handler it is a notification.
-    TCPE_FrameHeader header = event.header;
-    header.flags = static_cast<std::uint8_t>(header.flags & ~kTCPE_Flag_ReplyWanted);
-    mDispatcher.OnFrame(connection, header, event.payload);
+    mDispatcher.OnConnectionFrame(connection, event.header, event.payload);
   }
 }
 
@@ -387,7 +373,7 @@ void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, con
   if (connection->TryEnd()) {
     Forget(connection);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
-    mDispatcher.OnFrame(connection, header, payload);
+    mDispatcher.OnConnectionFrame(connection, header, payload);
   }
 }
 
@@ -430,21 +416,38 @@ void TCPE_RunningEngine::OnStopping() {
   }
 }
 
-bool TCPE_RunningEngine::Deliver(const ReceivedPointer& received) {
+bool TCPE_RunningEngine::Deliver(const ReceivedPointer& received, bool mustNotBeLost) {
+  // A block, the payload that may have become objects of several times its size, and what keeps them together.
+  constexpr std::size_t kGrowth = 8;
+  const std::size_t bytes = mTask->GetMaxCommandSize() + kGrowth * received->Header().dataLength;
   if (mIsHostPumped) {
-    const std::lock_guard lock(mPumpMutex);
-    if (mPumped.size() >= mLimits.maxQueuedCommands) {
-      return false;
-    }
-    mPumped.push_back({.command = received});
-    return true;
+    return mPumpQueue.Push(received, bytes, mustNotBeLost);
   }
-  return mPool->Submit(received->Origin()->GetAddress(), [engine = shared_from_this(), received] {
-    engine->mTask->DoCommand(received->Command());
-    if (!engine->mIsStopping) {
-      engine->mDispatcher.Reply(*received);
-    }
-  });
+  return mPool->Submit(
+      received->Origin()->GetAddress(), [engine = shared_from_this(), received] { engine->RunHandler(*received); },
+      bytes, mustNotBeLost);
+}
+
+void TCPE_RunningEngine::RunHandler(TCPE_ReceivedCommand& received) {
+  try {
+    mTask->DoCommand(received.Command());
+  } catch (...) {
+    received.Command()->SetError(eTCPE_CommErr_HandlerFailed);
+  }
+  if (!mIsStopping) {
+    mDispatcher.Reply(received);
+  }
+}
+
+/// A peer is admitted only when its connect command can be delivered; so what a peer that comes and goes leaves in the
+/// queue is bounded though the commands of its coming and going are never dropped.
+TCPE_CommErr TCPE_RunningEngine::ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
+                                                std::span<const std::byte> payload) {
+  if (!mDispatcher.IsSound(header, payload)) {
+    return eTCPE_CommErr_MalformedPayload;
+  }
+  const bool isFull = mIsHostPumped ? mPumpQueue.IsFull(address) : mPool->IsFull(address);
+  return isFull ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
 }
 
 void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
@@ -452,10 +455,9 @@ void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint3
     return;
   }
   if (mIsHostPumped) {
-    const std::lock_guard lock(mPumpMutex);
-    mPumped.push_back({.error = error, .address = address});
+    mPumpQueue.PushError(error, address);
   } else {
     mPool->Submit(
-        address, [proc = mOnNetworkError, error, address] { proc(error, address); }, true);
+        address, [proc = mOnNetworkError, error, address] { proc(error, address); }, 0, true);
   }
 }

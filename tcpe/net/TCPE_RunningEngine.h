@@ -4,12 +4,12 @@
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/net/TCPE_HandlerPool.h"
 #include "tcpe/net/TCPE_Network.h"
+#include "tcpe/net/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -36,8 +36,8 @@ public:
   void SendCommand(TCPE_Command& command) override;
   TCPE_Command* TakeCommand() override;
   void DisposeCommand(TCPE_Command* command) override;
-  void PreProcessConnectionCommands(TCPE_Command* command) override;
   void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) override;
+  void SetLocalSystemType(ETCPE_SystemType type) override;
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
   TCPE_Counters GetCounters() const override;
 
@@ -50,15 +50,8 @@ private:
     bool hasEnded = false;
     bool isConnected = false;
   };
-  /// What a host that pumps finds: a command, or a network error.
-  struct Pumped {
-    ReceivedPointer command{};
-    ETCPE_NetworkError error = eNetworkError_None;
-    std::uint32_t address = 0;
-  };
-
   TCPE_Endpoint::Config EndpointConfig();
-  std::vector<std::byte> MakeConnectFrame();
+  std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
   void Forget(const ConnectionPointer& connection);
@@ -80,7 +73,12 @@ private:
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
   void OnStopping() override;
-  bool Deliver(const ReceivedPointer& received) override;
+  bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) override;
+  bool TakesUnhandled() const override { return mIsHostPumped; }
+  /// Why a peer cannot be admitted; none when it can.
+  TCPE_CommErr ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
+                              std::span<const std::byte> payload);
+  void RunHandler(TCPE_ReceivedCommand& received);
   void ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address);
 
   TCPE_CommManager& mManager;
@@ -101,12 +99,8 @@ private:
   std::condition_variable mAttemptEnded;
   std::map<std::uint32_t, std::shared_ptr<Attempt>> mAttempts;
 
-  std::mutex mPumpMutex;
-  std::condition_variable mDisposed;
-  std::deque<Pumped> mPumped;
-  std::map<TCPE_Command*, ReceivedPointer> mTaken;
-
   TCPE_Dispatcher mDispatcher;
+  TCPE_PumpQueue mPumpQueue;
   std::shared_ptr<TCPE_HandlerPool> mPool;
   std::unique_ptr<TCPE_Network> mNetwork;
 };

@@ -60,6 +60,11 @@ std::span<std::byte> TCPE_Endpoint::ReceiveSpace(Id id) {
   return connection != nullptr && connection->session ? connection->session->ReceiveSpace() : std::span<std::byte>();
 }
 
+std::shared_ptr<TCPE_Session> TCPE_Endpoint::SessionOf(Id id) {
+  const Connection* connection = Find(id);
+  return connection != nullptr ? connection->session : nullptr;
+}
+
 void TCPE_Endpoint::Received(Id id, std::size_t count, TCPE_Time now) {
   Connection* connection = Find(id);
   if (connection != nullptr && connection->session) {
@@ -160,6 +165,9 @@ std::vector<TCPE_Endpoint::Id> TCPE_Endpoint::WaitingFor(std::uint32_t address) 
 }
 
 void TCPE_Endpoint::AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now) {
+  if (mConfig.makeNonce) {
+    mConfig.local.hello.nonce = mConfig.makeNonce();
+  }
   mConnections.at(id).session =
       std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, role, std::move(connectFrame), now);
   PushOutput(id);
@@ -272,6 +280,13 @@ void TCPE_Endpoint::Decide(Id id, TCPE_Time now) {
   if (mConfig.localAddress < address && IsAttemptUnderWay(address, connection.session->PeerInstance())) {
     Refuse(id, eTCPE_CommErr_AlreadyConnected); // both connect at once: the one opened by the lower address survives
     return;
+  }
+  if (mConfig.examineConnect) {
+    const TCPE_CommErr error = mConfig.examineConnect(address, connection.connectHeader, connection.connectPayload);
+    if (error != eTCPE_CommErr_None) {
+      Refuse(id, error);
+      return;
+    }
   }
   connection.session->Accept(now);
   Open(id, true);

@@ -28,6 +28,12 @@ public:
     std::size_t maxConnections = 0;
     /// The host's word on an address.
     std::function<bool(std::uint32_t address)> allowConnect;
+    /// Whether the owner can take a connect command, and with it the peer; why not otherwise. Empty: it always can.
+    std::function<TCPE_CommErr(std::uint32_t address, const TCPE_FrameHeader& header,
+                               std::span<const std::byte> payload)>
+        examineConnect{};
+    /// A fresh nonce for each connection. Empty: that of the local hello.
+    std::function<TCPE_Hello::Nonce()> makeNonce{};
     /// Makes the connect command for an address, a complete frame.
     std::function<std::vector<std::byte>(std::uint32_t address)> makeConnectFrame;
   };
@@ -63,12 +69,16 @@ public:
   std::optional<Id> TransportAccepted(std::uint32_t address, TCPE_Time now);
   /// The transport failed or was closed at the other end.
   void TransportEnded(Id id, TCPE_Time now);
-  /// Where to put arriving bytes; empty for a connection that is gone.
+  /// Where to put arriving bytes; empty for a connection that is gone. The space is the session's.
   std::span<std::byte> ReceiveSpace(Id id);
+  std::shared_ptr<TCPE_Session> SessionOf(Id id);
   void Received(Id id, std::size_t count, TCPE_Time now);
 
   /// Ends an open connection on the host's wish or because of an error that the owner found; no lost event for 'none'.
   void End(Id id, ETCPE_NetworkError error, TCPE_Time now);
+
+  /// The role that this system's own frames tell from now on.
+  void SetLocalSystemType(std::uint8_t type) { mConfig.local.systemType = type; }
 
   /// Looks at the time; call at the deadline.
   void Tick(TCPE_Time now);

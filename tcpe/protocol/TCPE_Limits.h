@@ -20,11 +20,16 @@ struct TCPE_Limits {
   std::size_t maxConnections = 128;
   /// Bytes queued for one peer: seconds of heavy traffic, and little enough for 128 peers at once.
   std::size_t maxOutboundBytes = std::size_t{512} * 1024;
-  /// Received commands that wait for their handlers, per peer.
+  /// Received commands that wait for their handlers, per peer ...
   std::size_t maxQueuedCommands = 1024;
+  /// ... and the memory that they hold: enough for all of them unless they are system lists.
+  std::size_t maxQueuedBytes = std::size_t{1024} * 1024;
+  /// Handlers of one peer that wait for another system at the same time: a peer that never answers takes no more
+  /// threads.
+  std::size_t maxWaitingHandlers = 16;
   /// Senders that wait for a reply, per peer.
   std::size_t maxPendingCalls = 256;
-  /// One thread for each peer's handler that waits for another system, and a few more.
+  /// One thread for each peer's handler, and a few more.
   std::size_t maxHandlerThreads = 144;
 
   TCPE_Time transportConnect = 5'000'000;

@@ -152,6 +152,9 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader&
   const bool isReply = header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply);
   mPeerSystemType = header.senderSystemType;
   if (mState == State::open) {
+    if (header.type == mLocal.connectType && !isReply) {
+      return Fail(eNetworkError_MalformedData); // a peer introduces itself once
+    }
     return header.type == kTCPE_HeartbeatType ? OnEngineFrame(header)
                                               : Event{.kind = Event::Kind::frame, .header = header, .payload = payload};
   }
