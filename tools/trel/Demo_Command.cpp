@@ -52,7 +52,8 @@ void AddDemoCommand(CLI::App& program, int& exitStatus) {
   demo->add_option("--rounds", options->rounds, "How often they start together")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
-  demo->add_option("--port", options->port, "Communication port")->check(CLI::Range(1, 65535))->capture_default_str();
+  demo->add_option("--port", options->port, "Communication port [28282, or a free one when that is taken]")
+      ->check(CLI::Range(1, 65535));
   demo->add_flag("--legacy", options->legacy, "Use the legacy command numbering");
   demo->add_option("--json", *jsonFile, "Write the results to a file")->type_name("FILE");
   demo->callback([options, jsonFile, &exitStatus] { exitStatus = RunDemo(*options, *jsonFile); });

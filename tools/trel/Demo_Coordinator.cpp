@@ -1,10 +1,12 @@
 #include "Demo_Coordinator.h"
 
 #include "Demo_Master.h"
+#include "Demo_Port.h"
 #include "ExitStatus.h"
 
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Socket.h>
+#include <trel/Trel_CommPreferences.h>
 
 #include <algorithm>
 #include <array>
@@ -126,7 +128,8 @@ void Demo_Coordinator::StartNodes() {
   Demo_NodeOptions master;
   master.address = kMasterAddress;
   master.master = kMasterAddress;
-  master.port = mOptions.port;
+  master.port =
+      mOptions.port != 0 ? mOptions.port : FreePort(kMasterAddress, Trel_CommPreferences::kDefaultCommunicationPort);
   master.name = "Demo Master";
   master.satellites = mOptions.satellites;
   master.rounds = mOptions.rounds;

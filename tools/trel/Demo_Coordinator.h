@@ -19,7 +19,7 @@ public:
   struct Options {
     std::int32_t satellites = 3;
     std::int32_t rounds = 5;
-    std::uint16_t port = 28282;
+    std::uint16_t port = 0; ///< 0: the default port, or a free one when that is taken
     bool legacy = false;
   };
 
