@@ -56,6 +56,9 @@ TEST(TCPE_Endpoint, ConnectsOrSaysWhyNot) {
   } cases[] = {
       {"admitted", 1, [](Config&) {}, "opened 20, ended 20 0", "opened 10 by peer"},
       {"not allowed", 1, [](Config& c) { c.allowConnect = [](auto address) { return address != 10; }; }, "ended 20 14"},
+      {"connect command without sense", 1,
+       [](Config& c) { c.examineConnect = [](auto, const auto&, auto) { return eTCPE_CommErr_MalformedPayload; }; },
+       "ended 20 7"},
       {"full", 1, [](Config& c) { c.maxConnections = 0; }, "ended 20 15"},
       {"full itself", 0, [](Config& c) { c.maxConnections = 0; }, "ended 20 2"},
       {"other numbering", 1, [](Config& c) { c.local.hello.majorVersion = 3; }, "ended 20 16"},
@@ -296,6 +299,7 @@ TEST(TCPE_Endpoint, EveryWrongHeaderFieldIsMalformedDataOnce) {
     frame[offset] = static_cast<char>(frame[offset] ^ bits);
     return frame;
   };
+  expect(Frame(5, 8), "lost 20 2"); // a second introduction
   for (std::size_t offset = 0; offset < good.size(); ++offset) {
     SCOPED_TRACE(offset);
     expect(altered(offset, offset == 0 ? 0x40 : 1), "lost 20 2");

@@ -1,0 +1,184 @@
+#pragma once
+
+#include <trel/Sys_Clock.h>
+#include <trel/TCPE_CommManager.h>
+#include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_Cmd_State.h>
+#include <trel/Trel_CommTask.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+/// Waits until a condition holds, 10 s at the most.
+template <class Condition>
+bool Eventually(Condition condition) {
+  const std::int64_t end = Sys_Clock::RawMicroseconds() + 10'000'000;
+  while (!condition()) {
+    if (Sys_Clock::RawMicroseconds() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  return true;
+}
+
+/// Prints a measured value beside its limit, and judges it.
+inline void ExpectWithin(const std::string& what, std::int64_t measured, std::int64_t limit) {
+  std::cout << what << ": " << measured << " (limit " << limit << ")\n";
+  EXPECT_LE(measured, limit) << what;
+}
+
+/// The port of all systems of the running test; each test has a process of its own.
+inline std::uint16_t TestPort() { return static_cast<std::uint16_t>(20'000 + getpid() % 8'000); }
+
+inline std::string ErrorText(ETCPE_NetworkError error) { return "error " + std::to_string(error); }
+
+/// A system with an engine and a task of its own at 127.0.0.10 or 127.0.0.11. What arrives has a text: the command's
+/// name, the number of a TestRunningTime behind it; or "error" and its number, for the network-error callback.
+/// Set what stands public before Start; what the handlers use is declared before the system, for a farewell reaches
+/// them at its end.
+class TestSystem final : public TCPE_CommManager {
+public:
+  explicit TestSystem(std::size_t number) : mNumber(number) { sSystems.at(number) = this; }
+  ~TestSystem() { Terminate(); }
+  TestSystem(const TestSystem&) = delete;
+  TestSystem& operator=(const TestSystem&) = delete;
+
+  std::uint32_t Address() const { return 0x7f00000a + static_cast<std::uint32_t>(mNumber); }
+  std::int32_t Start() {
+    TCPE_CommPreferences preferences(Address(), TestPort());
+    return Initialize(&preferences, mNumber == 0 ? &OnNetworkError<0> : &OnNetworkError<1>);
+  }
+
+  template <class Command>
+  TCPE_CommErr Send(Command&& command, std::uint32_t address) {
+    command.SetIPAddressTo(address);
+    SendCommand(&command);
+    return command.GetError();
+  }
+  TCPE_CommErr SendTime(std::int64_t time, std::uint32_t to) { return Send(Trel_Cmd_TestRunningTime(time), to); }
+  TCPE_CommErr Query(std::uint32_t to) { return Send(Trel_Cmd_GetState(), to); }
+
+  /// What came from an address, in the order in which the handlers started.
+  std::vector<std::string> From(std::uint32_t address) const {
+    const std::lock_guard lock(mMutex);
+    std::vector<std::string> texts;
+    for (const auto& [from, text] : mArrived) {
+      if (from == address) {
+        texts.push_back(text);
+      }
+    }
+    return texts;
+  }
+  std::int64_t Count(const std::string& beginning) const {
+    const std::lock_guard lock(mMutex);
+    return std::count_if(mArrived.begin(), mArrived.end(),
+                         [&beginning](const auto& arrived) { return arrived.second.starts_with(beginning); });
+  }
+
+  std::function<void(const std::string& text, std::uint32_t from)> handler;
+  /// Runs on the network thread; true consumes the command.
+  std::function<bool(const std::string& text, std::uint32_t from)> inPlace;
+  std::atomic<bool> admits = true;
+  std::atomic<bool> hasHandler = true;
+  std::uint16_t maxSatellites = 128;
+  std::uint8_t majorVersion = 0; ///< in place of the numbering's, unless 0
+
+private:
+  class Task final : public Trel_CommTask {
+  public:
+    Task(std::uint16_t communicationPort, std::uint16_t discoveryPort, TCPE_System* record, TestSystem* system)
+        : Trel_CommTask(communicationPort, discoveryPort, record, system->maxSatellites, system), mSystem(*system) {}
+    bool HasHandler(const TCPE_Command* /*command*/) override { return mSystem.hasHandler; }
+    void DoCommand(TCPE_Command* command) override { mSystem.Arrive(TextOf(*command), command->GetIPAddressFrom()); }
+    std::uint8_t GetCurrentProtocolMajorVersion() override {
+      return mSystem.majorVersion != 0 ? mSystem.majorVersion : Trel_CommTask::GetCurrentProtocolMajorVersion();
+    }
+
+  private:
+    TestSystem& mSystem;
+  };
+
+  static std::string TextOf(const TCPE_Command& command) {
+    const auto* numbered = dynamic_cast<const Trel_Cmd_TestRunningTime*>(&command);
+    return command.GetCommandName() + (numbered != nullptr ? ' ' + std::to_string(numbered->GetTime()) : "");
+  }
+  void Arrive(const std::string& text, std::uint32_t from) {
+    {
+      const std::lock_guard lock(mMutex);
+      mArrived.emplace_back(from, text);
+    }
+    if (handler) {
+      handler(text, from);
+    }
+  }
+  TCPE_CommTask* CreateCommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort,
+                                TCPE_System* record) override {
+    return new Task(communicationPort, discoveryPort, record, this);
+  }
+  bool HandleSyncCommand(TCPE_Command* command) override {
+    return inPlace && inPlace(TextOf(*command), command->GetIPAddressFrom());
+  }
+  bool HandleAsyncCommand(TCPE_Command* command) override { return HandleSyncCommand(command); }
+  bool AllowConnect(std::uint32_t /*address*/) override { return admits; }
+
+  // The callback has no argument for its owner: every system has a function of its own.
+  static inline std::array<TestSystem*, 2> sSystems{};
+  template <std::size_t Number>
+  static void OnNetworkError(ENetworkError error, std::uint32_t address) {
+    sSystems[Number]->Arrive(ErrorText(error), address);
+  }
+
+  const std::size_t mNumber;
+  mutable std::mutex mMutex;
+  std::vector<std::pair<std::uint32_t, std::string>> mArrived;
+};
+
+inline void Start(TestSystem& a, TestSystem& b) { ASSERT_EQ(a.Start() + b.Start(), 0); }
+inline void Link(TestSystem& a, TestSystem& b) {
+  Start(a, b);
+  ASSERT_TRUE(a.Connect(b.Address()));
+}
+
+/// Queries a system again and again, and notes how that goes.
+class RoundTrips {
+public:
+  RoundTrips(TestSystem& from, std::uint32_t to)
+      : mThread([this, &from, to](const std::stop_token& ends) {
+          for (; !ends.stop_requested(); ++mCount) {
+            const std::int64_t begin = Sys_Clock::RawMicroseconds();
+            mFailures += from.Query(to) != eTCPE_CommErr_None ? 1 : 0;
+            mWorst = std::max(mWorst, Sys_Clock::RawMicroseconds() - begin);
+          }
+        }) {}
+
+  std::int64_t Count() const { return mCount; }
+  /// Ends them. None has failed, and none took longer than half of the time-out.
+  void ExpectUndisturbed() {
+    mThread.request_stop();
+    mThread.join();
+    std::cout << mCount << " round trips\n";
+    EXPECT_GT(mCount, 0);
+    EXPECT_EQ(mFailures, 0);
+    ExpectWithin("worst of them, us", mWorst, 1'000'000);
+  }
+
+private:
+  std::atomic<std::int64_t> mCount = 0;
+  std::int64_t mFailures = 0;
+  std::int64_t mWorst = 0;
+  std::jthread mThread;
+};

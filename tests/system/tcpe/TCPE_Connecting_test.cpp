@@ -1,0 +1,116 @@
+#include "tests/support/NumberingTest.h"
+#include "tests/support/TestSystem.h"
+
+#include <trel/TCPE_Cmd_Disconnect.h>
+#include <trel/Trel_Cmd_Connection.h>
+
+#include <barrier>
+#include <set>
+
+namespace {
+
+using TCPE_Connecting = NumberingTest;
+INSTANTIATE_NUMBERING_TESTS(TCPE_Connecting);
+
+TEST_P(TCPE_Connecting, IsKnownBeforeTheHandlersRunAndGoneBeforeTheyDo) {
+  constexpr std::int64_t kQueued = 100;
+  TestSystem a(0), b(1);
+  b.handler = [&](const std::string& text, std::uint32_t from) {
+    if (text == "Connect" || text == "Disconnect") {
+      const std::set<std::uint32_t> expected = text == "Connect" ? std::set{from} : std::set<std::uint32_t>();
+      EXPECT_EQ(b.GetConnectedAddresses(), expected);
+      EXPECT_EQ(b.IsConnected(from), !expected.empty());
+    }
+  };
+  Start(a, b);
+  const std::uint32_t address = b.Address();
+  TCPE_Cmd_Disconnect engines(a.GetLocalSystem(), 19); // another command's number
+  Trel_Cmd_Disconnect links;
+  for (TCPE_Command* command : std::initializer_list<TCPE_Command*>{nullptr, &engines, &links}) {
+    SCOPED_TRACE(command != nullptr ? command->GetCommandName() : "operation");
+    const std::size_t before = b.From(a.Address()).size();
+    ASSERT_TRUE(a.Connect(address));
+    EXPECT_TRUE(a.IsConnected(address));
+    EXPECT_TRUE(a.Connect(address) && b.Connect(a.Address()));
+    EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == before + 1; }));
+    for (std::int64_t i = 0; i < kQueued; ++i) {
+      a.SendTime(i, address);
+    }
+    EXPECT_TRUE(command != nullptr ? a.Send(*command, address) == eTCPE_CommErr_None : a.Disconnect(address));
+    EXPECT_FALSE(a.IsConnected(address));
+    EXPECT_TRUE(a.GetConnectedAddresses().empty());
+    EXPECT_FALSE(a.Disconnect(address));
+    EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == before + kQueued + 2; }));
+    EXPECT_EQ(b.From(a.Address()).back(), "Disconnect");
+  }
+  EXPECT_TRUE(a.From(b.Address()).empty());
+  EXPECT_EQ(b.Count("error"), 0);
+}
+
+TEST_P(TCPE_Connecting, WhatMayNotBeSentIsRefused) {
+  TestSystem a(0), b(1);
+  Link(a, b);
+  EXPECT_EQ(a.Send(Trel_Cmd_Connect(), b.Address()), eTCPE_CommErr_NotSendable);
+  Trel_Cmd_GetIsMasterClock currentOnly;
+  EXPECT_EQ(a.Send(currentOnly, b.Address()), IsCurrent() ? eTCPE_CommErr_None : eTCPE_CommErr_NotInThisNumbering);
+  EXPECT_EQ(currentOnly.GetCommandType(), IsCurrent() ? 80 : 1);
+  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
+  EXPECT_EQ(b.Count("Connect"), 1);
+}
+
+TEST_P(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
+  constexpr int kRounds = 200;
+  TestSystem a(0), b(1);
+  Start(a, b);
+  std::barrier together(2);
+  const auto side = [&together](TestSystem& from, const TestSystem& to, int* good) {
+    for (int round = 0; round < kRounds; ++round) {
+      together.arrive_and_wait();
+      *good += from.Connect(to.Address()) && from.IsConnected(to.Address()) ? 1 : 0;
+      together.arrive_and_wait();
+      *good += from.Query(to.Address()) == eTCPE_CommErr_None ? 1 : 0;
+      together.arrive_and_wait();
+      if (round % 2 == 0 || from.Address() < to.Address()) { // both at once in one round, one alone in the next
+        from.Disconnect(to.Address());
+      }
+      EXPECT_TRUE(Eventually([&] { return !from.IsConnected(to.Address()); }));
+    }
+  };
+  int goodA = 0;
+  int goodB = 0;
+  std::jthread other(side, std::ref(b), std::cref(a), &goodB);
+  side(a, b, &goodA);
+  other.join();
+  EXPECT_EQ(goodA, 2 * kRounds);
+  EXPECT_EQ(goodB, 2 * kRounds);
+  EXPECT_TRUE(Eventually([&] { return a.Count("Connect") + b.Count("Connect") == kRounds; }));
+  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+}
+
+TEST_P(TCPE_Connecting, CanBeEndedAndBegunAgainUnderTraffic) {
+  constexpr std::size_t kRounds = 200;
+  std::atomic<int> arrived = 0;
+  TestSystem a(0), b(1);
+  a.inPlace = [&](const std::string&, std::uint32_t) { return ++arrived != 0; };
+  Start(a, b);
+  // Sends from the first moment on, before the peer can know that it is admitted, to the last and beyond.
+  std::jthread traffic([&](const std::stop_token& ends) {
+    while (!ends.stop_requested()) {
+      b.SendTime(1, a.Address());
+    }
+  });
+  for (std::size_t round = 0; round < kRounds; ++round) {
+    ASSERT_TRUE(a.Connect(b.Address())) << round;
+    const int before = arrived;
+    EXPECT_TRUE(Eventually([&] { return arrived > before; })) << round;
+    EXPECT_TRUE(a.Disconnect(b.Address())) << round;
+  }
+  EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == 2 * kRounds; }));
+  const std::vector<std::string> texts = b.From(a.Address());
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(texts[i], i % 2 == 0 ? "Connect" : "Disconnect") << i;
+  }
+  EXPECT_TRUE(a.From(b.Address()).empty());
+}
+
+} // namespace

@@ -1,0 +1,176 @@
+#include "tests/support/NumberingTest.h"
+#include "tests/support/RawPeer.h"
+#include "tests/support/ReportCollector.h"
+
+#include <filesystem>
+#include <future>
+
+namespace {
+
+/// What is reported of an address comes in order: with the marker behind them, these are all.
+void ExpectOnly(TestSystem& system, std::uint32_t address, std::vector<std::string> texts) {
+  EXPECT_TRUE(Eventually([&] { return system.From(address).size() >= texts.size(); }));
+  system.NetworkErrorOccured(eNetworkError_PeerTooSlow, address);
+  texts.push_back(ErrorText(eNetworkError_PeerTooSlow));
+  EXPECT_TRUE(Eventually([&] { return system.From(address).size() >= texts.size(); }));
+  EXPECT_EQ(system.From(address), texts);
+}
+
+using TCPE_NotConnected = NumberingTest;
+INSTANTIATE_NUMBERING_TESTS(TCPE_NotConnected);
+
+TEST_P(TCPE_NotConnected, SendersAreToldAtOnceAndNobodyElse) {
+  TestSystem system(0);
+  const auto expect = [&](std::uint32_t address, TCPE_CommErr error, TCPE_eCmd errorType) {
+    Trel_Cmd_GetState query;
+    query.SetState(eTrel_State_Play);
+    EXPECT_EQ(system.Send(query, address), error);
+    EXPECT_EQ(query.GetCommandType(), errorType);
+    EXPECT_EQ(query.GetState(), eTrel_State_Play);
+    EXPECT_EQ(system.SendTime(1, address), error);
+    EXPECT_FALSE(system.Connect(address)); // nobody is there, or nobody can be
+    EXPECT_FALSE(system.IsConnected(address));
+    EXPECT_FALSE(system.Disconnect(address));
+  };
+  const std::uint32_t nobody = system.Address() + 1;
+  expect(nobody, eTCPE_CommErr_NotInitialized, -1);
+  ASSERT_EQ(system.Start(), 0);
+  for (const std::uint32_t address : {nobody, system.Address(), 0U, 0x7fffffffU, 0xffffffffU}) {
+    SCOPED_TRACE(address);
+    expect(address, eTCPE_CommErr_NotConnected, IsCurrent() ? -1 : 1);
+    ExpectOnly(system, address, {});
+  }
+}
+
+TEST(TCPE_Failures, ARefusalIsToldOnceWithItsKind) {
+  const struct {
+    void (*prepare)(TestSystem& acceptor);
+    ETCPE_NetworkError error;
+  } systems[] = {
+      {[](TestSystem& acceptor) { acceptor.admits = false; }, eNetworkError_NotAllowed},
+      {[](TestSystem& acceptor) { acceptor.maxSatellites = 0; }, eNetworkError_Full},
+      {[](TestSystem& acceptor) { acceptor.majorVersion = 3; }, eNetworkError_OtherNumbering},
+  };
+  for (const auto& test : systems) {
+    SCOPED_TRACE(test.error);
+    TestSystem caller(0), acceptor(1);
+    test.prepare(acceptor);
+    ASSERT_EQ(caller.Start() + acceptor.Start(), 0);
+    EXPECT_FALSE(caller.Connect(acceptor.Address()));
+    EXPECT_FALSE(caller.IsConnected(acceptor.Address()) || acceptor.IsConnected(caller.Address()));
+    ExpectOnly(caller, acceptor.Address(), {ErrorText(test.error)});
+    ExpectOnly(acceptor, caller.Address(), {});
+    EXPECT_TRUE(Eventually([&] { return acceptor.GetCounters().refusedConnections == 1; }));
+  }
+
+  const struct {
+    std::uint32_t address;
+    Bytes hello;
+    TCPE_CommErr answer;
+    std::vector<std::string> told;
+  } others[] = {
+      {0x7f000020, RawHello(true), eTCPE_CommErr_None, {ErrorText(eNetworkError_Authentication)}},
+      {0x7f000021, RawHello(), eTCPE_CommErr_DuplicateAddress, {ErrorText(eNetworkError_DuplicateAddress)}},
+      {0x7f000022, Bytes(64), eTCPE_CommErr_None, {}}, // no system
+      {0x7f000023, {}, eTCPE_CommErr_None, {}},        // says nothing
+  };
+  TestSystem caller(0);
+  ASSERT_EQ(caller.Start(), 0);
+  for (const auto& test : others) {
+    SCOPED_TRACE(test.address);
+    RawPeer acceptor(test.address);
+    const std::int64_t begin = Sys_Clock::RawMicroseconds();
+    auto connected = std::async(std::launch::async, [&] { return caller.Connect(test.address); });
+    acceptor.Accept();
+    acceptor.Send(test.hello);
+    if (test.answer != eTCPE_CommErr_None) {
+      TCPE_FrameHeader header = acceptor.Read();
+      header.flags = kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply;
+      header.error = test.answer;
+      acceptor.Send(RawFrame(header));
+    }
+    EXPECT_FALSE(connected.get());
+    ExpectWithin("Connect ended after us", Sys_Clock::RawMicroseconds() - begin, 4'000'000);
+    EXPECT_FALSE(caller.IsConnected(test.address));
+    ExpectOnly(caller, test.address, test.told);
+  }
+}
+
+TEST(TCPE_Failures, ALostPeerIsToldOnceAfterItsCommands) {
+  const struct {
+    std::uint32_t address;
+    void (*end)(RawPeer& peer);
+    TCPE_CommErr waitingSenderGets;
+    ETCPE_NetworkError told;
+  } cases[] = {
+      {0x7f000020, [](RawPeer&) {}, eTCPE_CommErr_TimedOut, eNetworkError_ConnectionLost}, // it is frozen
+      {0x7f000021, [](RawPeer& peer) { peer.Close(); }, eTCPE_CommErr_ConnectionLost, eNetworkError_ConnectionLost},
+      {0x7f000022, [](RawPeer& peer) { peer.Reset(); }, eTCPE_CommErr_ConnectionLost, eNetworkError_ConnectionLost},
+      {0x7f000023, [](RawPeer& peer) { peer.Send(Bytes(20, std::byte{0xff})); }, eTCPE_CommErr_ConnectionLost,
+       eNetworkError_MalformedData},
+  };
+  TestSystem system(0);
+  // The first command holds the later ones back until the loss is known: it must not be told before them.
+  system.handler = [&system](const std::string& text, std::uint32_t from) {
+    EXPECT_TRUE(text != "TestRunningTime 1" || Eventually([&] { return !system.IsConnected(from); }));
+    EXPECT_FALSE(text.starts_with("error") && system.GetConnectedAddresses().contains(from));
+  };
+  ASSERT_EQ(system.Start(), 0);
+  std::vector<RawPeer> peers;
+  std::vector<std::future<std::pair<TCPE_CommErr, TCPE_eCmd>>> waiting;
+  for (const auto& test : cases) {
+    peers.push_back(RawPeer::Admitted(test.address, system.Address()));
+    waiting.push_back(std::async(std::launch::async, [&system, address = test.address] {
+      Trel_Cmd_GetState query;
+      const TCPE_CommErr error = system.Send(query, address);
+      return std::pair(error, query.GetCommandType());
+    }));
+    EXPECT_EQ(peers.back().Read().type, eTrel_Cmd_GetState);
+    peers.back().Send(RawTime(1) + RawTime(2));
+  }
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  for (std::size_t i = 0; i < peers.size(); ++i) {
+    cases[i].end(peers[i]);
+  }
+  for (std::size_t i = peers.size(); i-- > 0;) {
+    SCOPED_TRACE(cases[i].address);
+    EXPECT_EQ(waiting[i].get(), std::pair(cases[i].waitingSenderGets, TCPE_eCmd{-1}));
+    EXPECT_TRUE(Eventually([&] { return system.From(cases[i].address).size() == 4; }));
+    ExpectWithin("told after us", Sys_Clock::RawMicroseconds() - begin, 4'000'000);
+    ExpectOnly(system, cases[i].address,
+               {"Connect", "TestRunningTime 1", "TestRunningTime 2", ErrorText(cases[i].told)});
+  }
+}
+
+TEST(TCPE_Failures, AFailedStartLeavesNothingBehind) {
+  const auto count = [] {
+    const auto entries = [](const char* folder) {
+      return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+    };
+    return std::pair(entries("/proc/self/fd"), entries("/proc/self/task"));
+  };
+  TestSystem system(0), other(1);
+  TestSystem sameAddress(0);
+  TCPE_CommManager withoutTask;
+  ASSERT_EQ(system.Start() + other.Start(), 0);
+  const auto before = count();
+  TCPE_CommPreferences elsewhere(0xc6336401, TestPort()); // 198.51.100.1
+  TCPE_CommPreferences here(0x7f000020, TestPort());
+  EXPECT_EQ(sameAddress.Start(), eTCPE_Status_PortInUse);
+  EXPECT_EQ(sameAddress.Initialize(&elsewhere, nullptr), eTCPE_Status_AddressNotLocal);
+  EXPECT_EQ(withoutTask.Initialize(&here, nullptr), eTCPE_Status_NoCommTask);
+  EXPECT_EQ(system.Initialize(&elsewhere, nullptr), eTCPE_Status_AlreadyInitialized);
+  EXPECT_FALSE(sameAddress.IsInitialized() || withoutTask.IsInitialized());
+  EXPECT_TRUE(Eventually([&] { return count() == before; }));
+  EXPECT_TRUE(system.Connect(other.Address())); // it has not been harmed
+  system.Terminate();
+  EXPECT_EQ(sameAddress.Start(), 0);
+  sameAddress.Terminate();
+  other.Terminate();
+  ReportCollector reports;
+  TCPE_CommManager::SetSupportsMarlo11(true); // nobody holds the numbering any more
+  EXPECT_TRUE(reports.Take().empty());
+  EXPECT_EQ(other.Count("error") + system.Count("error") + sameAddress.Count("error"), 0);
+}
+
+} // namespace

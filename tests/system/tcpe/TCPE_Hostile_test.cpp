@@ -1,0 +1,187 @@
+#include "tests/support/RawPeer.h"
+
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <random>
+
+#include <sys/resource.h>
+
+namespace {
+
+constexpr std::uint32_t kStranger = 0x7f000040;
+
+// KiB. A sanitizer keeps freed memory for a while, 256 MiB at the most.
+#if defined(__has_feature)
+constexpr std::int64_t kMemoryLimit = __has_feature(address_sanitizer) ? 300 * 1024 : 32 * 1024;
+#else
+constexpr std::int64_t kMemoryLimit = 32 * 1024;
+#endif
+
+std::int64_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+std::int64_t ResidentKilobytes() {
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  while (status >> word && word != "VmRSS:") {
+  }
+  std::int64_t kilobytes = 0;
+  status >> kilobytes;
+  return kilobytes;
+}
+
+/// A victim, and a good peer whose round trips must not suffer.
+class TCPE_Hostile : public testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_EQ(mVictim.Start() + mGood.Start(), 0);
+    ASSERT_TRUE(mGood.Connect(mVictim.Address()));
+    mRoundTrips.emplace(mGood, mVictim.Address());
+    mMemory = ResidentKilobytes();
+  }
+  void TearDown() override {
+    ExpectWithin("memory growth, KiB", ResidentKilobytes() - mMemory, kMemoryLimit);
+    mRoundTrips->ExpectUndisturbed();
+    EXPECT_TRUE(mVictim.IsConnected(mGood.Address()));
+    EXPECT_EQ(mGood.Count("error"), 0);
+    RawPeer::Admitted(kStranger - 1, mVictim.Address());
+  }
+  std::uint64_t Refused() const { return mVictim.GetCounters().refusedConnections; }
+
+  TestSystem mVictim{0};
+  TestSystem mGood{1};
+  std::optional<RoundTrips> mRoundTrips;
+  std::int64_t mMemory = 0;
+};
+
+TEST_F(TCPE_Hostile, StrangersWithoutAValidHandshakeAreTurnedAway) {
+  std::mt19937 random(1);
+  const auto noise = [&random] {
+    Bytes bytes(1 + random() % 2000);
+    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<std::byte>(random()); });
+    return bytes;
+  };
+  std::vector<Bytes> attacks{RawHello() + RawFrame({.type = eTrel_Cmd_GetState}),
+                             RawHello() + RawFrame({.type = eTrel_Cmd_Connect}, Bytes(513)), // too long
+                             RawHello() + RawFrame({.flags = kTCPE_Flag_Reply, .type = eTrel_Cmd_Connect})};
+  for (int i = 0; i < 200; ++i) {
+    attacks.push_back(noise());
+    attacks.push_back(RawHello() + noise());
+  }
+  const Bytes handshake = RawHandshake();
+  for (auto end = handshake.begin(); end != handshake.end(); ++end) {
+    attacks.emplace_back(handshake.begin(), end);
+  }
+  for (const Bytes& attack : attacks) {
+    const RawPeer stranger(kStranger, mVictim.Address());
+    stranger.Send(attack);
+    stranger.EndSending();
+    ASSERT_TRUE(stranger.IsClosed());
+  }
+  EXPECT_TRUE(Eventually([&] { return Refused() == attacks.size(); }));
+  EXPECT_TRUE(mVictim.From(kStranger).empty());
+}
+
+TEST_F(TCPE_Hostile, EachWrongHeaderFieldEndsItsConnectionOrIsTolerated) {
+  using Header = TCPE_FrameHeader;
+  const auto query = [](void (*change)(Header & header), std::size_t forgedOffset = 0, std::uint8_t forgery = 0) {
+    Header header{.flags = kTCPE_Flag_ReplyWanted, .type = eTrel_Cmd_GetState, .serial = 5};
+    change(header);
+    Bytes frame = RawFrame(header);
+    frame[forgedOffset] ^= std::byte{forgery};
+    return frame;
+  };
+  const auto time = [](std::size_t payload) {
+    return RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = eTrel_Cmd_TestRunningTime, .serial = 5}, Bytes(payload));
+  };
+  constexpr int kEnds = -1;
+  const struct {
+    const char* name;
+    Bytes frame;
+    int answer; // error of the reply
+  } cases[] = {
+      {"length", query([](Header&) {}, 0, 0x80), kEnds},
+      {"major version", query([](Header& header) { header.majorVersion = 3; }), kEnds},
+      {"minor version", query([](Header& header) { header.minorVersion = 99; }), 0},
+      {"revision", query([](Header& header) { header.revision = 255; }), 0},
+      {"unknown flag", query([](Header& header) { header.flags |= 0x10; }), kEnds},
+      {"tag without a secret", query([](Header& header) { header.flags |= kTCPE_Flag_Tag; }), kEnds},
+      {"sender's type", query([](Header& header) { header.senderSystemType = 255; }), 0},
+      {"receiver's type", query([](Header& header) { header.receiverSystemType = 255; }), 0},
+      {"type beyond the range", query([](Header& header) { header.type = 81; }), eTCPE_CommErr_UnknownCommand},
+      {"type without a class", query([](Header& header) { header.type = 1; }), eTCPE_CommErr_UnknownCommand},
+      {"type of the other numbering", query([](Header& header) { header.type = -4; }), eTCPE_CommErr_UnknownCommand},
+      {"least type", query([](Header& header) { header.type = std::numeric_limits<TCPE_eCmd>::min(); }),
+       eTCPE_CommErr_UnknownCommand},
+      {"checksum", query([](Header&) {}, Header::kChecksumOffset, 1), kEnds},
+      {"error in a command", query([](Header& header) { header.error = 77; }), 0},
+      {"payload too short", time(7), eTCPE_CommErr_MalformedPayload},
+      {"bytes left over", time(TCPE_Limits{}.maxPayload), 0},
+  };
+  // What nobody answers: a heartbeat, a reply that nobody waits for, a missing class, a short payload.
+  const Bytes ignored = RawFrame({.type = 0}, Bytes(40)) +
+                        RawFrame({.flags = kTCPE_Flag_Reply, .type = eTrel_Cmd_GetState}) + RawFrame({.type = 1}) +
+                        RawFrame({.type = eTrel_Cmd_TestRunningTime}, Bytes(7));
+  std::uint32_t address = kStranger;
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    RawPeer peer = RawPeer::Admitted(++address, mVictim.Address());
+    peer.Send(ignored + test.frame);
+    if (test.answer == kEnds) {
+      EXPECT_TRUE(peer.IsClosed());
+      EXPECT_TRUE(Eventually([&] { return mVictim.From(address).size() == 2; }));
+      EXPECT_EQ(mVictim.From(address).back(), ErrorText(eNetworkError_MalformedData));
+    } else {
+      const Header reply = peer.Read();
+      EXPECT_EQ(std::pair(reply.serial, int{reply.error}), std::pair(5U, test.answer));
+      EXPECT_EQ(reply.Has(kTCPE_Flag_ErrorReply), test.answer != 0);
+      EXPECT_TRUE(mVictim.IsConnected(address));
+    }
+  }
+  const TCPE_Counters counters = mVictim.GetCounters();
+  EXPECT_EQ(counters.lateReplies, std::size(cases));
+  EXPECT_EQ(counters.unknownCommands, std::size(cases) + 4);
+  EXPECT_EQ(counters.malformedPayloads, std::size(cases) + 1);
+}
+
+TEST_F(TCPE_Hostile, NeitherUnfinishedFramesNorSilentConnectionsAreKept) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  constexpr std::uint32_t kSilent = 1000;
+  const RawPeer dripping = RawPeer::Admitted(kStranger, mVictim.Address());
+  const auto drips = [&dripping] {
+    dripping.Send(Bytes(1));
+    return !dripping.IsClosed(500);
+  };
+  Bytes unfinished = RawTime(1);
+  unfinished[0] = std::byte{0x10};
+  dripping.Send(unfinished);
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  {
+    const std::int64_t before = OpenDescriptors();
+    std::vector<RawPeer> silent;
+    for (std::uint32_t i = 0; i < kSilent; ++i) {
+      silent.emplace_back(0x7f000100 + i / 4, mVictim.Address()); // from one address only a few are let in
+    }
+    EXPECT_TRUE(Eventually([&] { return Refused() >= kSilent - TCPE_Limits{}.maxHalfOpen; }));
+    ExpectWithin("descriptors for 1000 silent connections", OpenDescriptors() - before - kSilent,
+                 static_cast<std::int64_t>(TCPE_Limits{}.maxHalfOpen));
+    ExpectWithin("memory for them, KiB", ResidentKilobytes() - mMemory, kMemoryLimit);
+    while (Refused() < kSilent && drips()) {
+    }
+    ExpectWithin("all of them gone after us", Sys_Clock::RawMicroseconds() - begin, 10'000'000);
+    EXPECT_EQ(Refused(), kSilent);
+  }
+  while (drips() && Sys_Clock::RawMicroseconds() - begin < 20'000'000) {
+  }
+  ExpectWithin("unfinished frame given up after us", Sys_Clock::RawMicroseconds() - begin, 7'000'000);
+  EXPECT_TRUE(Eventually([&] { return mVictim.Count("error") == 1; }));
+  EXPECT_EQ(mVictim.From(kStranger).back(), ErrorText(eNetworkError_MalformedData));
+}
+
+} // namespace

@@ -1,0 +1,135 @@
+#include "tests/support/ReportCollector.h"
+#include "tests/support/TestSystem.h"
+
+#include <latch>
+
+namespace {
+
+constexpr std::int64_t kTerminateLimit = 1'000'000; // us
+
+std::int64_t TimeToTerminate(TestSystem& system) {
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  system.Terminate();
+  return Sys_Clock::RawMicroseconds() - begin;
+}
+
+TEST(TCPE_Lifecycle, TerminatesWithCallsInFlightAndStartsAgain) {
+  TestSystem a(0), b(1);
+  for (TestSystem* system : {&a, &b}) {
+    system->handler = [system](const std::string& text, std::uint32_t from) {
+      if (text == "GetState") {
+        system->Send(Trel_Cmd_GetPositionRunningTimeCorrelation(), from);
+      }
+    };
+  }
+  ASSERT_EQ(b.Start(), 0);
+  std::atomic<std::int64_t> answered = 0;
+  std::atomic<std::int64_t> timedOut = 0;
+  const auto hammer = [&](const std::stop_token& ends, TestSystem& from, std::uint32_t to, bool connects) {
+    while (!ends.stop_requested()) {
+      if (connects && !from.Connect(to)) {
+        std::this_thread::yield();
+      }
+      from.SendTime(1, to);
+      const TCPE_CommErr error = from.Query(to);
+      answered += error == eTCPE_CommErr_None ? 1 : 0;
+      timedOut += error == eTCPE_CommErr_TimedOut ? 1 : 0;
+    }
+  };
+  std::int64_t worst = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (const bool connects : {true, true, false}) {
+      threads.emplace_back(hammer, std::ref(a), b.Address(), connects);
+      threads.emplace_back(hammer, std::ref(b), a.Address(), connects);
+    }
+    for (int i = 0; i < 200; ++i) {
+      ASSERT_EQ(a.Start(), 0) << i;
+      const std::int64_t before = answered;
+      EXPECT_TRUE(Eventually([&] { return answered > before + 10; })) << i;
+      worst = std::max(worst, TimeToTerminate(a));
+      EXPECT_FALSE(a.IsInitialized() || a.IsConnected(b.Address()) || !a.GetConnectedAddresses().empty());
+    }
+  }
+  ExpectWithin("worst Terminate among 200, us", worst, kTerminateLimit);
+  EXPECT_EQ(timedOut, 0);
+}
+
+TEST(TCPE_Lifecycle, AHandlerThatDoesNotEndIsLeftBehindAndHindersNoNewStart) {
+  std::latch hold(1);
+  std::latch hasEnded(1);
+  TestSystem a(0), b(1);
+  a.handler = [&](const std::string& text, std::uint32_t) {
+    if (text == "GetState") {
+      hold.wait();
+      EXPECT_NE(a.Query(b.Address()), eTCPE_CommErr_None);
+      hasEnded.count_down();
+    }
+  };
+  Link(b, a);
+  std::jthread waiting([&] { EXPECT_EQ(b.Query(a.Address()), eTCPE_CommErr_ConnectionLost); });
+  EXPECT_TRUE(Eventually([&] { return a.Count("GetState") == 1; }));
+  ExpectWithin("Terminate with a handler that does not end, us", TimeToTerminate(a), kTerminateLimit);
+  EXPECT_EQ(a.Start(), 0);
+  hold.count_down();
+  hasEnded.wait();
+  waiting.join();
+  EXPECT_EQ(b.Count("error"), 0);
+}
+
+TEST(TCPE_Lifecycle, OwnThreadsCannotTerminate) {
+  const struct {
+    const char* text;
+    bool inPlace;
+  } places[] = {{"GetState", false}, {"GetState", true}, {"error 1", false}};
+  for (const auto& place : places) {
+    SCOPED_TRACE(place.text);
+    ReportCollector reports;
+    std::atomic<int> calls = 0;
+    TestSystem a(0), b(1);
+    const auto terminate = [&](const std::string& text, std::uint32_t) {
+      if (text == place.text) {
+        a.Terminate();
+        ++calls;
+      }
+      return text == "GetState";
+    };
+    if (place.inPlace) {
+      a.inPlace = terminate;
+    } else {
+      a.handler = terminate;
+    }
+    Link(b, a);
+    EXPECT_EQ(b.Query(a.Address()), eTCPE_CommErr_None);
+    a.NetworkErrorOccured(eNetworkError_ConnectionLost, 0x7f000030);
+    EXPECT_TRUE(Eventually([&] { return calls == 1; }));
+    EXPECT_EQ(reports.Take().size(), 1U);
+    EXPECT_TRUE(a.IsInitialized() && a.IsConnected(b.Address()));
+    a.Terminate();
+    EXPECT_FALSE(a.IsInitialized());
+    EXPECT_TRUE(reports.Take().empty());
+  }
+}
+
+TEST(TCPE_Lifecycle, TheFirstHandlerFindsTheEngineInForceAndTheLastFarewellIsSaid) {
+  std::atomic<int> good = 0;
+  TestSystem a(0), b(1);
+  a.handler = [&](const std::string&, std::uint32_t from) {
+    good += a.IsInitialized() && a.IsConnected(from) && a.SendTime(1, from) == eTCPE_CommErr_None ? 1 : 0;
+  };
+  ASSERT_EQ(b.Start(), 0);
+  std::jthread connecting([&](const std::stop_token& ends) {
+    while (!ends.stop_requested()) {
+      b.Connect(a.Address());
+    }
+  });
+  for (int i = 1; i <= 100; ++i) {
+    ASSERT_EQ(a.Start(), 0);
+    ASSERT_TRUE(Eventually([&] { return good == i && b.Count("TestRunningTime 1") == i; })) << i;
+    a.Terminate();
+    EXPECT_TRUE(Eventually([&] { return !b.IsConnected(a.Address()); }));
+  }
+  EXPECT_EQ(b.Count("error"), 0);
+}
+
+} // namespace
