@@ -1,17 +1,16 @@
 #include <trel/TCPE_System.h>
 
 #include <algorithm>
-#include <cstring>
+#include <string_view>
 
 namespace {
 
 template <std::size_t Size>
 void CopyText(char (&target)[Size], const char* text) {
   char fresh[Size] = {}; // the text may be the target itself
-  if (text != nullptr) {
-    std::memcpy(fresh, text, std::min(std::strlen(text), Size - 1));
-  }
-  std::memcpy(target, fresh, Size);
+  const std::string_view source = text != nullptr ? std::string_view(text) : std::string_view();
+  source.copy(fresh, Size - 1);
+  std::copy_n(fresh, Size, target);
 }
 
 } // namespace

@@ -288,7 +288,7 @@ void TCPE_Network::OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError er
 
 TCPE_Network::ConnectionPointer TCPE_Network::Add(TCPE_Endpoint::Id id, std::uint32_t address, tcp::socket socket) {
   PrepareSocket(socket);
-  const auto connection =
+  auto connection =
       std::make_shared<TCPE_Connection>(mContext, std::move(socket), static_cast<Owner&>(*this), mLimits, id, address);
   mConnections[id] = connection;
   return connection;
