@@ -1,16 +1,25 @@
 #pragma once
 
+#include <trel/Trel_FieldValue.h>
 #include <trel/Trel_Identifiers.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
+class Trel_Command;
+
 /// How a field is encoded in a payload.
 enum class Trel_FieldKind : std::uint8_t { i64, i32, u32, u8, boolean, ipv4, port, string, list };
 
 /// In which numbering a field, or a command, exists.
 enum class Trel_Numbering : std::uint8_t { both, current, legacy };
+
+/// How to reach a field in a command of its class. Nothing is checked here: see Trel_CommandCatalogue.
+struct Trel_FieldAccess {
+  Trel_FieldValue (*get)(const Trel_Command& command, std::size_t element) = nullptr;
+  bool (*set)(Trel_Command& command, std::size_t element, const Trel_FieldValue& value) = nullptr;
+};
 
 /// One field of a payload, for whoever lists, prints or dissects commands.
 struct Trel_FieldDescription {
@@ -20,6 +29,10 @@ struct Trel_FieldDescription {
   Trel_Numbering numbering;
   std::uint8_t since; ///< least payload revision that carries the field
   const char* meaning;
+  Trel_FieldAccess access; ///< null for a field of a list's entry
+  std::size_t element;     ///< index in the array that the field belongs to
+  /// Names of an enumeration's values, by value, with null where there is none; null for other fields.
+  std::span<const char* const> (*displayStrings)();
   /// What one entry of a list is made of, in wire order. A list is a count, i32, and that many entries.
   const Trel_FieldDescription* entry;
   std::size_t entryFields;

@@ -3,7 +3,9 @@
 #include <trel/Trel_Command.h>
 #include <trel/Trel_Field.h>
 
+#include <cstddef>
 #include <ostream>
+#include <tuple>
 #include <type_traits>
 
 /// Makes a command class from its description: name, identifiers, payload hooks and debug text.
@@ -47,8 +49,8 @@ public:
 
   const Trel_CommandDescription* GetDescription() const override { return &Describe(); }
   static const Trel_CommandDescription& Describe() {
-    static constexpr auto command = Derived::kCommand.Describe();
-    static constexpr auto reply = Derived::kReply.Describe();
+    static constexpr auto command = DescribePayload<Derived::kCommand>();
+    static constexpr auto reply = DescribePayload<Derived::kReply>();
     static constexpr Trel_CommandDescription description{Derived::kIdentifiers, Derived::kTraits, command, reply};
     return description;
   }
@@ -91,6 +93,21 @@ protected:
   }
 
 private:
+  template <const auto& Payload>
+  static constexpr auto DescribePayload() {
+    return Payload.Describe([]<std::size_t Index>(std::integral_constant<std::size_t, Index>) {
+      return Trel_FieldAccess{&GetGeneral<Payload, Index>, &SetGeneral<Payload, Index>};
+    });
+  }
+  template <const auto& Payload, std::size_t Index>
+  static Trel_FieldValue GetGeneral(const Trel_Command& command, std::size_t element) {
+    return std::get<Index>(Payload.fields).GetGeneral(static_cast<const Derived&>(command), element);
+  }
+  template <const auto& Payload, std::size_t Index>
+  static bool SetGeneral(Trel_Command& command, std::size_t element, const Trel_FieldValue& value) {
+    return std::get<Index>(Payload.fields).SetGeneral(static_cast<Derived&>(command), element, value);
+  }
+
   Derived& ThisDerived() { return static_cast<Derived&>(*this); }
 
   template <const auto& Payload, class Action>

@@ -3,6 +3,7 @@
 #include <trel/Trel_Export.h>
 
 #include <cstdint>
+#include <span>
 
 /// Enumerations that travel in commands, as signed 32-bit integers, and their display strings.
 ///
@@ -124,3 +125,14 @@ extern TREL_EXPORT const char* TrelPlayRateString[7];
 extern TREL_EXPORT const char* TrelVideoFormatString[26];
 /// Entries from 26 on are null.
 extern TREL_EXPORT const char* ETrel_VideoReferenceFormatString[39];
+
+/// The table of an enumeration.
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_State) { return ETrel_State_String; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_LinkState) { return ETrel_LinkState_String; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_Group) { return ETrel_Group_String; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_DialogType) { return ETrel_DialogType_String; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_PlayRate) { return TrelPlayRateString; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_VideoFormat) { return TrelVideoFormatString; }
+inline std::span<const char* const> Trel_DisplayStrings(ETrel_VideoReferenceFormat) {
+  return ETrel_VideoReferenceFormatString;
+}

@@ -9,8 +9,12 @@
 #include <cstdint>
 #include <cstring>
 #include <ostream>
+#include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
+#include <utility>
+#include <variant>
 #include <vector>
 
 // Codecs: how one field is stored in a command, and how it travels. `Value` is what accessors give and take.
@@ -148,16 +152,70 @@ struct Trel_Text {
     value = {};
     command.ReadFixedLengthString(value.text, Width, cursor);
   }
-  static void Print(const Stored& stored, std::ostream& out) { out << '"' << stored.text << '"'; }
+  /// Control characters, which a peer could forge lines of a log with, come out as dots.
+  static void Print(const Stored& stored, std::ostream& out) {
+    out << '"';
+    for (const char character : std::string_view(stored.text)) {
+      out << (static_cast<unsigned char>(character) < ' ' || character == 0x7f ? '.' : character);
+    }
+    out << '"';
+  }
 };
 
 using Trel_SystemName = Trel_Text<30, 30, Trel_UnknownSystemName>;
 using Trel_HostName = Trel_Text<256, 256, Trel_UnknownHostName>;
 using Trel_Message = Trel_Text<256, 256, Trel_CutText>;
 
+/// A value as accessors give it, in general form.
+template <class Codec>
+Trel_FieldValue Trel_ToGeneral(typename Codec::Value value) {
+  if constexpr (Codec::kKind == Trel_FieldKind::list) {
+    return {Codec::ToGeneral(value)};
+  } else if constexpr (Codec::kKind == Trel_FieldKind::string) {
+    return {std::string(value)};
+  } else if constexpr (Codec::kKind == Trel_FieldKind::boolean) {
+    return {value};
+  } else {
+    return {static_cast<std::int64_t>(value)};
+  }
+}
+
+/// Gives a value in general form to a setter; false, and not given, when it is of another kind or out of range.
+template <class Codec, class Setter>
+bool Trel_FromGeneral(const Trel_FieldValue& general, Setter set) {
+  if constexpr (Codec::kKind == Trel_FieldKind::list) {
+    const auto* const list = std::get_if<Trel_FieldValue::List>(&general.value);
+    typename Codec::Stored records;
+    if (list == nullptr || !Codec::FromGeneral(*list, &records)) {
+      return false;
+    }
+    set(records);
+  } else if constexpr (Codec::kKind == Trel_FieldKind::string) {
+    const auto* const text = std::get_if<std::string>(&general.value);
+    if (text == nullptr || text->find('\0') != std::string::npos) {
+      return false;
+    }
+    set(text->c_str());
+  } else if constexpr (Codec::kKind == Trel_FieldKind::boolean) {
+    const auto* const flag = std::get_if<bool>(&general.value);
+    if (flag == nullptr) {
+      return false;
+    }
+    set(*flag);
+  } else {
+    const auto* const number = std::get_if<std::int64_t>(&general.value);
+    if (number == nullptr || static_cast<std::int64_t>(static_cast<typename Codec::Value>(*number)) != *number) {
+      return false;
+    }
+    set(static_cast<typename Codec::Value>(*number));
+  }
+  return true;
+}
+
 /// `Count` values of one kind, one after the other. The class writes the accessors.
 template <class ElementCodec, std::size_t Count>
 struct Trel_Array {
+  using Element = ElementCodec;
   using Stored = std::array<typename ElementCodec::Stored, Count>;
   static constexpr Trel_FieldKind kKind = ElementCodec::kKind;
   static constexpr std::uint16_t kWidth = ElementCodec::kWidth; ///< of one element
@@ -191,8 +249,27 @@ struct Trel_List {
   static constexpr std::uint16_t kWidth = 0;
   static constexpr std::size_t kCountWidth = 4;
   static constexpr std::size_t kEntryWidth = Entry::kFields.Width();
-  static constexpr auto kEntry = Entry::kFields.Describe();
+  static constexpr auto kEntry = Entry::kFields.Describe([](auto /*index*/) { return Trel_FieldAccess{}; });
 
+  static Trel_FieldValue::List ToGeneral(const Stored& stored) {
+    Trel_FieldValue::List list;
+    for (const auto& record : stored) {
+      auto& values = list.emplace_back();
+      Entry::kFields.ForEach([&](const auto& field) { values.push_back(field.GetGeneral(record)); });
+    }
+    return list;
+  }
+  static bool FromGeneral(const Trel_FieldValue::List& list, Stored* stored) {
+    bool isWhole = true;
+    for (const auto& values : list) {
+      auto& record = stored->emplace_back();
+      auto value = values.begin();
+      Entry::kFields.ForEach(
+          [&](const auto& field) { isWhole = isWhole && value != values.end() && field.SetGeneral(record, *value++); });
+      isWhole = isWhole && value == values.end();
+    }
+    return isWhole;
+  }
   static Value Get(const Stored& stored) { return stored; }
   static void Set(Stored& stored, Value value) { stored = value; }
   /// Writes all of it or, when it does not fit, nothing.
@@ -239,24 +316,29 @@ struct Trel_FieldBase {
   Trel_Numbering numbering = Trel_Numbering::both;
   std::uint8_t since = 0;
 
+  static constexpr bool kIsArray = requires { Codec::kCount; };
+
   static constexpr std::size_t NumberOfDescriptions() {
-    if constexpr (requires { Codec::kCount; }) {
+    if constexpr (kIsArray) {
       return Codec::kCount;
     } else {
       return 1;
     }
   }
   /// Describes the field, each element of an array for itself.
-  constexpr void Describe(Trel_FieldDescription*& next) const {
+  constexpr void Describe(Trel_FieldDescription*& next, const Trel_FieldAccess& access) const {
     for (std::size_t index = 0; index < NumberOfDescriptions(); ++index) {
-      *next = {{}, Codec::kKind, Codec::kWidth, numbering, since, meaning, nullptr, 0};
+      *next = {{}, Codec::kKind, Codec::kWidth, numbering, since, meaning, access, index, nullptr, nullptr, 0};
       char* end = std::copy(name, name + std::string_view(name).size(), next->name);
-      if constexpr (requires { Codec::kCount; }) {
+      if constexpr (kIsArray) {
         static_assert(Codec::kCount <= 100);
         if (index >= 10) {
           *end++ = static_cast<char>('0' + index / 10);
         }
         *end = static_cast<char>('0' + index % 10);
+      }
+      if constexpr (requires { Trel_DisplayStrings(typename Codec::Value{}); }) {
+        next->displayStrings = [] { return Trel_DisplayStrings(typename Codec::Value{}); };
       }
       if constexpr (requires { Codec::kEntry; }) {
         next->entry = Codec::kEntry.data();
@@ -277,6 +359,25 @@ struct Trel_Field : Trel_FieldBase<Codec> {
   }
   void Read(TCPE_Command& command, Class& object, char** cursor) const { Codec::Read(command, object.*member, cursor); }
   void Print(const Class& object, std::ostream& out) const { Codec::Print(object.*member, out << this->name << '='); }
+
+  /// The value, or that of an element of an array, in general form.
+  Trel_FieldValue GetGeneral(const Class& object, [[maybe_unused]] std::size_t element) const {
+    if constexpr (Trel_Field::kIsArray) {
+      return Trel_ToGeneral<typename Codec::Element>(Codec::Element::Get((object.*member)[element]));
+    } else {
+      return Trel_ToGeneral<Codec>(Codec::Get(object.*member));
+    }
+  }
+  /// Sets it by the rules of the setter.
+  bool SetGeneral(Class& object, [[maybe_unused]] std::size_t element, const Trel_FieldValue& general) const {
+    if constexpr (Trel_Field::kIsArray) {
+      using Element = typename Codec::Element;
+      return Trel_FromGeneral<Element>(
+          general, [&](typename Element::Value value) { Element::Set((object.*member)[element], value); });
+    } else {
+      return Trel_FromGeneral<Codec>(general, [&](typename Codec::Value value) { Codec::Set(object.*member, value); });
+    }
+  }
 };
 
 /// A field of a record that shows its values through accessors alone.
@@ -294,6 +395,10 @@ struct Trel_Property : Trel_FieldBase<Codec> {
     (record.*set)(Codec::Get(stored));
   }
   void Print(const Record& record, std::ostream& out) const { Codec::Print(Load(record), out << this->name << '='); }
+  Trel_FieldValue GetGeneral(const Record& record) const { return Trel_ToGeneral<Codec>((record.*get)()); }
+  bool SetGeneral(Record& record, const Trel_FieldValue& general) const {
+    return Trel_FromGeneral<Codec>(general, [&](typename Codec::Value value) { (record.*set)(value); });
+  }
 
 private:
   typename Codec::Stored Load(const Record& record) const {
@@ -358,10 +463,15 @@ struct Trel_Payload {
   }
   /// Bytes on the wire, of fields that are always carried.
   constexpr std::size_t Width() const { return (std::size_t{0} + ... + Fields::Codec::kWidth); }
-  constexpr auto Describe() const {
+  /// `accessTo` gives the access to a field, for its index as an integral constant.
+  template <class AccessTo>
+  constexpr auto Describe([[maybe_unused]] AccessTo accessTo) const {
     std::array<Trel_FieldDescription, (std::size_t{0} + ... + Fields::NumberOfDescriptions())> all{};
     [[maybe_unused]] Trel_FieldDescription* next = all.data();
-    ForEach([&](const auto& field) { field.Describe(next); });
+    const auto describe = [&]<std::size_t... Index>(std::index_sequence<Index...>) {
+      (std::get<Index>(fields).Describe(next, accessTo(std::integral_constant<std::size_t, Index>())), ...);
+    };
+    describe(std::index_sequence_for<Fields...>());
     return all;
   }
 };

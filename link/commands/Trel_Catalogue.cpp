@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <new>
 #include <tuple>
 
@@ -38,6 +39,11 @@ TCPE_Command* ConstructIn(void* block) {
   return new (block) Command();
 }
 
+template <class Command>
+std::unique_ptr<Trel_Command> Create() {
+  return std::make_unique<Command>();
+}
+
 /// Classes by identifier. Beyond it lies ConnectionFailed's current identifier alone, which is never received.
 using ClassTable = std::array<const Trel_CommandClass*, 81>;
 
@@ -56,7 +62,8 @@ ClassTable MakeTable(Trel_eCmd Trel_CommandIdentifiers::*numbering) {
 
 std::span<const Trel_CommandClass> Trel_Catalogue::Classes() {
   static const std::array classes{
-#define TREL_ROW(Name, Current, Legacy) Trel_CommandClass{&Trel_Cmd_##Name::Describe(), &ConstructIn<Trel_Cmd_##Name>},
+#define TREL_ROW(Name, Current, Legacy)                                                                                \
+  Trel_CommandClass{&Trel_Cmd_##Name::Describe(), &ConstructIn<Trel_Cmd_##Name>, &Create<Trel_Cmd_##Name>},
       TREL_COMMAND_TABLE(TREL_ROW)
 #undef TREL_ROW
   };

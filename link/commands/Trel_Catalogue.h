@@ -2,12 +2,14 @@
 
 #include <trel/Trel_Command.h>
 
+#include <memory>
 #include <span>
 
 /// One command class, without its type.
 struct Trel_CommandClass {
   const Trel_CommandDescription* description;
   TCPE_Command* (*construct)(void* block);
+  std::unique_ptr<Trel_Command> (*create)();
 };
 
 /// All command classes, in the order of the table of commands.

@@ -6,4 +6,7 @@ class App;
 
 // Each command adds itself to the program; when the command line names it, it runs and leaves its exit status.
 
+void AddCommandsCommand(CLI::App& program, int& exitStatus);
+void AddEncodeCommand(CLI::App& program, int& exitStatus);
+void AddDecodeCommand(CLI::App& program, int& exitStatus);
 void AddDemoCommand(CLI::App& program, int& exitStatus);

@@ -1,0 +1,177 @@
+#include "tests/support/Hex.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <string>
+
+#include <sys/wait.h>
+
+namespace {
+
+using nlohmann::json;
+
+struct Outcome {
+  int status;
+  std::string output;
+};
+
+/// Runs the program with the words of a shell.
+Outcome RunProgram(const std::string& arguments) {
+  FILE* const pipe = popen((TREL_PROGRAM " " + arguments).c_str(), "r");
+  std::string output;
+  std::array<char, 4096> bytes = {};
+  for (std::size_t count = 0; (count = fread(bytes.data(), 1, bytes.size(), pipe)) > 0;) {
+    output.append(bytes.data(), count);
+  }
+  return {WEXITSTATUS(pclose(pipe)), output};
+}
+
+std::string Digits(const char* hexadecimal) {
+  std::string text;
+  for (const char byte : FromHex(hexadecimal)) {
+    std::array<char, 3> digits = {};
+    std::snprintf(digits.data(), digits.size(), "%02x", static_cast<unsigned char>(byte));
+    text += digits.data();
+  }
+  return text;
+}
+
+TEST(CatalogueProgramTest, EncodesAndDecodes) {
+  const struct {
+    const char* command;
+    const char* fields; // as decoded; the shell makes of it what is to be encoded
+    const char* bytes;
+  } cases[] = {
+      {"SyncClock", "", ""},
+      {"Prime", "PreRollStart=1\nInPoint=2\nOutPoint=3\nPostRollEnd=4\nActualStartTime=-1\nPlaySpeed=-16\n",
+       "00*7 01 00*7 02 00*7 03 00*7 04 ff*8 fffffff0"},
+      {"ConnectTo",
+       "ConnectToIPAddress=192.168.1.2\nConnectToPort=28282\nUniqueSystemID=7\nSystemName=\"Al\"\nHostname=\"a host\"\n"
+       "SystemType=2\nMajorVersion=4\nMinorVersion=255\n",
+       "0201a8c0 7a6e 00000007 416c 00*28 6120686f7374 00*250 00000002 04 ff"},
+      {"UpdateMasterClockSource", "UniqueID=167772161\n", "0a000001"},
+      {"--legacy UpdateMasterClockSource", "MasterClock=10.0.0.1\n", "0100000a"},
+      {"UpdateGroupEnable", "Enable0=true\nEnable1=false\nEnable2=true\nEnable3=false\n", "01 00 01 00"},
+      {"ConnectionFailed", "FailedConnectionIPAddress=192.168.1.2\n", "0201a8c0"},
+      {"UpdateVideo --revision 0", "UpdateVideoLocation=258\nUpdateCounters=false\n", "00*6 0102"},
+      {"GetCurrentSelection --reply --revision 1",
+       "PreRollStartTime=1\nInTime=2\nOutTime=3\nPostRollStopTime=4\nPlayStartMarkerTime=5\nPreRollEnabled=true\n"
+       "PostRollEnabled=true\n",
+       "00*7 01 00*7 02 00*7 03 00*7 04 00*7 05 01 01"},
+  };
+  for (const auto& [command, fields, bytes] : cases) {
+    SCOPED_TRACE(command);
+    std::string assignments = fields;
+    std::replace(assignments.begin(), assignments.end(), '\n', ' ');
+    const Outcome encoded = RunProgram(std::string("encode ") + command + ' ' + assignments);
+    EXPECT_EQ(encoded.output, Digits(bytes) + '\n');
+    const Outcome decoded = RunProgram(std::string("decode ") + command + ' ' + Digits(bytes));
+    EXPECT_EQ(decoded.output, fields);
+    EXPECT_EQ(encoded.status + decoded.status, 0);
+  }
+}
+
+TEST(CatalogueProgramTest, SaysWhatIsWrong) {
+  const struct {
+    const char* arguments;
+    int status;
+    const char* says;
+  } cases[] = {
+      {"encode Prim", 2, "near ones: Prime\n"},
+      {"decode selection 00", 2, "near ones: SetCurrentSelection, GetCurrentSelection\n"},
+      {"encode UpdateGroupEnable Enabel1=1", 2, "near ones: Enable1\n"},
+      {"encode RequestControl HasControl=1", 2, "add --reply"},
+      {"encode UpdateMasterClockSource MasterClock=10.0.0.1", 2, "other numbering"},
+      {"encode Prime InPoint=1 InPoint=1", 2, "twice"},
+      {"encode Prime PlaySpeed=2147483648", 2, "out of range, -2147483648 to 2147483647"},
+      {"encode ConnectTo ConnectToPort=-1", 2, "out of range, 0 to 65535"},
+      {"encode ConnectTo ConnectToIPAddress=10.0.0", 2, "no IPv4 address"},
+      {"encode RequestLink Link=2", 2, "no flag"},
+      {"encode SendState State=eTrel_State_Pley", 2, "near ones: eTrel_State_Play"},
+      {"encode SendState State=eTrel_State_Play", 0, "00000006\n"},
+      {"encode GetDigitalCutRate --reply DigitalCutRate=25", 0, "note: DigitalCutRate=25 has no name"},
+      {"encode ListSystems 'Systems=[{\"Name\":\"x\"}]'", 2, "near ones: Hostname, SystemName\n"},
+      {"encode SetSystemName SystemName=123456789012345678901234567890", 0, "arrives as \"Unknown System Name\"\n"},
+      {"encode UpdateGrouping System7=1", 0, "System7 arrives as 0\n"},
+      {"decode UpdateVideo 0", 2, "a byte has two"},
+      {"decode RequestLink 0102", 0, "left over from offset 1: 02\n"},
+      // The flags behind the marker would fit.
+      {"decode SetCurrentSelection 0000000000000000000000000000000000000000000000000000000000000000000000000000", 1,
+       "PlayStartMarkerTime (8 bytes) does not fit at offset 32 of 38 bytes\n"},
+      {"decode ListSystems 00000001", 1, "Systems (list) does not fit at offset 4 of 4 bytes\n"},
+  };
+  for (const auto& [arguments, status, says] : cases) {
+    const Outcome outcome = RunProgram(std::string(arguments) + " 2>&1");
+    EXPECT_THAT(outcome.output, testing::HasSubstr(says));
+    EXPECT_EQ(outcome.status, status) << arguments;
+  }
+}
+
+TEST(CatalogueProgramTest, SpeaksJson) {
+  const json systems = json::array({{{"IPAddress", "192.168.1.2"}, {"SystemName", "Al"}, {"OrderNumber", -1}}});
+  const json encoded =
+      json::parse(RunProgram("encode ListSystems --json 'Systems=" + systems.dump() + "' 2>&1").output);
+  const std::string bytes = Digits("00000001 0201a8c0 416c 00*28 00*30 00000000 ffffffff");
+  EXPECT_EQ(encoded,
+            json({{"name", "ListSystems"}, {"id", 29}, {"reply", false}, {"revision", 1}, {"payload", bytes}}));
+  const json decoded = json::parse(RunProgram("decode ListSystems --legacy --json " + bytes + "ff 2>&1").output);
+  json entry = systems[0];
+  entry["Hostname"] = "";
+  entry["SystemType"] = 0;
+  EXPECT_EQ(decoded["fields"]["Systems"], json::array({entry}));
+  EXPECT_EQ(decoded["left_over"], "ff");
+  EXPECT_EQ(decoded["id"], 22);
+}
+
+TEST(CatalogueProgramTest, ListsTheCatalogue) {
+  for (const bool isLegacy : {false, true}) {
+    const json list = json::parse(RunProgram(isLegacy ? "commands --legacy --json" : "commands --json").output);
+    std::map<std::string, json> commands;
+    std::set<int> identifiers;
+    for (const json& command : list) {
+      EXPECT_EQ(command["id"], command[isLegacy ? "legacy" : "current"]);
+      identifiers.insert(command["id"].get<int>());
+      commands[command["name"]] = command;
+    }
+    EXPECT_EQ(list.size(), 76U);
+    EXPECT_EQ(identifiers.size(), 76U);
+
+    EXPECT_EQ(commands["GetStartDelay"],
+              json::parse(std::string(isLegacy ? R"({"id": 21,)" : R"({"id": 28,)") + R"("current": 28, "legacy": 21,
+                  "name": "GetStartDelay", "class": "Trel_Cmd_GetStartDelay", "synchronous": true, "logged": true,
+                  "revision": 0, "command": [],
+                  "reply": [{"name": "StartDelay", "kind": "u32", "width": 4, "offset": 0, "since": 0}]})"));
+    const auto fieldsOf = [&](const char* command) {
+      std::string text;
+      for (const json& field : commands[command]["command"]) {
+        for (const char* key : {"name", "kind", "width", "offset", "since"}) {
+          text += (field[key].is_string() ? field[key].get<std::string>() : field[key].dump()) + ' ';
+        }
+      }
+      return text;
+    };
+    EXPECT_EQ(fieldsOf("ConnectTo"),
+              isLegacy ? "ConnectToIPAddress ipv4 4 0 0 "
+                       : "ConnectToIPAddress ipv4 4 0 0 ConnectToPort port 2 4 0 UniqueSystemID i32 4 6 0 "
+                         "SystemName string 30 10 0 Hostname string 256 40 0 SystemType i32 4 296 0 "
+                         "MajorVersion u8 1 300 0 MinorVersion u8 1 301 0 ");
+    EXPECT_EQ(fieldsOf("DialogOnScreen"), "DialogCode i32 4 0 0 DialogMsg string 256 4 1 DialogType i32 4 260 2 ");
+    EXPECT_EQ(fieldsOf("ListSystems"), "Systems list 0 0 0 ");
+  }
+}
+
+TEST(CatalogueProgramTest, PageIsThatOfTheCatalogue) {
+  std::ifstream page(TREL_COMMANDS_PAGE);
+  EXPECT_EQ(RunProgram("commands --markdown").output, std::string(std::istreambuf_iterator<char>(page), {}))
+      << "build the target protocol-page";
+}
+
+} // namespace
