@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr unsigned kLoopbackNetwork = 127; // first octet
-
 std::uint32_t HostOrderAddress(const sockaddr* socketAddress) {
   sockaddr_in address = {};
   std::memcpy(&address, socketAddress, sizeof address);
@@ -31,8 +29,9 @@ Sys_Adaptor MakeAdaptor(const ifaddrs& entry) {
   adaptor.netmask = entry.ifa_netmask != nullptr ? HostOrderAddress(entry.ifa_netmask) : ~std::uint32_t{0};
   adaptor.isUp = (entry.ifa_flags & IFF_UP) != 0;
   adaptor.isLoopback = (entry.ifa_flags & IFF_LOOPBACK) != 0;
+  const bool hasBroadcastAddress = ~adaptor.netmask > 1; // networks of one or two addresses have none
   // The loopback adaptor does deliver directed broadcasts, though it does not say so.
-  adaptor.canBroadcast = adaptor.isLoopback || (entry.ifa_flags & IFF_BROADCAST) != 0;
+  adaptor.canBroadcast = hasBroadcastAddress && (adaptor.isLoopback || (entry.ifa_flags & IFF_BROADCAST) != 0);
   // Calculated, because the adaptor's own entry may be empty or set to something else.
   adaptor.broadcast = adaptor.canBroadcast ? adaptor.address | ~adaptor.netmask : 0;
   return adaptor;
@@ -100,10 +99,8 @@ std::vector<Sys_Adaptor> Sys_Socket::GetAdaptors() {
 
 bool Sys_Socket::FindAdaptorOf(std::uint32_t address, Sys_Adaptor* adaptor) {
   const auto adaptors = GetAdaptors();
-  const auto found = std::find_if(adaptors.begin(), adaptors.end(), [address](const Sys_Adaptor& candidate) {
-    const bool bothLoopback = address >> 24U == kLoopbackNetwork && candidate.address >> 24U == kLoopbackNetwork;
-    return candidate.address == address || bothLoopback;
-  });
+  const auto found = std::find_if(adaptors.begin(), adaptors.end(),
+                                  [address](const Sys_Adaptor& candidate) { return candidate.Has(address); });
   if (found == adaptors.end()) {
     return false;
   }

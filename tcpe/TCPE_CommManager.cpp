@@ -1,4 +1,5 @@
 #include <trel/Cmn_Assert.h>
+#include <trel/Cmn_NumberToText.h>
 #include <trel/SPSStartupOption.h>
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Socket.h>
@@ -7,6 +8,7 @@
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
 
+#include "tcpe/TCPE_AdaptorChoice.h"
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
@@ -15,7 +17,6 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -26,23 +27,15 @@ std::atomic<std::int32_t> sNumberingHolds = 0;
 /// The error type of both numberings, for when there is no task to tell its identifier.
 constexpr TCPE_eCmd kErrorType = -1;
 
-/// The adaptor whose address a system is known by: the preferred one, else the first that can broadcast, else loopback.
-ETCPE_Status ChooseAdaptor(std::uint32_t preferred, Sys_Adaptor* chosen) {
-  if (preferred != 0) {
-    return Sys_Socket::FindAdaptorOf(preferred, chosen) ? eTCPE_Status_Success : eTCPE_Status_AddressNotLocal;
-  }
-  const std::vector<Sys_Adaptor> adaptors = Sys_Socket::GetAdaptors();
-  auto position = std::find_if(adaptors.begin(), adaptors.end(), [](const Sys_Adaptor& adaptor) {
-    return adaptor.isUp && adaptor.canBroadcast && !adaptor.isLoopback;
-  });
-  if (position == adaptors.end()) {
-    position = std::find_if(adaptors.begin(), adaptors.end(), [](const Sys_Adaptor& adaptor) { return adaptor.isUp; });
-  }
-  if (position == adaptors.end()) {
-    return eTCPE_Status_NoAdaptor;
-  }
-  *chosen = *position;
-  return eTCPE_Status_Success;
+/// The discovery port that the start-up option asks for; 0 when it does not.
+std::uint16_t DiscoveryPortOption() {
+  const std::int32_t port = SPSStartupOptionSInt32("DiscoveryPort", 0);
+  return port > 0 && port <= 0xffff ? static_cast<std::uint16_t>(port) : std::uint16_t{0};
+}
+
+std::string PortInUseText(const char* kind, std::uint16_t port, std::uint32_t address) {
+  return std::string(kind) + " port " + Cmn_UInt32ToString(port) + " of " + Sys_Socket::DecodeIPAddress(address) +
+         " is in use by another program";
 }
 
 } // namespace
@@ -122,16 +115,27 @@ void TCPE_CommManager::ReleaseNumbering() { --sNumberingHolds; }
 
 std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError) {
   const std::lock_guard lifecycle(mLifecycleMutex);
+  std::string report;
+  const std::int32_t status = Start(preferences, onNetworkError, &report);
+  const std::lock_guard lock(mMutex);
+  mInitializationReport = std::move(report);
+  return status;
+}
+
+std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError,
+                                     std::string* report) {
   if (IsInitialized()) {
+    *report = "the engine is initialised already";
     return eTCPE_Status_AlreadyInitialized;
   }
-  Sys_Adaptor adaptor;
   const std::uint32_t preferred = preferences != nullptr ? preferences->GetLocalInterfaceAddress() : 0;
-  if (const ETCPE_Status status = ChooseAdaptor(preferred, &adaptor); status != eTCPE_Status_Success) {
-    return status;
+  const TCPE_AdaptorChoice adaptor = TCPE_AdaptorChoice::Make(preferred, Sys_Socket::GetAdaptors());
+  *report = adaptor.report;
+  if (adaptor.status != eTCPE_Status_Success) {
+    return adaptor.status;
   }
-  const std::uint32_t address = preferred != 0 ? preferred : adaptor.address;
   mCommunicationPort = preferences != nullptr ? preferences->GetCommunicationPort() : std::uint16_t{0};
+  mDiscoveryPort = DiscoveryPortOption();
   const auto communicationPort = static_cast<std::uint16_t>(GetCommunicationPort());
   const auto discoveryPort = static_cast<std::uint16_t>(GetDiscoveryPort());
 
@@ -140,8 +144,8 @@ std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, Net
   std::unique_ptr<TCPE_CommTask> task(CreateCommTask(communicationPort, discoveryPort, &mLocalSystem));
   ETCPE_Status status = eTCPE_Status_NoCommTask;
   if (task) {
-    SetUpLocalSystem(address, communicationPort, *task);
-    mAdaptorIPAddress = address;
+    SetUpLocalSystem(adaptor.address, communicationPort, *task);
+    mAdaptorIPAddress = adaptor.address;
     TCPE_Limits limits;
     constexpr TCPE_Time kMicrosecondsPerMillisecond = 1000;
     limits.reply =
@@ -151,7 +155,7 @@ std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, Net
     const std::shared_ptr<TCPE_Engine> engine = TCPE_Engine::Make({.manager = this,
                                                                    .task = std::move(task),
                                                                    .limits = limits,
-                                                                   .localAddress = address,
+                                                                   .localAddress = adaptor.address,
                                                                    .broadcastAddress = adaptor.broadcast,
                                                                    .onNetworkError = onNetworkError,
                                                                    .isHostPumped = mHostPumped});
@@ -163,10 +167,29 @@ std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, Net
       return status;
     }
   }
+  switch (status) {
+  case eTCPE_Status_PortInUse:
+    *report = PortInUseText("TCP", communicationPort, adaptor.address);
+    break;
+  case eTCPE_Status_DiscoveryPortInUse:
+    *report = PortInUseText("UDP", discoveryPort, adaptor.address);
+    break;
+  case eTCPE_Status_NoCommTask:
+    *report = "the host gave no communication task";
+    break;
+  default:
+    *report = "the operating system refused a thread or a socket; " + Sys_Socket::DecodeIPAddress(adaptor.address) +
+              ", TCP port " + Cmn_UInt32ToString(communicationPort) + ", UDP port " + Cmn_UInt32ToString(discoveryPort);
+  }
   mAdaptorIPAddress = 0;
   TerminateSubclass();
   ReleaseNumbering();
   return status;
+}
+
+std::string TCPE_CommManager::GetInitializationReport() const {
+  const std::lock_guard lock(mMutex);
+  return mInitializationReport;
 }
 
 bool TCPE_CommManager::IsInitialized() const {

@@ -18,6 +18,12 @@ struct Sys_Adaptor {
   bool isUp = false;
   bool isLoopback = false;
   bool canBroadcast = false;
+
+  /// Whether an address is this adaptor's. The loopback adaptor has all of 127.0.0.0/8.
+  bool Has(std::uint32_t candidate) const {
+    constexpr std::uint32_t kLoopbackNetwork = 127; // first octet
+    return candidate == address || (candidate >> 24U == kLoopbackNetwork && address >> 24U == kLoopbackNetwork);
+  }
 };
 
 /// Addresses, names and adaptors of this machine.

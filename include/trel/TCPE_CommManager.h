@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 
 class TCPE_Command;
 class TCPE_CommTask;
@@ -68,6 +69,9 @@ public:
   /// Starts the engine. Null preferences stand for address 0 and the default port.
   /// @return 0, or an ETCPE_Status; after a failure nothing is left running
   std::int32_t Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError);
+  /// The last Initialize in words: why it failed, with the ports and addresses concerned, or what it chose where there
+  /// was a choice. Empty when there is nothing to tell.
+  std::string GetInitializationReport() const;
   bool IsInitialized() const;
   /// Ends the engine: tells the peers, fails waiting senders, waits until callers have left. Returns within a second
   /// also with calls in flight; a handler that is still running then is left to end by itself. From a handler or
@@ -152,15 +156,17 @@ protected:
 private:
   class Caller;
 
+  std::int32_t Start(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError, std::string* report);
   void SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task);
 
-  mutable std::mutex mMutex; // guards the engine pointer, the number of callers and the local record
+  mutable std::mutex mMutex; // guards the engine pointer, the number of callers, the report and the local record
   mutable std::condition_variable mCallersHaveLeft;
   mutable std::int32_t mCallers = 0;
   std::mutex mLifecycleMutex;
   std::shared_ptr<TCPE_Engine> mEngine;
   std::shared_ptr<TCPE_Engine> mEndingEngine; // while Terminate waits for it
   TCPE_System mLocalSystem;
+  std::string mInitializationReport;
   std::atomic<CommandLogProc> mCommandLog = nullptr;
   std::atomic<bool> mHostPumped = false;
   std::atomic<bool> mIsSatellite = false;

@@ -56,9 +56,10 @@ enum ETCPE_NetworkError : std::int32_t {
 enum ETCPE_Status : std::int32_t {
   eTCPE_Status_Success = 0,
   eTCPE_Status_AlreadyInitialized = 1,
-  eTCPE_Status_AddressNotLocal = 2, ///< no adaptor of this machine has the preferred address
-  eTCPE_Status_NoAdaptor = 3,       ///< no usable network adaptor at all
-  eTCPE_Status_PortInUse = 4,       ///< another process listens on the communication port
-  eTCPE_Status_NoCommTask = 5,      ///< CreateCommTask gave none
-  eTCPE_Status_SystemError = 6,     ///< the operating system refused a socket or a thread
+  eTCPE_Status_AddressNotLocal = 2,    ///< no adaptor of this machine that is up has the preferred address
+  eTCPE_Status_NoAdaptor = 3,          ///< no usable network adaptor at all
+  eTCPE_Status_PortInUse = 4,          ///< another process listens on the communication port
+  eTCPE_Status_NoCommTask = 5,         ///< CreateCommTask gave none
+  eTCPE_Status_SystemError = 6,        ///< the operating system refused a socket or a thread
+  eTCPE_Status_DiscoveryPortInUse = 7, ///< another program has the discovery port and does not share it
 };

@@ -16,6 +16,7 @@
 #include <trel/TCPE_CommPreferences.h>
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
+#include <trel/TCPE_ConnectionID.h>
 #include <trel/TCPE_System.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <set>
+#include <string>
 
 /// The host's door to the link engine: start and stop, connections, commands, roles and limits.
 ///
@@ -25,6 +26,7 @@ public:
   /// threads start.
   /// @return 0, or an ETCPE_Status; after a failure nothing is left running
   static std::int32_t Initialize(Trel_CommPreferences* prefs, TCPE_CommManager::NetworkErrorProc onNetworkError);
+  static std::string GetInitializationReport();
   static bool IsInitialized();
   /// Ends the engine and frees it; the limits stay. Senders that wait get an error. Returns within a second. From a
   /// handler or callback it reports an assertion and does nothing.

@@ -124,6 +124,8 @@ std::int32_t Trel_CommManager::Initialize(Trel_CommPreferences* prefs,
   return status;
 }
 
+std::string Trel_CommManager::GetInitializationReport() { return TCPEInterface()->GetInitializationReport(); }
+
 bool Trel_CommManager::IsInitialized() { return TCPEInterface()->IsInitialized(); }
 
 void Trel_CommManager::Terminate() {
