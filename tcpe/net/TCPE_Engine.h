@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <trel/TCPE_CommManager.h>
@@ -22,6 +23,8 @@ public:
     TCPE_Limits limits;
     std::uint32_t localAddress = 0;
     std::uint32_t broadcastAddress = 0;
+    /// Of the shared secret; null without one.
+    std::shared_ptr<const TCPE_AuthenticationKey> key{};
     TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
     bool isHostPumped = false;
   };

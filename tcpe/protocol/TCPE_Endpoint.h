@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Session.h"
 
 #include <cstdint>
@@ -32,6 +33,8 @@ public:
     std::function<TCPE_CommErr(std::uint32_t address, const TCPE_FrameHeader& header,
                                std::span<const std::byte> payload)>
         examineConnect{};
+    /// Of the shared secret; null without one.
+    std::shared_ptr<const TCPE_AuthenticationKey> key{};
     /// A fresh nonce for each connection. Empty: that of the local hello.
     std::function<TCPE_Hello::Nonce()> makeNonce{};
     /// Makes the connect command for an address, a complete frame.
