@@ -34,6 +34,7 @@
 #include <trel/Trel_CommTask.h>
 #include <trel/Trel_Command.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
+#include <trel/Trel_Diags.h>
 #include <trel/Trel_Enumerations.h>
 #include <trel/Trel_Init.h>
 #include <trel/Trel_LinearCorrelator.h>

@@ -6,6 +6,8 @@
 #include <trel/Sys_Socket.h>
 #include <trel/TCPE_CommManager.h>
 
+#include "link/clock/Trel_Trace.h"
+
 #include <mutex>
 
 void Trel_Init::Init() {
@@ -16,5 +18,6 @@ void Trel_Init::Init() {
     Sys_Socket::Initialize();
     Sys_Clock::Init();
     TCPE_CommManager::ReadNumberingOption();
+    Trel_Trace::BindInstalled();
   });
 }

@@ -1,0 +1,62 @@
+#include <trel/Trel_Diags.h>
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+TEST(Trel_Diags, ComparesTwoStarts) {
+  constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+  const struct {
+    PlayStartData_t first;
+    PlayStartData_t second;
+    bool isNTSC;
+    std::int64_t audio;
+    std::int64_t video;
+    std::int64_t edge;
+  } cases[] = {
+      {{5, 60, 1'000'000}, {7, 20, 1'010'000}, false, -2, 40, 30'000},
+      {{5, 60, 1'010'000}, {7, 20, 1'000'000}, false, -2, 40, 30'000},
+      {{0, 0, 77}, {0, 0, 77}, true, 0, 0, 0},
+      {{0, 0, 0}, {0, 0, 80'000}, false, 0, 0, 40'000},
+      {{0, 0, 0}, {0, 0, 33'366}, true, 0, 0, 33'366},
+      {{0, 0, 0}, {0, 0, 33'367}, true, 0, 0, 33'365},
+      {{0, 0, -1}, {0, 0, 39'999}, true, 0, 0, 33'366 - 6'634},
+      {{kLeast, 0, kLeast}, {1, kLeast, 0}, false, std::numeric_limits<std::int64_t>::max(), kLeast, 24'192},
+  };
+  Trel_Diags diags;
+  for (const auto& test : cases) {
+    diags.ClearData();
+    EXPECT_FALSE(diags.OutputDiagsToVornTrace());
+    EXPECT_TRUE(diags.CalculateDiagnostics(&test.first, &test.second, test.isNTSC));
+    EXPECT_TRUE(diags.OutputDiagsToVornTrace());
+    EXPECT_EQ(diags.mIsNTSCRate, test.isNTSC);
+    EXPECT_EQ(diags.mFirstPlayStart.mFrameEdge, test.first.mFrameEdge);
+    EXPECT_EQ(diags.mSecondPlayStart.mVideoPlayStart, test.second.mVideoPlayStart);
+    EXPECT_EQ(diags.mAudioStartDifference, test.audio);
+    EXPECT_EQ(diags.mVideoStartDifference, test.video);
+    EXPECT_EQ(diags.mFrameEdgeOffset, test.edge);
+  }
+}
+
+TEST(Trel_Diags, WithoutBothRecordsOnlyTheResultsAreLeft) {
+  const PlayStartData_t some{1, 2, 3};
+  const PlayStartData_t other{10, 20, 30};
+  for (const auto& [first, second] :
+       std::vector<std::pair<const PlayStartData_t*, const PlayStartData_t*>>{{&some, nullptr}, {nullptr, &some}}) {
+    Trel_Diags diags;
+    ASSERT_TRUE(diags.CalculateDiagnostics(&some, &other, false));
+    EXPECT_FALSE(diags.CalculateDiagnostics(first, second, false));
+    EXPECT_FALSE(diags.OutputDiagsToVornTrace());
+    EXPECT_TRUE(diags.mIsNTSCRate);
+    EXPECT_EQ(diags.mFirstPlayStart.mAudioPlayStart, 0);
+    EXPECT_EQ(diags.mSecondPlayStart.mFrameEdge, 0);
+    EXPECT_EQ(diags.mAudioStartDifference, -9);
+    EXPECT_EQ(diags.mFrameEdgeOffset, 40'000 - 27);
+  }
+}
+
+} // namespace
