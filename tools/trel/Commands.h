@@ -9,4 +9,5 @@ class App;
 void AddCommandsCommand(CLI::App& program, int& exitStatus);
 void AddEncodeCommand(CLI::App& program, int& exitStatus);
 void AddDecodeCommand(CLI::App& program, int& exitStatus);
+void AddSecretCommand(CLI::App& program, int& exitStatus);
 void AddDemoCommand(CLI::App& program, int& exitStatus);

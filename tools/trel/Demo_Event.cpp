@@ -56,16 +56,6 @@ std::string Demo_Finish::ToLine() const { return Line(*this); }
 
 std::optional<Demo_Finish> Demo_Finish::FromLine(const std::string& line) { return Parse<Demo_Finish>(line); }
 
-std::optional<std::string> Demo_LineBuffer::TakeLine() {
-  const std::size_t end = mBytes.find('\n');
-  if (end == std::string::npos) {
-    return std::nullopt;
-  }
-  std::string line = mBytes.substr(0, end);
-  mBytes.erase(0, end + 1);
-  return line;
-}
-
 void Demo_EventWriter::Write(const Demo_Event& event) {
   const std::string line = event.ToLine();
   const std::lock_guard lock(mMutex);

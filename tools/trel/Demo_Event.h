@@ -47,16 +47,6 @@ struct Demo_Finish {
   static std::optional<Demo_Finish> FromLine(const std::string& line);
 };
 
-/// Takes bytes as they come and gives lines, without their ends.
-class Demo_LineBuffer {
-public:
-  void Append(const char* bytes, std::size_t size) { mBytes.append(bytes, size); }
-  std::optional<std::string> TakeLine();
-
-private:
-  std::string mBytes;
-};
-
 /// Writes lines to standard output, each as a whole. Thread-safe. Errors are ignored: when nobody reads any more, the
 /// end of standard input ends the process.
 class Demo_EventWriter {

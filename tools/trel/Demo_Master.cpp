@@ -1,7 +1,7 @@
 #include "Demo_Master.h"
 
-#include "Demo_Player.h"
 #include "ExitStatus.h"
+#include "Player.h"
 #include "Texts.h"
 
 #include <trel/Sys_Clock.h>
@@ -54,15 +54,16 @@ int Demo_Master::Run() {
   Handle<Trel_Cmd_ClockLockState, &Demo_Master::OnClockLockState>();
   Handle<Trel_Cmd_SendState, &Demo_Master::OnSendState>();
   Handle<Trel_Cmd_ReportPlayStartData, &Demo_Master::OnReportPlayStartData>();
-  mPlayer = std::make_unique<Demo_Player>(
-      [this](std::int64_t runningTime) {
-        Trel_StartHelper::WaitUntilHostTime(mEpoch + runningTime);
-        return true;
-      },
-      [this](std::int64_t runningTime, std::int64_t rawTime) {
-        Emit({.kind = Demo_Event::Kind::started, .rawTime = rawTime, .value = runningTime});
-        Update(mOptions.address, [](System& self) { self.hasReported = true; });
-      });
+  mPlayer =
+      std::make_unique<Player>([this](std::int64_t runningTime) { return mEpoch + runningTime; },
+                               [this](std::int64_t runningTime) {
+                                 Trel_StartHelper::WaitUntilHostTime(mEpoch + runningTime);
+                                 return true;
+                               },
+                               [this](std::int64_t runningTime, std::int64_t rawTime) {
+                                 Emit({.kind = Demo_Event::Kind::started, .rawTime = rawTime, .value = runningTime});
+                                 Update(mOptions.address, [](System& self) { self.hasReported = true; });
+                               });
   if (!StartEngine()) {
     return kExitFailure;
   }

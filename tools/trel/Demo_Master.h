@@ -9,7 +9,7 @@
 #include <stop_token>
 #include <vector>
 
-class Demo_Player;
+class Player;
 class Trel_Cmd_ClockLockState;
 class Trel_Cmd_Connect;
 class Trel_Cmd_ReportPlayStartData;
@@ -60,5 +60,5 @@ private:
 
   std::int64_t mEpoch = 0;                  // host time of running time 0
   std::map<std::uint32_t, System> mSystems; // guarded by mMutex; by address
-  std::unique_ptr<Demo_Player> mPlayer;
+  std::unique_ptr<Player> mPlayer;
 };

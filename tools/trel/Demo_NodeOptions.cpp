@@ -1,5 +1,7 @@
 #include "Demo_NodeOptions.h"
 
+#include "AddressOption.h"
+
 #include <trel/Sys_Socket.h>
 
 #include <CLI/CLI.hpp>
@@ -7,14 +9,6 @@
 namespace {
 
 constexpr const char* kCommand = "demo-node";
-
-CLI::Option* AddAddress(CLI::App& command, const std::string& name, std::uint32_t& address) {
-  return command.add_option_function<std::string>(name, [&address](const std::string& text) {
-    if (!Sys_Socket::EncodeIPAddress(text.c_str(), &address)) {
-      throw CLI::ValidationError("address", text + " is no IPv4 address");
-    }
-  });
-}
 
 } // namespace
 
@@ -39,8 +33,8 @@ std::vector<std::string> Demo_NodeOptions::ToArguments(const std::string& progra
 CLI::App* Demo_NodeOptions::AddTo(CLI::App& program, Demo_NodeOptions& options) {
   CLI::App* const command = program.add_subcommand(kCommand);
   command->group(""); // not listed in the help
-  AddAddress(*command, "--address", options.address)->required();
-  AddAddress(*command, "--master", options.master)->required();
+  AddAddressOption(*command, "--address", options.address)->required();
+  AddAddressOption(*command, "--master", options.master)->required();
   command->add_option("--port", options.port)->required();
   command->add_option("--name", options.name)->required();
   command->add_option("--offset", options.offsetMilliseconds);

@@ -157,7 +157,7 @@ void Demo_ParentWatch::Start(pid_t parent, std::function<void(const std::string&
   }
   // Never joined: it ends with the process, or ends it.
   std::thread([handle = std::move(onLine)] {
-    Demo_LineBuffer lines;
+    LineBuffer lines;
     std::array<char, 4096> bytes = {};
     for (;;) {
       const ssize_t count = read(STDIN_FILENO, bytes.data(), bytes.size());

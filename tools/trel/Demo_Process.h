@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Demo_Event.h"
+#include "LineBuffer.h"
 
 #include <functional>
 #include <optional>
@@ -42,7 +42,7 @@ private:
   int mInput = -1;
   int mOutput = -1;
   std::optional<int> mStatus;
-  Demo_LineBuffer mLines;
+  LineBuffer mLines;
 };
 
 /// The child's side: makes sure that it does not outlive its parent, and tells what the parent sends.

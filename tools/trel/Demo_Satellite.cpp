@@ -1,8 +1,9 @@
 #include "Demo_Satellite.h"
 
+#include "ClockTimes.h"
 #include "Demo_ClockSampler.h"
-#include "Demo_Player.h"
 #include "ExitStatus.h"
+#include "Player.h"
 #include "Texts.h"
 
 #include <trel/Sys_Clock.h>
@@ -28,7 +29,8 @@ int Demo_Satellite::Run() {
   Handle<Trel_Cmd_Prime, &Demo_Satellite::OnPrime>();
   Handle<Trel_Cmd_StartPlayback, &Demo_Satellite::OnStartPlayback>();
   Handle<Trel_Cmd_StopPlayback, &Demo_Satellite::OnStopPlayback>();
-  mPlayer = std::make_unique<Demo_Player>(
+  mPlayer = std::make_unique<Player>(
+      [](std::int64_t runningTime) { return PredictedHostTime(runningTime); },
       [this](std::int64_t runningTime) {
         const bool isTime = Trel_StartHelper::WaitUntilRunningTime(runningTime);
         if (!isTime && !Locked(mFinish) && !Locked(mNetworkError)) {

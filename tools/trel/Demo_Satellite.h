@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-class Demo_Player;
+class Player;
 class Trel_Cmd_Prime;
 class Trel_Cmd_StartPlayback;
 class Trel_Cmd_StopPlayback;
@@ -29,5 +29,5 @@ private:
   void ReportStart(std::int64_t runningTime, std::int64_t rawTime);
 
   std::optional<TCPE_CommManager::ENetworkError> mNetworkError; // guarded by mMutex
-  std::unique_ptr<Demo_Player> mPlayer;
+  std::unique_ptr<Player> mPlayer;
 };

@@ -40,6 +40,8 @@ const char* StatusText(std::int32_t status) {
     return "no communication task";
   case eTCPE_Status_SystemError:
     return "the operating system refused a socket or a thread";
+  case eTCPE_Status_DiscoveryPortInUse:
+    return "the discovery port is in use";
   default:
     return "unknown status";
   }

@@ -1,0 +1,78 @@
+#include "EngineOptions.h"
+
+#include "AddressOption.h"
+#include "Texts.h"
+
+#include <trel/SPSStartupOption.h>
+#include <trel/Trel_CommManager.h>
+#include <trel/Trel_CommPreferences.h>
+#include <trel/Trel_Init.h>
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+constexpr std::int32_t kMaxPort = 65535;
+
+/// What somebody who gets a status can do about it.
+std::string AdviceFor(std::int32_t status) {
+  switch (status) {
+  case eTCPE_Status_AddressNotLocal:
+    return "Give one of these addresses with --address, or plug in the cable of the adaptor that is meant.";
+  case eTCPE_Status_NoAdaptor:
+    return "Plug in a network cable, or turn an adaptor on, and try again.";
+  case eTCPE_Status_PortInUse:
+    return "A host runs here already, or another program has the port: end it, or have all systems use another port "
+           "(--port).";
+  case eTCPE_Status_DiscoveryPortInUse:
+    return "End the other program, or have all systems use another discovery port (--discovery-port).";
+  case eTCPE_Status_SystemError:
+    return "Too many programs or open files may be the reason; end some and try again.";
+  default:
+    return {};
+  }
+}
+
+} // namespace
+
+void EngineOptions::AddTo(CLI::App& command) {
+  AddAddressOption(command, "--address", address,
+                   "Address of this machine to use [that of the first adaptor that is up]");
+  command
+      .add_option("--discovery-port", discoveryPort, "Port at which systems find each other, the same on all systems")
+      ->type_name("PORT")
+      ->check(CLI::Range(1, kMaxPort))
+      ->capture_default_str();
+  command.add_option("--secret-file", secretFile, "File with the secret that all systems share; see trel secret")
+      ->type_name("FILE");
+}
+
+void EngineOptions::Prepare() const {
+  // Options that are not given stay with the environment and the options file.
+  if (discoveryPort != kDefaultDiscoveryPort) {
+    SPSSetStartupOption("DiscoveryPort", std::to_string(discoveryPort).c_str());
+  }
+  if (!secretFile.empty()) {
+    SPSSetStartupOption("SharedSecretFile", secretFile.c_str());
+  }
+  if (legacy) {
+    SPSSetStartupOption("SupportsMarlo11", "0");
+  }
+  Trel_Init::Init();
+}
+
+std::string EngineOptions::Start(TCPE_CommManager::NetworkErrorProc onNetworkError) const {
+  Trel_CommPreferences* const preferences = Trel_CommPreferences::Inst();
+  preferences->SetLocalInterfaceAddress(address);
+  preferences->SetCommunicationPort(port);
+  const std::int32_t status = Trel_CommManager::Initialize(preferences, onNetworkError);
+  if (status == eTCPE_Status_Success) {
+    return {};
+  }
+  std::string text = Trel_CommManager::GetInitializationReport();
+  if (text.empty()) {
+    text = StatusText(status);
+  }
+  const std::string advice = AdviceFor(status);
+  return "cannot start: " + text + (advice.empty() ? "" : ". " + advice);
+}

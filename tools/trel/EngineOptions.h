@@ -1,0 +1,29 @@
+#pragma once
+
+#include <trel/TCPE_CommManager.h>
+
+#include <cstdint>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+/// How a command's engine meets the network: the options that several commands have in common.
+struct EngineOptions {
+  static constexpr std::uint16_t kDefaultPort = 28282;
+  static constexpr std::uint16_t kDefaultDiscoveryPort = 28283;
+
+  std::uint32_t address = 0; ///< 0: the engine chooses
+  std::uint16_t port = kDefaultPort;
+  std::uint16_t discoveryPort = kDefaultDiscoveryPort;
+  std::string secretFile;
+  bool legacy = false;
+
+  void AddTo(CLI::App& command);
+  /// Sets the start-up options and prepares the platform, which reads some of them: before anything else.
+  void Prepare() const;
+  /// Starts the engine. After the handlers are set.
+  /// @return what went wrong and what to do about it, in words; empty when nothing did
+  std::string Start(TCPE_CommManager::NetworkErrorProc onNetworkError) const;
+};
