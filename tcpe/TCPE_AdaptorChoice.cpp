@@ -20,7 +20,11 @@ std::string ListOf(const std::vector<Sys_Adaptor>& adaptors) {
 }
 
 TCPE_AdaptorChoice Chosen(const Sys_Adaptor& adaptor, std::uint32_t address) {
-  return {.status = eTCPE_Status_Success, .address = address, .broadcast = adaptor.broadcast, .report = {}};
+  return {.status = eTCPE_Status_Success,
+          .name = adaptor.name,
+          .address = address,
+          .broadcast = adaptor.broadcast,
+          .report = {}};
 }
 
 TCPE_AdaptorChoice Find(std::uint32_t address, const std::vector<Sys_Adaptor>& adaptors) {

@@ -10,6 +10,7 @@
 /// The adaptor whose address a system is known by.
 struct TCPE_AdaptorChoice {
   ETCPE_Status status = eTCPE_Status_NoAdaptor;
+  std::string name{};
   std::uint32_t address = 0;
   /// Directed broadcast address; 0 when the adaptor has none.
   std::uint32_t broadcast = 0;

@@ -156,6 +156,7 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
                                                                    .task = std::move(task),
                                                                    .limits = limits,
                                                                    .localAddress = adaptor.address,
+                                                                   .adaptorName = adaptor.name,
                                                                    .broadcastAddress = adaptor.broadcast,
                                                                    .onNetworkError = onNetworkError,
                                                                    .isHostPumped = mHostPumped});
@@ -295,6 +296,11 @@ bool TCPE_CommManager::GetAuthenticationFailed(std::uint32_t /*address*/) const 
 TCPE_Counters TCPE_CommManager::GetCounters() const {
   const Caller caller(*this);
   return caller ? caller->GetCounters() : TCPE_Counters();
+}
+
+TCPE_EngineSnapshot TCPE_CommManager::GetSnapshot() const {
+  const Caller caller(*this);
+  return caller ? caller->GetSnapshot() : TCPE_EngineSnapshot();
 }
 
 void TCPE_CommManager::SetCommandLog(CommandLogProc log) {

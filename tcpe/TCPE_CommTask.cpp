@@ -40,4 +40,6 @@ TCPE_CommErr TCPE_CommTask::PrepareToSend(TCPE_Command* command) {
 
 void TCPE_CommTask::FillConnectCommand(TCPE_Command* /*command*/, const TCPE_System& /*localSystem*/) {}
 
+std::string TCPE_CommTask::GetConnectingSystemName(const TCPE_Command* /*command*/) { return {}; }
+
 std::set<std::uint32_t> TCPE_CommTask::GetConnectedAddresses() const { return mCommManager->GetConnectedAddresses(); }

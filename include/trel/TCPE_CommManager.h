@@ -2,6 +2,7 @@
 
 #include <trel/TCPE_CommPreferences.h>
 #include <trel/TCPE_Counters.h>
+#include <trel/TCPE_EngineSnapshot.h>
 #include <trel/TCPE_System.h>
 #include <trel/TCPE_Types.h>
 #include <trel/Trel_Export.h>
@@ -109,6 +110,9 @@ public:
 
   /// What was dropped or turned away since Initialize; all zero before.
   TCPE_Counters GetCounters() const;
+  /// What the engine knows of itself and its peers. Cheap enough for ten calls a second with 128 peers: it reads
+  /// counters and takes each peer's locks for a moment. Allocates.
+  TCPE_EngineSnapshot GetSnapshot() const;
 
   /// Installs the command log, or removes it with null. The hook must not send synchronous commands.
   void SetCommandLog(CommandLogProc log);

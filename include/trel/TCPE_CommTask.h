@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <set>
+#include <string>
 
 class TCPE_Command;
 class TCPE_CommManager;
@@ -49,6 +50,8 @@ public:
   virtual TCPE_CommErr PrepareToSend(TCPE_Command* command);
   /// Puts the local system into a fresh connect command.
   virtual void FillConnectCommand(TCPE_Command* command, const TCPE_System& localSystem);
+  /// Name of the system that sent a connect command; empty when the command tells none.
+  virtual std::string GetConnectingSystemName(const TCPE_Command* command);
 
   std::uint32_t GetMaxCommandSize() const { return mMaxCommandSize; }
   std::int32_t GetErrorCommandID() const { return mErrorCommandID; }

@@ -51,6 +51,7 @@ public:
   static void SetCommandLog(TCPE_CommManager::CommandLogProc log);
   static void NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address);
   static bool GetAuthenticationFailed(std::uint32_t address);
+  static TCPE_EngineSnapshot GetSnapshot();
 
   static bool IsSatellite();
   static void SetIsSatellite(bool isSatellite);

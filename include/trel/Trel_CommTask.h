@@ -26,4 +26,5 @@ public:
   TCPE_CommErr PrepareToSend(TCPE_Command* command) override;
   /// Fills a Trel_Cmd_Connect; leaves any other command alone.
   void FillConnectCommand(TCPE_Command* command, const TCPE_System& localSystem) override;
+  std::string GetConnectingSystemName(const TCPE_Command* command) override;
 };

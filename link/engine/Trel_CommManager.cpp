@@ -194,6 +194,8 @@ bool Trel_CommManager::GetAuthenticationFailed(std::uint32_t address) {
   return TCPEInterface()->GetAuthenticationFailed(address);
 }
 
+TCPE_EngineSnapshot Trel_CommManager::GetSnapshot() { return TCPEInterface()->GetSnapshot(); }
+
 bool Trel_CommManager::IsSatellite() { return TCPEInterface()->IsSatellite(); }
 
 void Trel_CommManager::SetIsSatellite(bool isSatellite) {

@@ -68,3 +68,8 @@ void Trel_CommTask::FillConnectCommand(TCPE_Command* command, const TCPE_System&
     connect->SetHostname(localSystem.GetHostName());
   }
 }
+
+std::string Trel_CommTask::GetConnectingSystemName(const TCPE_Command* command) {
+  const auto* connect = dynamic_cast<const Trel_Cmd_Connect*>(command);
+  return connect != nullptr ? connect->GetSatelliteName() : std::string();
+}

@@ -22,6 +22,13 @@ TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socke
     : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
       mCalls(limits) {}
 
+void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
+  const std::lock_guard lock(mMutex);
+  mTraffic = std::move(traffic);
+  TCPE_PeerTraffic::Add(mTraffic->received.bytes, mEarlyReceived);
+  TCPE_PeerTraffic::Add(mTraffic->sent.bytes, mEarlySent);
+}
+
 TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> bytes, Urgency urgency) {
   const std::lock_guard lock(mMutex);
   if (mAnswerIsDue) {
@@ -29,9 +36,11 @@ TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> bytes, Urgency urg
       return eTCPE_CommErr_QueueFull;
     }
     mHeldBack.insert(mHeldBack.end(), bytes.begin(), bytes.end());
-    return eTCPE_CommErr_None;
+  } else if (const TCPE_CommErr error = SendInTurn(bytes, urgency); error != eTCPE_CommErr_None) {
+    return error;
   }
-  return SendInTurn(bytes, urgency);
+  TCPE_PeerTraffic::Add(mTraffic->sent.frames, 1);
+  return eTCPE_CommErr_None;
 }
 
 void TCPE_Connection::SendOfSession(std::span<const std::byte> bytes) {
@@ -78,6 +87,20 @@ void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session, bool answerIsD
   mAnswerIsDue = answerIsDue;
 }
 
+void TCPE_Connection::NoteReceived(std::size_t count, TCPE_Time now) {
+  mLastReceived.store(now, std::memory_order_relaxed);
+  if (mTraffic) {
+    TCPE_PeerTraffic::Add(mTraffic->received.bytes, count);
+  } else {
+    mEarlyReceived += count;
+  }
+}
+
+std::size_t TCPE_Connection::OutboundBytes() const {
+  const std::lock_guard lock(mMutex);
+  return QueuedBytes() + mHeldBack.size();
+}
+
 void TCPE_Connection::CloseWhenSent() {
   const std::lock_guard lock(mMutex);
   mClosesWhenSent = true;
@@ -109,6 +132,11 @@ bool TCPE_Connection::Write(std::span<const std::byte>& bytes) {
       return false;
     }
     bytes = bytes.subspan(written);
+    if (mTraffic) {
+      TCPE_PeerTraffic::Add(mTraffic->sent.bytes, written);
+    } else {
+      mEarlySent += written;
+    }
   }
   return true;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_PeerTraffic.h"
 #include "tcpe/net/TCPE_PendingCalls.h"
 #include "tcpe/protocol/TCPE_Endpoint.h"
 
@@ -42,8 +43,13 @@ public:
   /// Null once it is closed. On the network thread.
   asio::ip::tcp::socket* Socket() { return mSocket ? &*mSocket : nullptr; }
   TCPE_PendingCalls& Calls() { return mCalls; }
+  /// Where what passes is counted from admission on; what has passed before is added. On the network thread, before
+  /// anybody else knows the connection.
+  void CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic);
+  /// Of an admitted connection.
+  TCPE_PeerTraffic& Traffic() { return *mTraffic; }
 
-  /// Sends bytes as they are, after what is queued already. Never blocks.
+  /// Sends the bytes of a frame as they are, after what is queued already. Never blocks.
   TCPE_CommErr Send(std::span<const std::byte> bytes, Urgency urgency);
 
   /// Sends what the session itself has to say.
@@ -55,6 +61,12 @@ public:
   /// Closes when everything queued has been written, at the latest after the linger time.
   void CloseWhenSent();
   void CloseNow();
+
+  /// Tells of bytes that arrived. On the network thread.
+  void NoteReceived(std::size_t count, TCPE_Time now);
+  TCPE_Time LastReceived() const { return mLastReceived.load(std::memory_order_relaxed); }
+  /// Bytes that wait to be sent.
+  std::size_t OutboundBytes() const;
 
   /// True for the first caller: it is the one to report the end.
   bool TryEnd() { return !mHasEnded.exchange(true); }
@@ -86,8 +98,12 @@ private:
   TCPE_PendingCalls mCalls;
   std::atomic<bool> mHasEnded = false;
   std::atomic<std::uint8_t> mPeerSystemType = 0;
+  std::atomic<TCPE_Time> mLastReceived = 0;
+  std::uint64_t mEarlyReceived = 0; ///< bytes before there was anything to count in
+  std::uint64_t mEarlySent = 0;
+  std::shared_ptr<TCPE_PeerTraffic> mTraffic;
 
-  std::mutex mMutex; // guards writing and closing the socket, and what follows
+  mutable std::mutex mMutex; // guards writing and closing the socket, and what follows
   std::vector<std::byte> mQueue;
   std::size_t mQueueBegin = 0;
   std::vector<std::byte> mHeldBack; ///< until the session has answered the peer

@@ -48,6 +48,9 @@ void TCPE_Dispatcher::Handle(const Connection& connection, const TCPE_FrameHeade
       return;
     }
     Log(LogEvent::received, *received->Command(), connection->GetAddress());
+    if (mustNotBeLost) {
+      mReceiver.OnConnectionCommand(*received);
+    }
     const bool mustBeHandled = received->IsReplyWanted() || !mReceiver.TakesUnhandled();
     if (AnswerInPlace(*received)) {
       Reply(*received);

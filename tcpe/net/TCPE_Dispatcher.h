@@ -49,6 +49,8 @@ public:
   /// Takes commands that are not answered in place.
   class Receiver {
   public:
+    /// Told of a connect or disconnect command before it is delivered.
+    virtual void OnConnectionCommand(const TCPE_ReceivedCommand& received) = 0;
     /// False when there is no room.
     /// @param mustNotBeLost connect and disconnect, without which the host's picture of the link would be wrong
     virtual bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) = 0;

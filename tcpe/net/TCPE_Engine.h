@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <string>
 
 class TCPE_Command;
 
@@ -22,6 +23,7 @@ public:
     std::unique_ptr<TCPE_CommTask> task;
     TCPE_Limits limits;
     std::uint32_t localAddress = 0;
+    std::string adaptorName;
     std::uint32_t broadcastAddress = 0;
     /// Of the shared secret; null without one.
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
@@ -55,6 +57,7 @@ public:
   virtual void SetLocalSystemType(ETCPE_SystemType type) = 0;
   virtual void SetCommandLog(TCPE_CommManager::CommandLogProc log) = 0;
   virtual TCPE_Counters GetCounters() const = 0;
+  virtual TCPE_EngineSnapshot GetSnapshot() const = 0;
 
   /// Gives back a command that was taken from an engine which has been stopped meanwhile.
   static void DisposeOrphan(TCPE_Command* command);

@@ -34,6 +34,18 @@ bool TCPE_HandlerPool::IsFull(std::uint32_t peer) const {
   return position != mPeers.end() && IsFull(position->second);
 }
 
+TCPE_HandlerLoad TCPE_HandlerPool::GetLoad(std::uint32_t peer) const {
+  const std::lock_guard lock(mMutex);
+  const auto position = mPeers.find(peer);
+  if (position == mPeers.end()) {
+    return {};
+  }
+  const Peer& state = position->second;
+  return {.waiting = state.jobs.size(),
+          .running = state.isRunning ? std::size_t{1} : 0,
+          .waitingForOthers = state.released};
+}
+
 void TCPE_HandlerPool::Stop(std::int64_t timeout) {
   std::unique_lock lock(mMutex);
   mIsStopping = true;
@@ -69,6 +81,7 @@ TCPE_HandlerPool::WaitScope::WaitScope() {
     Peer& peer = sRunning->peer->second;
     sRunning->isReleased = true;
     peer.isBusy = false;
+    peer.isRunning = false;
     ++peer.released;
     sRunning->pool->Continue(sRunning->peer);
   }
@@ -89,6 +102,7 @@ void TCPE_HandlerPool::Run(Worker& worker) {
     Job job = std::move(peer.jobs.front().job);
     peer.bytes -= peer.jobs.front().bytes;
     peer.jobs.pop_front();
+    peer.isRunning = true;
     lock.unlock();
     sRunning = &running;
     try {
@@ -102,6 +116,7 @@ void TCPE_HandlerPool::Run(Worker& worker) {
       --peer.released;
     } else {
       peer.isBusy = false;
+      peer.isRunning = false;
     }
     Continue(running.peer);
   }

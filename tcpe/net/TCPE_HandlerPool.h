@@ -1,5 +1,7 @@
 #pragma once
 
+#include <trel/TCPE_EngineSnapshot.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -35,6 +37,7 @@ public:
   bool Submit(std::uint32_t peer, Job job, std::size_t bytes = 0, bool mustNotBeLost = false);
   /// Whether a peer has as many jobs waiting as it may.
   bool IsFull(std::uint32_t peer) const;
+  TCPE_HandlerLoad GetLoad(std::uint32_t peer) const;
   /// Drops the jobs that have not started and waits for those that run, `timeout` microseconds at the most. Threads
   /// that are still busy then end by themselves.
   void Stop(std::int64_t timeout);
@@ -59,6 +62,7 @@ private:
     std::size_t bytes = 0;
     std::size_t released = 0; ///< jobs that wait for another system
     bool isBusy = false;      ///< a job is ready, or runs and has not been released
+    bool isRunning = false;   ///< it has started
   };
   using Peers = std::map<std::uint32_t, Peer>;
   /// What this thread runs; one a thread.

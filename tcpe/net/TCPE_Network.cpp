@@ -197,10 +197,12 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
                                           if (error == asio::error::operation_aborted) {
                                             return;
                                           }
+                                          const TCPE_Time now = Now();
                                           if (error) {
-                                            mEndpoint.TransportEnded(connection->GetId(), Now());
+                                            mEndpoint.TransportEnded(connection->GetId(), now);
                                           } else {
-                                            mEndpoint.Received(connection->GetId(), count, Now());
+                                            connection->NoteReceived(count, now);
+                                            mEndpoint.Received(connection->GetId(), count, now);
                                           }
                                           CarryOut();
                                           Read(connection);

@@ -66,6 +66,11 @@ bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const
   return true;
 }
 
+std::size_t TCPE_PendingCalls::Count() const {
+  const std::lock_guard lock(mMutex);
+  return mCalls.size();
+}
+
 void TCPE_PendingCalls::FailAll(TCPE_CommErr error) {
   const std::lock_guard lock(mMutex);
   mClosed = error;

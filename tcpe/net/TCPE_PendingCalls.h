@@ -35,6 +35,7 @@ public:
   void Cancel(std::uint32_t serial, TCPE_CommErr error);
   /// False when nobody waits for this reply (any more).
   bool Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
+  std::size_t Count() const;
   /// Ends all calls, and those that are still to come.
   void FailAll(TCPE_CommErr error);
 
@@ -42,7 +43,7 @@ private:
   void End(TCPE_Call& call, TCPE_CommErr error);
 
   const TCPE_Limits& mLimits;
-  std::mutex mMutex;
+  mutable std::mutex mMutex;
   std::map<std::uint32_t, TCPE_Call*> mCalls;
   TCPE_CommErr mClosed = eTCPE_CommErr_None;
 };

@@ -39,6 +39,15 @@ bool TCPE_PumpQueue::IsFull(std::uint32_t address) const {
   return IsFullLocked(address);
 }
 
+TCPE_HandlerLoad TCPE_PumpQueue::GetLoad(std::uint32_t address) const {
+  const std::lock_guard lock(mMutex);
+  const auto load = mLoads.find(address);
+  const auto inHand = std::count_if(mInHand.begin(), mInHand.end(), [address](const auto& entry) {
+    return entry.second.command->Origin()->GetAddress() == address;
+  });
+  return {.waiting = load != mLoads.end() ? load->second.entries : 0, .running = static_cast<std::size_t>(inHand)};
+}
+
 TCPE_Command* TCPE_PumpQueue::Take() {
   std::unique_lock lock(mMutex);
   while (!mWaiting.empty()) {

@@ -26,6 +26,7 @@ public:
   void PushError(ETCPE_NetworkError error, std::uint32_t address);
   /// Whether a peer has as much waiting as it may.
   bool IsFull(std::uint32_t address) const;
+  TCPE_HandlerLoad GetLoad(std::uint32_t address) const;
 
   /// The next command, now in the host's hand; null when there is none. Network errors before it are reported.
   TCPE_Command* Take();

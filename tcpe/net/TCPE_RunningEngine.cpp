@@ -1,5 +1,6 @@
 #include "tcpe/net/TCPE_RunningEngine.h"
 
+#include <trel/Sys_Clock.h>
 #include <trel/Sys_Umid.h>
 #include <trel/TCPE_Cmd_Disconnect.h>
 #include <trel/TCPE_Command.h>
@@ -50,15 +51,15 @@ std::shared_ptr<TCPE_Engine> TCPE_Engine::Make(Setup setup) {
 
 TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
     : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits), mLocalAddress(setup.localAddress),
-      mBroadcastAddress(setup.broadcastAddress), mOnNetworkError(setup.onNetworkError),
-      mIsHostPumped(setup.isHostPumped),
+      mAdaptorName(std::move(setup.adaptorName)), mBroadcastAddress(setup.broadcastAddress),
+      mOnNetworkError(setup.onNetworkError), mIsHostPumped(setup.isHostPumped),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
-      mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError),
-      mPool(std::make_shared<TCPE_HandlerPool>(
-          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
-                                   .jobsPerPeer = mLimits.maxQueuedCommands,
-                                   .bytesPerPeer = mLimits.maxQueuedBytes,
-                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
+      mStarted(Sys_Clock::RawMicroseconds()), mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this),
+      mPumpQueue(mLimits, mOnNetworkError), mPool(std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
+                                                .threads = mLimits.maxHandlerThreads,
+                                                .jobsPerPeer = mLimits.maxQueuedCommands,
+                                                .bytesPerPeer = mLimits.maxQueuedBytes,
+                                                .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
       mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), mTask->GetCommunicationPort(),
                                               static_cast<TCPE_Network::Listener&>(*this))) {}
 
@@ -127,7 +128,7 @@ bool TCPE_RunningEngine::Disconnect(std::uint32_t address) {
   if (!connection || !connection->TryEnd()) {
     return false;
   }
-  Forget(connection);
+  Ended(connection, eNetworkError_None);
   Farewell(connection, eTCPE_CommErr_ConnectionLost);
   return true;
 }
@@ -182,6 +183,33 @@ TCPE_Counters TCPE_RunningEngine::GetCounters() const {
   TCPE_Counters counters = mDispatcher.GetCounters();
   counters.refusedConnections = mNetwork->Refusals();
   return counters;
+}
+
+TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
+  std::map<std::uint32_t, ConnectionPointer> connected;
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    connected = mConnected;
+  }
+  const TCPE_Time now = Sys_Clock::RawMicroseconds();
+  TCPE_EngineSnapshot snapshot{.isInitialized = true,
+                               .address = mLocalAddress,
+                               .adaptorName = mAdaptorName,
+                               .communicationPort = mTask->GetCommunicationPort(),
+                               .runningFor = now - mStarted,
+                               .counters = GetCounters(),
+                               .peers = mHistory.Peers(now)};
+  for (TCPE_PeerSnapshot& peer : snapshot.peers) {
+    peer.handlers = mIsHostPumped ? mPumpQueue.GetLoad(peer.address) : mPool->GetLoad(peer.address);
+    if (const auto position = connected.find(peer.address); position != connected.end()) {
+      TCPE_Connection& connection = *position->second;
+      peer.systemType = connection.GetPeerSystemType();
+      peer.silentFor = std::max(now - connection.LastReceived(), TCPE_Time{0});
+      peer.outboundBytes = connection.OutboundBytes();
+      peer.pendingCalls = connection.Calls().Count();
+    }
+  }
+  return snapshot;
 }
 
 TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
@@ -239,7 +267,8 @@ TCPE_RunningEngine::ConnectionPointer TCPE_RunningEngine::ConnectionOf(std::uint
   return position != mConnected.end() ? position->second : nullptr;
 }
 
-void TCPE_RunningEngine::Forget(const ConnectionPointer& connection) {
+void TCPE_RunningEngine::Ended(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+  mHistory.Ended(connection->GetAddress(), connection->GetId(), error, Sys_Clock::RawMicroseconds());
   const std::lock_guard lock(mConnectedMutex);
   const auto position = mConnected.find(connection->GetAddress());
   if (position != mConnected.end() && position->second == connection) {
@@ -287,10 +316,12 @@ TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
                                        .remoteSystemType = connection->GetPeerSystemType(),
                                        .replyWanted = isSynchronous};
   command.SetIPAddressFrom(mLocalAddress);
-  if (isSynchronous) {
-    return SendAndWait(command, *connection, stamp);
+  const TCPE_CommErr error = isSynchronous ? SendAndWait(command, *connection, stamp)
+                                           : EncodeAndSend(command, *connection, stamp, TCPE_Connection::Urgency::soon);
+  if (error != eTCPE_CommErr_None) {
+    connection->Traffic().AddError(error);
   }
-  return EncodeAndSend(command, *connection, stamp, TCPE_Connection::Urgency::soon);
+  return error;
 }
 
 TCPE_CommErr TCPE_RunningEngine::EncodeAndSend(TCPE_Command& command, TCPE_Connection& connection,
@@ -312,6 +343,7 @@ TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connect
   if (mNetwork->IsOnNetworkThread()) {
     return eTCPE_CommErr_WrongThread;
   }
+  const TCPE_Time begin = Sys_Clock::RawMicroseconds();
   TCPE_Call call;
   if (const TCPE_CommErr refused = connection.Calls().Add(stamp.serial, call); refused != eTCPE_CommErr_None) {
     return refused;
@@ -322,7 +354,11 @@ TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connect
   }
   const TCPE_HandlerPool::WaitScope waits;
   connection.Calls().Wait(stamp.serial, call);
-  return call.error != eTCPE_CommErr_None ? call.error : TakeReply(command, stamp.wireType, call);
+  if (call.error != eTCPE_CommErr_None) {
+    return call.error;
+  }
+  connection.Traffic().roundTrips.Add(Sys_Clock::RawMicroseconds() - begin);
+  return TakeReply(command, stamp.wireType, call);
 }
 
 /// A fresh object takes the reply first: one that is malformed must not leave its traces in the caller's.
@@ -351,6 +387,8 @@ std::unique_ptr<TCPE_ReceivedCommand> TCPE_RunningEngine::FreshCommand(TCPE_eCmd
 
 void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) {
   connection->SetPeerSystemType(event.header.senderSystemType);
+  connection->CountIn(
+      mHistory.Opened(connection->GetAddress(), connection->GetId(), event.openedByPeer, Sys_Clock::RawMicroseconds()));
   {
     const std::lock_guard lock(mConnectedMutex);
     mConnected[connection->GetAddress()] = connection;
@@ -364,6 +402,7 @@ void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCP
 void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                                  std::span<const std::byte> payload) {
   if (!connection->HasEnded()) {
+    TCPE_PeerTraffic::Add(connection->Traffic().received.frames, 1);
     mDispatcher.OnFrame(connection, header, payload);
   }
 }
@@ -371,7 +410,8 @@ void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE
 void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                                         std::span<const std::byte> payload) {
   if (connection->TryEnd()) {
-    Forget(connection);
+    Ended(connection, eNetworkError_None);
+    TCPE_PeerTraffic::Add(connection->Traffic().received.frames, 1);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
     mDispatcher.OnConnectionFrame(connection, header, payload);
   }
@@ -379,7 +419,7 @@ void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, con
 
 void TCPE_RunningEngine::OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) {
   if (connection->TryEnd()) {
-    Forget(connection);
+    Ended(connection, error);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
     ReportNetworkError(error, connection->GetAddress());
   }
@@ -413,6 +453,12 @@ void TCPE_RunningEngine::OnStopping() {
     if (connection->TryEnd()) {
       Farewell(connection, eTCPE_CommErr_NotInitialized);
     }
+  }
+}
+
+void TCPE_RunningEngine::OnConnectionCommand(const TCPE_ReceivedCommand& received) {
+  if (const std::string name = mTask->GetConnectingSystemName(received.Command()); !name.empty()) {
+    mHistory.SetName(received.Origin()->GetAddress(), name);
   }
 }
 

@@ -4,6 +4,7 @@
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/net/TCPE_HandlerPool.h"
 #include "tcpe/net/TCPE_Network.h"
+#include "tcpe/net/TCPE_PeerHistory.h"
 #include "tcpe/net/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
 
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 /// The engine over real sockets and threads.
@@ -40,6 +42,7 @@ public:
   void SetLocalSystemType(ETCPE_SystemType type) override;
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
   TCPE_Counters GetCounters() const override;
+  TCPE_EngineSnapshot GetSnapshot() const override;
 
 private:
   using ConnectionPointer = TCPE_Network::ConnectionPointer;
@@ -54,7 +57,8 @@ private:
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
-  void Forget(const ConnectionPointer& connection);
+  /// The end of a connection, told once; `error` is none when it ended in good order.
+  void Ended(const ConnectionPointer& connection, ETCPE_NetworkError error);
   /// Ends a connection on this side's wish: what is queued goes out, then the disconnect command.
   void Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet);
 
@@ -73,6 +77,7 @@ private:
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
   void OnStopping() override;
+  void OnConnectionCommand(const TCPE_ReceivedCommand& received) override;
   bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) override;
   bool TakesUnhandled() const override { return mIsHostPumped; }
   /// Why a peer cannot be admitted; none when it can.
@@ -85,12 +90,15 @@ private:
   const std::unique_ptr<TCPE_CommTask> mTask;
   const TCPE_Limits mLimits;
   const std::uint32_t mLocalAddress;
+  const std::string mAdaptorName;
   const std::uint32_t mBroadcastAddress;
   const TCPE_CommManager::NetworkErrorProc mOnNetworkError;
   const bool mIsHostPumped;
   const TCPE_EngineTypes& mTypes;
   std::atomic<bool> mIsStopping = false;
   std::atomic<std::uint32_t> mLastSerial = 0;
+  const TCPE_Time mStarted;
+  TCPE_PeerHistory mHistory;
 
   mutable std::mutex mConnectedMutex;
   std::map<std::uint32_t, ConnectionPointer> mConnected;

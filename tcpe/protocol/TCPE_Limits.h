@@ -18,6 +18,8 @@ struct TCPE_Limits {
   std::size_t maxHalfOpenPerAddress = 4;
   /// Systems beside this one, whatever the task allows.
   std::size_t maxConnections = 128;
+  /// Systems that have left and are still known with their totals: a whole link.
+  std::size_t maxDepartedPeers = 128;
   /// Bytes queued for one peer: seconds of heavy traffic, and little enough for 128 peers at once.
   std::size_t maxOutboundBytes = std::size_t{512} * 1024;
   /// Received commands that wait for their handlers, per peer ...

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <trel/TCPE_Counters.h>
+#include <trel/TCPE_Types.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// What passed in one direction.
+struct TCPE_TrafficCount {
+  std::uint64_t frames = 0; ///< commands and replies, without handshakes and heartbeats
+  std::uint64_t bytes = 0;  ///< everything on the connection
+};
+
+/// How long synchronous commands took from the call to the reply, an error reply included. Times are microseconds, kept
+/// in classes that are an eighth of an octave wide: below 16 us they are exact, above within 7 %.
+struct TCPE_RoundTripTimes {
+  std::uint64_t count = 0;
+  std::int64_t median = 0;       ///< 0 while there are none
+  std::int64_t percentile99 = 0; ///< 99 of 100 took no longer
+};
+
+/// Received commands of one peer on their way through the host's handlers.
+struct TCPE_HandlerLoad {
+  std::size_t waiting = 0;          ///< commands, and network errors, that have not started
+  std::size_t running = 0;          ///< with host-pumped delivery those that the host has in hand
+  std::size_t waitingForOthers = 0; ///< started, and waiting for the reply of another system
+};
+
+/// What the engine knows of a system that is connected, or was. Totals are those of the address since Initialize,
+/// through all its connections; one that left the link long ago may have been forgotten, and begins anew.
+struct TCPE_PeerSnapshot {
+  std::uint32_t address = 0; ///< host order
+  /// From the connect command of the peer; empty while only this system has opened connections.
+  std::string name;
+  ETCPE_SystemType systemType = eTCPE_SystemType_None; ///< as the peer's last frame told
+
+  bool isConnected = false;
+  bool isOpenedByPeer = false; ///< the present connection, or the last one
+  /// Both ends of the present connection, or the last one, proved knowledge of the shared secret.
+  bool isAuthenticated = false;
+  std::int64_t connectedFor = 0; ///< age of the present connection, us; 0 without one
+  std::int64_t silentFor = 0;    ///< since the last byte from the peer, us; 0 without a connection
+  std::int64_t goneFor = 0;      ///< since the last connection ended, us; 0 while there is one
+
+  std::size_t outboundBytes = 0; ///< that wait to be sent
+  std::size_t pendingCalls = 0;  ///< senders of synchronous commands that wait for the reply
+  TCPE_HandlerLoad handlers;
+
+  std::uint64_t connections = 0; ///< since Initialize; all but the first are reconnections
+  std::uint64_t losses = 0;      ///< connections that ended with a network error
+  ETCPE_NetworkError lastLoss = eNetworkError_None;
+  TCPE_TrafficCount sent;
+  TCPE_TrafficCount received;
+  TCPE_RoundTripTimes roundTrips;
+  /// Commands for this peer that failed, by TCPE_CommErr, whether the error arose here (a time-out) or came as an
+  /// error reply. Entry 0 has the error replies whose number is none of TCPE_CommErr.
+  std::array<std::uint64_t, 32> errors{};
+};
+
+/// What the engine knows at one moment. Each value is right by itself; they are not taken at the same instant.
+struct TCPE_EngineSnapshot {
+  bool isInitialized = false;
+  std::uint32_t address = 0; ///< of this system, host order
+  std::string adaptorName;   ///< that the address belongs to
+  std::uint16_t communicationPort = 0;
+  std::int64_t runningFor = 0; ///< since Initialize, us of the raw clock as all ages here
+  TCPE_Counters counters;
+  /// By address: the connected ones, and of the others the last 128 that left.
+  std::vector<TCPE_PeerSnapshot> peers;
+};

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "tcpe/net/TCPE_RoundTrips.h"
+
+#include <trel/TCPE_Types.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+/// What is counted of a peer while commands pass: everybody counts, nobody waits. Thread-safe.
+struct TCPE_PeerTraffic {
+  using Counter = std::atomic<std::uint64_t>;
+  struct Direction {
+    Counter frames = 0;
+    Counter bytes = 0;
+
+    TCPE_TrafficCount Count() const {
+      return {.frames = frames.load(std::memory_order_relaxed), .bytes = bytes.load(std::memory_order_relaxed)};
+    }
+  };
+
+  Direction sent;
+  Direction received;
+  TCPE_RoundTrips roundTrips;
+  std::array<Counter, std::tuple_size_v<decltype(TCPE_PeerSnapshot::errors)>> errors{};
+
+  static void Add(Counter& counter, std::uint64_t count) { counter.fetch_add(count, std::memory_order_relaxed); }
+  void AddError(TCPE_CommErr error) { Add(errors[error < errors.size() ? std::size_t{error} : 0], 1); }
+};
