@@ -18,6 +18,7 @@
 #include <trel/TCPE_Command.h>
 #include <trel/TCPE_ConnectionID.h>
 #include <trel/TCPE_System.h>
+#include <trel/Trel_ClockStatus.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/Trel_Cmd_Control.h>

@@ -1,10 +1,19 @@
 #pragma once
 
+#include <trel/Sys_Clock.h>
+#include <trel/Trel_ClockStatus.h>
 #include <trel/Trel_Export.h>
 
 #include <cstdint>
 
 class Trel_Command;
+
+/// How a wait for the clock has ended.
+enum ETrel_ClockWait : std::int32_t {
+  eTrel_ClockWait_Locked = 0,
+  eTrel_ClockWait_TimedOut = 1,
+  eTrel_ClockWait_Terminated = 2, ///< the clock manager was terminated meanwhile, or is not initialised
+};
 
 /// Maps this system's host time (Sys_Clock::Microseconds) onto the master's running time. It is fed by the running-time
 /// exchange: the master sends its running time, measures the round trip, and vouches for the exchange when it was good.
@@ -49,4 +58,20 @@ public:
 
   /// The longest round trip that a master reported since the manager was initialised, microseconds. Takes no lock.
   static std::int64_t GetMaxNetworkLatencyForNonMaster();
+
+  /// What is known of the clock at a host time: state, possible error, offset and rate, exchanges taken and refused.
+  /// Cheap enough to be polled, and no hindrance to those who convert times; not real-time-safe. Not initialised, there
+  /// is no clock and nothing is initialised. The system that supplies the master clock has no measurements either.
+  static Trel_ClockStatus GetStatus(std::int64_t hostTime = Sys_Clock::Microseconds());
+
+  /// How wrong GetRunningTime for this host time may be, as Trel_ClockStatus::mErrorBound says. The same call for
+  /// the host time of an agreed start tells how well the systems will start together, as far as is known by now.
+  /// Trel_ClockStatus::kNoErrorBound when the clock is not locked or not initialised. Not real-time-safe.
+  static std::int64_t GetErrorBound(std::int64_t hostTime);
+
+  /// Waits until the state is locked or stable and the possible error at that moment below a limit. Blocks the caller,
+  /// who is woken by measurements, at the end of the time, and at once by Terminate.
+  /// @param maxErrorBound microseconds; the bound must be less
+  /// @param timeOut microseconds of the machine's monotonic clock; 0 or less only looks
+  static ETrel_ClockWait WaitUntilLocked(std::int64_t maxErrorBound, std::int64_t timeOut);
 };

@@ -1,5 +1,6 @@
 #include <trel/Trel_CorrelatedClockMgr.h>
 
+#include "link/clock/Trel_ClockObserver.h"
 #include "link/clock/Trel_PublishedLine.h"
 #include "link/clock/Trel_Trace.h"
 
@@ -8,10 +9,14 @@
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_LinearCorrelator.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace {
 
@@ -23,10 +28,15 @@ constexpr std::int64_t kBaseLimit = 2'000;
 constexpr std::int64_t kPeriodOfBaseLimit = 500'000;
 constexpr double kLimitGrowth = 0.62;
 
+constexpr std::int64_t kLongestWait = 1'000'000'000'000'000; // microseconds, 30 years: far from any overflow
+
 // What writers change, under the mutex.
 struct State {
   std::mutex mMutex;
+  std::condition_variable mChanged; // a measurement was added, or the manager terminated
+  std::uint64_t mTerminations = 0;
   std::unique_ptr<Trel_LinearCorrelator> mLinearCorrelator;
+  Trel_ClockObserver mObserver;
   // An exchange on probation: it becomes a measurement when the master vouches for it.
   std::int64_t mLastUnvalidatedRunningTime = 0;
   std::int64_t mLastUnvalidatedHostTime = 0;
@@ -61,9 +71,19 @@ Trel_LinearCorrelator& CorrelatorLocked(State& state) {
   return *state.mLinearCorrelator;
 }
 
-void AddMeasurementLocked(State& state, std::int64_t runningTime, std::int64_t hostTime) {
+void AddMeasurementLocked(State& state, std::int64_t runningTime, std::int64_t hostTime,
+                          std::optional<std::int64_t> roundTripTime = std::nullopt) {
   CorrelatorLocked(state).AddMeasurement(hostTime, runningTime);
   PublishLocked(state);
+  state.mObserver.MeasurementAdded(hostTime, runningTime, roundTripTime, state.mLinearCorrelator->GetLine());
+  state.mChanged.notify_all();
+}
+
+Trel_ClockStatus StatusLocked(State& state, std::int64_t hostTime) {
+  if (!state.mLinearCorrelator) {
+    return {.mHostTime = hostTime};
+  }
+  return state.mObserver.GetStatus(hostTime, state.mLinearCorrelator->GetLine());
 }
 
 Trel_LinearCorrelator::Line LineInForce() {
@@ -96,6 +116,7 @@ void HandleUpdateRunningTime(const Trel_Cmd_UpdateRunningTime& command, std::int
   const std::lock_guard lock(state.mMutex);
   state.mLastUnvalidatedRunningTime = command.GetRunningTime();
   state.mLastUnvalidatedHostTime = hostTime;
+  state.mObserver.RunningTimeArrived(hostTime);
 }
 
 void HandleLastUpdateRunningTimeValid(const Trel_Cmd_LastUpdateRunningTimeValid& command) {
@@ -109,10 +130,13 @@ void HandleLastUpdateRunningTimeValid(const Trel_Cmd_LastUpdateRunningTimeValid&
     Trel_Trace::Line("TREL: New Max Network Latency (non-master): %d usecs", static_cast<std::int32_t>(roundTripTime));
     lock.lock();
   }
-  if (roundTripTime <= limit) {
-    AddMeasurementLocked(state, AddHalfRoundTrip(state.mLastUnvalidatedRunningTime, roundTripTime),
-                         state.mLastUnvalidatedHostTime);
+  if (roundTripTime > limit) {
+    state.mObserver.RoundTripTooLong(roundTripTime, limit);
+    return;
   }
+  state.mObserver.RoundTripAccepted(roundTripTime, limit);
+  AddMeasurementLocked(state, AddHalfRoundTrip(state.mLastUnvalidatedRunningTime, roundTripTime),
+                       state.mLastUnvalidatedHostTime, roundTripTime);
 }
 
 } // namespace
@@ -128,6 +152,9 @@ void Trel_CorrelatedClockMgr::Terminate() {
   const std::lock_guard lock(state.mMutex);
   state.mLinearCorrelator.reset();
   sPublishedLine.Publish(std::nullopt);
+  state.mObserver = {};
+  ++state.mTerminations;
+  state.mChanged.notify_all();
 }
 
 void Trel_CorrelatedClockMgr::AddMeasurement(std::int64_t runningTime, std::int64_t hostTime) {
@@ -149,6 +176,7 @@ void Trel_CorrelatedClockMgr::ResetClock() {
   const std::lock_guard lock(state.mMutex);
   CorrelatorLocked(state).Reset();
   PublishLocked(state);
+  state.mObserver.Reset();
 }
 
 bool Trel_CorrelatedClockMgr::IsLocked() { return LineInForce().mIsCorrelated; }
@@ -187,4 +215,38 @@ bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
 
 std::int64_t Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster() {
   return sMaxNetworkLatencyForNonMaster.load(std::memory_order_relaxed);
+}
+
+Trel_ClockStatus Trel_CorrelatedClockMgr::GetStatus(std::int64_t hostTime) {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  return StatusLocked(state, hostTime);
+}
+
+std::int64_t Trel_CorrelatedClockMgr::GetErrorBound(std::int64_t hostTime) {
+  State& state = TheState();
+  const std::lock_guard lock(state.mMutex);
+  return state.mObserver.GetErrorBound(hostTime);
+}
+
+ETrel_ClockWait Trel_CorrelatedClockMgr::WaitUntilLocked(std::int64_t maxErrorBound, std::int64_t timeOut) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::microseconds(std::clamp<std::int64_t>(timeOut, 0, kLongestWait));
+  State& state = TheState();
+  std::unique_lock lock(state.mMutex);
+  const std::uint64_t terminations = state.mTerminations;
+  auto result = eTrel_ClockWait_TimedOut;
+  state.mChanged.wait_until(lock, deadline, [&] {
+    if (state.mTerminations != terminations || !state.mLinearCorrelator) {
+      result = eTrel_ClockWait_Terminated;
+      return true;
+    }
+    const Trel_ClockStatus status = StatusLocked(state, Sys_Clock::Microseconds());
+    const bool isLocked = status.mState == eTrel_ClockState_Locked || status.mState == eTrel_ClockState_Stable;
+    if (isLocked && status.mErrorBound < maxErrorBound) {
+      result = eTrel_ClockWait_Locked;
+    }
+    return result == eTrel_ClockWait_Locked;
+  });
+  return result;
 }
