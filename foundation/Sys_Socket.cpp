@@ -84,17 +84,23 @@ std::string Sys_Socket::GetHostName() {
 
 std::vector<Sys_Adaptor> Sys_Socket::GetAdaptors() {
   std::vector<Sys_Adaptor> adaptors;
+  ReadAdaptors(&adaptors);
+  return adaptors;
+}
+
+bool Sys_Socket::ReadAdaptors(std::vector<Sys_Adaptor>* adaptors) {
   ifaddrs* entries = nullptr;
   if (getifaddrs(&entries) != 0) {
-    return adaptors;
+    return false;
   }
+  adaptors->clear();
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(entries, &freeifaddrs);
   for (const ifaddrs* entry = entries; entry != nullptr; entry = entry->ifa_next) {
     if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
-      adaptors.push_back(MakeAdaptor(*entry));
+      adaptors->push_back(MakeAdaptor(*entry));
     }
   }
-  return adaptors;
+  return true;
 }
 
 bool Sys_Socket::FindAdaptorOf(std::uint32_t address, Sys_Adaptor* adaptor) {

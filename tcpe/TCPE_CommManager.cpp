@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -92,6 +93,15 @@ bool TCPE_CommManager::HandleAsyncCommand(TCPE_Command* /*command*/) { return fa
 
 bool TCPE_CommManager::AllowConnect(std::uint32_t /*address*/) { return true; }
 
+bool TCPE_CommManager::IsAvailable() {
+  const Caller caller(*this);
+  if (!caller) {
+    return false;
+  }
+  return IsSatellite() ? caller->GetConnectedAddresses().empty()
+                       : AllowSatellitesToConnectToMasterSystem() && !caller->IsFull();
+}
+
 bool TCPE_CommManager::GetSupportsMarlo11() { return sSupportsMarlo11.load(std::memory_order_relaxed); }
 
 void TCPE_CommManager::SetSupportsMarlo11(bool supports) {
@@ -164,6 +174,9 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
     const std::lock_guard lock(mMutex); // a handler that runs before Start returns waits here until it finds the engine
     status = engine->Start();
     if (status == eTCPE_Status_Success) {
+      mPreferredAddress = preferred;
+      mBroadcastAddress = adaptor.broadcast;
+      mAdaptorCheckIsDue = 0;
       mEngine = engine;
       return status;
     }
@@ -231,7 +244,36 @@ void TCPE_CommManager::Terminate() {
   ReleaseNumbering();
 }
 
-void TCPE_CommManager::DoIdle() {}
+void TCPE_CommManager::DoIdle() {
+  constexpr std::int64_t kLookEvery = 1'000'000;
+  const std::int64_t now = Sys_Clock::RawMicroseconds();
+  std::int64_t due = mAdaptorCheckIsDue;
+  if (now >= due && mAdaptorCheckIsDue.compare_exchange_strong(due, now + kLookEvery)) {
+    LookAfterAdaptor();
+  }
+}
+
+void TCPE_CommManager::LookAfterAdaptor() {
+  const std::unique_lock lifecycle(mLifecycleMutex, std::try_to_lock);
+  const Caller caller(*this);
+  std::vector<Sys_Adaptor> adaptors;
+  if (!lifecycle || !caller || !Sys_Socket::ReadAdaptors(&adaptors)) {
+    return;
+  }
+  const TCPE_AdaptorChoice inUse{
+      .name = {}, .address = mAdaptorIPAddress, .broadcast = mBroadcastAddress, .report = {}};
+  const TCPE_AdaptorChoice choice = TCPE_AdaptorChoice::Follow(inUse, mPreferredAddress, adaptors);
+  if (choice == inUse && (caller->IsListening() || choice.address == 0)) {
+    return;
+  }
+  mAdaptorIPAddress = choice.address;
+  mBroadcastAddress = choice.broadcast;
+  {
+    const std::lock_guard lock(mMutex);
+    mLocalSystem.SetIPAddress(choice.address);
+  }
+  caller->MoveTo(choice.address, choice.broadcast, choice.name);
+}
 
 bool TCPE_CommManager::Connect(std::uint32_t address) {
   const Caller caller(*this);
@@ -292,6 +334,58 @@ void TCPE_CommManager::NetworkErrorOccured(ENetworkError error, std::uint32_t ad
 }
 
 bool TCPE_CommManager::GetAuthenticationFailed(std::uint32_t /*address*/) const { return false; }
+
+bool TCPE_CommManager::SendDiscoverMasterSystemsCommand(Sys_UDPSocket* socket, std::uint32_t address) {
+  const Caller caller(*this);
+  return caller && caller->SendDiscoveryQuery(*socket, TCPE_DiscoveryCodec::Kind::masters, address);
+}
+
+bool TCPE_CommManager::SendDiscoveryRequestCommand(Sys_UDPSocket* socket, std::uint32_t address) {
+  const Caller caller(*this);
+  return caller && caller->SendDiscoveryQuery(*socket, TCPE_DiscoveryCodec::Kind::satellites, address);
+}
+
+bool TCPE_CommManager::ReceiveDiscoverMasterSystemsReply(Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
+                                                         std::string* hostName, std::string* systemName,
+                                                         std::uint32_t* address, ETCPE_SystemType* systemType,
+                                                         std::uint8_t* majorVersion, std::uint8_t* minorVersion,
+                                                         bool* isAvailable) {
+  return ReceiveDiscoveryReply(true, socket, remainingMilliseconds, hostName, systemName, address, systemType,
+                               majorVersion, minorVersion, isAvailable);
+}
+
+bool TCPE_CommManager::ReceiveDiscoveryRequestReply(Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
+                                                    std::string* hostName, std::string* systemName,
+                                                    std::uint32_t* address, ETCPE_SystemType* systemType,
+                                                    std::uint8_t* majorVersion, std::uint8_t* minorVersion,
+                                                    bool* isAvailable) {
+  return ReceiveDiscoveryReply(false, socket, remainingMilliseconds, hostName, systemName, address, systemType,
+                               majorVersion, minorVersion, isAvailable);
+}
+
+bool TCPE_CommManager::ReceiveDiscoveryReply(bool ofMaster, Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
+                                             std::string* hostName, std::string* systemName, std::uint32_t* address,
+                                             ETCPE_SystemType* systemType, std::uint8_t* majorVersion,
+                                             std::uint8_t* minorVersion, bool* isAvailable) {
+  const Caller caller(*this);
+  const auto kind = ofMaster ? TCPE_DiscoveryCodec::Kind::masters : TCPE_DiscoveryCodec::Kind::satellites;
+  TCPE_DiscoveryCodec::Reply reply;
+  if (!caller) {
+    *remainingMilliseconds = 0;
+    return false;
+  }
+  if (!caller->ReceiveDiscoveryReply(*socket, kind, remainingMilliseconds, &reply)) {
+    return false;
+  }
+  *hostName = reply.system.GetHostName();
+  *systemName = reply.system.GetSystemName();
+  *address = reply.system.GetIPAddress();
+  *systemType = reply.system.GetSystemType();
+  *majorVersion = reply.system.GetMajorVersion();
+  *minorVersion = reply.system.GetMinorVersion();
+  *isAvailable = reply.isAvailable;
+  return true;
+}
 
 TCPE_Counters TCPE_CommManager::GetCounters() const {
   const Caller caller(*this);

@@ -56,6 +56,9 @@ public:
   /// Thread-safe. Not real-time-safe: system calls, allocates.
   static std::vector<Sys_Adaptor> GetAdaptors();
 
+  /// The same; false, with the list as it was, if the operating system does not tell them.
+  static bool ReadAdaptors(std::vector<Sys_Adaptor>* adaptors);
+
   /// Whether an address belongs to this machine; then fills in its adaptor. Every address of 127.0.0.0/8 belongs to the
   /// loopback adaptor, whose `address` stays its own.
   ///

@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 
+class Sys_UDPSocket;
 class TCPE_Command;
 class TCPE_CommTask;
 class TCPE_Engine;
@@ -42,7 +43,7 @@ public:
   TCPE_CommManager& operator=(const TCPE_CommManager&) = delete;
 
   // The order of the virtual operations is part of the interface. The engine calls the first three from within
-  // Initialize and Terminate, the last three from its network thread: they must not block.
+  // Initialize and Terminate, the others from its network thread: they must not block.
   virtual std::int32_t InitializeSubclass();
   virtual void TerminateSubclass();
   virtual TCPE_CommTask* CreateCommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort,
@@ -55,6 +56,9 @@ public:
   virtual bool HandleAsyncCommand(TCPE_Command* command);
   /// Whether a system with this address may connect.
   virtual bool AllowConnect(std::uint32_t address);
+  /// What this system answers to those who look for systems: a satellite whether it is free to be linked, that is not
+  /// connected; any other system whether it allows satellites to connect and has room for one.
+  virtual bool IsAvailable();
 
   /// True: current numbering; false: legacy numbering. Real-time-safe.
   static bool GetSupportsMarlo11();
@@ -78,7 +82,9 @@ public:
   /// also with calls in flight; a handler that is still running then is left to end by itself. From a handler or
   /// callback it reports an assertion and does nothing.
   void Terminate();
-  /// Periodic work of the engine; the host calls it from its idle loop.
+  /// Periodic work of the engine; the host calls it from its idle loop. Looks once a second whether the adaptor in use
+  /// still has its address. If not, the connections that depended on it are lost, and the engine moves to the address
+  /// that Initialize would choose now; while there is none it is not connected to anybody, and keeps looking.
   void DoIdle();
 
   /// Opens a connection and waits until the peer has admitted this system, 11 s at the most. False for this system's
@@ -107,6 +113,24 @@ public:
   void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
   /// Whether a system failed to prove the shared secret within the last ten seconds.
   bool GetAuthenticationFailed(std::uint32_t address) const;
+
+  /// Sends the question for master systems, or for satellites, from a registered socket to one address; with address 0
+  /// to the adaptor's whole network. A socket's new question takes the place of its old one. False when it could not be
+  /// sent.
+  bool SendDiscoverMasterSystemsCommand(Sys_UDPSocket* socket, std::uint32_t address);
+  bool SendDiscoveryRequestCommand(Sys_UDPSocket* socket, std::uint32_t address);
+  /// Waits for the next reply to the question that the socket has sent, from whatever address but this system's own;
+  /// anything else that arrives is ignored and counted. Lowers the remaining milliseconds by the time that it waited:
+  /// calls in a row end when what the first was given has passed, also when replies come within a millisecond. Sets
+  /// them to 0 when no reply can come: nothing was asked, or the engine has been terminated.
+  /// @return true when a reply was read; otherwise the outputs keep their values
+  bool ReceiveDiscoverMasterSystemsReply(Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
+                                         std::string* hostName, std::string* systemName, std::uint32_t* address,
+                                         ETCPE_SystemType* systemType, std::uint8_t* majorVersion,
+                                         std::uint8_t* minorVersion, bool* isAvailable);
+  bool ReceiveDiscoveryRequestReply(Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds, std::string* hostName,
+                                    std::string* systemName, std::uint32_t* address, ETCPE_SystemType* systemType,
+                                    std::uint8_t* majorVersion, std::uint8_t* minorVersion, bool* isAvailable);
 
   /// What was dropped or turned away since Initialize; all zero before.
   TCPE_Counters GetCounters() const;
@@ -139,7 +163,7 @@ public:
   /// The record as it is now; safe while another thread changes it.
   TCPE_System CopyLocalSystem() const;
 
-  /// Address of the adaptor in use, host order; 0 before Initialize.
+  /// Address of the adaptor in use, host order; 0 before Initialize, and while no adaptor can be used.
   std::uint32_t GetAdaptorIPAddress() const { return mAdaptorIPAddress; }
   std::uint32_t GetLocalSystemConnectionIDIP() const { return mLocalConnectionIP; }
   void SetLocalSystemConnectionIDIP(std::uint32_t address) { mLocalConnectionIP = address; }
@@ -161,12 +185,20 @@ private:
   class Caller;
 
   std::int32_t Start(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError, std::string* report);
+  void LookAfterAdaptor();
+  bool ReceiveDiscoveryReply(bool ofMaster, Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
+                             std::string* hostName, std::string* systemName, std::uint32_t* address,
+                             ETCPE_SystemType* systemType, std::uint8_t* majorVersion, std::uint8_t* minorVersion,
+                             bool* isAvailable);
   void SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task);
 
   mutable std::mutex mMutex; // guards the engine pointer, the number of callers, the report and the local record
   mutable std::condition_variable mCallersHaveLeft;
   mutable std::int32_t mCallers = 0;
-  std::mutex mLifecycleMutex;
+  std::mutex mLifecycleMutex; // guards what follows, and starting and ending
+  std::uint32_t mPreferredAddress = 0;
+  std::uint32_t mBroadcastAddress = 0;
+  std::atomic<std::int64_t> mAdaptorCheckIsDue = 0; // raw time
   std::shared_ptr<TCPE_Engine> mEngine;
   std::shared_ptr<TCPE_Engine> mEndingEngine; // while Terminate waits for it
   TCPE_System mLocalSystem;

@@ -10,4 +10,9 @@ struct TCPE_Counters {
   std::uint64_t queueOverflows = 0;     ///< commands that found the peer's queue full
   std::uint64_t lateReplies = 0;        ///< replies that nobody waited for any more
   std::uint64_t refusedConnections = 0; ///< connections turned away, and strangers without a valid handshake
+  // Datagrams of discovery.
+  std::uint64_t malformedDatagrams = 0;      ///< no queries, and no replies to what was asked
+  std::uint64_t otherNumberingDatagrams = 0; ///< of systems that use the other command numbering
+  std::uint64_t unauthenticDatagrams = 0;    ///< tagged without a shared secret, or with one not tagged or wrongly
+  std::uint64_t datagramsBeyondRate = 0;     ///< queries and replies that were more than is answered or taken
 };

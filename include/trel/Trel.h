@@ -10,6 +10,7 @@
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Init.h>
 #include <trel/Sys_Socket.h>
+#include <trel/Sys_UDPSocket.h>
 #include <trel/Sys_Umid.h>
 #include <trel/TCPE_Cmd_Disconnect.h>
 #include <trel/TCPE_CommManager.h>

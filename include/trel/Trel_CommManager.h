@@ -3,8 +3,10 @@
 #include <trel/TCPE_CommManager.h>
 #include <trel/Trel_CommPreferences.h>
 #include <trel/Trel_Export.h>
+#include <trel/Trel_System.h>
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 
@@ -52,6 +54,18 @@ public:
   static void NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address);
   static bool GetAuthenticationFailed(std::uint32_t address);
   static TCPE_EngineSnapshot GetSnapshot();
+
+  /// Asks the network which master systems there are, and adds them with their availability: whether they allow
+  /// satellites to connect and have room for one. For a satellite; any other system's list is left as it is, at once.
+  /// What the list holds already stays: of several replies from one address the first counts. Blocks for one second.
+  /// Not initialised, or without a network, nothing is added and the wait may be shorter.
+  static void GetMasterSystemsList(std::map<Trel_System, bool>* list);
+  /// The same for satellites, available while they are not linked. For a system that is no satellite. At the end it
+  /// removes every system that has failed to authenticate, also one that the list held before.
+  static void GetSatelliteList(std::map<Trel_System, bool>* list);
+  /// Whether one satellite answers within a second that it is available. For a system that is no satellite. `system`
+  /// gets the reply, which may be another system's or absent when the answer is false.
+  static bool VerifySatelliteIsAvailable(std::uint32_t address, Trel_System* system);
 
   static bool IsSatellite();
   static void SetIsSatellite(bool isSatellite);

@@ -28,4 +28,6 @@ public:
   bool HandleAsyncCommand(TCPE_Command* inCommand) override;
   /// Refuses systems that failed to authenticate, and no other.
   bool AllowConnect(std::uint32_t address) override;
+  /// As the engine's answer; a master that has the number of satellites that it admits has no room either.
+  bool IsAvailable() override;
 };

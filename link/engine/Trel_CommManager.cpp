@@ -5,6 +5,7 @@
 #include <trel/Cmn_Assert.h>
 #include <trel/SPSStartupOption.h>
 #include <trel/Sys_Socket.h>
+#include <trel/Sys_UDPSocket.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
 #include <trel/Trel_Messenger.h>
 #include <trel/Trel_TCPEInterface.h>
@@ -103,6 +104,53 @@ struct Terminator {
   Terminator& operator=(const Terminator&) = delete;
 };
 
+using SystemList = std::map<Trel_System, bool>;
+using ReceiveReply = decltype(&TCPE_CommManager::ReceiveDiscoveryRequestReply);
+
+constexpr std::int32_t kReplyWait = 1000; // ms
+
+bool OpenQuerySocket(Sys_UDPSocket& socket) {
+  return socket.Register() && socket.SetReuseAddress(true) && socket.SetReusePort(true);
+}
+
+bool ReceiveSystem(TCPE_CommManager& engine, ReceiveReply receive, Sys_UDPSocket& socket, std::int32_t* wait,
+                   Trel_System* system, bool* isAvailable) {
+  std::string hostName;
+  std::string systemName;
+  std::uint32_t address = 0;
+  ETCPE_SystemType systemType = eTCPE_SystemType_None;
+  std::uint8_t majorVersion = 0;
+  std::uint8_t minorVersion = 0;
+  if (!(engine.*receive)(&socket, wait, &hostName, &systemName, &address, &systemType, &majorVersion, &minorVersion,
+                         isAvailable)) {
+    return false;
+  }
+  system->SetHostName(hostName.c_str());
+  system->SetSystemName(systemName.c_str());
+  system->SetIPAddress(address);
+  system->SetSystemType(systemType);
+  system->SetMajorVersion(majorVersion);
+  system->SetMinorVersion(minorVersion);
+  return true;
+}
+
+template <class Send>
+void CollectSystems(TCPE_CommManager& engine, Send send, ReceiveReply receive, SystemList* list) {
+  Sys_UDPSocket socket;
+  if (!OpenQuerySocket(socket) || !socket.Bind(engine.GetAdaptorIPAddress(), 0) || !socket.AllocateReplyAddress() ||
+      !send(socket)) {
+    return;
+  }
+  std::int32_t wait = kReplyWait;
+  while (wait > 0) {
+    Trel_System system;
+    bool isAvailable = false;
+    if (ReceiveSystem(engine, receive, socket, &wait, &system, &isAvailable)) {
+      list->emplace(system, isAvailable);
+    }
+  }
+}
+
 void TraceFlag(const char* format, bool flag) { Trel_Trace::Line(format, flag ? "true" : "false"); }
 
 } // namespace
@@ -195,6 +243,44 @@ bool Trel_CommManager::GetAuthenticationFailed(std::uint32_t address) {
 }
 
 TCPE_EngineSnapshot Trel_CommManager::GetSnapshot() { return TCPEInterface()->GetSnapshot(); }
+
+void Trel_CommManager::GetMasterSystemsList(SystemList* list) {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  if (!engine->IsSatellite()) {
+    return;
+  }
+  CollectSystems(
+      *engine, [&engine](Sys_UDPSocket& socket) { return engine->SendDiscoverMasterSystemsCommand(&socket, 0); },
+      &TCPE_CommManager::ReceiveDiscoverMasterSystemsReply, list);
+}
+
+void Trel_CommManager::GetSatelliteList(SystemList* list) {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  if (engine->IsSatellite()) {
+    return;
+  }
+  CollectSystems(
+      *engine, [&engine](Sys_UDPSocket& socket) { return engine->SendDiscoveryRequestCommand(&socket, 0); },
+      &TCPE_CommManager::ReceiveDiscoveryRequestReply, list);
+  std::erase_if(*list,
+                [&engine](const auto& entry) { return engine->GetAuthenticationFailed(entry.first.GetIPAddress()); });
+}
+
+bool Trel_CommManager::VerifySatelliteIsAvailable(std::uint32_t address, Trel_System* system) {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  if (engine->IsSatellite()) {
+    return false;
+  }
+  Sys_UDPSocket socket;
+  if (!OpenQuerySocket(socket) || !socket.AllocateReplyAddress() ||
+      !engine->SendDiscoveryRequestCommand(&socket, address)) {
+    return false;
+  }
+  std::int32_t wait = kReplyWait;
+  bool isAvailable = false;
+  return ReceiveSystem(*engine, &TCPE_CommManager::ReceiveDiscoveryRequestReply, socket, &wait, system, &isAvailable) &&
+         system->GetIPAddress() == address && isAvailable;
+}
 
 bool Trel_CommManager::IsSatellite() { return TCPEInterface()->IsSatellite(); }
 

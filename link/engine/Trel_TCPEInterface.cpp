@@ -80,3 +80,9 @@ bool Trel_TCPEInterface::HandleAsyncCommand(TCPE_Command* inCommand) {
 }
 
 bool Trel_TCPEInterface::AllowConnect(std::uint32_t address) { return !GetAuthenticationFailed(address); }
+
+bool Trel_TCPEInterface::IsAvailable() {
+  const auto connected = static_cast<std::int64_t>(GetConnectedAddresses().size());
+  return TCPE_CommManager::IsAvailable() &&
+         (IsSatellite() || connected < std::int64_t{Trel_CommManager::GetMaxNumberSatellites()});
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tcpe/protocol/TCPE_DiscoveryCodec.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <trel/TCPE_CommManager.h>
@@ -11,6 +12,7 @@
 #include <set>
 #include <string>
 
+class Sys_UDPSocket;
 class TCPE_Command;
 
 /// A running engine: what stands between a manager's callers, the network and the handlers.
@@ -58,6 +60,16 @@ public:
   virtual void SetCommandLog(TCPE_CommManager::CommandLogProc log) = 0;
   virtual TCPE_Counters GetCounters() const = 0;
   virtual TCPE_EngineSnapshot GetSnapshot() const = 0;
+  virtual bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) = 0;
+  virtual bool ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
+                                     std::int32_t* remainingMilliseconds, TCPE_DiscoveryCodec::Reply* reply) = 0;
+
+  /// Whether the task's limit of connections is reached.
+  virtual bool IsFull() const = 0;
+  /// Gives the engine another address; 0 while there is none. Carried out soon after.
+  virtual void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) = 0;
+  /// False after a move while its sockets could not be opened.
+  virtual bool IsListening() const = 0;
 
   /// Gives back a command that was taken from an engine which has been stopped meanwhile.
   static void DisposeOrphan(TCPE_Command* command);

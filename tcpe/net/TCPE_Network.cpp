@@ -6,6 +6,7 @@
 #include <limits>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include <asio/buffer.hpp>
 #include <asio/post.hpp>
@@ -29,14 +30,15 @@ void PrepareSocket(tcp::socket& socket) {
 
 } // namespace
 
-TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, std::uint16_t port, Listener& listener)
-    : mLimits(config.limits), mLocalAddress(config.localAddress), mPort(port), mListener(listener),
-      mEndpoint(std::move(config)) {}
+TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
+                           Listener& listener)
+    : mLimits(config.limits), mPlace(place), mListener(listener), mEndpoint(std::move(config)),
+      mDiscovery(mContext, std::move(discovery)) {}
 
 TCPE_Network::~TCPE_Network() { Stop(); }
 
 ETCPE_Status TCPE_Network::Start() {
-  if (const ETCPE_Status status = Listen(); status != eTCPE_Status_Success) {
+  if (const ETCPE_Status status = OpenListeningSockets(); status != eTCPE_Status_Success) {
     return status;
   }
   try {
@@ -52,8 +54,7 @@ void TCPE_Network::Stop() {
     return;
   }
   asio::post(mContext, [this] {
-    asio::error_code ignored;
-    mAcceptor.close(ignored); // a handler that does not end may keep this object, but not the port
+    CloseListeningSockets(); // a handler that does not end may keep this object, but not the ports
     mListener.OnStopping();
     for (const auto& [id, connection] : mConnections) {
       connection->CloseWhenSent();
@@ -101,8 +102,56 @@ void TCPE_Network::End(const ConnectionPointer& connection, ETCPE_NetworkError e
   });
 }
 
+void TCPE_Network::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress) {
+  asio::post(mContext, [this, address, broadcastAddress] {
+    CloseListeningSockets();
+    if (address != mPlace.address) {
+      LoseAll();
+    }
+    mPlace.address = address;
+    mPlace.broadcastAddress = broadcastAddress;
+    mEndpoint.SetLocalAddress(address);
+    if (address != 0 && OpenListeningSockets() == eTCPE_Status_Success) {
+      Accept();
+      mDiscovery.Run();
+    }
+  });
+}
+
+void TCPE_Network::LoseAll() {
+  std::vector<TCPE_Endpoint::Id> ids;
+  for (const auto& [id, connection] : mConnections) {
+    ids.push_back(id);
+  }
+  for (const TCPE_Endpoint::Id id : ids) {
+    mEndpoint.End(id, eNetworkError_ConnectionLost, Now());
+    CarryOut();
+  }
+}
+
+ETCPE_Status TCPE_Network::OpenListeningSockets() {
+  ETCPE_Status status = Listen();
+  if (status == eTCPE_Status_Success) {
+    status = mDiscovery.Open(mPlace.address, mPlace.broadcastAddress, mPlace.discoveryPort);
+  }
+  mIsListening = status == eTCPE_Status_Success;
+  if (!mIsListening) {
+    CloseListeningSockets();
+  }
+  return status;
+}
+
+void TCPE_Network::CloseListeningSockets() {
+  ++mListenings;
+  mIsListening = false;
+  asio::error_code ignored;
+  mAcceptor.close(ignored);
+  mAcceptPause.cancel();
+  mDiscovery.Close();
+}
+
 ETCPE_Status TCPE_Network::Listen() {
-  const tcp::endpoint endpoint(asio::ip::address_v4(mLocalAddress), mPort);
+  const tcp::endpoint endpoint(asio::ip::address_v4(mPlace.address), mPlace.port);
   asio::error_code error;
   mAcceptor.open(endpoint.protocol(), error);
   if (!error) {
@@ -125,6 +174,7 @@ ETCPE_Status TCPE_Network::Listen() {
 void TCPE_Network::Run() {
   mThreadId = std::this_thread::get_id();
   Accept();
+  mDiscovery.Run();
   mContext.run();
 }
 
@@ -134,14 +184,14 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
   socket.open(tcp::v4(), error);
   if (!error) {
     // From this system's address: it is the identity that the peer knows it by.
-    socket.bind({asio::ip::address_v4(mLocalAddress), 0}, error);
+    socket.bind({asio::ip::address_v4(mPlace.address), 0}, error);
   }
   if (error) {
     mEndpoint.TransportEnded(id, Now());
     return;
   }
   const ConnectionPointer connection = Add(id, address, std::move(socket));
-  connection->Socket()->async_connect({asio::ip::address_v4(address), mPort},
+  connection->Socket()->async_connect({asio::ip::address_v4(address), mPlace.port},
                                       [this, connection](const asio::error_code& failure) {
                                         if (failure == asio::error::operation_aborted) {
                                           return;
@@ -160,13 +210,17 @@ void TCPE_Network::Accept() {
   if (!mAcceptor.is_open()) {
     return;
   }
-  mAcceptor.async_accept([this](const asio::error_code& error, tcp::socket socket) {
-    if (error == asio::error::operation_aborted) {
+  mAcceptor.async_accept([this, listening = mListenings](const asio::error_code& error, tcp::socket socket) {
+    if (error == asio::error::operation_aborted || listening != mListenings) {
       return;
     }
     if (error) { // out of descriptors: wait for better times, and do not spin
       mAcceptPause.expires_after(kAcceptPause);
-      mAcceptPause.async_wait([this](const asio::error_code&) { Accept(); });
+      mAcceptPause.async_wait([this, listening](const asio::error_code&) {
+        if (listening == mListenings) {
+          Accept();
+        }
+      });
       return;
     }
     asio::error_code gone;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tcpe/net/TCPE_Connection.h"
+#include "tcpe/net/TCPE_DiscoveryService.h"
 #include "tcpe/protocol/TCPE_Endpoint.h"
 
 #include <atomic>
@@ -37,7 +38,16 @@ public:
     ~Listener() = default;
   };
 
-  TCPE_Network(TCPE_Endpoint::Config config, std::uint16_t port, Listener& listener);
+  /// Where others find this system.
+  struct Place {
+    std::uint32_t address = 0; ///< 0: nowhere, for the time being
+    std::uint32_t broadcastAddress = 0;
+    std::uint16_t port = 0;
+    std::uint16_t discoveryPort = 0; ///< 0: it answers no queries
+  };
+
+  TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
+               Listener& listener);
   ~TCPE_Network();
   TCPE_Network(const TCPE_Network&) = delete;
   TCPE_Network& operator=(const TCPE_Network&) = delete;
@@ -50,12 +60,21 @@ public:
   void SetLocalSystemType(std::uint8_t type);
   void Connect(std::uint32_t address);
   void End(const ConnectionPointer& connection, ETCPE_NetworkError error);
+  /// Opens the listening sockets on another address, or again on the same one. Connections from and to an address that
+  /// this system has no more are lost.
+  void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress);
+  /// False after a move while the listening sockets are not open.
+  bool IsListening() const { return mIsListening; }
 
   bool IsOnNetworkThread() const { return std::this_thread::get_id() == mThreadId.load(); }
   std::uint64_t Refusals() const { return mRefusals; }
+  const TCPE_DiscoveryCounters& DiscoveryCounters() const { return mDiscovery.Counters(); }
 
 private:
   ETCPE_Status Listen();
+  ETCPE_Status OpenListeningSockets();
+  void CloseListeningSockets();
+  void LoseAll();
   void Run();
   void OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address);
   void CloseAll(TCPE_Time deadline);
@@ -69,12 +88,13 @@ private:
   ConnectionPointer Find(TCPE_Endpoint::Id id) const;
 
   const TCPE_Limits mLimits;
-  const std::uint32_t mLocalAddress;
-  const std::uint16_t mPort;
+  Place mPlace;
   Listener& mListener;
   TCPE_Endpoint mEndpoint;
   asio::io_context mContext{1};
   asio::ip::tcp::acceptor mAcceptor{mContext};
+  TCPE_DiscoveryService mDiscovery;
+  std::uint64_t mListenings = 0; ///< accepts that were begun on an earlier socket do not continue
   asio::steady_timer mTimer{mContext};
   asio::steady_timer mAcceptPause{mContext};
   asio::steady_timer mCloseTimer{mContext};
@@ -82,6 +102,7 @@ private:
   std::map<TCPE_Endpoint::Id, ConnectionPointer> mConnections;
   std::list<ConnectionPointer> mClosing; ///< still sending what was queued
   std::atomic<std::uint64_t> mRefusals = 0;
+  std::atomic<bool> mIsListening = false;
   std::atomic<std::thread::id> mThreadId{};
   std::thread mThread;
 };

@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_RunningEngine.h"
 
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
+
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Umid.h>
 #include <trel/TCPE_Cmd_Disconnect.h>
@@ -50,17 +52,24 @@ std::shared_ptr<TCPE_Engine> TCPE_Engine::Make(Setup setup) {
 }
 
 TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
-    : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits), mLocalAddress(setup.localAddress),
-      mAdaptorName(std::move(setup.adaptorName)), mBroadcastAddress(setup.broadcastAddress),
+    : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits),
+      mMaxConnections(std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections)),
+      mLocalAddress(setup.localAddress), mBroadcastAddress(setup.broadcastAddress),
       mOnNetworkError(setup.onNetworkError), mIsHostPumped(setup.isHostPumped),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
-      mStarted(Sys_Clock::RawMicroseconds()), mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this),
-      mPumpQueue(mLimits, mOnNetworkError), mPool(std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
-                                                .threads = mLimits.maxHandlerThreads,
-                                                .jobsPerPeer = mLimits.maxQueuedCommands,
-                                                .bytesPerPeer = mLimits.maxQueuedBytes,
-                                                .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
-      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), mTask->GetCommunicationPort(),
+      mStarted(Sys_Clock::RawMicroseconds()), mAdaptorName(std::move(setup.adaptorName)),
+      mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError),
+      mPool(std::make_shared<TCPE_HandlerPool>(
+          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
+                                   .jobsPerPeer = mLimits.maxQueuedCommands,
+                                   .bytesPerPeer = mLimits.maxQueuedBytes,
+                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
+      mDiscoveryClient(mLimits, DatagramConfig(setup.key)),
+      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), ResponderConfig(setup.key),
+                                              TCPE_Network::Place{.address = mLocalAddress,
+                                                                  .broadcastAddress = mBroadcastAddress,
+                                                                  .port = mTask->GetCommunicationPort(),
+                                                                  .discoveryPort = mTask->GetDiscoveryPort()},
                                               static_cast<TCPE_Network::Listener&>(*this))) {}
 
 ETCPE_Status TCPE_RunningEngine::Start() {
@@ -78,6 +87,7 @@ ETCPE_Status TCPE_RunningEngine::Start() {
 
 void TCPE_RunningEngine::Stop() {
   mIsStopping = true;
+  mDiscoveryClient.Stop();
   mNetwork->Stop();
   {
     const std::lock_guard lock(mAttemptsMutex);
@@ -182,19 +192,27 @@ void TCPE_RunningEngine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { m
 TCPE_Counters TCPE_RunningEngine::GetCounters() const {
   TCPE_Counters counters = mDispatcher.GetCounters();
   counters.refusedConnections = mNetwork->Refusals();
+  for (const TCPE_DiscoveryCounters* side : {&mNetwork->DiscoveryCounters(), &mDiscoveryClient.Counters()}) {
+    counters.malformedDatagrams += side->malformed;
+    counters.otherNumberingDatagrams += side->otherNumbering;
+    counters.unauthenticDatagrams += side->notAuthentic;
+    counters.datagramsBeyondRate += side->beyondRate;
+  }
   return counters;
 }
 
 TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
   std::map<std::uint32_t, ConnectionPointer> connected;
+  std::string adaptorName;
   {
     const std::lock_guard lock(mConnectedMutex);
     connected = mConnected;
+    adaptorName = mAdaptorName;
   }
   const TCPE_Time now = Sys_Clock::RawMicroseconds();
   TCPE_EngineSnapshot snapshot{.isInitialized = true,
                                .address = mLocalAddress,
-                               .adaptorName = mAdaptorName,
+                               .adaptorName = adaptorName,
                                .communicationPort = mTask->GetCommunicationPort(),
                                .runningFor = now - mStarted,
                                .counters = GetCounters(),
@@ -212,6 +230,37 @@ TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
   return snapshot;
 }
 
+bool TCPE_RunningEngine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
+                                            std::uint32_t address) {
+  const std::uint32_t target = address != 0 ? address : mBroadcastAddress.load();
+  return target != 0 && mDiscoveryClient.Ask(socket,
+                                             {.kind = kind,
+                                              .serial = static_cast<std::uint32_t>(Sys_Umid::Random64()),
+                                              .nonce = TCPE_AuthenticationKey::MakeNonce(),
+                                              .senderSystemType = static_cast<std::uint8_t>(mManager.GetSystemType())},
+                                             target, mTask->GetDiscoveryPort());
+}
+
+bool TCPE_RunningEngine::ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
+                                               std::int32_t* remainingMilliseconds, TCPE_DiscoveryCodec::Reply* reply) {
+  return mDiscoveryClient.Receive(socket, kind, mLocalAddress, remainingMilliseconds, reply);
+}
+
+bool TCPE_RunningEngine::IsFull() const {
+  const std::lock_guard lock(mConnectedMutex);
+  return mConnected.size() >= mMaxConnections;
+}
+
+void TCPE_RunningEngine::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) {
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    mAdaptorName = adaptorName;
+  }
+  mLocalAddress = address;
+  mBroadcastAddress = broadcastAddress;
+  mNetwork->MoveTo(address, broadcastAddress);
+}
+
 TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
   TCPE_Endpoint::Config config;
   config.limits = mLimits;
@@ -222,7 +271,7 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
   config.local.connectType = mTypes.connect;
   config.localAddress = mLocalAddress;
   config.disconnectType = mTypes.disconnect;
-  config.maxConnections = std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections);
+  config.maxConnections = mMaxConnections;
   config.allowConnect = [this](std::uint32_t address) {
     try {
       return mManager.AllowConnect(address);
@@ -237,6 +286,31 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
   };
   config.makeConnectFrame = [this](std::uint32_t address) { return MakeConnectFrame(address); };
   return config;
+}
+
+TCPE_DiscoveryCodec::Config
+TCPE_RunningEngine::DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const {
+  return {.majorVersion = mTask->GetCurrentProtocolMajorVersion(),
+          .minorVersion = mTask->GetCurrentProtocolMinorVersion(),
+          .types = mTypes,
+          .key = std::move(key)};
+}
+
+TCPE_DiscoveryResponder::Config TCPE_RunningEngine::ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
+  return {.limits = mLimits,
+          .datagrams = DatagramConfig(std::move(key)),
+          .describe =
+              [this] {
+                TCPE_DiscoveryResponder::Self self{.reply = {.system = mManager.CopyLocalSystem()},
+                                                   .isSatellite = mManager.IsSatellite()};
+                try {
+                  self.reply.isAvailable = mManager.IsAvailable();
+                } catch (...) { // a host that cannot decide is not available
+                  self.reply.isAvailable = false;
+                }
+                return self;
+              },
+          .random = Sys_Umid::Random64};
 }
 
 std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t address) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_DiscoveryClient.h"
 #include "tcpe/net/TCPE_Dispatcher.h"
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/net/TCPE_HandlerPool.h"
@@ -43,6 +44,12 @@ public:
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
   TCPE_Counters GetCounters() const override;
   TCPE_EngineSnapshot GetSnapshot() const override;
+  bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) override;
+  bool ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::int32_t* remainingMilliseconds,
+                             TCPE_DiscoveryCodec::Reply* reply) override;
+  bool IsFull() const override;
+  void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) override;
+  bool IsListening() const override { return mNetwork->IsListening(); }
 
 private:
   using ConnectionPointer = TCPE_Network::ConnectionPointer;
@@ -54,6 +61,8 @@ private:
     bool isConnected = false;
   };
   TCPE_Endpoint::Config EndpointConfig();
+  TCPE_DiscoveryCodec::Config DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const;
+  TCPE_DiscoveryResponder::Config ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key);
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
@@ -89,15 +98,16 @@ private:
   TCPE_CommManager& mManager;
   const std::unique_ptr<TCPE_CommTask> mTask;
   const TCPE_Limits mLimits;
-  const std::uint32_t mLocalAddress;
-  const std::string mAdaptorName;
-  const std::uint32_t mBroadcastAddress;
+  const std::size_t mMaxConnections;
+  std::atomic<std::uint32_t> mLocalAddress;
+  std::atomic<std::uint32_t> mBroadcastAddress;
   const TCPE_CommManager::NetworkErrorProc mOnNetworkError;
   const bool mIsHostPumped;
   const TCPE_EngineTypes& mTypes;
   std::atomic<bool> mIsStopping = false;
   std::atomic<std::uint32_t> mLastSerial = 0;
   const TCPE_Time mStarted;
+  std::string mAdaptorName; ///< guarded by the mutex of the connections
   TCPE_PeerHistory mHistory;
 
   mutable std::mutex mConnectedMutex;
@@ -110,5 +120,6 @@ private:
   TCPE_Dispatcher mDispatcher;
   TCPE_PumpQueue mPumpQueue;
   std::shared_ptr<TCPE_HandlerPool> mPool;
+  TCPE_DiscoveryClient mDiscoveryClient;
   std::unique_ptr<TCPE_Network> mNetwork;
 };

@@ -83,6 +83,9 @@ public:
   /// The role that this system's own frames tell from now on.
   void SetLocalSystemType(std::uint8_t type) { mConfig.local.systemType = type; }
 
+  /// The address that this system has from now on; connections from and to another one are the owner's to end.
+  void SetLocalAddress(std::uint32_t address) { mConfig.localAddress = address; }
+
   /// Looks at the time; call at the deadline.
   void Tick(TCPE_Time now);
   /// The next thing to carry out. Call after each call above until there is none.

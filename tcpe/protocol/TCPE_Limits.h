@@ -34,6 +34,17 @@ struct TCPE_Limits {
   /// One thread for each peer's handler, and a few more.
   std::size_t maxHandlerThreads = 144;
 
+  /// Answers to one asking address: a host that searches all the time asks once a second.
+  int answersPerSecond = 20;
+  /// Asking addresses whose rate is known: four full links on one network.
+  std::size_t maxAskers = 512;
+  /// Answers that wait for their moment: everybody on such a network asks at once.
+  std::size_t maxDueAnswers = 512;
+  /// Replies to one query: all of such a network, twice.
+  std::size_t maxDiscoveryReplies = 1024;
+  /// A query that went to everybody is answered within this time: a fraction of the second for which the asker waits.
+  TCPE_Time answerDelay = 100'000;
+
   TCPE_Time transportConnect = 5'000'000;
   /// From the transport connection to the verdict.
   TCPE_Time handshake = 3'000'000;

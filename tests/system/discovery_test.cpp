@@ -1,0 +1,237 @@
+#include <trel/SPSStartupOption.h>
+#include <trel/Sys_Socket.h>
+#include <trel/Sys_UDPSocket.h>
+#include <trel/Trel_CommManager.h>
+
+#include "tcpe/protocol/TCPE_DiscoveryCodec.h"
+#include "tests/support/PeerSystem.h"
+#include "tests/support/TestSystem.h"
+
+#include <gmock/gmock.h>
+
+#include <array>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace {
+
+using Systems = std::map<Trel_System, bool>;
+
+constexpr std::uint32_t kLoopbackBroadcast = 0x7fffffff;
+constexpr std::int64_t kWait = 1'000'000; // of every query, us
+
+std::uint16_t DiscoveryPort() { return static_cast<std::uint16_t>(TestPort() + 8'000); }
+
+/// The host's system, and others beside it.
+class DiscoveryTest : public testing::Test {
+protected:
+  DiscoveryTest() { SPSSetStartupOption("DiscoveryPort", std::to_string(DiscoveryPort()).c_str()); }
+  ~DiscoveryTest() override {
+    Trel_CommManager::Terminate();
+    SPSSetStartupOption("DiscoveryPort", nullptr);
+  }
+
+  static void StartHost(bool isSatellite) {
+    Trel_CommPreferences preferences = TestPreferences(kHostAddress);
+    ASSERT_EQ(Trel_CommManager::Initialize(&preferences, nullptr), 0) << Trel_CommManager::GetInitializationReport();
+    Trel_CommManager::SetIsSatellite(isSatellite);
+    Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(true);
+  }
+  static std::string Texts(const Systems& systems) {
+    std::string texts;
+    for (const auto& [system, isAvailable] : systems) {
+      texts += Sys_Socket::DecodeIPAddress(system.GetIPAddress()) + ' ' + system.GetSystemName() + ' ' +
+               std::to_string(system.GetSystemType()) + (isAvailable ? " available; " : " taken; ");
+    }
+    return texts;
+  }
+};
+
+/// Somebody who is no engine: hears the queries to an address, and sends what it likes.
+class Stranger {
+public:
+  explicit Stranger(std::uint32_t address) {
+    EXPECT_TRUE(mSocket.Register() && mSocket.SetReuseAddress(true) && mSocket.SetReusePort(true) &&
+                mSocket.Bind(address, DiscoveryPort()) && mSocket.AllocateReplyAddress());
+  }
+  bool Hear(TCPE_DiscoveryCodec::Query* query) {
+    std::array<std::byte, 1000> buffer{};
+    std::size_t size = 0;
+    return mSocket.Receive(buffer, 10'000'000, &size) == Sys_UDPSocket::Result::received &&
+           mCodec.ReadQuery(std::span(buffer).first(size), query) == TCPE_DiscoveryCodec::Verdict::sound;
+  }
+  std::uint32_t AskerAddress() const { return mSocket.GetReplyAddress(); }
+  std::uint16_t AskerPort() const { return mSocket.GetReplyPort(); }
+  std::vector<std::byte> Reply(const TCPE_DiscoveryCodec::Query& query, const char* name) const {
+    TCPE_DiscoveryCodec::Reply reply;
+    reply.system.SetSystemName(name);
+    reply.isAvailable = true;
+    return mCodec.WriteReply(query, 0, reply);
+  }
+
+private:
+  Sys_UDPSocket mSocket;
+  const TCPE_DiscoveryCodec mCodec{{.majorVersion = 4, .minorVersion = 1}};
+};
+
+/// A socket at an address, to send replies from.
+class Sender {
+public:
+  explicit Sender(std::uint32_t address) { EXPECT_TRUE(mSocket.Register() && mSocket.Bind(address, 0)); }
+  void Send(const std::vector<std::byte>& datagram, const Stranger& to) {
+    EXPECT_TRUE(mSocket.Send(datagram, to.AskerAddress(), to.AskerPort()));
+  }
+
+private:
+  Sys_UDPSocket mSocket;
+};
+
+TEST_F(DiscoveryTest, EachRoleFindsTheOther) {
+  PeerSystem master(kPeerAddress), satellite(kOtherPeerAddress);
+  ASSERT_EQ(master.Status() + satellite.Status(), 0);
+  master.SetSystemName("stage");
+  master.SetSystemType(eTCPE_SystemType_Master);
+  satellite.SetSystemName("booth");
+  satellite.SetIsSatellite(true);
+  satellite.SetSystemType(eTCPE_SystemType_Satellite);
+  StartHost(true);
+
+  Systems systems;
+  Trel_CommManager::GetSatelliteList(&systems);
+  Trel_System system;
+  EXPECT_FALSE(Trel_CommManager::VerifySatelliteIsAvailable(kOtherPeerAddress, &system));
+  EXPECT_EQ(Texts(systems), "");
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  Trel_CommManager::GetMasterSystemsList(&systems);
+  const std::int64_t waited = Sys_Clock::RawMicroseconds() - begin;
+  EXPECT_GE(waited, kWait);
+  ExpectWithin("time for a list, us", waited, kWait + 500'000);
+  EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 taken; ");
+  master.SetAllowSatellitesToConnectToMasterSystem(true);
+  Trel_CommManager::GetMasterSystemsList(&systems);
+  EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 taken; ") << "what the list holds stays";
+  systems.clear();
+  Trel_CommManager::GetMasterSystemsList(&systems);
+  EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 available; ");
+
+  Trel_CommManager::SetIsSatellite(false);
+  systems.clear();
+  Trel_CommManager::GetMasterSystemsList(&systems);
+  EXPECT_EQ(Texts(systems), "");
+  Trel_CommManager::GetSatelliteList(&systems);
+  EXPECT_EQ(Texts(systems), "127.0.0.4 booth 2 available; ");
+  EXPECT_TRUE(Trel_CommManager::VerifySatelliteIsAvailable(kOtherPeerAddress, &system));
+  EXPECT_STREQ(system.GetSystemName(), "booth");
+  EXPECT_FALSE(Trel_CommManager::VerifySatelliteIsAvailable(kPeerAddress, &system)) << "a master does not answer";
+  ASSERT_TRUE(satellite.Connect(kPeerAddress));
+  EXPECT_FALSE(Trel_CommManager::VerifySatelliteIsAvailable(kOtherPeerAddress, &system));
+  EXPECT_EQ(Trel_CommManager::GetSnapshot().counters.malformedDatagrams, 0U);
+}
+
+TEST_F(DiscoveryTest, TheFirstReplyOfAnAddressCountsAndGarbageIsIgnored) {
+  StartHost(true);
+  Stranger stranger(kLoopbackBroadcast);
+  Systems systems;
+  std::int64_t waited = 0;
+  std::jthread asking([&systems, &waited] {
+    const std::int64_t begin = Sys_Clock::RawMicroseconds();
+    Trel_CommManager::GetMasterSystemsList(&systems);
+    waited = Sys_Clock::RawMicroseconds() - begin;
+  });
+  TCPE_DiscoveryCodec::Query query;
+  ASSERT_TRUE(stranger.Hear(&query));
+  EXPECT_EQ(stranger.AskerAddress(), kHostAddress);
+  Sender one(0x7f000021), two(0x7f000022), host(kHostAddress);
+  host.Send(stranger.Reply(query, "itself"), stranger);
+  one.Send(stranger.Reply(query, "first"), stranger);
+  one.Send(stranger.Reply(query, "second"), stranger);
+  TCPE_DiscoveryCodec::Query other = query;
+  ++other.serial;
+  two.Send(stranger.Reply(other, "to another query"), stranger);
+  // From here to the end something arrives all the time, and no more than half a millisecond apart.
+  const std::vector<std::byte> garbage(100);
+  const std::vector<std::byte> reply = stranger.Reply(query, "again");
+  for (const std::int64_t end = Sys_Clock::RawMicroseconds() + 1'200'000; Sys_Clock::RawMicroseconds() < end;) {
+    one.Send(garbage, stranger);
+    one.Send(reply, stranger);
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
+  }
+  asking.join();
+  EXPECT_EQ(Texts(systems), "127.0.0.33 first 0 available; ");
+  EXPECT_GE(waited, kWait);
+  ExpectWithin("time for a list in a flood, us", waited, kWait + 500'000);
+  EXPECT_GT(Trel_CommManager::GetSnapshot().counters.malformedDatagrams, 1U);
+}
+
+TEST_F(DiscoveryTest, AReplyFromElsewhereDoesNotMakeASatelliteAvailable) {
+  StartHost(false);
+  Stranger stranger(kPeerAddress);
+  std::optional<bool> isAvailable;
+  Trel_System system;
+  std::jthread asking([&] { isAvailable = Trel_CommManager::VerifySatelliteIsAvailable(kPeerAddress, &system); });
+  TCPE_DiscoveryCodec::Query query;
+  ASSERT_TRUE(stranger.Hear(&query));
+  Sender(kOtherPeerAddress).Send(stranger.Reply(query, "foreign"), stranger);
+  asking.join();
+  EXPECT_EQ(isAvailable, false);
+  EXPECT_STREQ(system.GetSystemName(), "foreign");
+  EXPECT_EQ(system.GetIPAddress(), kOtherPeerAddress);
+}
+
+TEST_F(DiscoveryTest, WithoutAQuestionOrAnEngineNothingIsWaitedFor) {
+  Systems systems;
+  Trel_CommManager::SetIsSatellite(true);
+  Trel_CommManager::GetMasterSystemsList(&systems);
+  Trel_CommManager::Terminate();
+  TestSystem system(0);
+  const auto receive = [&system](Sys_UDPSocket& socket) {
+    std::int32_t wait = 100'000;
+    std::string text;
+    std::uint32_t address = 0;
+    ETCPE_SystemType type{};
+    std::uint8_t version = 0;
+    bool flag = false;
+    EXPECT_FALSE(system.ReceiveDiscoverMasterSystemsReply(&socket, &wait, &text, &text, &address, &type, &version,
+                                                          &version, &flag));
+    return wait;
+  };
+  Sys_UDPSocket socket;
+  EXPECT_FALSE(system.SendDiscoverMasterSystemsCommand(&socket, 0));
+  EXPECT_EQ(receive(socket), 0);
+  ASSERT_EQ(system.Start(), 0);
+  EXPECT_EQ(receive(socket), 0);
+  ASSERT_TRUE(socket.Register() && socket.AllocateReplyAddress());
+  ASSERT_TRUE(system.SendDiscoverMasterSystemsCommand(&socket, 0));
+  std::jthread ending([&system] { system.Terminate(); });
+  EXPECT_EQ(receive(socket), 0); // ends with the engine
+}
+
+TEST_F(DiscoveryTest, PortsInUseAreToldApart) {
+  const auto report = [](std::uint16_t communicationPort) {
+    Trel_CommPreferences preferences = TestPreferences(kHostAddress);
+    preferences.SetCommunicationPort(communicationPort);
+    const std::int32_t status = Trel_CommManager::Initialize(&preferences, nullptr);
+    return std::to_string(status) + ' ' + Trel_CommManager::GetInitializationReport();
+  };
+  const std::string port = std::to_string(DiscoveryPort());
+  {
+    Sys_UDPSocket other;
+    ASSERT_TRUE(other.Register() && other.Bind(0, DiscoveryPort()));
+    EXPECT_EQ(report(TestPort()), "7 UDP port " + port + " of 127.0.0.2 is in use by another program");
+    EXPECT_FALSE(Trel_CommManager::IsInitialized());
+  }
+  EXPECT_EQ(report(TestPort()), "0 ");
+  EXPECT_EQ(Trel_CommManager::GetDiscoveryPort(), DiscoveryPort());
+  EXPECT_EQ(Trel_CommManager::GetCommunicationPort(), TestPort());
+  EXPECT_EQ(report(TestPort()), "1 the engine is initialised already");
+  PeerSystem sameAddress(kHostAddress);
+  EXPECT_EQ(sameAddress.Status(), eTCPE_Status_DiscoveryPortInUse);
+  TestSystem other(0);
+  TCPE_CommPreferences preferences(kHostAddress, TestPort());
+  EXPECT_EQ(other.Initialize(&preferences, nullptr), eTCPE_Status_PortInUse);
+  EXPECT_EQ(other.GetInitializationReport(),
+            "TCP port " + std::to_string(TestPort()) + " of 127.0.0.2 is in use by another program");
+}
+
+} // namespace

@@ -1,0 +1,157 @@
+#include "tcpe/protocol/TCPE_DiscoveryCodec.h"
+
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tests/support/Hex.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using Codec = TCPE_DiscoveryCodec;
+using Verdict = Codec::Verdict;
+
+constexpr std::uint32_t kAnswerer = 0x0a000005;
+
+std::shared_ptr<const TCPE_AuthenticationKey> Key(std::byte fill) {
+  TCPE_AuthenticationKey::Mac bytes;
+  bytes.fill(fill);
+  return std::make_shared<const TCPE_AuthenticationKey>(bytes);
+}
+
+Codec Make(bool isCurrent, std::shared_ptr<const TCPE_AuthenticationKey> key = nullptr) {
+  return Codec({.majorVersion = static_cast<std::uint8_t>(isCurrent ? 4 : 3),
+                .minorVersion = 1,
+                .types = isCurrent ? kTCPE_CurrentTypes : kTCPE_LegacyTypes,
+                .key = std::move(key)});
+}
+
+Codec::Query Question(Codec::Kind kind = Codec::Kind::satellites) {
+  Codec::Query query{.kind = kind, .serial = 0x01020304, .senderSystemType = 1};
+  query.nonce.fill(std::byte{0xee});
+  return query;
+}
+
+Codec::Reply Answer() {
+  Codec::Reply reply;
+  reply.isAvailable = true;
+  reply.system.SetSystemName("stage");
+  reply.system.SetHostName("mac-7");
+  reply.system.SetSystemType(eTCPE_SystemType_Satellite);
+  reply.system.SetMajorVersion(4);
+  reply.system.SetMinorVersion(1);
+  return reply;
+}
+
+void Seal(std::vector<std::byte>& datagram, std::size_t tagSize = 0) {
+  TCPE_SealFrame(std::span(datagram).first(datagram.size() - tagSize));
+}
+
+TEST(TCPE_DiscoveryCodec, WritesTheseBytes) {
+  const std::string question = "ee*16 00*277";
+  const std::string answer = "7374616765 00*25 6d61632d37 00*251 00000002 04 01 01";
+  const struct {
+    bool isCurrent;
+    Codec::Kind kind;
+    const char* start;
+    const char* type;
+  } cases[] = {{true, Codec::Kind::satellites, "01250401 00", "00000002"},
+               {true, Codec::Kind::masters, "01250401 00", "00000003"},
+               {false, Codec::Kind::satellites, "01250301 00", "fffffffe"},
+               {false, Codec::Kind::masters, "01250301 00", "fffffffd"}};
+  for (const auto& test : cases) {
+    const Codec codec = Make(test.isCurrent);
+    const auto expected = [&test](const std::string& flagsAndSystemTypes, const std::string& payload) {
+      const std::string bytes = FromHex(
+          (test.start + (' ' + flagsAndSystemTypes) + ' ' + test.type + " 01020304 00000000 " + payload).c_str());
+      const auto frame = std::as_bytes(std::span(bytes));
+      std::vector<std::byte> sealed(frame.begin(), frame.end());
+      TCPE_SealFrame(sealed);
+      return sealed;
+    };
+    EXPECT_EQ(codec.WriteQuery(Question(test.kind)), expected("08 01 00", question));
+    EXPECT_EQ(codec.WriteReply(Question(test.kind), kAnswerer, Answer()), expected("01 02 01", answer));
+  }
+}
+
+TEST(TCPE_DiscoveryCodec, ReadsWhatItWritesAndNoPartOfIt) {
+  for (const bool isCurrent : {true, false}) {
+    for (const bool hasKey : {true, false}) {
+      const Codec codec = Make(isCurrent, hasKey ? Key(std::byte{1}) : nullptr);
+      for (const Codec::Kind kind : {Codec::Kind::masters, Codec::Kind::satellites}) {
+        const std::vector<std::byte> asked = codec.WriteQuery(Question(kind));
+        Codec::Query query;
+        ASSERT_EQ(codec.ReadQuery(asked, &query), Verdict::sound);
+        EXPECT_EQ(query.kind, kind);
+        EXPECT_EQ(query.serial, 0x01020304U);
+        EXPECT_EQ(query.nonce, Question().nonce);
+        const std::vector<std::byte> answered = codec.WriteReply(query, kAnswerer, Answer());
+        EXPECT_EQ(answered.size(), asked.size());
+        EXPECT_EQ(asked.size(), codec.Length());
+        Codec::Reply reply;
+        ASSERT_EQ(codec.ReadReply(answered, query, kAnswerer, &reply), Verdict::sound);
+        EXPECT_STREQ(reply.system.GetSystemName(), "stage");
+        EXPECT_STREQ(reply.system.GetHostName(), "mac-7");
+        EXPECT_EQ(reply.system.GetIPAddress(), kAnswerer);
+        EXPECT_EQ(reply.system.GetSystemType(), eTCPE_SystemType_Satellite);
+        EXPECT_TRUE(reply.isAvailable);
+        for (std::size_t size = 0; size < asked.size(); ++size) {
+          // Cut off on the way, and sent that short.
+          for (const bool isSealed : {false, true}) {
+            std::vector<std::byte> shortQuery(asked.begin(), asked.begin() + static_cast<std::ptrdiff_t>(size));
+            std::vector<std::byte> shortReply(answered.begin(), answered.begin() + static_cast<std::ptrdiff_t>(size));
+            const std::size_t tagSize = hasKey ? Codec::kTagSize : 0;
+            if (isSealed && size >= TCPE_FrameHeader::kSize + tagSize) {
+              Seal(shortQuery, tagSize);
+              Seal(shortReply, tagSize);
+            }
+            ASSERT_EQ(codec.ReadQuery(shortQuery, &query), Verdict::malformed) << size;
+            ASSERT_EQ(codec.ReadReply(shortReply, query, kAnswerer, &reply), Verdict::malformed) << size;
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(TCPE_DiscoveryCodec, TellsWhyItTakesNoDatagram) {
+  const Codec open = Make(true);
+  const Codec locked = Make(true, Key(std::byte{1}));
+  const Codec otherLock = Make(true, Key(std::byte{2}));
+  const Codec legacy = Make(false);
+  Codec::Query query;
+  EXPECT_EQ(legacy.ReadQuery(open.WriteQuery(Question()), &query), Verdict::otherNumbering);
+  EXPECT_EQ(locked.ReadQuery(open.WriteQuery(Question()), &query), Verdict::notAuthentic);
+  EXPECT_EQ(open.ReadQuery(locked.WriteQuery(Question()), &query), Verdict::notAuthentic);
+  EXPECT_EQ(otherLock.ReadQuery(locked.WriteQuery(Question()), &query), Verdict::notAuthentic);
+  EXPECT_EQ(open.ReadQuery(open.WriteReply(Question(), kAnswerer, Answer()), &query), Verdict::malformed);
+
+  Codec::Reply reply;
+  const auto read = [&reply](const Codec& codec, const std::vector<std::byte>& datagram, const Codec::Query& asked,
+                             std::uint32_t source = kAnswerer) {
+    return codec.ReadReply(datagram, asked, source, &reply);
+  };
+  const std::vector<std::byte> answer = open.WriteReply(Question(), kAnswerer, Answer());
+  const std::vector<std::byte> tagged = locked.WriteReply(Question(), kAnswerer, Answer());
+  EXPECT_EQ(read(legacy, answer, Question()), Verdict::otherNumbering);
+  EXPECT_EQ(read(open, answer, Question(Codec::Kind::masters)), Verdict::malformed);
+  EXPECT_EQ(read(open, open.WriteQuery(Question()), Question()), Verdict::malformed);
+  EXPECT_EQ(read(locked, answer, Question()), Verdict::notAuthentic);
+  EXPECT_EQ(read(open, tagged, Question()), Verdict::notAuthentic);
+  EXPECT_EQ(read(locked, tagged, Question()), Verdict::sound);
+  EXPECT_EQ(read(locked, tagged, Question(), kAnswerer + 1), Verdict::notAuthentic);
+  Codec::Query other = Question();
+  other.nonce[0] = std::byte{0};
+  EXPECT_EQ(read(locked, tagged, other), Verdict::notAuthentic);
+  other = Question();
+  ++other.serial;
+  EXPECT_EQ(read(open, answer, other), Verdict::malformed);
+  for (std::size_t i = 0; i < tagged.size(); ++i) {
+    std::vector<std::byte> changed = tagged;
+    changed[i] ^= std::byte{4};
+    EXPECT_NE(read(locked, changed, Question()), Verdict::sound) << i;
+  }
+}
+
+} // namespace
