@@ -4,15 +4,17 @@
 #include <vector>
 
 // Two endpoints and strangers in the simulated network, which throws when an endpoint does what none may do. The input
-// is a list of steps: an operation, and what it takes.
+// is a list of steps: an operation, and what it takes. With a secret, known to both endpoints and no stranger, no
+// connection of a stranger may open.
 
 namespace {
 
 constexpr std::uint32_t kAddresses[] = {10, 20, 30, 5};
 constexpr std::size_t kMaxStrangers = 24;
 
-std::string Hello(std::uint8_t instance, std::uint8_t kind) {
-  TCPE_Hello hello{.majorVersion = static_cast<std::uint8_t>(kind == 1 ? 3 : 4), .authenticationRequired = kind == 2};
+std::string Hello(std::uint8_t instance, std::uint8_t kind, bool haveSecret) {
+  TCPE_Hello hello{.majorVersion = static_cast<std::uint8_t>(kind == 1 ? 3 : 4),
+                   .authenticationRequired = (kind == 2) != haveSecret};
   hello.instance = instance;
   std::string bytes(TCPE_Hello::kSize, '\0');
   hello.Write(std::as_writable_bytes(std::span(bytes)).data());
@@ -38,12 +40,15 @@ struct Stranger {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzInput input(data, size);
-  SimulatedNetwork network(input.U8());
+  const std::uint8_t seed = input.U8();
+  const bool haveSecret = seed >= 128;
+  SimulatedNetwork network(seed);
   for (const std::uint32_t maxConnections : {1U, 2U}) {
     TCPE_Endpoint::Config config = SimulatedNetwork::Config(10 * maxConnections);
     config.limits.maxHalfOpen = 6;
     config.maxConnections = maxConnections;
     config.allowConnect = [](std::uint32_t peer) { return peer != 30; };
+    config.key = haveSecret ? SimulatedNetwork::Key('x') : nullptr;
     network.Add(config);
   }
   std::vector<Stranger> strangers;
@@ -86,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       }
       break;
     case 7:
-      send(Hello(input.U8(), operation >> 6U));
+      send(Hello(input.U8(), operation >> 6U, haveSecret));
       break;
     case 8:
       send(Frame(input));
@@ -105,10 +110,26 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         network.End(*stranger->transport, stranger->otherSide);
       }
       break;
+    case 12: // a bit flips in all that is sent from now on, or none
+      network.tamper = [place = input.U16()](int, std::string& bytes) {
+        if (place / 8U < bytes.size()) {
+          bytes[place / 8U] = static_cast<char>(bytes[place / 8U] ^ 1 << place % 8U);
+        }
+      };
+      break;
     default:
       network.Run(TCPE_Time{input.U16()} * (operation >> 4U));
     }
+    for (const Stranger& each : strangers) {
+      const SimulatedNetwork::Side& side = each.transport->sides[each.otherSide];
+      const auto& open = network.At(side.system).open;
+      if (haveSecret &&
+          std::any_of(open.begin(), open.end(), [&side](const auto& entry) { return entry.second.id == side.id; })) {
+        throw std::logic_error("a connection opened without the secret");
+      }
+    }
   }
+  network.tamper = nullptr;
   network.Run(30'000'000);
   for (const int system : {0, 1}) {
     const bool isPeerOpen = network.At(1 - system).open.contains(kAddresses[system]);

@@ -8,8 +8,10 @@
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
 
+#include "foundation/Sys_SecretFile.h"
 #include "tcpe/TCPE_AdaptorChoice.h"
 #include "tcpe/net/TCPE_Engine.h"
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <algorithm>
@@ -37,6 +39,25 @@ std::uint16_t DiscoveryPortOption() {
 std::string PortInUseText(const char* kind, std::uint16_t port, std::uint32_t address) {
   return std::string(kind) + " port " + Cmn_UInt32ToString(port) + " of " + Sys_Socket::DecodeIPAddress(address) +
          " is in use by another program";
+}
+
+/// The key of the shared secret, null when none is configured.
+ETCPE_Status MakeKey(std::shared_ptr<const TCPE_AuthenticationKey>* key, std::string* report) {
+  const std::string path = SPSStartupOptionText("SharedSecretFile", nullptr);
+  if (path.empty()) {
+    return eTCPE_Status_Success;
+  }
+  const Sys_SecretFile file(path);
+  if (!file.Fault().empty()) {
+    *report = file.Fault();
+    return eTCPE_Status_SharedSecret;
+  }
+  *key = TCPE_AuthenticationKey::FromSecret(file.Secret());
+  if (*key == nullptr) {
+    *report = "the cryptographic library derives no key from the shared secret";
+    return eTCPE_Status_SystemError;
+  }
+  return eTCPE_Status_Success;
 }
 
 } // namespace
@@ -144,6 +165,10 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
   if (adaptor.status != eTCPE_Status_Success) {
     return adaptor.status;
   }
+  std::shared_ptr<const TCPE_AuthenticationKey> key;
+  if (const ETCPE_Status secret = MakeKey(&key, report); secret != eTCPE_Status_Success) {
+    return secret;
+  }
   mCommunicationPort = preferences != nullptr ? preferences->GetCommunicationPort() : std::uint16_t{0};
   mDiscoveryPort = DiscoveryPortOption();
   const auto communicationPort = static_cast<std::uint16_t>(GetCommunicationPort());
@@ -162,12 +187,19 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
         kMicrosecondsPerMillisecond *
         std::max(1, SPSStartupOptionSInt32("SynchronousTimeoutMilliseconds",
                                            static_cast<std::int32_t>(limits.reply / kMicrosecondsPerMillisecond)));
+    constexpr TCPE_Time kMicrosecondsPerSecond = 1'000'000;
+    limits.authenticationFailure =
+        kMicrosecondsPerSecond *
+        std::max(1, SPSStartupOptionSInt32(
+                        "AuthenticationFailureSeconds",
+                        static_cast<std::int32_t>(limits.authenticationFailure / kMicrosecondsPerSecond)));
     const std::shared_ptr<TCPE_Engine> engine = TCPE_Engine::Make({.manager = this,
                                                                    .task = std::move(task),
                                                                    .limits = limits,
                                                                    .localAddress = adaptor.address,
                                                                    .adaptorName = adaptor.name,
                                                                    .broadcastAddress = adaptor.broadcast,
+                                                                   .key = std::move(key),
                                                                    .onNetworkError = onNetworkError,
                                                                    .isHostPumped = mHostPumped});
     engine->SetCommandLog(mCommandLog);
@@ -333,7 +365,10 @@ void TCPE_CommManager::NetworkErrorOccured(ENetworkError error, std::uint32_t ad
   }
 }
 
-bool TCPE_CommManager::GetAuthenticationFailed(std::uint32_t /*address*/) const { return false; }
+bool TCPE_CommManager::GetAuthenticationFailed(std::uint32_t address) const {
+  const Caller caller(*this);
+  return caller && caller->GetAuthenticationFailed(address);
+}
 
 bool TCPE_CommManager::SendDiscoverMasterSystemsCommand(Sys_UDPSocket* socket, std::uint32_t address) {
   const Caller caller(*this);

@@ -33,6 +33,10 @@ public:
   using ENetworkError = ETCPE_NetworkError;
   /// Told once when a connection is lost, or when a peer refuses one; runs on a handler thread, after the handlers of
   /// the commands that came before from that peer. `address` is the peer's, host order.
+  ///
+  /// With eNetworkError_Authentication also told when a system that wants to connect to this one does not prove the
+  /// shared secret; then at most once while GetAuthenticationFailed holds for its address, so that guesses cannot flood
+  /// the host.
   using NetworkErrorProc = void (*)(ENetworkError error, std::uint32_t address);
   /// Gets one line for each command sent, received and replied to; runs on the thread that does it.
   using CommandLogProc = void (*)(const char* line);
@@ -71,7 +75,8 @@ public:
   static void HoldNumbering();
   static void ReleaseNumbering();
 
-  /// Starts the engine. Null preferences stand for address 0 and the default port.
+  /// Starts the engine. Null preferences stand for address 0 and the default port. With the start-up option
+  /// "SharedSecretFile" only systems that prove the same secret are linked; deriving its key takes some 50 ms.
   /// @return 0, or an ETCPE_Status; after a failure nothing is left running
   std::int32_t Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError);
   /// The last Initialize in words: why it failed, with the ports and addresses concerned, or what it chose where there
@@ -87,7 +92,7 @@ public:
   /// that Initialize would choose now; while there is none it is not connected to anybody, and keeps looking.
   void DoIdle();
 
-  /// Opens a connection and waits until the peer has admitted this system, 11 s at the most. False for this system's
+  /// Opens a connection and waits until the peer has admitted this system, 16 s at the most. False for this system's
   /// own address, 0 and broadcast addresses; true at once when connected already. Not from a network-thread hook.
   bool Connect(std::uint32_t address);
   /// Sends what is queued, tells the peer, closes. True when there was a connection.
@@ -111,7 +116,9 @@ public:
   void SetHostPumpedDelivery(bool hostPumped);
   /// Reports a network error of a peer: the connection, if there is one, is closed and the host's callback is told.
   void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
-  /// Whether a system failed to prove the shared secret within the last ten seconds.
+  /// Whether a system at the address failed to prove the shared secret within the last ten seconds (start-up option
+  /// "AuthenticationFailureSeconds"; after five failures within ten seconds until these are over). Its connections are
+  /// turned away meanwhile. False when not initialised.
   bool GetAuthenticationFailed(std::uint32_t address) const;
 
   /// Sends the question for master systems, or for satellites, from a registered socket to one address; with address 0

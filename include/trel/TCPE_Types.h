@@ -62,4 +62,5 @@ enum ETCPE_Status : std::int32_t {
   eTCPE_Status_NoCommTask = 5,         ///< CreateCommTask gave none
   eTCPE_Status_SystemError = 6,        ///< the operating system refused a socket or a thread
   eTCPE_Status_DiscoveryPortInUse = 7, ///< another program has the discovery port and does not share it
+  eTCPE_Status_SharedSecret = 8,       ///< the file of the shared secret cannot be used
 };

@@ -38,7 +38,7 @@ public:
   /// changed since the last report, and once after Initialize.
   static void DoIdle();
 
-  /// Blocks for 11 s at the most.
+  /// Blocks for 16 s at the most.
   static bool Connect(std::uint32_t address);
   static bool Disconnect(std::uint32_t address);
   static bool IsConnected(std::uint32_t address);

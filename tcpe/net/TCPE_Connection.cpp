@@ -29,14 +29,16 @@ void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
   TCPE_PeerTraffic::Add(mTraffic->sent.bytes, mEarlySent);
 }
 
-TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> bytes, Urgency urgency) {
+TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> frame, Urgency urgency) {
   const std::lock_guard lock(mMutex);
   if (mAnswerIsDue) {
-    if (mHeldBack.size() + bytes.size() > mLimits.maxOutboundBytes) {
+    const std::size_t size = frame.size() + (Tagger() != nullptr ? TCPE_FrameTagger::kTagSize : 0);
+    if (mHeldBackSize + size > mLimits.maxOutboundBytes) {
       return eTCPE_CommErr_QueueFull;
     }
-    mHeldBack.insert(mHeldBack.end(), bytes.begin(), bytes.end());
-  } else if (const TCPE_CommErr error = SendInTurn(bytes, urgency); error != eTCPE_CommErr_None) {
+    mHeldBack.insert(mHeldBack.end(), frame.begin(), frame.end());
+    mHeldBackSize += size;
+  } else if (const TCPE_CommErr error = SendInTurn(frame, urgency); error != eTCPE_CommErr_None) {
     return error;
   }
   TCPE_PeerTraffic::Add(mTraffic->sent.frames, 1);
@@ -54,6 +56,11 @@ void TCPE_Connection::SendOfSession(std::span<const std::byte> bytes) {
 TCPE_CommErr TCPE_Connection::SendInTurn(std::span<const std::byte> bytes, Urgency urgency) {
   if (!mSocket || mClosesWhenSent || mHasFailed) {
     return eTCPE_CommErr_ConnectionLost;
+  }
+  if (TCPE_FrameTagger* tagger = Tagger()) {
+    mTagged.clear();
+    tagger->AppendTagged(bytes, mTagged);
+    bytes = mTagged;
   }
   const auto isFull = [&] { return QueuedBytes() + bytes.size() > mLimits.maxOutboundBytes; };
   bool isSound = !isFull() || WriteQueue(); // it may be waiting for this side's network thread alone

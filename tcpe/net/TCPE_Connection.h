@@ -49,14 +49,15 @@ public:
   /// Of an admitted connection.
   TCPE_PeerTraffic& Traffic() { return *mTraffic; }
 
-  /// Sends the bytes of a frame as they are, after what is queued already. Never blocks.
-  TCPE_CommErr Send(std::span<const std::byte> bytes, Urgency urgency);
+  /// Sends a frame after what is queued already. Never blocks.
+  TCPE_CommErr Send(std::span<const std::byte> frame, Urgency urgency);
 
   /// Sends what the session itself has to say.
   void SendOfSession(std::span<const std::byte> bytes);
 
   /// From opening on, sent frames save heartbeats. When the session has yet to answer the peer, what others send waits
-  /// until it has: a peer takes nothing before the answer.
+  /// until it has: a peer takes nothing before the answer. Frames that have to be tagged are, in the order in which
+  /// they leave.
   void Open(std::shared_ptr<TCPE_Session> session, bool answerIsDue);
   /// Closes when everything queued has been written, at the latest after the linger time.
   void CloseWhenSent();
@@ -79,6 +80,7 @@ private:
   std::size_t QueuedBytes() const { return mQueue.size() - mQueueBegin; }
   // All with the mutex held.
   TCPE_CommErr SendInTurn(std::span<const std::byte> bytes, Urgency urgency);
+  TCPE_FrameTagger* Tagger() { return mSession ? mSession->Tagger() : nullptr; }
   /// False when the transport has failed.
   bool Write(std::span<const std::byte>& bytes);
   bool WriteQueue();
@@ -107,6 +109,8 @@ private:
   std::vector<std::byte> mQueue;
   std::size_t mQueueBegin = 0;
   std::vector<std::byte> mHeldBack; ///< until the session has answered the peer
+  std::size_t mHeldBackSize = 0;    ///< with the tags that they will get
+  std::vector<std::byte> mTagged;   ///< frames that leave now
   bool mAnswerIsDue = false;
   std::shared_ptr<TCPE_Session> mSession;
   TCPE_Time mLastWrite = 0;

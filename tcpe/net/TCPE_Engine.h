@@ -58,6 +58,7 @@ public:
   virtual void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) = 0;
   virtual void SetLocalSystemType(ETCPE_SystemType type) = 0;
   virtual void SetCommandLog(TCPE_CommManager::CommandLogProc log) = 0;
+  virtual bool GetAuthenticationFailed(std::uint32_t address) const = 0;
   virtual TCPE_Counters GetCounters() const = 0;
   virtual TCPE_EngineSnapshot GetSnapshot() const = 0;
   virtual bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) = 0;

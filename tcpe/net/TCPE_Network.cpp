@@ -150,6 +150,10 @@ void TCPE_Network::CloseListeningSockets() {
   mDiscovery.Close();
 }
 
+bool TCPE_Network::HasAuthenticationFailed(std::uint32_t address) const {
+  return mEndpoint.HasAuthenticationFailed(address, Now());
+}
+
 ETCPE_Status TCPE_Network::Listen() {
   const tcp::endpoint endpoint(asio::ip::address_v4(mPlace.address), mPlace.port);
   asio::error_code error;
@@ -233,7 +237,6 @@ void TCPE_Network::Accept() {
       Read(connection);
     } else {
       socket.close(gone);
-      mRefusals = mEndpoint.Refusals();
     }
     Accept();
   });
@@ -271,7 +274,6 @@ void TCPE_Network::CarryOut() {
   }
   // Frames only move deadlines away; the timer then comes too early and looks again.
   if (connectionsChanged) {
-    mRefusals = mEndpoint.Refusals();
     ArmTimer();
   }
 }
@@ -281,6 +283,10 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   const ConnectionPointer connection = Find(event.id);
   if (event.kind == Kind::connectEnded) {
     mListener.OnConnectEnded(event.address, event.error);
+    return;
+  }
+  if (event.kind == Kind::unproved) {
+    mListener.OnUnproved(event.address);
     return;
   }
   if (!connection) {
@@ -311,6 +317,7 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
       mClosing.push_back(connection);
     }
     break;
+  case Kind::unproved:
   case Kind::connectEnded:
     break;
   }

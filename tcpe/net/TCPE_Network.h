@@ -31,6 +31,7 @@ public:
                                 std::span<const std::byte> payload) = 0;
     virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
     virtual void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) = 0;
+    virtual void OnUnproved(std::uint32_t address) = 0;
     /// The last that is told, while the connections are still there.
     virtual void OnStopping() = 0;
 
@@ -67,7 +68,8 @@ public:
   bool IsListening() const { return mIsListening; }
 
   bool IsOnNetworkThread() const { return std::this_thread::get_id() == mThreadId.load(); }
-  std::uint64_t Refusals() const { return mRefusals; }
+  const TCPE_Endpoint::Counts& Counts() const { return mEndpoint.GetCounts(); }
+  bool HasAuthenticationFailed(std::uint32_t address) const;
   const TCPE_DiscoveryCounters& DiscoveryCounters() const { return mDiscovery.Counters(); }
 
 private:
@@ -101,7 +103,6 @@ private:
   TCPE_Time mTimerArmedFor = 0;
   std::map<TCPE_Endpoint::Id, ConnectionPointer> mConnections;
   std::list<ConnectionPointer> mClosing; ///< still sending what was queued
-  std::atomic<std::uint64_t> mRefusals = 0;
   std::atomic<bool> mIsListening = false;
   std::atomic<std::thread::id> mThreadId{};
   std::thread mThread;

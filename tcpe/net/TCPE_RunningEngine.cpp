@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -34,15 +33,6 @@ ETCPE_NetworkError RefusalOf(TCPE_CommErr error) {
   }
 }
 
-TCPE_Hello::Nonce RandomNonce() {
-  TCPE_Hello::Nonce nonce{};
-  for (std::size_t half = 0; half < nonce.size(); half += sizeof(std::uint64_t)) {
-    const std::uint64_t random = Sys_Umid::Random64();
-    std::memcpy(nonce.data() + half, &random, sizeof random);
-  }
-  return nonce;
-}
-
 } // namespace
 
 void TCPE_Engine::DisposeOrphan(TCPE_Command* command) { TCPE_PumpQueue::ReturnOrphan(command); }
@@ -65,7 +55,7 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
                                    .bytesPerPeer = mLimits.maxQueuedBytes,
                                    .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
       mDiscoveryClient(mLimits, DatagramConfig(setup.key)),
-      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(), ResponderConfig(setup.key),
+      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(setup.key), ResponderConfig(setup.key),
                                               TCPE_Network::Place{.address = mLocalAddress,
                                                                   .broadcastAddress = mBroadcastAddress,
                                                                   .port = mTask->GetCommunicationPort(),
@@ -126,7 +116,7 @@ bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   }
   const std::shared_ptr<Attempt> attempt = entry;
   // The endpoint ends every attempt by itself; the bound is a second line of defence.
-  const TCPE_Time bound = mLimits.transportConnect + 2 * mLimits.handshake;
+  const TCPE_Time bound = 2 * (mLimits.transportConnect + mLimits.handshake);
   if (!mAttemptEnded.wait_for(lock, std::chrono::microseconds(bound), [&attempt] { return attempt->hasEnded; })) {
     mAttempts.erase(address);
   }
@@ -189,9 +179,17 @@ void TCPE_RunningEngine::SetLocalSystemType(ETCPE_SystemType type) {
 
 void TCPE_RunningEngine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { mDispatcher.SetCommandLog(log); }
 
+bool TCPE_RunningEngine::GetAuthenticationFailed(std::uint32_t address) const {
+  return mNetwork->HasAuthenticationFailed(address);
+}
+
 TCPE_Counters TCPE_RunningEngine::GetCounters() const {
   TCPE_Counters counters = mDispatcher.GetCounters();
-  counters.refusedConnections = mNetwork->Refusals();
+  const TCPE_Endpoint::Counts& counts = mNetwork->Counts();
+  counters.refusedConnections = counts.refusals;
+  counters.unprovedSecrets = counts.unproved;
+  counters.turnedAway = counts.turnedAway;
+  counters.wrongTags = counts.wrongTags;
   for (const TCPE_DiscoveryCounters* side : {&mNetwork->DiscoveryCounters(), &mDiscoveryClient.Counters()}) {
     counters.malformedDatagrams += side->malformed;
     counters.otherNumberingDatagrams += side->otherNumbering;
@@ -261,7 +259,7 @@ void TCPE_RunningEngine::MoveTo(std::uint32_t address, std::uint32_t broadcastAd
   mNetwork->MoveTo(address, broadcastAddress);
 }
 
-TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
+TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
   TCPE_Endpoint::Config config;
   config.limits = mLimits;
   config.local.hello.majorVersion = mTask->GetCurrentProtocolMajorVersion();
@@ -269,6 +267,7 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
   config.local.minorVersion = mTask->GetCurrentProtocolMinorVersion();
   config.local.systemType = static_cast<std::uint8_t>(mManager.GetSystemType());
   config.local.connectType = mTypes.connect;
+  config.local.challengeType = mTypes.authenticationChallenge;
   config.localAddress = mLocalAddress;
   config.disconnectType = mTypes.disconnect;
   config.maxConnections = mMaxConnections;
@@ -279,7 +278,8 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig() {
       return false;
     }
   };
-  config.makeNonce = RandomNonce;
+  config.key = std::move(key);
+  config.makeNonce = &TCPE_AuthenticationKey::MakeNonce;
   config.examineConnect = [this](std::uint32_t address, const TCPE_FrameHeader& header,
                                  std::span<const std::byte> payload) {
     return ExamineConnect(address, header, payload);
@@ -516,6 +516,12 @@ void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr erro
   }
 }
 
+void TCPE_RunningEngine::OnUnproved(std::uint32_t address) {
+  if (!IsQueueFull(address)) { // a stranger who goes on guessing must not fill the memory
+    ReportNetworkError(eNetworkError_Authentication, address);
+  }
+}
+
 /// On the network thread, where no peer can come in meanwhile.
 void TCPE_RunningEngine::OnStopping() {
   std::map<std::uint32_t, ConnectionPointer> connected;
@@ -566,8 +572,11 @@ TCPE_CommErr TCPE_RunningEngine::ExamineConnect(std::uint32_t address, const TCP
   if (!mDispatcher.IsSound(header, payload)) {
     return eTCPE_CommErr_MalformedPayload;
   }
-  const bool isFull = mIsHostPumped ? mPumpQueue.IsFull(address) : mPool->IsFull(address);
-  return isFull ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
+  return IsQueueFull(address) ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
+}
+
+bool TCPE_RunningEngine::IsQueueFull(std::uint32_t address) const {
+  return mIsHostPumped ? mPumpQueue.IsFull(address) : mPool->IsFull(address);
 }
 
 void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {

@@ -42,6 +42,7 @@ public:
   void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) override;
   void SetLocalSystemType(ETCPE_SystemType type) override;
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
+  bool GetAuthenticationFailed(std::uint32_t address) const override;
   TCPE_Counters GetCounters() const override;
   TCPE_EngineSnapshot GetSnapshot() const override;
   bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) override;
@@ -60,7 +61,7 @@ private:
     bool hasEnded = false;
     bool isConnected = false;
   };
-  TCPE_Endpoint::Config EndpointConfig();
+  TCPE_Endpoint::Config EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key);
   TCPE_DiscoveryCodec::Config DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const;
   TCPE_DiscoveryResponder::Config ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key);
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
@@ -85,6 +86,7 @@ private:
                       std::span<const std::byte> payload) override;
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
+  void OnUnproved(std::uint32_t address) override;
   void OnStopping() override;
   void OnConnectionCommand(const TCPE_ReceivedCommand& received) override;
   bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) override;
@@ -92,6 +94,7 @@ private:
   /// Why a peer cannot be admitted; none when it can.
   TCPE_CommErr ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
                               std::span<const std::byte> payload);
+  bool IsQueueFull(std::uint32_t address) const;
   void RunHandler(TCPE_ReceivedCommand& received);
   void ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address);
 

@@ -23,6 +23,7 @@ std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t addre
 void TCPE_Endpoint::TransportConnected(Id id, TCPE_Time now) {
   if (Connection* connection = Find(id)) {
     AddSession(id, TCPE_Session::Role::initiator, mConfig.makeConnectFrame(connection->address), now);
+    PushOutput(id);
   }
 }
 
@@ -32,11 +33,16 @@ std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::TransportAccepted(std::uint32_t 
         return entry.second.openedByPeer && entry.second.address == address && !IsOpen(entry.second);
       }));
   if (HalfOpenConnections() >= mConfig.limits.maxHalfOpen || fromThere >= mConfig.limits.maxHalfOpenPerAddress) {
-    ++mRefusals;
+    ++mCounts.refusals;
     return std::nullopt;
   }
   mConnections[++mLastId] = {.address = address, .openedByPeer = true};
   AddSession(mLastId, TCPE_Session::Role::acceptor, {}, now);
+  if (mFailures.IsMarked(address, now)) {
+    TurnAway(mLastId);
+  } else {
+    PushOutput(mLastId);
+  }
   return mLastId;
 }
 
@@ -48,7 +54,7 @@ void TCPE_Endpoint::TransportEnded(Id id, TCPE_Time now) {
   if (IsOpen(*connection)) {
     Lose(id, eNetworkError_ConnectionLost, now);
   } else if (connection->openedByPeer) {
-    ++mRefusals;
+    ++mCounts.refusals;
     Close(id);
   } else if (!connection->yielded) {
     AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
@@ -165,12 +171,14 @@ std::vector<TCPE_Endpoint::Id> TCPE_Endpoint::WaitingFor(std::uint32_t address) 
 }
 
 void TCPE_Endpoint::AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now) {
-  if (mConfig.makeNonce) {
-    mConfig.local.hello.nonce = mConfig.makeNonce();
-  }
-  mConnections.at(id).session =
-      std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, role, std::move(connectFrame), now);
-  PushOutput(id);
+  Connection& connection = mConnections.at(id);
+  TCPE_Session::Terms terms{.role = role,
+                            .localAddress = mConfig.localAddress,
+                            .peerAddress = connection.address,
+                            .nonce = mConfig.makeNonce ? mConfig.makeNonce() : TCPE_Hello::Nonce(),
+                            .key = mConfig.key,
+                            .connectFrame = std::move(connectFrame)};
+  connection.session = std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, std::move(terms), now);
 }
 
 /// Takes one event of the session that is first in the line, and leaves the line when it has no more. A frame is handed
@@ -206,10 +214,20 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
                  .address = connection->address,
                  .header = event->header,
                  .payload = event->payload};
+  case Kind::challenged:
+    Examine(id, now);
+    break;
+  case Kind::unproved:
+    OnUnproved(id, now);
+    break;
   case Kind::connectRequested:
     connection->connectHeader = event->header;
     connection->connectPayload.assign(event->payload.begin(), event->payload.end());
-    Decide(id, now);
+    if (mConfig.allowConnect(connection->address)) {
+      Decide(id, now);
+    } else {
+      Refuse(id, eTCPE_CommErr_NotAllowed);
+    }
     break;
   case Kind::accepted:
     if (mOpen.size() >= mConfig.maxConnections) { // another one took the last place meanwhile
@@ -221,7 +239,7 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     break;
   case Kind::refused:
     if (connection->openedByPeer) {
-      ++mRefusals;
+      ++mCounts.refusals;
       Close(id);
     } else {
       AttemptFailed(id, event->error, now);
@@ -238,17 +256,52 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     Lose(id, eNetworkError_ConnectionLost, now);
     break;
   case Kind::failed:
+    mCounts.wrongTags += event->networkError == eNetworkError_Authentication ? 1U : 0U;
     if (mOpen.contains(connection->address) && mOpen.at(connection->address) == id) {
       Lose(id, event->networkError, now);
     } else if (connection->openedByPeer) {
-      ++mRefusals;
+      ++mCounts.refusals;
       Close(id);
     } else {
-      AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
+      AttemptFailed(id,
+                    event->networkError == eNetworkError_Authentication ? eTCPE_CommErr_Authentication
+                                                                        : eTCPE_CommErr_NotConnected,
+                    now);
     }
     break;
   }
   return std::nullopt;
+}
+
+/// The address may have been marked since it connected: of several connections at once, one gets to offer a wrong
+/// proof.
+void TCPE_Endpoint::Examine(Id id, TCPE_Time now) {
+  const Connection& connection = mConnections.at(id);
+  if (mFailures.IsMarked(connection.address, now)) {
+    TurnAway(id);
+    return;
+  }
+  const bool isRight = connection.session->ExamineProof();
+  PushOutput(id);
+  if (!isRight) {
+    OnUnproved(id, now);
+  }
+}
+
+void TCPE_Endpoint::OnUnproved(Id id, TCPE_Time now) {
+  const auto [address, openedByPeer] = std::pair(mConnections.at(id).address, mConnections.at(id).openedByPeer);
+  const bool isNew = !mFailures.IsMarked(address, now);
+  mFailures.Add(address, now);
+  ++mCounts.unproved;
+  if (!openedByPeer) {
+    AttemptFailed(id, eTCPE_CommErr_Authentication, now);
+    return;
+  }
+  ++mCounts.refusals;
+  Close(id);
+  if (isNew) {
+    Push({.kind = Event::Kind::unproved, .address = address});
+  }
 }
 
 void TCPE_Endpoint::CheckDeadline(Id id, TCPE_Time now) {
@@ -262,10 +315,6 @@ void TCPE_Endpoint::Decide(Id id, TCPE_Time now) {
   Connection& connection = mConnections.at(id);
   const std::uint32_t address = connection.address;
   connection.waitsForProbe = false;
-  if (!mConfig.allowConnect(address)) {
-    Refuse(id, eTCPE_CommErr_NotAllowed);
-    return;
-  }
   if (const auto open = mOpen.find(address); open != mOpen.end()) {
     // The peer believes that it is not connected: it was restarted, or it lost the connection before this side did.
     connection.waitsForProbe = true;
@@ -299,10 +348,15 @@ void TCPE_Endpoint::DecideWaiting(std::uint32_t address, TCPE_Time now) {
 }
 
 void TCPE_Endpoint::Refuse(Id id, TCPE_CommErr error) {
-  ++mRefusals;
+  ++mCounts.refusals;
   mConnections.at(id).session->Refuse(error);
   PushOutput(id);
   Close(id);
+}
+
+void TCPE_Endpoint::TurnAway(Id id) {
+  ++mCounts.turnedAway;
+  Refuse(id, eTCPE_CommErr_Authentication);
 }
 
 /// The opened event goes out before the acceptor's answer, so that the peer is known here before it knows it is
@@ -332,7 +386,8 @@ void TCPE_Endpoint::AttemptFailed(Id id, TCPE_CommErr error, TCPE_Time now) {
     Push({.kind = Event::Kind::close, .id = id});
     connection.session.reset();
     connection.yielded = true;
-    connection.deadline = now + mConfig.limits.handshake;
+    // As long as the peer's own attempt may take.
+    connection.deadline = now + mConfig.limits.transportConnect + mConfig.limits.handshake;
     return;
   }
   Close(id);

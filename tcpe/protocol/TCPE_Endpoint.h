@@ -1,8 +1,10 @@
 #pragma once
 
+#include "tcpe/protocol/TCPE_AuthenticationFailures.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Session.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -16,7 +18,7 @@
 /// peer survives, when one is lost.
 ///
 /// The owner reports what its transports do and the present time, and carries out the events. At most one connection an
-/// address is open. One thread at a time, but for Session::NoteSent.
+/// address is open. One thread at a time, but for Session::NoteSent and what is said to be for any thread.
 class TCPE_Endpoint {
 public:
   using Id = std::uint32_t;
@@ -35,7 +37,7 @@ public:
         examineConnect{};
     /// Of the shared secret; null without one.
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
-    /// A fresh nonce for each connection. Empty: that of the local hello.
+    /// A fresh nonce for each connection. Empty: zeros.
     std::function<TCPE_Hello::Nonce()> makeNonce{};
     /// Makes the connect command for an address, a complete frame.
     std::function<std::vector<std::byte>(std::uint32_t address)> makeConnectFrame;
@@ -47,6 +49,7 @@ public:
       frame,        ///< a command or a reply of the peer
       disconnected, ///< the peer ended the connection with the disconnect command in header and payload
       lost,         ///< an open connection ended with `networkError`
+      unproved,     ///< a system that would connect from the address did not prove the secret; once while it is marked
       connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
       send,         ///< send `payload`
       close,        ///< close the transport; what was given to send goes out first
@@ -62,7 +65,15 @@ public:
     bool openedByPeer = false;
   };
 
-  explicit TCPE_Endpoint(Config config) : mConfig(std::move(config)) {}
+  /// What was turned away, by reason.
+  struct Counts {
+    std::atomic<std::uint64_t> refusals = 0;   ///< connections, and strangers that sent no valid handshake
+    std::atomic<std::uint64_t> unproved = 0;   ///< systems that did not prove the secret
+    std::atomic<std::uint64_t> turnedAway = 0; ///< connections from addresses that were marked for that
+    std::atomic<std::uint64_t> wrongTags = 0;  ///< connections ended by a frame that is not the peer's next one
+  };
+
+  explicit TCPE_Endpoint(Config config) : mConfig(std::move(config)), mFailures(mConfig.limits) {}
 
   /// Begins an attempt: the owner opens a transport for the returned identifier. Nothing when one is under way already,
   /// or when a connectEnded event answers at once.
@@ -94,8 +105,10 @@ public:
 
   std::size_t OpenConnections() const { return mOpen.size(); }
   std::size_t HalfOpenConnections() const;
-  /// Connections turned away, and strangers that sent no valid handshake.
-  std::uint64_t Refusals() const { return mRefusals; }
+  /// For any thread.
+  const Counts& GetCounts() const { return mCounts; }
+  /// Whether a system at the address failed to prove the secret a short while ago. From any thread.
+  bool HasAuthenticationFailed(std::uint32_t address, TCPE_Time now) const { return mFailures.IsMarked(address, now); }
 
 private:
   struct Connection {
@@ -118,9 +131,12 @@ private:
   void AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now);
   std::optional<Event> Advance(Id id, TCPE_Time now);
   void CheckDeadline(Id id, TCPE_Time now);
+  void Examine(Id id, TCPE_Time now);
+  void OnUnproved(Id id, TCPE_Time now);
   void Decide(Id id, TCPE_Time now);
   void DecideWaiting(std::uint32_t address, TCPE_Time now);
   void Refuse(Id id, TCPE_CommErr error);
+  void TurnAway(Id id);
   void Open(Id id, bool openedByPeer);
   void AttemptFailed(Id id, TCPE_CommErr error, TCPE_Time now);
   void Lose(Id id, ETCPE_NetworkError error, TCPE_Time now);
@@ -140,5 +156,6 @@ private:
   std::deque<Id> mToAdvance;
   std::vector<std::byte> mCurrentBytes;
   Id mLastId = 0;
-  std::uint64_t mRefusals = 0;
+  TCPE_AuthenticationFailures mFailures;
+  Counts mCounts;
 };

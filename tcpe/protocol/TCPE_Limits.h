@@ -33,6 +33,9 @@ struct TCPE_Limits {
   std::size_t maxPendingCalls = 256;
   /// One thread for each peer's handler, and a few more.
   std::size_t maxHandlerThreads = 144;
+  /// Addresses that are remembered for not having proved the shared secret: more than any link has, and quickly
+  /// searched.
+  std::size_t maxFailedAddresses = 256;
 
   /// Answers to one asking address: a host that searches all the time asks once a second.
   int answersPerSecond = 20;
@@ -58,6 +61,11 @@ struct TCPE_Limits {
   TCPE_Time probe = 1'000'000;
   /// How long a connection that is being closed may take to send what is queued.
   TCPE_Time linger = 1'000'000;
+  /// How long a system that did not prove the shared secret is turned away ...
+  TCPE_Time authenticationFailure = 10'000'000;
+  /// ... and longer than that, when so many wrong proofs came from its address within so long.
+  static constexpr std::size_t kWrongProofs = 5;
+  static constexpr TCPE_Time kWrongProofsTime = 10'000'000;
   /// How long a synchronous sender waits for its reply.
   TCPE_Time reply = 2'000'000;
   /// How long Terminate waits for handlers that are running.

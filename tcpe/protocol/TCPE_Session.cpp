@@ -1,15 +1,33 @@
 #include "tcpe/protocol/TCPE_Session.h"
 
+#include "tcpe/protocol/TCPE_Bytes.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
-TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Role role,
-                           std::vector<std::byte> connectFrame, TCPE_Time now)
-    : mLimits(limits), mLocal(local), mConnectFrame(std::move(connectFrame)), mOutput(TCPE_Hello::kSize),
-      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mRole(role) {
-  mLocal.hello.Write(mOutput.data());
+namespace {
+
+// One for each role: nobody can return a proof or a frame to the one who made it.
+std::string_view ProofLabel(TCPE_Session::Role role) {
+  return role == TCPE_Session::Role::initiator ? "Trel initiator proof" : "Trel acceptor proof";
+}
+std::string_view FramesLabel(TCPE_Session::Role role) {
+  return role == TCPE_Session::Role::initiator ? "Trel initiator frames" : "Trel acceptor frames";
+}
+TCPE_Session::Role Other(TCPE_Session::Role role) {
+  return role == TCPE_Session::Role::initiator ? TCPE_Session::Role::acceptor : TCPE_Session::Role::initiator;
+}
+
+} // namespace
+
+TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms terms, TCPE_Time now)
+    : mLimits(limits), mLocal(local), mTerms(std::move(terms)), mHello(local.hello), mOutput(TCPE_Hello::kSize),
+      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake) {
+  mHello.nonce = mTerms.nonce;
+  mHello.authenticationRequired = mTerms.key != nullptr;
+  mHello.Write(mOutput.data());
 }
 
 std::span<std::byte> TCPE_Session::ReceiveSpace() {
@@ -18,7 +36,7 @@ std::span<std::byte> TCPE_Session::ReceiveSpace() {
   mEnd -= mBegin;
   mBegin = 0;
   // Here and not when the connection opens: bytes may be on their way into the space given out before.
-  mBuffer.resize(std::max(mBuffer.size(), TCPE_FrameHeader::kSize + MaxPayload()));
+  mBuffer.resize(std::max(mBuffer.size(), TCPE_FrameHeader::kSize + MaxPayload() + TCPE_FrameTagger::kTagSize));
   return std::span(mBuffer).subspan(mEnd);
 }
 
@@ -31,7 +49,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
   if (mState == State::deciding && !Unread().empty()) {
     return Fail(eNetworkError_MalformedData); // nobody speaks before the verdict
   }
-  while (mState != State::ended && mState != State::deciding) {
+  while (mState != State::ended && mState != State::examining && mState != State::deciding) {
     const std::span<const std::byte> unread = Unread();
     std::optional<Event> event;
     if (mState == State::hello) {
@@ -47,12 +65,19 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
       if (!IsWellFormed(header)) {
         return Fail(eNetworkError_MalformedData);
       }
-      const std::size_t size = TCPE_FrameHeader::kSize + header.dataLength;
+      if (mPeerTagger && !header.Has(kTCPE_Flag_Tag)) {
+        return Fail(eNetworkError_Authentication);
+      }
+      const std::size_t untaggedSize = TCPE_FrameHeader::kSize + header.dataLength;
+      const std::size_t size = untaggedSize + (mPeerTagger ? TCPE_FrameTagger::kTagSize : 0);
       if (unread.size() < size) {
         break;
       }
-      if (TCPE_FrameChecksum(unread.first(size)) != header.checksum) {
+      if (TCPE_FrameChecksum(unread.first(untaggedSize)) != header.checksum) {
         return Fail(eNetworkError_MalformedData);
+      }
+      if (mPeerTagger && !mPeerTagger->TakeNext(unread.first(size))) {
+        return Fail(eNetworkError_Authentication);
       }
       mBegin += size;
       mFrameBegan = 0;
@@ -106,13 +131,25 @@ TCPE_Time TCPE_Session::NextDeadline() const {
   return mProbeDeadline != 0 ? std::min(deadline, mProbeDeadline) : deadline;
 }
 
+bool TCPE_Session::ExamineProof() {
+  if (!IsRightProof(mProof)) {
+    Refuse(eTCPE_CommErr_Authentication);
+    return false;
+  }
+  SendProof(kTCPE_Flag_Reply);
+  BeginTagging();
+  mState = State::connect;
+  return true;
+}
+
 void TCPE_Session::Accept(TCPE_Time now) {
-  SendFrame(mLocal.connectType, kTCPE_Flag_Reply, mConnectSerial, eTCPE_CommErr_None);
   Open(now);
+  SendFrame(mLocal.connectType, kTCPE_Flag_Reply, mConnectSerial, eTCPE_CommErr_None);
 }
 
 void TCPE_Session::Refuse(TCPE_CommErr error) {
-  SendFrame(mLocal.connectType, kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply, mConnectSerial, error);
+  const TCPE_eCmd type = mState == State::deciding ? mLocal.connectType : mLocal.challengeType;
+  SendFrame(type, kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply, mConnectSerial, error);
   mState = State::ended;
 }
 
@@ -124,33 +161,89 @@ void TCPE_Session::Probe(TCPE_Time now) {
 }
 
 std::optional<TCPE_Session::Event> TCPE_Session::OnHello() {
-  const std::optional<TCPE_Hello> hello = TCPE_Hello::Read(Unread().first<TCPE_Hello::kSize>());
-  if (!hello || hello->instance == mLocal.hello.instance) {
+  const auto bytes = Unread().first<TCPE_Hello::kSize>();
+  const std::optional<TCPE_Hello> hello = TCPE_Hello::Read(bytes);
+  if (!hello || hello->instance == mHello.instance) {
     return Fail(eNetworkError_MalformedData);
   }
+  const bool isInitiator = mTerms.role == Role::initiator;
+  mHello.Write(mTranscript.data() + (isInitiator ? 0 : TCPE_Hello::kSize));
+  std::copy(bytes.begin(), bytes.end(), mTranscript.data() + (isInitiator ? TCPE_Hello::kSize : 0));
+  TCPE_ByteWriter addresses(mTranscript.data() + 2 * TCPE_Hello::kSize);
+  addresses.U32(isInitiator ? mTerms.localAddress : mTerms.peerAddress);
+  addresses.U32(isInitiator ? mTerms.peerAddress : mTerms.localAddress);
   mBegin += TCPE_Hello::kSize;
   mPeerInstance = hello->instance;
   // Each side sees the other's hello, so each knows by itself when the two cannot be linked.
-  if (hello->majorVersion != mLocal.hello.majorVersion) {
+  if (hello->majorVersion != mHello.majorVersion) {
     return Refused(eTCPE_CommErr_OtherNumbering);
   }
-  if (hello->authenticationRequired != mLocal.hello.authenticationRequired) {
-    return Refused(eTCPE_CommErr_Authentication);
+  if (hello->authenticationRequired != mHello.authenticationRequired) {
+    return mTerms.key ? Unproved() : Refused(eTCPE_CommErr_Authentication);
   }
-  if (mRole == Role::initiator) {
-    mConnectSerial = TCPE_FrameHeader::Read(mConnectFrame.data()).serial;
-    mOutput.insert(mOutput.end(), mConnectFrame.begin(), mConnectFrame.end());
-    mState = State::reply;
+  if (!isInitiator) {
+    mState = mTerms.key ? State::challenge : State::connect;
+  } else if (mTerms.key) {
+    SendProof(kTCPE_Flag_ReplyWanted);
+    mState = State::proof;
   } else {
-    mState = State::connect;
+    SendConnect();
   }
   return std::nullopt;
+}
+
+std::optional<TCPE_Session::Event> TCPE_Session::OnProof(const TCPE_FrameHeader& header,
+                                                         std::span<const std::byte> payload) {
+  const bool isReply = header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply);
+  if (header.type != mLocal.challengeType || isReply != (mState == State::proof)) {
+    return Fail(eNetworkError_MalformedData);
+  }
+  if (header.Has(kTCPE_Flag_ErrorReply)) {
+    return RefusedByPeer(header);
+  }
+  if (payload.size() != mProof.size()) {
+    return Fail(eNetworkError_MalformedData);
+  }
+  if (mState == State::challenge) {
+    std::copy(payload.begin(), payload.end(), mProof.begin());
+    mState = State::examining;
+    return Event{.kind = Event::Kind::challenged};
+  }
+  if (!IsRightProof(payload)) {
+    return Unproved();
+  }
+  BeginTagging();
+  SendConnect();
+  return std::nullopt;
+}
+
+bool TCPE_Session::IsRightProof(std::span<const std::byte> proof) const {
+  return mTerms.key->Verify(ProofLabel(Other(mTerms.role)), {mTranscript}, proof);
+}
+
+void TCPE_Session::SendProof(std::uint8_t flags) {
+  SendFrame(mLocal.challengeType, flags, 0, eTCPE_CommErr_None,
+            mTerms.key->MakeMac(ProofLabel(mTerms.role), {mTranscript}));
+}
+
+void TCPE_Session::BeginTagging() {
+  mTagger.emplace(mTerms.key->Derive(FramesLabel(mTerms.role), {mTranscript}));
+  mPeerTagger.emplace(mTerms.key->Derive(FramesLabel(Other(mTerms.role)), {mTranscript}));
+}
+
+void TCPE_Session::SendConnect() {
+  mConnectSerial = TCPE_FrameHeader::Read(mTerms.connectFrame.data()).serial;
+  Send(mTerms.connectFrame);
+  mState = State::reply;
 }
 
 std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader& header,
                                                          std::span<const std::byte> payload) {
   const bool isReply = header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply);
   mPeerSystemType = header.senderSystemType;
+  if (mState == State::challenge || mState == State::proof) {
+    return OnProof(header, payload);
+  }
   if (mState == State::open) {
     if (header.type == mLocal.connectType && !isReply) {
       return Fail(eNetworkError_MalformedData); // a peer introduces itself once
@@ -170,9 +263,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader&
     return Fail(eNetworkError_MalformedData);
   }
   if (header.Has(kTCPE_Flag_ErrorReply)) {
-    // A refusal without a reason is one all the same.
-    return Refused(header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(header.error)
-                                                      : eTCPE_CommErr_NotConnected);
+    return RefusedByPeer(header);
   }
   Open(mLastReceived);
   return Event{.kind = Event::Kind::accepted, .header = header};
@@ -201,6 +292,16 @@ TCPE_Session::Event TCPE_Session::Refused(TCPE_CommErr error) {
   return {.kind = Event::Kind::refused, .error = error};
 }
 
+TCPE_Session::Event TCPE_Session::RefusedByPeer(const TCPE_FrameHeader& header) {
+  return Refused(header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(header.error)
+                                                    : eTCPE_CommErr_NotConnected);
+}
+
+TCPE_Session::Event TCPE_Session::Unproved() {
+  mState = State::ended;
+  return {.kind = Event::Kind::unproved};
+}
+
 void TCPE_Session::Open(TCPE_Time now) {
   mState = State::open;
   mLastReceived = now;
@@ -208,13 +309,14 @@ void TCPE_Session::Open(TCPE_Time now) {
 }
 
 bool TCPE_Session::IsWellFormed(const TCPE_FrameHeader& header) const {
-  return header.majorVersion == mLocal.hello.majorVersion && (header.flags & ~kTCPE_Flags_Known) == 0 &&
-         !header.Has(kTCPE_Flag_Tag) && header.dataLength <= MaxPayload();
+  return header.majorVersion == mHello.majorVersion && (header.flags & ~kTCPE_Flags_Known) == 0 &&
+         (mPeerTagger || !header.Has(kTCPE_Flag_Tag)) && header.dataLength <= MaxPayload();
 }
 
-void TCPE_Session::SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t serial, TCPE_CommErr error) {
+void TCPE_Session::SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t serial, TCPE_CommErr error,
+                             std::span<const std::byte> payload) {
   TCPE_FrameHeader header;
-  header.majorVersion = mLocal.hello.majorVersion;
+  header.majorVersion = mHello.majorVersion;
   header.minorVersion = mLocal.minorVersion;
   header.flags = flags;
   header.senderSystemType = mLocal.systemType;
@@ -222,8 +324,17 @@ void TCPE_Session::SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t s
   header.type = type;
   header.serial = serial;
   header.error = error;
-  const std::size_t begin = mOutput.size();
-  mOutput.resize(begin + TCPE_FrameHeader::kSize);
-  header.Write(mOutput.data() + begin);
-  TCPE_SealFrame(std::span(mOutput).subspan(begin));
+  std::vector<std::byte> frame(TCPE_FrameHeader::kSize);
+  header.Write(frame.data());
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  TCPE_SealFrame(frame);
+  Send(frame);
+}
+
+void TCPE_Session::Send(std::span<const std::byte> frame) {
+  if (mTagger && !IsOpen()) {
+    mTagger->AppendTagged(frame, mOutput);
+  } else {
+    mOutput.insert(mOutput.end(), frame.begin(), frame.end());
+  }
 }

@@ -1,12 +1,16 @@
 #pragma once
 
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Frame.h"
+#include "tcpe/protocol/TCPE_FrameTagger.h"
 #include "tcpe/protocol/TCPE_Hello.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -14,8 +18,8 @@
 /// One connection, without its socket: takes the bytes that arrived and the present time, gives bytes to send, events,
 /// and the time at which it wants to be asked again.
 ///
-/// Both sides send a hello; the initiator sends its connect command; the acceptor's owner accepts or refuses it; from
-/// then on frames pass. One thread at a time, but for NoteSent.
+/// Both sides send a hello; with a shared secret both prove that they know it; the initiator sends its connect command;
+/// the acceptor's owner accepts or refuses it; from then on frames pass. One thread at a time, but for NoteSent.
 class TCPE_Session {
 public:
   enum class Role : std::uint8_t { initiator, acceptor };
@@ -26,10 +30,25 @@ public:
     std::uint8_t minorVersion = 0;
     std::uint8_t systemType = 0;
     TCPE_eCmd connectType = 0;
+    TCPE_eCmd challengeType = 0;
+  };
+
+  /// What is particular to one session.
+  struct Terms {
+    Role role = Role::acceptor;
+    std::uint32_t localAddress = 0;
+    std::uint32_t peerAddress = 0;
+    TCPE_Hello::Nonce nonce{};
+    /// Of the shared secret; null without one.
+    std::shared_ptr<const TCPE_AuthenticationKey> key{};
+    /// The initiator's complete connect command.
+    std::vector<std::byte> connectFrame{};
   };
 
   struct Event {
     enum class Kind : std::uint8_t {
+      challenged,       ///< acceptor: decide with ExamineProof or Refuse
+      unproved,         ///< the peer does not know the secret; the session has ended
       connectRequested, ///< acceptor: decide with Accept or Refuse; header and payload are the connect command's
       accepted,         ///< initiator: the connection is open
       refused,          ///< initiator: `error` says why; the session has ended
@@ -45,9 +64,7 @@ public:
     ETCPE_NetworkError networkError = eNetworkError_None;
   };
 
-  /// `connectFrame` is the initiator's complete connect command, empty for an acceptor.
-  TCPE_Session(const TCPE_Limits& limits, const Local& local, Role role, std::vector<std::byte> connectFrame,
-               TCPE_Time now);
+  TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms terms, TCPE_Time now);
 
   /// Where to put the bytes that arrive; never empty while the session lives, valid until the next call of this one.
   std::span<std::byte> ReceiveSpace();
@@ -59,8 +76,15 @@ public:
   /// Bytes to send, emptied by the caller.
   std::vector<std::byte>& Output() { return mOutput; }
 
+  /// With a secret everything that is sent is tagged: until the session opens by itself; from then on, because many
+  /// threads send, by its owner, what Output holds included. Null without a secret.
+  TCPE_FrameTagger* Tagger() { return mTagger ? &*mTagger : nullptr; }
+
+  /// Verdict on a challenge: answers it when its proof is right, and refuses it otherwise.
+  bool ExamineProof();
   /// Verdicts on a requested connection.
   void Accept(TCPE_Time now);
+  /// Ends the session before it has opened.
   void Refuse(TCPE_CommErr error);
 
   /// Asks an open connection for a sign of life; probeAnswered or probeUnanswered follows.
@@ -68,28 +92,43 @@ public:
   /// Tells when the owner sent a frame of its own, which saves a heartbeat. From any thread.
   void NoteSent(TCPE_Time now) { mLastSent.store(now, std::memory_order_relaxed); }
 
-  Role GetRole() const { return mRole; }
   bool IsOpen() const { return mState == State::open; }
   std::uint64_t PeerInstance() const { return mPeerInstance; }
 
 private:
-  enum class State : std::uint8_t { hello, connect, deciding, reply, open, ended };
+  enum class State : std::uint8_t { hello, challenge, examining, proof, connect, deciding, reply, open, ended };
 
   std::optional<Event> NextTimedEvent(TCPE_Time now);
   std::optional<Event> OnHello();
+  std::optional<Event> OnProof(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
   std::optional<Event> OnFrame(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
   std::optional<Event> OnEngineFrame(const TCPE_FrameHeader& header);
   Event Fail(ETCPE_NetworkError error);
   Event Refused(TCPE_CommErr error);
+  /// A refusal without a reason is one all the same.
+  Event RefusedByPeer(const TCPE_FrameHeader& header);
+  Event Unproved();
+  bool IsRightProof(std::span<const std::byte> proof) const;
+  void SendProof(std::uint8_t flags);
+  void BeginTagging();
+  void SendConnect();
   void Open(TCPE_Time now);
   bool IsWellFormed(const TCPE_FrameHeader& header) const;
   std::size_t MaxPayload() const { return IsOpen() ? mLimits.maxPayload : mLimits.maxHandshakePayload; }
-  void SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t serial, TCPE_CommErr error);
+  void SendFrame(TCPE_eCmd type, std::uint8_t flags, std::uint32_t serial, TCPE_CommErr error,
+                 std::span<const std::byte> payload = {});
+  void Send(std::span<const std::byte> frame);
   std::span<const std::byte> Unread() const { return std::span(mBuffer).subspan(mBegin, mEnd - mBegin); }
 
   const TCPE_Limits& mLimits;
   const Local& mLocal;
-  std::vector<std::byte> mConnectFrame;
+  const Terms mTerms;
+  TCPE_Hello mHello;
+  /// What both sides know of the connection: hellos and addresses, the initiator's first.
+  std::array<std::byte, 2 * (TCPE_Hello::kSize + sizeof(std::uint32_t))> mTranscript{};
+  TCPE_AuthenticationKey::Mac mProof{}; ///< of the challenge that is being examined
+  std::optional<TCPE_FrameTagger> mTagger;
+  std::optional<TCPE_FrameTagger> mPeerTagger;
   std::vector<std::byte> mBuffer;
   std::vector<std::byte> mOutput;
   std::size_t mBegin = 0;
@@ -102,6 +141,5 @@ private:
   TCPE_Time mProbeDeadline = 0;
   std::uint32_t mConnectSerial = 0;
   std::uint8_t mPeerSystemType = 0;
-  Role mRole;
   State mState = State::hello;
 };

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -63,6 +64,7 @@ public:
     config.local.minorVersion = 1;
     config.local.systemType = 1;
     config.local.connectType = 5;
+    config.local.challengeType = 4;
     config.localAddress = address;
     config.disconnectType = 12;
     config.maxConnections = config.limits.maxConnections;
@@ -73,6 +75,11 @@ public:
       return std::vector<std::byte>(bytes.begin(), bytes.end());
     };
     return config;
+  }
+  static std::shared_ptr<const TCPE_AuthenticationKey> Key(char secret) {
+    TCPE_AuthenticationKey::Mac bytes{};
+    bytes.fill(static_cast<std::byte>(secret));
+    return std::make_shared<const TCPE_AuthenticationKey>(bytes);
   }
   static std::string Frame(TCPE_FrameHeader header, const std::string& payload = {}) {
     header.majorVersion = 4;
@@ -98,6 +105,9 @@ public:
     mLargestDelay = delay;
   }
 
+  /// Somebody on the way, who may alter all that is sent.
+  std::function<void(int toSide, std::string& bytes)> tamper;
+
   void Connect(int from, int to) { Connect(from, to, At(to).config.localAddress); }
   /// The transport stands at once; null when the endpoint did not want one.
   Transport* ConnectToStranger(int from, std::uint32_t address) { return Connect(from, kStranger, address); }
@@ -108,7 +118,10 @@ public:
     Arrive(transport, 1, Side::Piece::opening);
     return transport;
   }
-  void Send(Transport& transport, int toSide, const std::string& bytes) {
+  void Send(Transport& transport, int toSide, std::string bytes) {
+    if (tamper) {
+      tamper(toSide, bytes);
+    }
     for (std::size_t begin = 0; begin < bytes.size();) {
       const std::size_t size = mLargestPiece == 0 ? bytes.size() : 1 + Random(mLargestPiece);
       Arrive(transport, toSide, Side::Piece::bytes, bytes.substr(begin, size));
@@ -119,7 +132,7 @@ public:
   void Send(int from, std::uint32_t address, const std::string& bytes) {
     const auto [transport, side] = Find(from, At(from).open.at(address).id);
     At(from).open.at(address).session->NoteSent(mNow);
-    Send(*transport, 1 - side, bytes);
+    Send(*transport, 1 - side, Tagged(At(from).open.at(address), bytes));
   }
   void End(int system, std::uint32_t address, ETCPE_NetworkError error = eNetworkError_None) {
     if (At(system).open.contains(address)) {
@@ -197,6 +210,15 @@ private:
       found = id != 0 && side.system == system && side.id == id ? std::pair{&transport, index} : found;
     });
     return found;
+  }
+  static std::string Tagged(const Event& opened, const std::string& frames) {
+    TCPE_FrameTagger* const tagger = opened.session->Tagger();
+    if (tagger == nullptr) {
+      return frames;
+    }
+    std::vector<std::byte> tagged;
+    tagger->AppendTagged(std::as_bytes(std::span(frames)), tagged);
+    return {reinterpret_cast<const char*>(tagged.data()), tagged.size()};
   }
   void Start(System& system) {
     system.config.local.hello.instance = ++mLastInstance;
@@ -304,9 +326,15 @@ private:
         log("ended ", " " + std::to_string(event.error));
       }
       break;
+    case Kind::unproved:
+      log("unproved ");
+      break;
     case Kind::send:
       if (transport != nullptr) {
-        Send(*transport, 1 - side, {reinterpret_cast<const char*>(event.payload.data()), event.payload.size()});
+        const std::string bytes(reinterpret_cast<const char*>(event.payload.data()), event.payload.size());
+        const auto opened = std::find_if(system.open.begin(), system.open.end(),
+                                         [&event](const auto& entry) { return entry.second.id == event.id; });
+        Send(*transport, 1 - side, opened != system.open.end() ? Tagged(opened->second, bytes) : bytes);
       }
       break;
     case Kind::close:

@@ -1,0 +1,266 @@
+#include "tests/support/Hex.h"
+#include "tests/support/SimulatedNetwork.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+namespace {
+
+constexpr TCPE_Time kSecond = 1'000'000;
+constexpr TCPE_Time kMillisecond = 1'000;
+
+/// Systems 0, 1 and 2 have the addresses 10, 20 and 30 and, unless told otherwise, the same secret; 0 is none.
+struct Systems : SimulatedNetwork {
+  explicit Systems(const std::string& secrets = "xxx", TCPE_Time failureTime = TCPE_Limits().authenticationFailure) {
+    for (std::uint32_t i = 0; i < secrets.size(); ++i) {
+      TCPE_Endpoint::Config config = Config(10 * (i + 1));
+      config.key = secrets[i] != '0' ? Key(secrets[i]) : nullptr;
+      config.limits.authenticationFailure = failureTime;
+      config.makeNonce = [this] { return TCPE_Hello::Nonce{static_cast<std::byte>(++mNonces)}; };
+      Add(config);
+    }
+  }
+  std::string Take(int system) { return std::exchange(At(system).log, {}); }
+  std::string LogsOfConnecting(int from, int to) {
+    Connect(from, to);
+    Run(kSecond / 10);
+    return Take(from) + " | " + Take(to);
+  }
+  bool IsMarked(int system, std::uint32_t address) {
+    return At(system).endpoint->HasAuthenticationFailed(address, Now());
+  }
+  const TCPE_Endpoint::Counts& Counts(int system) { return At(system).endpoint->GetCounts(); }
+  /// All that arrives at side 0 or 1, from now on.
+  void Record(std::string (&sides)[2]) {
+    tamper = [&sides](int toSide, std::string& bytes) { sides[toSide] += bytes; };
+  }
+
+private:
+  int mNonces = 0;
+};
+
+std::string Frame(TCPE_eCmd type, std::uint8_t flags = 0, const std::string& payload = {}) {
+  return Systems::Frame({.flags = flags, .type = type}, payload);
+}
+constexpr char kHello[] = "5452454c 01 04 01 00 00*7 99 a0a1a2a3a4a5a6a7a8a9aaabacadaeaf";
+
+TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
+  const struct {
+    const char* secrets;
+    const char* logs;
+    bool marked[2]; ///< at the initiator, at the acceptor
+  } cases[] = {{"xx", "opened 20, ended 20 0 | opened 10 by peer", {false, false}},
+               {"xy", "ended 20 17 | unproved 10", {false, true}},
+               {"x0", "ended 20 17 | ", {true, false}},
+               {"0x", "ended 20 17 | unproved 10", {false, true}}};
+  for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
+    for (const auto& test : cases) {
+      SCOPED_TRACE(test.secrets);
+      Systems systems(test.secrets);
+      systems.Chop(largestPiece, 0);
+      EXPECT_EQ(systems.LogsOfConnecting(0, 1), test.logs);
+      EXPECT_EQ(systems.IsMarked(0, 20), test.marked[0]);
+      EXPECT_EQ(systems.IsMarked(1, 10), test.marked[1]);
+      if (systems.At(0).open.empty()) {
+        continue;
+      }
+      systems.Send(0, 20, Frame(7, 0, "ab") + Frame(7)); // both in one write
+      systems.Send(1, 10, Frame(8, 0, std::string(16384, 'x')));
+      systems.Run(60 * kSecond); // through many heartbeats
+      EXPECT_EQ(systems.Take(0), "frame 20 8 (16384)");
+      EXPECT_EQ(systems.Take(1), "frame 10 7 (2), frame 10 7 (0)");
+    }
+  }
+}
+
+/// The bytes were calculated by another program, from the description of the protocol.
+TEST(TCPE_Authentication, TravelsAsDescribed) {
+  SimulatedNetwork network;
+  TCPE_Endpoint::Config config = Systems::Config(10);
+  config.key = Systems::Key('x');
+  network.Add(config);
+  auto& stranger = network.ConnectStranger(20, 0);
+  network.Send(stranger, 1, FromHex(kHello));
+  network.Send(stranger, 1,
+               FromHex("0020 04 01 00 08 02 00 00000004 00000000 6afa 0000 "
+                       "dea5acf3413d886390c4a49bd8a656c260f55ab144d5b10555d9c9cf0981fa28"));
+  network.Send(stranger, 1,
+               FromHex("0003 04 01 00 0c 02 00 00000005 00000003 3585 0000 616263 ff4f50c9861ea86b3cae9744fd53ed62"));
+  network.Send(stranger, 1,
+               FromHex("0000 04 01 00 04 02 00 00000007 00000004 f9ef 0000 50a1ae1509a18d478d5798d7d22141cb"));
+  network.Run(kSecond + kMillisecond);
+  EXPECT_EQ(network.At(0).log, "opened 20 by peer, frame 20 7 (0)");
+  EXPECT_EQ(stranger.sides[0].received,
+            FromHex("5452454c 01 04 01 00 0102030405060701 00*16 "
+                    "0020 04 01 00 01 01 02 00000004 00000000 1874 0000 "
+                    "d03b8fe770896ca1924e3ae49e0677cb099e4a9b806c059411c767f6cca7a171 "
+                    "0000 04 01 00 05 01 02 00000005 00000003 faef 0000 fa3eac6913b8dc50cf4b227c283667e7 "
+                    "0000 04 01 00 04 01 02 00000000 00000000 faf8 0000 7f971f147d34f543a45ac2d57c8718d7"));
+}
+
+TEST(TCPE_Authentication, ARecordedHandshakeProvesNothing) {
+  Systems systems;
+  std::string sides[2];
+  systems.Record(sides);
+  systems.LogsOfConnecting(1, 0);
+  systems.End(1, 10);
+  systems.Run(kSecond);
+  systems.Take(0);
+  auto& stranger = systems.ConnectStranger(20, 0);
+  systems.Send(stranger, 1, std::string(sides[1]));
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(0), "unproved 20");
+  EXPECT_TRUE(stranger.sides[0].hasEnded);
+  // Nor the acceptor's part of one to an initiator.
+  systems.Send(*systems.ConnectToStranger(2, 10), 0, std::string(sides[0]));
+  systems.Run(kSecond);
+  EXPECT_EQ(systems.Take(2), "ended 10 17");
+}
+
+TEST(TCPE_Authentication, EveryFrameIsThePeersNextOne) {
+  using Pieces = std::vector<std::string>;
+  const struct {
+    const char* name;
+    void (*alter)(Pieces& pieces);
+    const char* log;
+  } cases[] = {
+      {"as sent", [](Pieces&) {}, "frame 10 1 (0), frame 10 2 (0), frame 10 3 (0)"},
+      {"replayed", [](Pieces& p) { p.insert(p.begin(), p[0]); }, "frame 10 1 (0), lost 10 6"},
+      {"dropped", [](Pieces& p) { p.erase(p.begin() + 1); }, "frame 10 1 (0), lost 10 6"},
+      {"reordered", [](Pieces& p) { std::swap(p[1], p[2]); }, "frame 10 1 (0), lost 10 6"},
+      {"untagged", [](Pieces& p) { p[1] = Frame(2); }, "frame 10 1 (0), lost 10 6"},
+      {"altered", [](Pieces& p) { p[1] = Systems::Frame({.flags = 4, .type = 4}) + p[1].substr(20); },
+       "frame 10 1 (0), lost 10 6"},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    Systems systems;
+    systems.LogsOfConnecting(0, 1);
+    Pieces pieces;
+    systems.tamper = [&pieces](int, std::string& bytes) { pieces.push_back(std::exchange(bytes, {})); };
+    for (const TCPE_eCmd type : {1, 2, 3}) {
+      systems.Send(0, 20, Frame(type));
+    }
+    test.alter(pieces);
+    systems.tamper = [&pieces](int, std::string& bytes) {
+      bytes.clear();
+      for (const std::string& piece : pieces) {
+        bytes += piece;
+      }
+    };
+    systems.Send(0, 20, {});
+    systems.tamper = nullptr;
+    systems.Run(kSecond / 2);
+    EXPECT_EQ(systems.Take(1), test.log);
+    EXPECT_EQ(systems.Counts(1).wrongTags, systems.At(1).open.empty() ? 1U : 0U);
+    EXPECT_FALSE(systems.IsMarked(1, 10)) << "it did prove the secret";
+  }
+}
+
+TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
+  const auto talk = [](Systems& systems) {
+    systems.Connect(0, 1);
+    systems.Run(kSecond / 10);
+    for (const int system : {0, 1}) {
+      for (int i = 0; i < 2 && !systems.At(system).open.empty(); ++i) {
+        systems.Send(system, system == 0 ? 20 : 10, Frame(7, 0, "abc"));
+      }
+    }
+    systems.Run(9 * kSecond);
+  };
+  const auto accepted = [](const std::string& log) {
+    std::size_t count = 0;
+    for (const char* kind : {"opened", "frame"}) {
+      for (std::size_t at = log.find(kind); at != std::string::npos; at = log.find(kind, at + 1)) {
+        ++count;
+      }
+    }
+    return count;
+  };
+  // Hello, proof, connect command or its reply, two frames.
+  constexpr std::size_t kTag = TCPE_FrameTagger::kTagSize;
+  constexpr std::size_t kBegun[] = {TCPE_Hello::kSize + 52 + TCPE_FrameHeader::kSize + kTag,
+                                    TCPE_Hello::kSize + 52 + TCPE_FrameHeader::kSize + 12 + kTag};
+  constexpr std::size_t kFrame = TCPE_FrameHeader::kSize + 3 + kTag;
+  for (const std::size_t side : {0U, 1U}) {
+    for (std::size_t bit = 0; bit < 8 * (kBegun[side] + 2 * kFrame); ++bit) {
+      Systems systems("xx");
+      std::size_t sent = 0;
+      systems.tamper = [&](int toSide, std::string& bytes) {
+        if (toSide == static_cast<int>(side)) {
+          if (bit / 8 >= sent && bit / 8 < sent + bytes.size()) {
+            char& byte = bytes[bit / 8 - sent];
+            byte = static_cast<char>(byte ^ 1 << bit % 8);
+          }
+          sent += bytes.size();
+        }
+      };
+      talk(systems);
+      ASSERT_GT(8 * sent, bit);
+      const std::size_t whole = bit / 8 < kBegun[side] ? 0 : 1 + (bit / 8 - kBegun[side]) / kFrame;
+      ASSERT_EQ(accepted(systems.Take(static_cast<int>(side))), whole) << "side " << side << ", bit " << bit;
+      ASSERT_TRUE(systems.At(0).open.empty() && systems.At(1).open.empty()) << "side " << side << ", bit " << bit;
+    }
+  }
+}
+
+TEST(TCPE_Authentication, GuessesAreFewAndHinderNobodyElse) {
+  const std::string hello = FromHex(kHello);
+  const std::string guess = Frame(4, 8, std::string(32, '?'));
+  const struct {
+    TCPE_Time failureTime;
+    std::uint64_t examined;
+  } cases[] = {{10 * kSecond, 1}, {kSecond, 5}};
+  for (const auto& test : cases) {
+    Systems systems("xxx", test.failureTime);
+    std::vector<SimulatedNetwork::Transport*> atOnce;
+    for (int i = 0; i < 4; ++i) {
+      atOnce.push_back(&systems.ConnectStranger(30, 0));
+      systems.Send(*atOnce.back(), 1, hello);
+    }
+    systems.Run(kMillisecond);
+    for (auto* const stranger : atOnce) {
+      systems.Send(*stranger, 1, guess);
+    }
+    for (int i = 4; i < 1000; ++i) {
+      systems.Run(9800);
+      auto& stranger = systems.ConnectStranger(30, 0);
+      systems.Send(stranger, 1, hello + guess);
+      if (i == 500) {
+        std::string reports;
+        for (std::uint64_t told = 0; told < test.examined; ++told) {
+          reports += "unproved 30, ";
+        }
+        EXPECT_EQ(systems.LogsOfConnecting(1, 0), "opened 10, ended 10 0 | " + reports + "opened 20 by peer");
+        // It learns at once why it is turned away.
+        EXPECT_EQ(stranger.sides[0].received.substr(32), FromHex("0000 04 01 00 03 01 00 00000004 00000000 fae6 0011"));
+      }
+    }
+    systems.Run(kMillisecond);
+    std::cout << "proofs examined: " << systems.Counts(0).unproved << " (limit 5)\n";
+    EXPECT_EQ(systems.Counts(0).unproved, test.examined);
+    EXPECT_EQ(systems.Counts(0).turnedAway, 1000 - test.examined);
+    EXPECT_EQ(systems.At(0).endpoint->HalfOpenConnections(), 0U);
+    // A rightful system there has to wait until the time is over.
+    EXPECT_EQ(systems.LogsOfConnecting(2, 0), "ended 10 17 | ");
+    systems.Run(test.failureTime);
+    EXPECT_EQ(systems.LogsOfConnecting(2, 0), "opened 10, ended 10 0 | opened 30 by peer");
+  }
+}
+
+TEST(TCPE_Authentication, RemembersTheLatestFailures) {
+  const TCPE_Limits limits{.maxFailedAddresses = 3};
+  TCPE_AuthenticationFailures failures(limits);
+  for (const std::uint32_t address : {1U, 2U, 3U, 1U, 4U}) {
+    failures.Add(address, kSecond + address);
+  }
+  for (const std::uint32_t address : {2U, 3U, 4U}) {
+    EXPECT_TRUE(failures.IsMarked(address, 2 * kSecond));
+  }
+  EXPECT_FALSE(failures.IsMarked(1, 2 * kSecond)) << "the oldest has to go";
+  EXPECT_TRUE(failures.IsMarked(4, 11 * kSecond + 3));
+  EXPECT_FALSE(failures.IsMarked(4, 11 * kSecond + 4));
+}
+
+} // namespace
