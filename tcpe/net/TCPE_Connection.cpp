@@ -32,7 +32,7 @@ void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
 TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> frame, Urgency urgency) {
   const std::lock_guard lock(mMutex);
   if (mAnswerIsDue) {
-    const std::size_t size = frame.size() + (Tagger() != nullptr ? TCPE_FrameTagger::kTagSize : 0);
+    const std::size_t size = frame.size() + (Tagger() != nullptr ? kTCPE_TagSize : 0);
     if (mHeldBackSize + size > mLimits.maxOutboundBytes) {
       return eTCPE_CommErr_QueueFull;
     }

@@ -26,7 +26,7 @@ AddressBytes BytesOf(std::uint32_t address) {
 }
 
 void AppendTag(std::vector<std::byte>& datagram, const TCPE_AuthenticationKey::Mac& mac) {
-  datagram.insert(datagram.end(), mac.begin(), mac.begin() + TCPE_DiscoveryCodec::kTagSize);
+  datagram.insert(datagram.end(), mac.begin(), mac.begin() + kTCPE_TagSize);
 }
 
 template <std::size_t Size>
@@ -141,7 +141,7 @@ TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::TakeApart(Bytes datagram, Part
   const TCPE_FrameHeader header = TCPE_FrameHeader::Read(datagram.data());
   const std::size_t frameSize = TCPE_FrameHeader::kSize + header.dataLength;
   const bool isTagged = header.Has(kTCPE_Flag_Tag);
-  if ((header.flags & ~kTCPE_Flags_Known) != 0 || datagram.size() != frameSize + (isTagged ? kTagSize : 0)) {
+  if ((header.flags & ~kTCPE_Flags_Known) != 0 || datagram.size() != frameSize + (isTagged ? kTCPE_TagSize : 0)) {
     return Verdict::malformed;
   }
   const Bytes frame = datagram.first(frameSize);

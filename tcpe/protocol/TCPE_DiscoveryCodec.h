@@ -49,12 +49,11 @@ public:
   };
 
   static constexpr std::size_t kPayloadSize = TCPE_System::kSystemNameSize + TCPE_System::kHostNameSize + 7;
-  static constexpr std::size_t kTagSize = 16;
 
   explicit TCPE_DiscoveryCodec(Config config) : mConfig(std::move(config)) {}
 
   /// Bytes of every datagram that this one writes.
-  std::size_t Length() const { return TCPE_FrameHeader::kSize + kPayloadSize + (mConfig.key ? kTagSize : 0); }
+  std::size_t Length() const { return TCPE_FrameHeader::kSize + kPayloadSize + (mConfig.key ? kTCPE_TagSize : 0); }
 
   std::vector<std::byte> WriteQuery(const Query& query) const;
   Verdict ReadQuery(std::span<const std::byte> datagram, Query* query) const;

@@ -13,6 +13,9 @@ inline constexpr std::uint8_t kTCPE_Flag_ReplyWanted = 8;
 inline constexpr std::uint8_t kTCPE_Flags_Known =
     kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply | kTCPE_Flag_Tag | kTCPE_Flag_ReplyWanted;
 
+/// Bytes of a tag, behind the payload.
+inline constexpr std::size_t kTCPE_TagSize = 16;
+
 /// The 20 bytes before every payload, big-endian on the wire.
 struct TCPE_FrameHeader {
   static constexpr std::size_t kSize = 20;

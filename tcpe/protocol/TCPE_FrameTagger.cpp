@@ -26,12 +26,12 @@ void TCPE_FrameTagger::AppendTagged(std::span<const std::byte> frames, std::vect
     header.Write(frame.data());
     TCPE_SealFrame(frame);
     const TCPE_AuthenticationKey::Mac mac = mKey->MakeMac({}, {BytesOf(mCount++), frame});
-    target.insert(target.end(), mac.begin(), mac.begin() + kTagSize);
+    target.insert(target.end(), mac.begin(), mac.begin() + kTCPE_TagSize);
     frames = frames.subspan(size);
   }
 }
 
 bool TCPE_FrameTagger::TakeNext(std::span<const std::byte> taggedFrame) {
-  const std::span<const std::byte> frame = taggedFrame.first(taggedFrame.size() - kTagSize);
-  return mKey->Verify({}, {BytesOf(mCount++), frame}, taggedFrame.last(kTagSize));
+  const std::span<const std::byte> frame = taggedFrame.first(taggedFrame.size() - kTCPE_TagSize);
+  return mKey->Verify({}, {BytesOf(mCount++), frame}, taggedFrame.last(kTCPE_TagSize));
 }

@@ -2,18 +2,16 @@
 
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 /// The frames of one direction of an authenticated connection: one end tags them, the other verifies. Both count, so a
 /// frame that is replayed, missing or out of order has the wrong tag. One thread at a time.
 class TCPE_FrameTagger {
 public:
-  static constexpr std::size_t kTagSize = 16;
-
   explicit TCPE_FrameTagger(std::unique_ptr<const TCPE_AuthenticationKey> key) : mKey(std::move(key)) {}
 
   /// Appends complete frames to `target`, each with its tag. They have to be sent, and in this order.

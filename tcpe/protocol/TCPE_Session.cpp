@@ -11,10 +11,10 @@ namespace {
 
 // One for each role: nobody can return a proof or a frame to the one who made it.
 std::string_view ProofLabel(TCPE_Session::Role role) {
-  return role == TCPE_Session::Role::initiator ? "Trel initiator proof" : "Trel acceptor proof";
+  return role == TCPE_Session::Role::initiator ? "initiator proof" : "acceptor proof";
 }
 std::string_view FramesLabel(TCPE_Session::Role role) {
-  return role == TCPE_Session::Role::initiator ? "Trel initiator frames" : "Trel acceptor frames";
+  return role == TCPE_Session::Role::initiator ? "initiator frames" : "acceptor frames";
 }
 TCPE_Session::Role Other(TCPE_Session::Role role) {
   return role == TCPE_Session::Role::initiator ? TCPE_Session::Role::acceptor : TCPE_Session::Role::initiator;
@@ -36,7 +36,7 @@ std::span<std::byte> TCPE_Session::ReceiveSpace() {
   mEnd -= mBegin;
   mBegin = 0;
   // Here and not when the connection opens: bytes may be on their way into the space given out before.
-  mBuffer.resize(std::max(mBuffer.size(), TCPE_FrameHeader::kSize + MaxPayload() + TCPE_FrameTagger::kTagSize));
+  mBuffer.resize(std::max(mBuffer.size(), TCPE_FrameHeader::kSize + MaxPayload() + kTCPE_TagSize));
   return std::span(mBuffer).subspan(mEnd);
 }
 
@@ -69,7 +69,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
         return Fail(eNetworkError_Authentication);
       }
       const std::size_t untaggedSize = TCPE_FrameHeader::kSize + header.dataLength;
-      const std::size_t size = untaggedSize + (mPeerTagger ? TCPE_FrameTagger::kTagSize : 0);
+      const std::size_t size = untaggedSize + (mPeerTagger ? kTCPE_TagSize : 0);
       if (unread.size() < size) {
         break;
       }

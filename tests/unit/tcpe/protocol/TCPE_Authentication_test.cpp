@@ -83,20 +83,20 @@ TEST(TCPE_Authentication, TravelsAsDescribed) {
   auto& stranger = network.ConnectStranger(20, 0);
   network.Send(stranger, 1, FromHex(kHello));
   network.Send(stranger, 1,
-               FromHex("0020 04 01 00 08 02 00 00000004 00000000 6afa 0000 "
-                       "dea5acf3413d886390c4a49bd8a656c260f55ab144d5b10555d9c9cf0981fa28"));
+               FromHex("0020 04 01 00 08 02 00 00000004 00000000 6702 0000 "
+                       "36d210f88285e9389bd2dc938710c6b972bb14946ce5d7338fb64c650d6a6428"));
   network.Send(stranger, 1,
-               FromHex("0003 04 01 00 0c 02 00 00000005 00000003 3585 0000 616263 ff4f50c9861ea86b3cae9744fd53ed62"));
+               FromHex("0003 04 01 00 0c 02 00 00000005 00000003 3585 0000 616263 93dbc57ffa2f6531392be208fdc8fb6a"));
   network.Send(stranger, 1,
-               FromHex("0000 04 01 00 04 02 00 00000007 00000004 f9ef 0000 50a1ae1509a18d478d5798d7d22141cb"));
+               FromHex("0000 04 01 00 04 02 00 00000007 00000004 f9ef 0000 c969f01ce89844db735b27285521f280"));
   network.Run(kSecond + kMillisecond);
   EXPECT_EQ(network.At(0).log, "opened 20 by peer, frame 20 7 (0)");
   EXPECT_EQ(stranger.sides[0].received,
             FromHex("5452454c 01 04 01 00 0102030405060701 00*16 "
-                    "0020 04 01 00 01 01 02 00000004 00000000 1874 0000 "
-                    "d03b8fe770896ca1924e3ae49e0677cb099e4a9b806c059411c767f6cca7a171 "
-                    "0000 04 01 00 05 01 02 00000005 00000003 faef 0000 fa3eac6913b8dc50cf4b227c283667e7 "
-                    "0000 04 01 00 04 01 02 00000000 00000000 faf8 0000 7f971f147d34f543a45ac2d57c8718d7"));
+                    "0020 04 01 00 01 01 02 00000004 00000000 c12b 0000 "
+                    "061046a6dd73e94e702612578a2b873b21ae863c932a72a4d474c967a2e5a3d2 "
+                    "0000 04 01 00 05 01 02 00000005 00000003 faef 0000 0c8d2b412f2c878ff02c943d80d247e7 "
+                    "0000 04 01 00 04 01 02 00000000 00000000 faf8 0000 b648576f6411579be9ecdf660e163f9d"));
 }
 
 TEST(TCPE_Authentication, ARecordedHandshakeProvesNothing) {
@@ -179,7 +179,7 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
     return count;
   };
   // Hello, proof, connect command or its reply, two frames.
-  constexpr std::size_t kTag = TCPE_FrameTagger::kTagSize;
+  constexpr std::size_t kTag = kTCPE_TagSize;
   constexpr std::size_t kBegun[] = {TCPE_Hello::kSize + 52 + TCPE_FrameHeader::kSize + kTag,
                                     TCPE_Hello::kSize + 52 + TCPE_FrameHeader::kSize + 12 + kTag};
   constexpr std::size_t kFrame = TCPE_FrameHeader::kSize + 3 + kTag;

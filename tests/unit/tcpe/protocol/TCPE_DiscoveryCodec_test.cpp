@@ -101,7 +101,7 @@ TEST(TCPE_DiscoveryCodec, ReadsWhatItWritesAndNoPartOfIt) {
           for (const bool isSealed : {false, true}) {
             std::vector<std::byte> shortQuery(asked.begin(), asked.begin() + static_cast<std::ptrdiff_t>(size));
             std::vector<std::byte> shortReply(answered.begin(), answered.begin() + static_cast<std::ptrdiff_t>(size));
-            const std::size_t tagSize = hasKey ? Codec::kTagSize : 0;
+            const std::size_t tagSize = hasKey ? kTCPE_TagSize : 0;
             if (isSealed && size >= TCPE_FrameHeader::kSize + tagSize) {
               Seal(shortQuery, tagSize);
               Seal(shortReply, tagSize);
