@@ -1,3 +1,4 @@
+#include "Catalogue_Dissector.h"
 #include "Catalogue_Listing.h"
 #include "Catalogue_Payload.h"
 #include "Catalogue_Values.h"
@@ -127,18 +128,25 @@ void AddCommandsCommand(CLI::App& program, int& exitStatus) {
     bool isLegacy = false;
     bool isJson = false;
     bool isMarkdown = false;
+    bool isDissector = false;
   };
   const auto options = std::make_shared<Options>();
   CLI::App* const commands = program.add_subcommand("commands", "Lists the commands that systems send each other");
   commands->add_flag("--legacy", options->isLegacy, "Use the legacy command numbering");
   CLI::Option* const json = commands->add_flag("--json", options->isJson, "Answer in JSON");
-  commands->add_flag("--markdown", options->isMarkdown, "Write the page of the documentation, for both numberings")
-      ->excludes(json);
+  CLI::Option* const markdown =
+      commands->add_flag("--markdown", options->isMarkdown, "Write the page of the documentation, for both numberings")
+          ->excludes(json);
+  commands->add_flag("--dissector", options->isDissector, "Write the dissector for Wireshark, for both numberings")
+      ->excludes(json)
+      ->excludes(markdown);
   commands->footer("Identifiers and offsets are those of the numbering in force; fields that do not travel in it are\n"
                    "left out. The width of a list, and of its entries, is 0 in JSON: it is what the count says.");
   commands->callback([options, &exitStatus] {
     const auto numbering = options->isLegacy ? Trel_Numbering::legacy : Trel_Numbering::current;
-    if (options->isMarkdown) {
+    if (options->isDissector) {
+      PrintDissector(std::cout);
+    } else if (options->isMarkdown) {
       PrintCatalogueMarkdown(std::cout);
     } else if (options->isJson) {
       PrintCatalogueJson(std::cout, numbering);

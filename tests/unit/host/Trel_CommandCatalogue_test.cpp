@@ -1,6 +1,8 @@
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/host/Trel_CommandCatalogue.h>
 
+#include "tests/support/FieldValues.h"
+
 #include <limits>
 #include <span>
 #include <string>
@@ -10,21 +12,6 @@
 namespace {
 
 Trel_FieldValue Number(std::int64_t number) { return {number}; }
-
-Trel_FieldValue ValueFor(const Trel_FieldDescription& field) {
-  switch (field.kind) {
-  case Trel_FieldKind::boolean:
-    return {true};
-  case Trel_FieldKind::string:
-    return {std::string("text")};
-  case Trel_FieldKind::list:
-    return {Trel_FieldValue::List(
-        2,
-        {{std::int64_t{0xffffffff}}, {std::string("A")}, {std::string("B")}, {std::int64_t{1}}, {std::int64_t{-1}}})};
-  default:
-    return Number(7);
-  }
-}
 
 TEST(Trel_CommandCatalogueTest, EveryFieldKeepsItsValueAndRefusesOthers) {
   for (const Trel_CommandDescription* const description : Trel_CommandCatalogue::Commands()) {
