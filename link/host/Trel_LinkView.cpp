@@ -1,0 +1,25 @@
+#include "link/host/Trel_LinkView.h"
+
+#include <utility>
+
+void Trel_LinkView::SetSystems(std::vector<Trel_System> systems, std::set<std::uint32_t> linked, bool isLinked) {
+  const std::lock_guard lock(mMutex);
+  mSystems = std::move(systems);
+  mLinked = std::move(linked);
+  mIsLinked = isLinked;
+}
+
+std::vector<Trel_System> Trel_LinkView::GetSystems() const {
+  const std::lock_guard lock(mMutex);
+  return mSystems;
+}
+
+std::set<std::uint32_t> Trel_LinkView::GetLinkedAddresses() const {
+  const std::lock_guard lock(mMutex);
+  return mLinked;
+}
+
+bool Trel_LinkView::IsLinked() const {
+  const std::lock_guard lock(mMutex);
+  return mIsLinked;
+}
