@@ -15,8 +15,8 @@ struct TCPE_TrafficCount {
   std::uint64_t bytes = 0;  ///< everything on the connection
 };
 
-/// How long synchronous commands took from the call to the reply, an error reply included. Times are microseconds, kept
-/// in classes that are an eighth of an octave wide: below 16 us they are exact, above within 7 %.
+/// How long synchronous commands took from the call to the arrival of the reply, an error reply included. Times are
+/// microseconds, kept in classes that are an eighth of an octave wide: below 16 us they are exact, above within 7 %.
 struct TCPE_RoundTripTimes {
   std::uint64_t count = 0;
   std::int64_t median = 0;       ///< 0 while there are none

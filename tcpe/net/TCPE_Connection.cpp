@@ -25,7 +25,7 @@ TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socke
 void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
   const std::lock_guard lock(mMutex);
   mTraffic = std::move(traffic);
-  TCPE_PeerTraffic::Add(mTraffic->received.bytes, mEarlyReceived);
+  TCPE_PeerTraffic::AddAlone(mTraffic->received.bytes, mEarlyReceived);
   TCPE_PeerTraffic::Add(mTraffic->sent.bytes, mEarlySent);
 }
 
@@ -97,7 +97,7 @@ void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session, bool answerIsD
 void TCPE_Connection::NoteReceived(std::size_t count, TCPE_Time now) {
   mLastReceived.store(now, std::memory_order_relaxed);
   if (mTraffic) {
-    TCPE_PeerTraffic::Add(mTraffic->received.bytes, count);
+    TCPE_PeerTraffic::AddAlone(mTraffic->received.bytes, count);
   } else {
     mEarlyReceived += count;
   }

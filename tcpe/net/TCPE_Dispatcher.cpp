@@ -19,7 +19,7 @@ void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHead
                               std::span<const std::byte> payload) {
   connection->SetPeerSystemType(header.senderSystemType);
   if (header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
-    if (!connection->Calls().Complete(header, payload)) {
+    if (!connection->Calls().Complete(header, payload, connection->LastReceived())) {
       ++mLateReplies;
     }
     return;

@@ -12,7 +12,8 @@
 /// What is counted of a peer while commands pass: everybody counts, nobody waits. Thread-safe.
 struct TCPE_PeerTraffic {
   using Counter = std::atomic<std::uint64_t>;
-  struct Direction {
+  /// Senders and the network thread do not share a cache line.
+  struct alignas(64) Direction {
     Counter frames = 0;
     Counter bytes = 0;
 
@@ -22,10 +23,14 @@ struct TCPE_PeerTraffic {
   };
 
   Direction sent;
-  Direction received;
+  Direction received; ///< the network thread alone adds
   TCPE_RoundTrips roundTrips;
   std::array<Counter, std::tuple_size_v<decltype(TCPE_PeerSnapshot::errors)>> errors{};
 
   static void Add(Counter& counter, std::uint64_t count) { counter.fetch_add(count, std::memory_order_relaxed); }
+  /// For the one thread that ever adds to this counter.
+  static void AddAlone(Counter& counter, std::uint64_t count) {
+    counter.store(counter.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+  }
   void AddError(TCPE_CommErr error) { Add(errors[error < errors.size() ? std::size_t{error} : 0], 1); }
 };

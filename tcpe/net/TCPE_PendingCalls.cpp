@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr TCPE_Time kSpin = 40;
+constexpr TCPE_Time kSpin = 45; // from the begin of the call
 
 void Relax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -31,8 +31,7 @@ TCPE_CommErr TCPE_PendingCalls::Add(std::uint32_t serial, TCPE_Call& call) {
 }
 
 void TCPE_PendingCalls::Wait(std::uint32_t serial, TCPE_Call& call) {
-  const TCPE_Time begin = Sys_Clock::RawMicroseconds();
-  while (!call.hasEnded.load(std::memory_order_acquire) && Sys_Clock::RawMicroseconds() - begin < kSpin) {
+  while (!call.hasEnded.load(std::memory_order_acquire) && Sys_Clock::RawMicroseconds() - call.begin < kSpin) {
     Relax();
   }
   // Also after a successful spin: whoever ended the call may still be inside, and the call is about to be destroyed.
@@ -52,7 +51,7 @@ void TCPE_PendingCalls::Cancel(std::uint32_t serial, TCPE_CommErr error) {
   }
 }
 
-bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload) {
+bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload, TCPE_Time now) {
   const std::lock_guard lock(mMutex);
   const auto position = mCalls.find(header.serial);
   if (position == mCalls.end()) {
@@ -60,6 +59,7 @@ bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const
   }
   TCPE_Call& call = *position->second;
   mCalls.erase(position);
+  call.answered = now;
   call.header = header;
   call.payload.assign(payload.begin(), payload.end());
   End(call, eTCPE_CommErr_None);

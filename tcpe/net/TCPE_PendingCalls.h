@@ -14,6 +14,10 @@
 
 /// A synchronous sender's wait for its reply. Lives on the sender's stack.
 struct TCPE_Call {
+  explicit TCPE_Call(TCPE_Time now) : begin(now) {}
+
+  const TCPE_Time begin;
+  TCPE_Time answered = 0; ///< when the reply arrived
   TCPE_FrameHeader header;
   std::vector<std::byte> payload;
   TCPE_CommErr error = eTCPE_CommErr_None;
@@ -34,7 +38,7 @@ public:
   /// Ends a call with an error, if it has not ended yet.
   void Cancel(std::uint32_t serial, TCPE_CommErr error);
   /// False when nobody waits for this reply (any more).
-  bool Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
+  bool Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload, TCPE_Time now);
   std::size_t Count() const;
   /// Ends all calls, and those that are still to come.
   void FailAll(TCPE_CommErr error);

@@ -417,8 +417,7 @@ TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connect
   if (mNetwork->IsOnNetworkThread()) {
     return eTCPE_CommErr_WrongThread;
   }
-  const TCPE_Time begin = Sys_Clock::RawMicroseconds();
-  TCPE_Call call;
+  TCPE_Call call(Sys_Clock::RawMicroseconds());
   if (const TCPE_CommErr refused = connection.Calls().Add(stamp.serial, call); refused != eTCPE_CommErr_None) {
     return refused;
   }
@@ -431,7 +430,7 @@ TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connect
   if (call.error != eTCPE_CommErr_None) {
     return call.error;
   }
-  connection.Traffic().roundTrips.Add(Sys_Clock::RawMicroseconds() - begin);
+  connection.Traffic().roundTrips.Add(call.answered - call.begin);
   return TakeReply(command, stamp.wireType, call);
 }
 
@@ -476,7 +475,7 @@ void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCP
 void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                                  std::span<const std::byte> payload) {
   if (!connection->HasEnded()) {
-    TCPE_PeerTraffic::Add(connection->Traffic().received.frames, 1);
+    TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
     mDispatcher.OnFrame(connection, header, payload);
   }
 }
@@ -485,7 +484,7 @@ void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, con
                                         std::span<const std::byte> payload) {
   if (connection->TryEnd()) {
     Ended(connection, eNetworkError_None);
-    TCPE_PeerTraffic::Add(connection->Traffic().received.frames, 1);
+    TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
     mDispatcher.OnConnectionFrame(connection, header, payload);
   }
