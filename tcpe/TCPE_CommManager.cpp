@@ -10,6 +10,7 @@
 
 #include "foundation/Sys_SecretFile.h"
 #include "tcpe/TCPE_AdaptorChoice.h"
+#include "tcpe/net/TCPE_ByteTap.h"
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
@@ -88,7 +89,7 @@ private:
   std::shared_ptr<TCPE_Engine> mEngine;
 };
 
-TCPE_CommManager::TCPE_CommManager() { mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31()); }
+TCPE_CommManager::TCPE_CommManager() : mByteTap(std::make_shared<TCPE_ByteTap>()) { mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31()); }
 
 TCPE_CommManager::~TCPE_CommManager() {
   // The subclass is gone by now: whoever has one terminates before destroying it.
@@ -201,6 +202,7 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
                                                                    .broadcastAddress = adaptor.broadcast,
                                                                    .key = std::move(key),
                                                                    .onNetworkError = onNetworkError,
+                                                                   .byteTap = mByteTap,
                                                                    .isHostPumped = mHostPumped});
     engine->SetCommandLog(mCommandLog);
     const std::lock_guard lock(mMutex); // a handler that runs before Start returns waits here until it finds the engine
@@ -438,6 +440,8 @@ void TCPE_CommManager::SetCommandLog(CommandLogProc log) {
     caller->SetCommandLog(log);
   }
 }
+
+void TCPE_CommManager::SetByteTap(TCPE_ByteTapProc tap, void* context) { mByteTap->Set(tap, context); }
 
 ETCPE_SystemType TCPE_CommManager::GetSystemType() const {
   const std::lock_guard lock(mMutex);

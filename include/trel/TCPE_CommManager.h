@@ -4,6 +4,7 @@
 #include <trel/TCPE_Counters.h>
 #include <trel/TCPE_EngineSnapshot.h>
 #include <trel/TCPE_System.h>
+#include <trel/TCPE_TappedBytes.h>
 #include <trel/TCPE_Types.h>
 #include <trel/Trel_Export.h>
 
@@ -16,6 +17,7 @@
 #include <string>
 
 class Sys_UDPSocket;
+class TCPE_ByteTap;
 class TCPE_Command;
 class TCPE_CommTask;
 class TCPE_Engine;
@@ -147,6 +149,9 @@ public:
 
   /// Installs the command log, or removes it with null. The hook must not send synchronous commands.
   void SetCommandLog(CommandLogProc log);
+  /// Installs the byte tap, or removes it with null; also before Initialize. Afterwards no call of the one before is
+  /// under way. Not from within a tap.
+  void SetByteTap(TCPE_ByteTapProc tap, void* context = nullptr);
 
   // Roles and names hold from before Initialize; all flags start false.
   bool IsSatellite() const { return mIsSatellite; }
@@ -211,6 +216,7 @@ private:
   TCPE_System mLocalSystem;
   std::string mInitializationReport;
   std::atomic<CommandLogProc> mCommandLog = nullptr;
+  const std::shared_ptr<TCPE_ByteTap> mByteTap;
   std::atomic<bool> mHostPumped = false;
   std::atomic<bool> mIsSatellite = false;
   std::atomic<bool> mAllowSatellites = false;

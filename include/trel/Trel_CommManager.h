@@ -13,7 +13,7 @@
 /// The host's door to the link engine: start and stop, connections, commands, roles and limits.
 ///
 /// The one engine object behind it is created on first use and lives until Terminate; what is set before Initialize
-/// (roles, names, identifier, host-pumped delivery, command log) holds for it, and is gone with it. A call that is
+/// (roles, names, identifier, host-pumped delivery, command log, byte tap) holds for it, and is gone with it. A call that is
 /// under way on another thread while Terminate runs ends in good order. Unloading the library terminates the engine.
 ///
 /// Unless they say otherwise the operations are thread-safe, do what TCPE_CommManager's operation of the same name
@@ -51,6 +51,7 @@ public:
   static void PreProcessConnectionCommands(TCPE_Command* command);
   static void SetHostPumpedDelivery(bool hostPumped);
   static void SetCommandLog(TCPE_CommManager::CommandLogProc log);
+  static void SetByteTap(TCPE_ByteTapProc tap, void* context = nullptr);
   static void NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address);
   static bool GetAuthenticationFailed(std::uint32_t address);
   static TCPE_EngineSnapshot GetSnapshot();

@@ -234,6 +234,8 @@ void Trel_CommManager::SetHostPumpedDelivery(bool hostPumped) { TCPEInterface()-
 
 void Trel_CommManager::SetCommandLog(TCPE_CommManager::CommandLogProc log) { TCPEInterface()->SetCommandLog(log); }
 
+void Trel_CommManager::SetByteTap(TCPE_ByteTapProc tap, void* context) { TCPEInterface()->SetByteTap(tap, context); }
+
 void Trel_CommManager::NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address) {
   TCPEInterface()->NetworkErrorOccured(error, address);
 }

@@ -18,9 +18,23 @@ constexpr TCPE_Time kBurst = 100;
 } // namespace
 
 TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner,
-                                 const TCPE_Limits& limits, TCPE_Endpoint::Id id, std::uint32_t address)
+                                 const TCPE_Limits& limits, TCPE_ByteTap& tap, TCPE_Endpoint::Id id,
+                                 std::uint32_t address)
     : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
-      mCalls(limits) {}
+      mCalls(limits), mTap(tap) {}
+
+void TCPE_Connection::TransportOpened(bool openedByPeer) {
+  asio::error_code gone;
+  const asio::ip::tcp::endpoint local = mSocket->local_endpoint(gone);
+  const asio::ip::tcp::endpoint peer = mSocket->remote_endpoint(gone);
+  if (!gone) {
+    mEnds.isOpenedByPeer = openedByPeer;
+    mEnds.localAddress = local.address().to_v4().to_uint();
+    mEnds.localPort = local.port();
+    mEnds.peerAddress = peer.address().to_v4().to_uint();
+    mEnds.peerPort = peer.port();
+  }
+}
 
 void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
   const std::lock_guard lock(mMutex);
@@ -94,12 +108,15 @@ void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session, bool answerIsD
   mAnswerIsDue = answerIsDue;
 }
 
-void TCPE_Connection::NoteReceived(std::size_t count, TCPE_Time now) {
+void TCPE_Connection::NoteReceived(std::span<const std::byte> bytes, TCPE_Time now) {
+  if (const TCPE_ByteTap::Turn turn(mTap); turn) {
+    Tell(turn, TCPE_TappedBytes::Event::received, bytes);
+  }
   mLastReceived.store(now, std::memory_order_relaxed);
   if (mTraffic) {
-    TCPE_PeerTraffic::AddAlone(mTraffic->received.bytes, count);
+    TCPE_PeerTraffic::AddAlone(mTraffic->received.bytes, bytes.size());
   } else {
-    mEarlyReceived += count;
+    mEarlyReceived += bytes.size();
   }
 }
 
@@ -131,12 +148,16 @@ void TCPE_Connection::CloseNow() {
 bool TCPE_Connection::Write(std::span<const std::byte>& bytes) {
   while (!bytes.empty()) {
     asio::error_code error;
+    const TCPE_ByteTap::Turn turn(mTap);
     const std::size_t written = mSocket->write_some(asio::buffer(bytes.data(), bytes.size()), error);
     if (error == asio::error::would_block || error == asio::error::try_again) {
       return true;
     }
     if (error) {
       return false;
+    }
+    if (turn) {
+      Tell(turn, TCPE_TappedBytes::Event::sent, bytes.first(written));
     }
     bytes = bytes.subspan(written);
     if (mTraffic) {
@@ -211,6 +232,16 @@ void TCPE_Connection::ReportTooSlow() {
              [self = shared_from_this()] { self->mOwner.OnTransportFailed(self->mId, eNetworkError_PeerTooSlow); });
 }
 
+void TCPE_Connection::Tell(const TCPE_ByteTap::Turn& turn, TCPE_TappedBytes::Event event,
+                           std::span<const std::byte> bytes) {
+  if (mEnds.peerPort != 0) {
+    TCPE_TappedBytes tapped = mEnds;
+    tapped.event = event;
+    tapped.bytes = bytes;
+    turn.Tell(tapped);
+  }
+}
+
 void TCPE_Connection::CloseSocket() {
   if (!mSocket) {
     return;
@@ -220,7 +251,13 @@ void TCPE_Connection::CloseSocket() {
   // Closing with unread bytes would reset the connection, and the reset may overtake what was sent last.
   std::array<std::byte, 4096> rest{};
   for (int reads = 0; reads < 16 && !error; ++reads) {
-    mSocket->read_some(asio::buffer(rest), error);
+    const std::size_t count = mSocket->read_some(asio::buffer(rest), error);
+    if (const TCPE_ByteTap::Turn turn(mTap); turn && count != 0) {
+      Tell(turn, TCPE_TappedBytes::Event::received, std::span(rest).first(count));
+    }
+  }
+  if (const TCPE_ByteTap::Turn turn(mTap); turn) {
+    Tell(turn, TCPE_TappedBytes::Event::closed, {});
   }
   mSocket.reset();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_ByteTap.h"
 #include "tcpe/net/TCPE_PeerTraffic.h"
 #include "tcpe/net/TCPE_PendingCalls.h"
 #include "tcpe/protocol/TCPE_Endpoint.h"
@@ -36,13 +37,15 @@ public:
   };
 
   TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner, const TCPE_Limits& limits,
-                  TCPE_Endpoint::Id id, std::uint32_t address);
+                  TCPE_ByteTap& tap, TCPE_Endpoint::Id id, std::uint32_t address);
 
   TCPE_Endpoint::Id GetId() const { return mId; }
   std::uint32_t GetAddress() const { return mAddress; }
   /// Null once it is closed. On the network thread.
   asio::ip::tcp::socket* Socket() { return mSocket ? &*mSocket : nullptr; }
   TCPE_PendingCalls& Calls() { return mCalls; }
+  /// Tells that the transport is connected. On the network thread.
+  void TransportOpened(bool openedByPeer);
   /// Where what passes is counted from admission on; what has passed before is added. On the network thread, before
   /// anybody else knows the connection.
   void CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic);
@@ -64,7 +67,7 @@ public:
   void CloseNow();
 
   /// Tells of bytes that arrived. On the network thread.
-  void NoteReceived(std::size_t count, TCPE_Time now);
+  void NoteReceived(std::span<const std::byte> bytes, TCPE_Time now);
   TCPE_Time LastReceived() const { return mLastReceived.load(std::memory_order_relaxed); }
   /// Bytes that wait to be sent.
   std::size_t OutboundBytes() const;
@@ -89,6 +92,7 @@ private:
   /// The transport takes nothing any more.
   void EndWriting();
   void ReportTooSlow();
+  void Tell(const TCPE_ByteTap::Turn& turn, TCPE_TappedBytes::Event event, std::span<const std::byte> bytes);
   void CloseSocket();
 
   const TCPE_Limits& mLimits;
@@ -104,6 +108,8 @@ private:
   std::uint64_t mEarlyReceived = 0; ///< bytes before there was anything to count in
   std::uint64_t mEarlySent = 0;
   std::shared_ptr<TCPE_PeerTraffic> mTraffic;
+  TCPE_ByteTap& mTap;
+  TCPE_TappedBytes mEnds; ///< of the transport, as a tap is told; no ports while it is not connected
 
   mutable std::mutex mMutex; // guards writing and closing the socket, and what follows
   std::vector<std::byte> mQueue;

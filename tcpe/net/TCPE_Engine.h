@@ -13,6 +13,7 @@
 #include <string>
 
 class Sys_UDPSocket;
+class TCPE_ByteTap;
 class TCPE_Command;
 
 /// A running engine: what stands between a manager's callers, the network and the handlers.
@@ -30,6 +31,7 @@ public:
     /// Of the shared secret; null without one.
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
     TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
+    std::shared_ptr<TCPE_ByteTap> byteTap;
     bool isHostPumped = false;
   };
 

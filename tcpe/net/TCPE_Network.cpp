@@ -31,8 +31,8 @@ void PrepareSocket(tcp::socket& socket) {
 } // namespace
 
 TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
-                           Listener& listener)
-    : mLimits(config.limits), mPlace(place), mListener(listener), mEndpoint(std::move(config)),
+                           TCPE_ByteTap& tap, Listener& listener)
+    : mLimits(config.limits), mPlace(place), mTap(tap), mListener(listener), mEndpoint(std::move(config)),
       mDiscovery(mContext, std::move(discovery)) {}
 
 TCPE_Network::~TCPE_Network() { Stop(); }
@@ -203,6 +203,7 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
                                         if (failure) {
                                           mEndpoint.TransportEnded(connection->GetId(), Now());
                                         } else {
+                                          connection->TransportOpened(false);
                                           mEndpoint.TransportConnected(connection->GetId(), Now());
                                         }
                                         CarryOut();
@@ -233,6 +234,7 @@ void TCPE_Network::Accept() {
         gone ? std::nullopt : mEndpoint.TransportAccepted(remote.address().to_v4().to_uint(), Now());
     if (id) {
       const ConnectionPointer connection = Add(*id, remote.address().to_v4().to_uint(), std::move(socket));
+      connection->TransportOpened(true);
       CarryOut();
       Read(connection);
     } else {
@@ -249,7 +251,7 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
   }
   // The read keeps the session: the space that it fills belongs to it.
   connection->Socket()->async_read_some(asio::buffer(space.data(), space.size()),
-                                        [this, connection, session = mEndpoint.SessionOf(connection->GetId())](
+                                        [this, connection, space, session = mEndpoint.SessionOf(connection->GetId())](
                                             const asio::error_code& error, std::size_t count) {
                                           if (error == asio::error::operation_aborted) {
                                             return;
@@ -258,7 +260,7 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
                                           if (error) {
                                             mEndpoint.TransportEnded(connection->GetId(), now);
                                           } else {
-                                            connection->NoteReceived(count, now);
+                                            connection->NoteReceived(space.first(count), now);
                                             mEndpoint.Received(connection->GetId(), count, now);
                                           }
                                           CarryOut();
@@ -351,8 +353,8 @@ void TCPE_Network::OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError er
 
 TCPE_Network::ConnectionPointer TCPE_Network::Add(TCPE_Endpoint::Id id, std::uint32_t address, tcp::socket socket) {
   PrepareSocket(socket);
-  auto connection =
-      std::make_shared<TCPE_Connection>(mContext, std::move(socket), static_cast<Owner&>(*this), mLimits, id, address);
+  auto connection = std::make_shared<TCPE_Connection>(mContext, std::move(socket), static_cast<Owner&>(*this), mLimits,
+                                                      mTap, id, address);
   mConnections[id] = connection;
   return connection;
 }

@@ -47,7 +47,7 @@ public:
     std::uint16_t discoveryPort = 0; ///< 0: it answers no queries
   };
 
-  TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
+  TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place, TCPE_ByteTap& tap,
                Listener& listener);
   ~TCPE_Network();
   TCPE_Network(const TCPE_Network&) = delete;
@@ -91,6 +91,7 @@ private:
 
   const TCPE_Limits mLimits;
   Place mPlace;
+  TCPE_ByteTap& mTap;
   Listener& mListener;
   TCPE_Endpoint mEndpoint;
   asio::io_context mContext{1};

@@ -49,18 +49,18 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
       mStarted(Sys_Clock::RawMicroseconds()), mAdaptorName(std::move(setup.adaptorName)),
       mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError),
-      mPool(std::make_shared<TCPE_HandlerPool>(
-          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
-                                   .jobsPerPeer = mLimits.maxQueuedCommands,
-                                   .bytesPerPeer = mLimits.maxQueuedBytes,
-                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
+      mByteTap(std::move(setup.byteTap)), mPool(std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
+                                              .threads = mLimits.maxHandlerThreads,
+                                              .jobsPerPeer = mLimits.maxQueuedCommands,
+                                              .bytesPerPeer = mLimits.maxQueuedBytes,
+                                              .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
       mDiscoveryClient(mLimits, DatagramConfig(setup.key)),
       mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(setup.key), ResponderConfig(setup.key),
                                               TCPE_Network::Place{.address = mLocalAddress,
                                                                   .broadcastAddress = mBroadcastAddress,
                                                                   .port = mTask->GetCommunicationPort(),
                                                                   .discoveryPort = mTask->GetDiscoveryPort()},
-                                              static_cast<TCPE_Network::Listener&>(*this))) {}
+                                              *mByteTap, static_cast<TCPE_Network::Listener&>(*this))) {}
 
 ETCPE_Status TCPE_RunningEngine::Start() {
   try {

@@ -122,6 +122,7 @@ private:
 
   TCPE_Dispatcher mDispatcher;
   TCPE_PumpQueue mPumpQueue;
+  const std::shared_ptr<TCPE_ByteTap> mByteTap;
   std::shared_ptr<TCPE_HandlerPool> mPool;
   TCPE_DiscoveryClient mDiscoveryClient;
   std::unique_ptr<TCPE_Network> mNetwork;

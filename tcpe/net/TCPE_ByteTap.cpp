@@ -1,0 +1,27 @@
+#include "tcpe/net/TCPE_ByteTap.h"
+
+#include <trel/Sys_Clock.h>
+
+void TCPE_ByteTap::Set(TCPE_ByteTapProc proc, void* context) {
+  const std::lock_guard lock(mMutex);
+  mProc = proc;
+  mContext = context;
+  mIsOn = proc != nullptr;
+}
+
+TCPE_ByteTap::Turn::Turn(TCPE_ByteTap& tap) : mTap(tap) {
+  if (!tap.mIsOn.load(std::memory_order_relaxed)) {
+    return;
+  }
+  mLock = std::unique_lock(tap.mMutex);
+  if (tap.mProc == nullptr) { // removed meanwhile
+    mLock.unlock();
+    return;
+  }
+  mBegin = Sys_Clock::RawMicroseconds();
+}
+
+void TCPE_ByteTap::Turn::Tell(TCPE_TappedBytes tapped) const {
+  tapped.rawTime = mBegin;
+  mTap.mProc(tapped, mTap.mContext);
+}

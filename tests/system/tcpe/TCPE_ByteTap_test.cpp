@@ -1,0 +1,71 @@
+#include "tests/support/RawPeer.h"
+
+#include <map>
+#include <string>
+
+namespace {
+
+/// What a tap was told, each connection and direction by itself.
+struct Told {
+  std::map<std::string, Bytes> streams; ///< by "sender's port > receiver's port"
+  std::string order;                    ///< of sent and received bytes, and the ends
+  std::int64_t lastTime = 0;
+  bool isInOrder = true;
+
+  static void Tap(const TCPE_TappedBytes& tapped, void* context) {
+    auto& told = *static_cast<Told*>(context);
+    const bool isSent = tapped.event == TCPE_TappedBytes::Event::sent;
+    const std::string local = std::to_string(tapped.localPort);
+    const std::string peer = std::to_string(tapped.peerPort);
+    Bytes& stream = told.streams[isSent ? local + " > " + peer : peer + " > " + local];
+    stream.insert(stream.end(), tapped.bytes.begin(), tapped.bytes.end());
+    told.order += tapped.event == TCPE_TappedBytes::Event::closed ? 'c' : isSent ? 's' : 'r';
+    told.isInOrder = told.isInOrder && tapped.rawTime >= told.lastTime;
+    told.lastTime = tapped.rawTime;
+  }
+};
+
+TEST(TCPE_ByteTap, TellsBothEndsTheSameBytesInAnOrderThatCanBe) {
+  constexpr std::int64_t kTimes = 500;
+  Told atA;
+  Told atB;
+  TestSystem a(0), b(1);
+  a.SetByteTap(&Told::Tap, &atA);
+  b.SetByteTap(&Told::Tap, &atB);
+  Link(a, b);
+  for (std::int64_t i = 0; i < kTimes; ++i) {
+    a.SendTime(i, b.Address());
+    b.SendTime(i, a.Address());
+  }
+  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
+  a.Disconnect(b.Address());
+  EXPECT_TRUE(Eventually([&] { return b.Count("Disconnect") == 1 && a.Count("TestRunningTime") == kTimes; }));
+  a.Terminate();
+  b.Terminate();
+
+  EXPECT_EQ(atA.streams, atB.streams);
+  EXPECT_TRUE(atA.isInOrder && atB.isInOrder);
+  EXPECT_EQ(atA.streams.size(), 2U);
+  std::size_t total = 0;
+  for (const auto& [ends, bytes] : atA.streams) {
+    total += bytes.size();
+  }
+  // Hellos, connect command and its reply, times both ways, the query, its reply of one number, the farewell.
+  EXPECT_EQ(total, 2U * 32 + 314 + 20 + 2 * kTimes * 28 + 20 + 24 + 20);
+  EXPECT_EQ(atA.order.find('c'), atA.order.size() - 1);
+  EXPECT_EQ(atB.order.find('c'), atB.order.size() - 1);
+}
+
+TEST(TCPE_ByteTap, IsSilentOnceItIsRemoved) {
+  Told told;
+  TestSystem a(0), b(1);
+  a.SetByteTap(&Told::Tap, &told);
+  Link(a, b);
+  a.SetByteTap(nullptr);
+  const std::string before = told.order;
+  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
+  EXPECT_NE(before, "");
+  EXPECT_EQ(told.order, before);
+}
+
+} // namespace
