@@ -25,3 +25,14 @@ void TCPE_ByteTap::Turn::Tell(TCPE_TappedBytes tapped) const {
   tapped.rawTime = mBegin;
   mTap.mProc(tapped, mTap.mContext);
 }
+
+void TCPE_ByteTap::Turn::TellDatagram(TCPE_TappedBytes::Event event, const End& local, const End& peer,
+                                      std::span<const std::byte> datagram) const {
+  Tell({.event = event,
+        .transport = TCPE_TappedBytes::Transport::udp,
+        .localAddress = local.address,
+        .localPort = local.port,
+        .peerAddress = peer.address,
+        .peerPort = peer.port,
+        .bytes = datagram});
+}

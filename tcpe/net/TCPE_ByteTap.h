@@ -3,8 +3,10 @@
 #include <trel/TCPE_TappedBytes.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <span>
 
 /// Where the host listens to what passes on the network. Without a listener it costs one look at a flag. Thread-safe.
 class TCPE_ByteTap {
@@ -20,6 +22,12 @@ public:
     explicit operator bool() const { return mLock.owns_lock(); }
     /// Fills in the time at which the turn began.
     void Tell(TCPE_TappedBytes tapped) const;
+    struct End {
+      std::uint32_t address;
+      std::uint16_t port;
+    };
+    void TellDatagram(TCPE_TappedBytes::Event event, const End& local, const End& peer,
+                      std::span<const std::byte> datagram) const;
 
   private:
     TCPE_ByteTap& mTap;

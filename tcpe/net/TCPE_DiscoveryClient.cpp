@@ -21,10 +21,16 @@ struct TCPE_DiscoveryClient::Question {
   std::size_t replies = 0;
 };
 
-bool TCPE_DiscoveryClient::Ask(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Query query, std::uint32_t address,
-                               std::uint16_t port) {
+bool TCPE_DiscoveryClient::Ask(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Query query, std::uint32_t localAddress,
+                               std::uint32_t address, std::uint16_t port) {
   socket.Attachment() = Question{query};
-  return socket.Send(mCodec.WriteQuery(query), address, port);
+  const auto datagram = mCodec.WriteQuery(query);
+  const TCPE_ByteTap::Turn turn(mTap);
+  const bool isSent = socket.Send(datagram, address, port);
+  if (turn && isSent) {
+    turn.TellDatagram(TCPE_TappedBytes::Event::sent, {localAddress, socket.GetPort()}, {address, port}, datagram);
+  }
+  return isSent;
 }
 
 bool TCPE_DiscoveryClient::Receive(Sys_UDPSocket& socket, Kind kind, std::uint32_t localAddress,
@@ -57,6 +63,10 @@ bool TCPE_DiscoveryClient::ReceiveUntil(TCPE_Time end, Sys_UDPSocket& socket, Qu
       break;
     }
     const std::uint32_t source = socket.GetReplyAddress();
+    if (const TCPE_ByteTap::Turn turn(mTap); turn) {
+      turn.TellDatagram(TCPE_TappedBytes::Event::received, {localAddress, socket.GetPort()},
+                        {source, socket.GetReplyPort()}, std::span(buffer).first(size));
+    }
     const TCPE_DiscoveryCodec::Verdict verdict =
         mCodec.ReadReply(std::span(buffer).first(size), question.query, source, reply);
     mCounters.Count(verdict);

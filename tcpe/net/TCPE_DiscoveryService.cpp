@@ -13,11 +13,14 @@
 using asio::ip::address_v4;
 using asio::ip::udp;
 
-TCPE_DiscoveryService::TCPE_DiscoveryService(asio::io_context& context, TCPE_DiscoveryResponder::Config config)
-    : mResponder(std::move(config)), mOwn(context), mShared(context), mTimer(context) {}
+TCPE_DiscoveryService::TCPE_DiscoveryService(asio::io_context& context, TCPE_DiscoveryResponder::Config config,
+                                             TCPE_ByteTap& tap)
+    : mResponder(std::move(config)), mTap(tap), mOwn(context), mShared(context), mTimer(context) {}
 
 ETCPE_Status TCPE_DiscoveryService::Open(std::uint32_t address, std::uint32_t broadcastAddress, std::uint16_t port) {
   mAddress = address;
+  mBroadcastAddress = broadcastAddress;
+  mPort = port;
   if (port == 0) {
     return eTCPE_Status_Success;
   }
@@ -102,14 +105,24 @@ void TCPE_DiscoveryService::Listen(Ear& ear) {
 
 void TCPE_DiscoveryService::Heard(Ear& ear, std::size_t size) {
   const TCPE_DiscoveryResponder::Asker asker{ear.sender.address().to_v4().to_uint(), ear.sender.port()};
-  mResponder.Received(std::span(ear.buffer).first(size), asker, &ear == &mShared, Sys_Clock::RawMicroseconds());
+  const std::span<const std::byte> datagram = std::span(ear.buffer).first(size);
+  if (const TCPE_ByteTap::Turn turn(mTap); turn) {
+    turn.TellDatagram(TCPE_TappedBytes::Event::received, {&ear == &mShared ? mBroadcastAddress : mAddress, mPort},
+                      {asker.address, asker.port}, datagram);
+  }
+  mResponder.Received(datagram, asker, &ear == &mShared, Sys_Clock::RawMicroseconds());
   SendDue();
 }
 
 void TCPE_DiscoveryService::SendDue() {
   while (const auto answer = mResponder.NextAnswer(mAddress, Sys_Clock::RawMicroseconds())) {
     asio::error_code ignored; // as if the datagram were lost on its way
+    const TCPE_ByteTap::Turn turn(mTap);
     mOwn.socket.send_to(asio::buffer(answer->datagram), {address_v4(answer->to.address), answer->to.port}, 0, ignored);
+    if (turn && !ignored) {
+      turn.TellDatagram(TCPE_TappedBytes::Event::sent, {mAddress, mPort}, {answer->to.address, answer->to.port},
+                        answer->datagram);
+    }
   }
   const TCPE_Time deadline = mResponder.NextDeadline();
   if (deadline == std::numeric_limits<TCPE_Time>::max()) {

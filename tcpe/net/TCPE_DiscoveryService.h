@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_ByteTap.h"
 #include "tcpe/protocol/TCPE_DiscoveryResponder.h"
 
 #include <trel/TCPE_Types.h>
@@ -18,7 +19,7 @@
 /// this address alone, and sends all answers.
 class TCPE_DiscoveryService {
 public:
-  TCPE_DiscoveryService(asio::io_context& context, TCPE_DiscoveryResponder::Config config);
+  TCPE_DiscoveryService(asio::io_context& context, TCPE_DiscoveryResponder::Config config, TCPE_ByteTap& tap);
 
   /// Port 0 opens nothing. With broadcast address 0 only queries to this address are heard.
   ETCPE_Status Open(std::uint32_t address, std::uint32_t broadcastAddress, std::uint16_t port);
@@ -41,10 +42,13 @@ private:
   void SendDue();
 
   TCPE_DiscoveryResponder mResponder;
+  TCPE_ByteTap& mTap;
   Ear mOwn;
   Ear mShared;
   asio::steady_timer mTimer;
   std::uint32_t mAddress = 0;
+  std::uint32_t mBroadcastAddress = 0;
+  std::uint16_t mPort = 0;
   /// Counts the openings: what is completed after a Close was meant for sockets that are gone.
   std::uint64_t mGeneration = 0;
 };

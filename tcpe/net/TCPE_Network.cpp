@@ -33,7 +33,7 @@ void PrepareSocket(tcp::socket& socket) {
 TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
                            TCPE_ByteTap& tap, Listener& listener)
     : mLimits(config.limits), mPlace(place), mTap(tap), mListener(listener), mEndpoint(std::move(config)),
-      mDiscovery(mContext, std::move(discovery)) {}
+      mDiscovery(mContext, std::move(discovery), tap) {}
 
 TCPE_Network::~TCPE_Network() { Stop(); }
 

@@ -47,14 +47,15 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
       mLocalAddress(setup.localAddress), mBroadcastAddress(setup.broadcastAddress),
       mOnNetworkError(setup.onNetworkError), mIsHostPumped(setup.isHostPumped),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
-      mStarted(Sys_Clock::RawMicroseconds()), mAdaptorName(std::move(setup.adaptorName)),
-      mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError),
-      mByteTap(std::move(setup.byteTap)), mPool(std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
-                                              .threads = mLimits.maxHandlerThreads,
-                                              .jobsPerPeer = mLimits.maxQueuedCommands,
-                                              .bytesPerPeer = mLimits.maxQueuedBytes,
-                                              .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
-      mDiscoveryClient(mLimits, DatagramConfig(setup.key)),
+      mStarted(Sys_Clock::RawMicroseconds()), mIsAuthenticating(setup.key != nullptr),
+      mAdaptorName(std::move(setup.adaptorName)), mHistory(mLimits.maxDepartedPeers),
+      mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError), mByteTap(std::move(setup.byteTap)),
+      mPool(std::make_shared<TCPE_HandlerPool>(
+          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
+                                   .jobsPerPeer = mLimits.maxQueuedCommands,
+                                   .bytesPerPeer = mLimits.maxQueuedBytes,
+                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
+      mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
       mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(setup.key), ResponderConfig(setup.key),
                                               TCPE_Network::Place{.address = mLocalAddress,
                                                                   .broadcastAddress = mBroadcastAddress,
@@ -216,6 +217,7 @@ TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
                                .counters = GetCounters(),
                                .peers = mHistory.Peers(now)};
   for (TCPE_PeerSnapshot& peer : snapshot.peers) {
+    peer.isAuthenticated = mIsAuthenticating; // else it would not have been admitted
     peer.handlers = mIsHostPumped ? mPumpQueue.GetLoad(peer.address) : mPool->GetLoad(peer.address);
     if (const auto position = connected.find(peer.address); position != connected.end()) {
       TCPE_Connection& connection = *position->second;
@@ -236,7 +238,7 @@ bool TCPE_RunningEngine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_Discover
                                               .serial = static_cast<std::uint32_t>(Sys_Umid::Random64()),
                                               .nonce = TCPE_AuthenticationKey::MakeNonce(),
                                               .senderSystemType = static_cast<std::uint8_t>(mManager.GetSystemType())},
-                                             target, mTask->GetDiscoveryPort());
+                                             mLocalAddress, target, mTask->GetDiscoveryPort());
 }
 
 bool TCPE_RunningEngine::ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,

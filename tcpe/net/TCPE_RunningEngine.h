@@ -110,6 +110,7 @@ private:
   std::atomic<bool> mIsStopping = false;
   std::atomic<std::uint32_t> mLastSerial = 0;
   const TCPE_Time mStarted;
+  const bool mIsAuthenticating;
   std::string mAdaptorName; ///< guarded by the mutex of the connections
   TCPE_PeerHistory mHistory;
 

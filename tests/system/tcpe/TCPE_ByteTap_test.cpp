@@ -1,9 +1,15 @@
-#include "tests/support/RawPeer.h"
+#include <trel/SPSStartupOption.h>
+#include <trel/Sys_UDPSocket.h>
+
+#include "tests/support/TestSystem.h"
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace {
+
+using Bytes = std::vector<std::byte>;
 
 /// What a tap was told, each connection and direction by itself.
 struct Told {
@@ -54,6 +60,37 @@ TEST(TCPE_ByteTap, TellsBothEndsTheSameBytesInAnOrderThatCanBe) {
   EXPECT_EQ(total, 2U * 32 + 314 + 20 + 2 * kTimes * 28 + 20 + 24 + 20);
   EXPECT_EQ(atA.order.find('c'), atA.order.size() - 1);
   EXPECT_EQ(atB.order.find('c'), atB.order.size() - 1);
+}
+
+TEST(TCPE_ByteTap, TellsBothEndsTheSameDatagrams) {
+  SPSSetStartupOption("DiscoveryPort", std::to_string(TestPort() + 8'000).c_str());
+  Told atA;
+  Told atB;
+  TestSystem a(0), b(1);
+  a.SetByteTap(&Told::Tap, &atA);
+  b.SetByteTap(&Told::Tap, &atB);
+  b.SetIsSatellite(true);
+  Start(a, b);
+  Sys_UDPSocket socket;
+  ASSERT_TRUE(socket.Register() && socket.Bind(a.Address(), 0) && socket.AllocateReplyAddress());
+  ASSERT_TRUE(a.SendDiscoveryRequestCommand(&socket, b.Address()));
+  std::int32_t wait = 10'000;
+  std::string host;
+  std::string name;
+  std::uint32_t address = 0;
+  ETCPE_SystemType type{};
+  std::uint8_t major = 0;
+  std::uint8_t minor = 0;
+  bool isAvailable = false;
+  EXPECT_TRUE(
+      a.ReceiveDiscoveryRequestReply(&socket, &wait, &host, &name, &address, &type, &major, &minor, &isAvailable));
+  b.Terminate();
+  a.Terminate();
+  EXPECT_EQ(atA.order, "sr");
+  EXPECT_EQ(atB.order, "rs");
+  EXPECT_EQ(atA.streams.size(), 2U);
+  EXPECT_EQ(atA.streams, atB.streams);
+  SPSSetStartupOption("DiscoveryPort", nullptr);
 }
 
 TEST(TCPE_ByteTap, IsSilentOnceItIsRemoved) {
