@@ -89,7 +89,9 @@ private:
   std::shared_ptr<TCPE_Engine> mEngine;
 };
 
-TCPE_CommManager::TCPE_CommManager() : mByteTap(std::make_shared<TCPE_ByteTap>()) { mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31()); }
+TCPE_CommManager::TCPE_CommManager() : mByteTap(std::make_shared<TCPE_ByteTap>()) {
+  mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31());
+}
 
 TCPE_CommManager::~TCPE_CommManager() {
   // The subclass is gone by now: whoever has one terminates before destroying it.
