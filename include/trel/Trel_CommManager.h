@@ -13,8 +13,9 @@
 /// The host's door to the link engine: start and stop, connections, commands, roles and limits.
 ///
 /// The one engine object behind it is created on first use and lives until Terminate; what is set before Initialize
-/// (roles, names, identifier, host-pumped delivery, command log, byte tap) holds for it, and is gone with it. A call that is
-/// under way on another thread while Terminate runs ends in good order. Unloading the library terminates the engine.
+/// (roles, names, identifier, host-pumped delivery, command log, byte tap) holds for it, and is gone with it. A call
+/// that is under way on another thread while Terminate runs ends in good order. Unloading the library terminates the
+/// engine.
 ///
 /// Unless they say otherwise the operations are thread-safe, do what TCPE_CommManager's operation of the same name
 /// does, and, not initialised, behave as described there. None is real-time-safe: each takes a short lock, and the
