@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <asio/buffer.hpp>
+#include <asio/executor_work_guard.hpp>
 #include <asio/post.hpp>
 
 using asio::ip::tcp;
@@ -179,13 +180,18 @@ void TCPE_Network::Run() {
   mThreadId = std::this_thread::get_id();
   Accept();
   mDiscovery.Run();
+  const auto stays = asio::make_work_guard(mContext); // also while there is no socket to wait for
   mContext.run();
 }
 
 void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
   tcp::socket socket(mContext);
   asio::error_code error;
-  socket.open(tcp::v4(), error);
+  if (mPlace.address == 0) {
+    error = asio::error::network_down;
+  } else {
+    socket.open(tcp::v4(), error);
+  }
   if (!error) {
     // From this system's address: it is the identity that the peer knows it by.
     socket.bind({asio::ip::address_v4(mPlace.address), 0}, error);

@@ -233,12 +233,13 @@ TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
 bool TCPE_RunningEngine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
                                             std::uint32_t address) {
   const std::uint32_t target = address != 0 ? address : mBroadcastAddress.load();
-  return target != 0 && mDiscoveryClient.Ask(socket,
-                                             {.kind = kind,
-                                              .serial = static_cast<std::uint32_t>(Sys_Umid::Random64()),
-                                              .nonce = TCPE_AuthenticationKey::MakeNonce(),
-                                              .senderSystemType = static_cast<std::uint8_t>(mManager.GetSystemType())},
-                                             mLocalAddress, target, mTask->GetDiscoveryPort());
+  return target != 0 && mLocalAddress != 0 &&
+         mDiscoveryClient.Ask(socket,
+                              {.kind = kind,
+                               .serial = static_cast<std::uint32_t>(Sys_Umid::Random64()),
+                               .nonce = TCPE_AuthenticationKey::MakeNonce(),
+                               .senderSystemType = static_cast<std::uint8_t>(mManager.GetSystemType())},
+                              mLocalAddress, target, mTask->GetDiscoveryPort());
 }
 
 bool TCPE_RunningEngine::ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
@@ -334,7 +335,8 @@ std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t addres
 
 bool TCPE_RunningEngine::IsPossiblePeer(std::uint32_t address) const {
   constexpr std::uint32_t kFirstMulticast = 0xe0000000;
-  return address != 0 && address != mLocalAddress && address != mBroadcastAddress && address < kFirstMulticast;
+  return address != 0 && address != mLocalAddress && address != mBroadcastAddress && address < kFirstMulticast &&
+         mLocalAddress != 0;
 }
 
 TCPE_RunningEngine::ConnectionPointer TCPE_RunningEngine::ConnectionOf(std::uint32_t address) const {

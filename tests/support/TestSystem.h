@@ -60,8 +60,9 @@ public:
   std::uint32_t Address() const { return 0x7f00000a + static_cast<std::uint32_t>(mNumber); }
   std::int32_t Start() {
     TCPE_CommPreferences preferences(Address(), TestPort());
-    return Initialize(&preferences, mNumber == 0 ? &OnNetworkError<0> : &OnNetworkError<1>);
+    return Initialize(&preferences, ErrorProc());
   }
+  NetworkErrorProc ErrorProc() const { return mNumber == 0 ? &OnNetworkError<0> : &OnNetworkError<1>; }
 
   template <class Command>
   TCPE_CommErr Send(Command&& command, std::uint32_t address) {
