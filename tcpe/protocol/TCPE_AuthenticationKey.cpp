@@ -17,11 +17,8 @@ bool PrepareLibrary() {
     if (gcry_check_version("1.8.0") == nullptr) {
       return false;
     }
-    if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) == 0) {
-      gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
-      gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
-    }
-    return true;
+    return gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) != 0 ||
+           (gcry_control(GCRYCTL_DISABLE_SECMEM, 0) == 0 && gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0) == 0);
   }();
   return isReady;
 }

@@ -119,10 +119,28 @@ TEST(TCPE_Endpoint, OneOfTwoSimultaneousConnectionsSurvives) {
   }
 }
 
+TEST(TCPE_Endpoint, AnAttemptThatGaveWayWaitsForThePeersOwn) {
+  for (const bool comes : {true, false}) {
+    Systems systems;
+    systems.Send(*systems.ConnectToStranger(1, 10), 0, Hello() + Frame(5, 3, 77, "", eTCPE_CommErr_AlreadyConnected));
+    systems.Run(8 * kSecond - kMillisecond); // as long as the peer's attempt may take
+    EXPECT_EQ(systems.Take(1), "");
+    if (comes) {
+      systems.Send(systems.ConnectStranger(10, 1), 1, Hello() + Connect());
+    }
+    systems.Run(2 * kMillisecond);
+    EXPECT_EQ(systems.Take(1), comes ? "opened 10 by peer, ended 10 0" : "ended 10 19");
+  }
+}
+
 TEST(TCPE_Endpoint, ARestartedSystemReplacesItsDeadConnection) {
   for (const int opener : {0, 1}) {
     for (const std::uint32_t largestPiece : {0U, 1U}) {
       Systems systems;
+      int asked = 0;
+      systems.Configure(0, [&asked](TCPE_Endpoint::Config& config) {
+        config.allowConnect = [&asked](auto) { return ++asked != 0; };
+      });
       systems.Chop(largestPiece, 0);
       systems.Link(opener, 1 - opener);
       systems.Restart(1);
@@ -138,6 +156,7 @@ TEST(TCPE_Endpoint, ARestartedSystemReplacesItsDeadConnection) {
       EXPECT_EQ(systems.Take(0), "lost 20 1, opened 20 by peer");
       EXPECT_EQ(systems.Take(1), "opened 10, ended 10 0");
       EXPECT_LT(systems.At(1).lastLogged, begin + kSecond + 2 * kMillisecond);
+      EXPECT_EQ(asked, opener + 2) << "the host is asked once for each newcomer";
       systems.Send(1, 10, Frame(7, 0, 1, std::string(600, 'x'))); // more than fits before a peer is admitted
       systems.Run(kSecond);
       EXPECT_EQ(systems.Take(0), "frame 20 7 (600)");
