@@ -92,7 +92,7 @@ protected:
     return RawFrame(header, payload);
   }
 
-  const std::string mFile = testing::TempDir() + "trel_dissector_test.pcap";
+  const std::string mFile = TREL_DISSECTOR ".pcap";
 };
 
 INSTANTIATE_NUMBERING_TESTS(DissectorTest);

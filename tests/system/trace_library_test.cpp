@@ -36,7 +36,7 @@ constexpr int kLinesOfAThread = 500;
 
 TEST(TraceLibraryDeathTest, WritesWhatTheLibraryTracesOrNothing) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::string file = testing::TempDir() + "trel_trace_library_test.";
+  const std::string file = TREL_INCOMPLETE_TRACE_DIRECTORY "/lines.";
   EXPECT_EXIT(Trace(TREL_TRACE_DIRECTORY, file + "whole"), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(Trace(TREL_INCOMPLETE_TRACE_DIRECTORY, file + "incomplete"), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(Trace(testing::TempDir(), file + "missing"), testing::ExitedWithCode(0), "");
