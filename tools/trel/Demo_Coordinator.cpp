@@ -1,8 +1,9 @@
 #include "Demo_Coordinator.h"
 
 #include "Demo_Master.h"
-#include "Demo_Port.h"
 #include "ExitStatus.h"
+#include "FreePort.h"
+#include "SignalPipe.h"
 
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Socket.h>
@@ -10,15 +11,12 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
 #include <utility>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
 
 namespace {
 
@@ -29,55 +27,6 @@ constexpr milliseconds kPollPeriod{50};              // how late the end of a pr
 constexpr milliseconds kEndTimeOut{5000};
 constexpr milliseconds kStartMargin{5000};
 constexpr std::size_t kMostSystemsOnALine = 8;
-
-/// Signals that ask the program to end, as bytes in a pipe while the object lives.
-class SignalPipe {
-public:
-  SignalPipe() {
-    if (pipe(sEnds) == 0) {
-      for (const int end : sEnds) {
-        fcntl(end, F_SETFD, FD_CLOEXEC);
-        fcntl(end, F_SETFL, O_NONBLOCK);
-      }
-    }
-    for (std::size_t index = 0; index < kSignals.size(); ++index) {
-      struct sigaction action = {};
-      action.sa_handler = [](int signal) {
-        const auto byte = static_cast<char>(signal);
-        [[maybe_unused]] const ssize_t count = write(sEnds[1], &byte, 1);
-      };
-      if (kSignals[index] == SIGPIPE) { // a system may have ended when something is sent to it
-        action.sa_handler = SIG_IGN;
-      }
-      sigaction(kSignals[index], &action, &mBefore[index]);
-    }
-  }
-  ~SignalPipe() {
-    for (std::size_t index = 0; index < kSignals.size(); ++index) {
-      sigaction(kSignals[index], &mBefore[index], nullptr);
-    }
-    for (int& end : sEnds) {
-      close(std::exchange(end, -1));
-    }
-  }
-  SignalPipe(const SignalPipe&) = delete;
-  SignalPipe& operator=(const SignalPipe&) = delete;
-
-  static int Descriptor() { return sEnds[0]; }
-  /// The signal that has come, or 0.
-  static int Take() {
-    char byte = 0;
-    return read(sEnds[0], &byte, 1) == 1 ? byte : 0;
-  }
-
-private:
-  static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
-  static int sEnds[2];
-
-  std::array<struct sigaction, kSignals.size()> mBefore = {};
-};
-
-int SignalPipe::sEnds[2] = {-1, -1};
 
 /// Fast and slow ones in turn, the extremes first.
 std::int32_t DriftOf(std::int32_t index) {

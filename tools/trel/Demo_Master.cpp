@@ -1,6 +1,7 @@
 #include "Demo_Master.h"
 
 #include "ExitStatus.h"
+#include "HandleCommand.h"
 #include "Player.h"
 #include "Texts.h"
 
@@ -50,10 +51,10 @@ milliseconds Demo_Master::LongestRun(std::int32_t rounds) {
 int Demo_Master::Run() {
   Prepare();
   mEpoch = Sys_Clock::Microseconds();
-  Handle<Trel_Cmd_Connect, &Demo_Master::OnConnect>();
-  Handle<Trel_Cmd_ClockLockState, &Demo_Master::OnClockLockState>();
-  Handle<Trel_Cmd_SendState, &Demo_Master::OnSendState>();
-  Handle<Trel_Cmd_ReportPlayStartData, &Demo_Master::OnReportPlayStartData>();
+  HandleCommand<Trel_Cmd_Connect, &Demo_Master::OnConnect>(this);
+  HandleCommand<Trel_Cmd_ClockLockState, &Demo_Master::OnClockLockState>(this);
+  HandleCommand<Trel_Cmd_SendState, &Demo_Master::OnSendState>(this);
+  HandleCommand<Trel_Cmd_ReportPlayStartData, &Demo_Master::OnReportPlayStartData>(this);
   mPlayer =
       std::make_unique<Player>([this](std::int64_t runningTime) { return mEpoch + runningTime; },
                                [this](std::int64_t runningTime) {

@@ -4,7 +4,6 @@
 #include "Demo_NodeOptions.h"
 
 #include <trel/TCPE_CommManager.h>
-#include <trel/Trel_Command.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -36,13 +35,6 @@ protected:
   bool StartEngine();
   /// No handler is called afterwards.
   void StopEngine();
-
-  /// Has a command of the peers handled by a member function.
-  template <class Command, auto Handler>
-  void Handle() {
-    Trel_Command::SetDoItCommand(Command::GetCommandID(),
-                                 [](TCPE_Command* command) { Dispatch(Handler, static_cast<Command&>(*command)); });
-  }
 
   /// Idles until the predicate, which is evaluated under mMutex, holds or the time is over. Changes of what it depends
   /// on are told through mChanged.
@@ -77,10 +69,6 @@ protected:
 private:
   static constexpr std::chrono::milliseconds kIdlePeriod{20};
 
-  template <class Node, class Command>
-  static void Dispatch(void (Node::*handler)(Command&), Command& command) {
-    (static_cast<Node*>(sNode)->*handler)(command);
-  }
   static void Idle();
 
   static Demo_Node* sNode;

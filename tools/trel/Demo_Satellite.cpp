@@ -3,6 +3,7 @@
 #include "ClockTimes.h"
 #include "Demo_ClockSampler.h"
 #include "ExitStatus.h"
+#include "HandleCommand.h"
 #include "Player.h"
 #include "Texts.h"
 
@@ -26,9 +27,9 @@ Demo_Satellite::~Demo_Satellite() = default;
 
 int Demo_Satellite::Run() {
   Prepare();
-  Handle<Trel_Cmd_Prime, &Demo_Satellite::OnPrime>();
-  Handle<Trel_Cmd_StartPlayback, &Demo_Satellite::OnStartPlayback>();
-  Handle<Trel_Cmd_StopPlayback, &Demo_Satellite::OnStopPlayback>();
+  HandleCommand<Trel_Cmd_Prime, &Demo_Satellite::OnPrime>(this);
+  HandleCommand<Trel_Cmd_StartPlayback, &Demo_Satellite::OnStartPlayback>(this);
+  HandleCommand<Trel_Cmd_StopPlayback, &Demo_Satellite::OnStopPlayback>(this);
   mPlayer = std::make_unique<Player>(
       [](std::int64_t runningTime) { return PredictedHostTime(runningTime); },
       [this](std::int64_t runningTime) {

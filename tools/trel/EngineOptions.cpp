@@ -1,6 +1,7 @@
 #include "EngineOptions.h"
 
 #include "AddressOption.h"
+#include "FreePort.h"
 #include "Texts.h"
 
 #include <trel/SPSStartupOption.h>
@@ -9,6 +10,8 @@
 #include <trel/Trel_Init.h>
 
 #include <CLI/CLI.hpp>
+
+#include <system_error>
 
 namespace {
 
@@ -26,6 +29,8 @@ std::string AdviceFor(std::int32_t status) {
            "(--port).";
   case eTCPE_Status_DiscoveryPortInUse:
     return "End the other program, or have all systems use another discovery port (--discovery-port).";
+  case eTCPE_Status_SharedSecret:
+    return "Make a secret with trel secret and give its file to all systems; there: chmod 600 FILE.";
   case eTCPE_Status_SystemError:
     return "Too many programs or open files may be the reason; end some and try again.";
   default:
@@ -59,6 +64,14 @@ void EngineOptions::Prepare() const {
     SPSSetStartupOption("SupportsMarlo11", "0");
   }
   Trel_Init::Init();
+}
+
+void EngineOptions::UseFreePort() {
+  try {
+    port = FreePort(address, 0);
+  } catch (const std::system_error&) {
+    // The address is none of this machine, which Start says better.
+  }
 }
 
 std::string EngineOptions::Start(TCPE_CommManager::NetworkErrorProc onNetworkError) const {

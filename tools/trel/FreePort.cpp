@@ -1,4 +1,4 @@
-#include "Demo_Port.h"
+#include "FreePort.h"
 
 #include <cerrno>
 #include <system_error>

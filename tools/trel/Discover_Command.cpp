@@ -1,0 +1,137 @@
+#include "Commands.h"
+#include "EngineOptions.h"
+#include "ExitStatus.h"
+#include "Survey.h"
+#include "Texts.h"
+
+#include <trel/Sys_Socket.h>
+#include <trel/Trel_CommManager.h>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+namespace {
+
+struct DiscoverOptions {
+  EngineOptions engine;
+  bool masters = false;
+  bool satellites = false;
+  bool all = false;
+  bool json = false;
+};
+
+constexpr const char* kFooter =
+    "A system is listed while a host runs there: trel host, or a program that uses the library. One that has\n"
+    "the same address as this command is not listed.\n"
+    "\n"
+    "Exit status: 0 something was found; 1 nothing was found, or the search failed; 2 wrong command line.\n"
+    "\n"
+    "Fields of --json, one object a line: address, name, host, role (master, satellite), version, available\n"
+    "(a master: has room for a satellite; a satellite: is not linked).\n"
+    "\n"
+    "Examples:\n"
+    "  trel discover                                  who is on the network?\n"
+    "  trel discover --masters --json                 for a script\n"
+    "  trel discover --address 127.0.0.99             the systems on this machine\n"
+    "  trel discover --secret-file studio.secret      the systems that share this secret";
+
+std::string VersionOf(const Trel_System& system) {
+  return std::to_string(system.GetMajorVersion()) + "." + std::to_string(system.GetMinorVersion());
+}
+
+void PrintJson(const Survey::Systems& systems) {
+  using Json = nlohmann::ordered_json;
+  for (const auto& [system, isAvailable] : systems) {
+    const Json json = {{"address", Sys_Socket::DecodeIPAddress(system.GetIPAddress())},
+                       {"name", system.GetSystemName()},
+                       {"host", system.GetHostName()},
+                       {"role", RoleText(system.GetSystemType())},
+                       {"version", VersionOf(system)},
+                       {"available", isAvailable}};
+    std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  }
+}
+
+void PrintRow(const std::string& address, const std::string& name, const std::string& host, const std::string& role,
+              const std::string& version, const std::string& available) {
+  constexpr int kWidths[] = {15, 29, 20, 9, 7};
+  std::ostringstream row;
+  row << std::left << std::setw(kWidths[0]) << address << "  " << std::setw(kWidths[1]) << name << "  "
+      << std::setw(kWidths[2]) << host << "  " << std::setw(kWidths[3]) << role << "  " << std::setw(kWidths[4])
+      << version << "  " << available;
+  std::cout << Printable(row.str()) << '\n';
+}
+
+void PrintTable(const Survey::Systems& systems) {
+  PrintRow("address", "name", "host", "role", "version", "available");
+  for (const auto& [system, isAvailable] : systems) {
+    PrintRow(Sys_Socket::DecodeIPAddress(system.GetIPAddress()), system.GetSystemName(), system.GetHostName(),
+             RoleText(system.GetSystemType()), VersionOf(system), isAvailable ? "yes" : "no");
+  }
+}
+
+/// What to check when nobody has answered, the likeliest reasons first.
+std::string Advice(const EngineOptions& engine) {
+  const TCPE_Counters counters = Trel_CommManager::GetSnapshot().counters;
+  if (counters.unauthenticDatagrams != 0) {
+    return engine.secretFile.empty() ? "A system answered that wants a shared secret: give its file with --secret-file."
+                                     : "A system answered with another secret, or with none: all systems need the same "
+                                       "secret file.";
+  }
+  if (counters.otherNumberingDatagrams != 0) {
+    return "A system answered that uses the other command numbering: all systems need the same (--legacy).";
+  }
+  return "Check that a host runs on the other systems, that they are on the same network as " +
+         Sys_Socket::DecodeIPAddress(Trel_CommManager::GetAdaptorIPAddress()) + " (else choose with --address),\n" +
+         "that they use the discovery port " + std::to_string(engine.discoveryPort) +
+         ", and that no firewall stops UDP there. trel doctor looks closer.";
+}
+
+int RunDiscover(DiscoverOptions options) {
+  if (!options.masters && !options.satellites) {
+    options.all = true;
+  }
+  options.engine.Prepare();
+  options.engine.UseFreePort();
+  if (const std::string failure = options.engine.Start(nullptr); !failure.empty()) {
+    std::cerr << "trel: " << failure << '\n';
+    return kExitFailure;
+  }
+  Survey::Systems systems;
+  if (options.all || options.masters) {
+    systems.merge(Survey::Masters());
+  }
+  if (options.all || options.satellites) {
+    systems.merge(Survey::Satellites());
+  }
+  if (options.json) {
+    PrintJson(systems);
+  } else if (!systems.empty()) {
+    PrintTable(systems);
+  }
+  if (systems.empty()) {
+    std::cerr << "No system was found. " << Advice(options.engine) << '\n';
+  }
+  Trel_CommManager::Terminate();
+  return systems.empty() ? kExitFailure : kExitSuccess;
+}
+
+} // namespace
+
+void AddDiscoverCommand(CLI::App& program, int& exitStatus) {
+  const auto options = std::make_shared<DiscoverOptions>();
+  CLI::App* const discover = program.add_subcommand("discover", "Lists the systems that are on the network");
+  CLI::Option* const all = discover->add_flag("--all", options->all, "List masters and satellites (the default)");
+  discover->add_flag("--masters", options->masters, "List masters only")->excludes(all);
+  discover->add_flag("--satellites", options->satellites, "List satellites only")->excludes(all);
+  options->engine.AddTo(*discover);
+  discover->add_flag("--legacy", options->engine.legacy, "Look for systems with the legacy command numbering");
+  discover->add_flag("--json", options->json, "Print one JSON object for each system");
+  discover->footer(kFooter);
+  discover->callback([options, &exitStatus] { exitStatus = RunDiscover(*options); });
+}
