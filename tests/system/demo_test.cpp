@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -114,17 +116,31 @@ void ExpectWithin(const std::string& what, std::int64_t measured, std::int64_t l
 
 class Demo : public testing::Test {
 protected:
-  ~Demo() override { std::remove(mFile.c_str()); }
+  ~Demo() override {
+    std::remove(mFile.c_str());
+    std::remove(mPage.c_str());
+  }
 
   nlohmann::json Json() const { return nlohmann::json::parse(std::ifstream(mFile)); }
 
+  /// What the report's pictures are drawn from.
+  nlohmann::json PageData() const {
+    std::ifstream file(mPage);
+    const std::string page(std::istreambuf_iterator<char>(file), {});
+    const std::string begin = R"(id="data">)";
+    const std::size_t at = page.find(begin) + begin.size();
+    return nlohmann::json::parse(page.substr(at, page.find('<', at) - at));
+  }
+
   const std::string mFile = testing::TempDir() + "trel_demo_" + std::to_string(getpid()) + ".json";
+  const std::string mPage = testing::TempDir() + "trel_demo_" + std::to_string(getpid()) + ".html";
 };
 
 TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
   for (const std::string numbering : {"current", "legacy"}) {
     SCOPED_TRACE(numbering);
-    std::vector<std::string> arguments = {"demo", "--satellites", "2", "--rounds", "2", "--json", mFile};
+    std::vector<std::string> arguments = {"demo",   "--satellites", "2",        "--rounds", "2",
+                                          "--json", mFile,          "--report", mPage};
     if (numbering == "legacy") {
       arguments.emplace_back("--legacy");
     }
@@ -147,6 +163,7 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
       ExpectWithin(address + " clock error p50, us", error.at("p50"), 200);
       ExpectWithin(address + " clock error p99, us", error.at("p99"), 600);
       EXPECT_GE(error.at("max"), error.at("p99"));
+      EXPECT_GT(satellite.at("error_bound_us").at("p50"), 0);
     }
     ASSERT_EQ(json.at("starts").size(), 2U);
     for (const auto& start : json.at("starts")) {
@@ -158,6 +175,18 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
       const auto [first, last] = std::minmax_element(late.begin(), late.end());
       EXPECT_EQ(start.at("spread_us"), *last - *first);
       ExpectWithin("start spread, us", start.at("spread_us"), 3000);
+    }
+
+    const nlohmann::json page = PageData();
+    ASSERT_EQ(page.at("systems").size(), 3U);
+    for (const auto& system : page.at("systems")) {
+      EXPECT_EQ(system.at("clock").size() > 20, system.at("address") != "127.0.0.2");
+      for (const auto& sample : system.at("clock")) { // time, error, bound, residual
+        EXPECT_TRUE(sample.at(1).is_null() || std::abs(sample.at(1).get<double>()) < 3000) << sample;
+      }
+    }
+    for (std::size_t round = 0; round < 2; ++round) {
+      EXPECT_EQ(page.at("starts").at(round).at("late"), json.at("starts").at(round).at("late_us"));
     }
   }
 }
@@ -215,6 +244,9 @@ TEST_F(Demo, SaysWhatIsWrongWithACommandLine) {
       {{"demo", "--satellites", "65"}, 2, "--satellites"},
       {{"demo", "--rounds", "many"}, 2, "--rounds"},
       {{"demo", "--json", "/no/such/folder/file"}, 1, "/no/such/folder/file"},
+      {{"demo", "--report", "/no/such/folder/page"}, 1, "/no/such/folder/page"},
+      {{"report", "/no/such/recording"}, 1, "/no/such/recording"},
+      {{"report", "/dev/null"}, 1, "no recording"},
   };
   for (const auto& expected : cases) {
     Program program(expected.arguments);

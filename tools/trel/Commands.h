@@ -13,3 +13,4 @@ void AddDiscoverCommand(CLI::App& program, int& exitStatus);
 void AddDoctorCommand(CLI::App& program, int& exitStatus);
 void AddSecretCommand(CLI::App& program, int& exitStatus);
 void AddDemoCommand(CLI::App& program, int& exitStatus);
+void AddReportCommand(CLI::App& program, int& exitStatus);

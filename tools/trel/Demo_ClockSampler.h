@@ -1,5 +1,7 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -13,7 +15,10 @@
 /// the master's running time 0, which is not known here while the samples are taken.
 class Demo_ClockSampler {
 public:
-  explicit Demo_ClockSampler(std::function<void()> onLocked);
+  using OnClock = std::function<void(std::int64_t rawTime, const nlohmann::json& clock)>;
+
+  /// @param onClock takes a sample ten times a second, as Demo_Event::Kind::clock has it; may be empty
+  Demo_ClockSampler(std::function<void()> onLocked, OnClock onClock);
   ~Demo_ClockSampler() { Stop(); }
   Demo_ClockSampler(const Demo_ClockSampler&) = delete;
   Demo_ClockSampler& operator=(const Demo_ClockSampler&) = delete;
@@ -21,12 +26,19 @@ public:
   void Stop();
   /// |predicted running time - true running time| of each sample, microseconds. After Stop.
   std::vector<std::int64_t> Errors(std::int64_t epoch) const;
+  /// What the system took for the largest possible error of each sample, where it could tell. After Stop.
+  const std::vector<std::int64_t>& ErrorBounds() const { return mErrorBounds; }
 
 private:
   void Run();
+  void TakeSample(std::int64_t rawTime);
+  void TellClock(std::int64_t rawTime) const;
 
   std::function<void()> mOnLocked;
+  OnClock mOnClock;
+  bool mHasLocked = false;
   std::vector<std::int64_t> mDifferences; // predicted running time minus raw time
+  std::vector<std::int64_t> mErrorBounds;
   std::mutex mMutex;
   std::condition_variable mStopped;
   bool mStop = false;

@@ -4,6 +4,7 @@
 #include "Demo_NodeOptions.h"
 #include "Demo_Satellite.h"
 #include "ExitStatus.h"
+#include "Report_Page.h"
 
 #include <CLI/CLI.hpp>
 
@@ -14,14 +15,22 @@
 
 namespace {
 
-int RunDemo(const Demo_Coordinator::Options& options, const std::string& jsonFile) {
-  std::ofstream json;
-  if (!jsonFile.empty()) {
-    json.open(jsonFile);
-    if (!json) {
-      throw std::runtime_error("cannot write " + jsonFile);
+// Before the demonstration runs, for nothing else is as annoying afterwards.
+std::ofstream Opened(const std::string& file) {
+  std::ofstream out;
+  if (!file.empty()) {
+    out.open(file);
+    if (!out) {
+      throw std::runtime_error("cannot write " + file);
     }
   }
+  return out;
+}
+
+int RunDemo(Demo_Coordinator::Options options, const std::string& jsonFile, const std::string& reportFile) {
+  std::ofstream json = Opened(jsonFile);
+  std::ofstream report = Opened(reportFile);
+  options.reports = report.is_open();
   Demo_Coordinator coordinator(options, std::cout);
   const int exitStatus = coordinator.Run();
   coordinator.Results().PrintTable(std::cout);
@@ -30,6 +39,13 @@ int RunDemo(const Demo_Coordinator::Options& options, const std::string& jsonFil
     json.close();
     if (!json) {
       throw std::runtime_error("cannot write " + jsonFile);
+    }
+  }
+  if (report.is_open()) {
+    Report_WritePage(report, coordinator.Report());
+    report.close();
+    if (!report) {
+      throw std::runtime_error("cannot write " + reportFile);
     }
   }
   return exitStatus;
@@ -44,6 +60,7 @@ int RunNode(const Demo_NodeOptions& options) {
 void AddDemoCommand(CLI::App& program, int& exitStatus) {
   const auto options = std::make_shared<Demo_Coordinator::Options>();
   const auto jsonFile = std::make_shared<std::string>();
+  const auto reportFile = std::make_shared<std::string>();
   CLI::App* const demo = program.add_subcommand(
       "demo", "Shows several systems on this machine link, correlate their clocks and start together");
   demo->add_option("--satellites", options->satellites, "Number of satellites")
@@ -56,7 +73,9 @@ void AddDemoCommand(CLI::App& program, int& exitStatus) {
       ->check(CLI::Range(1, 65535));
   demo->add_flag("--legacy", options->legacy, "Use the legacy command numbering");
   demo->add_option("--json", *jsonFile, "Write the results to a file")->type_name("FILE");
-  demo->callback([options, jsonFile, &exitStatus] { exitStatus = RunDemo(*options, *jsonFile); });
+  demo->add_option("--report", *reportFile, "Write a page with pictures to a file")->type_name("FILE.html");
+  demo->callback(
+      [options, jsonFile, reportFile, &exitStatus] { exitStatus = RunDemo(*options, *jsonFile, *reportFile); });
 
   const auto nodeOptions = std::make_shared<Demo_NodeOptions>();
   Demo_NodeOptions::AddTo(program, *nodeOptions)->callback([nodeOptions, &exitStatus] {

@@ -60,6 +60,10 @@ Demo_Coordinator::Demo_Coordinator(const Options& options, std::ostream& out)
 
 int Demo_Coordinator::Run() {
   const SignalPipe signals;
+  Record("recording", mStart,
+         {{"title", "Trel demonstration"},
+          {"subtitle", Text(mOptions.satellites, " satellites, ", mOptions.rounds, " rounds, ",
+                            mOptions.legacy ? "legacy" : "current", " numbering, all on one machine")}});
   StartNodes();
   const milliseconds longest = Demo_Master::LongestRun(mOptions.rounds) + kStartMargin;
   TakeEventsUntil([this] { return mIsDone || mNodes.back()->isOver || AreSatellitesOver(); }, longest,
@@ -84,6 +88,8 @@ void Demo_Coordinator::StartNodes() {
   master.rounds = mOptions.rounds;
   master.legacy = mOptions.legacy;
   master.coordinator = getpid();
+  master.tellsClock = mOptions.reports;
+  RecordSystem(master);
   auto masterNode = std::make_unique<Node>(master, program);
   Say(Sys_Clock::RawMicroseconds(), Text(NameOf(master.address), ": process ", masterNode->process.Id(), ", master"));
   for (std::int32_t index = 0; index < mOptions.satellites; ++index) {
@@ -92,6 +98,7 @@ void Demo_Coordinator::StartNodes() {
     satellite.name = Text("Demo Satellite ", index + 1);
     satellite.offsetMilliseconds = OffsetMillisecondsOf(index);
     satellite.driftPPM = DriftOf(index);
+    RecordSystem(satellite);
     mNodes.push_back(std::make_unique<Node>(satellite, program));
     mResults.satellites.push_back({.address = satellite.address,
                                    .name = satellite.name,
@@ -99,7 +106,8 @@ void Demo_Coordinator::StartNodes() {
                                    .driftPPM = satellite.driftPPM,
                                    .linkedMilliseconds = {},
                                    .lockedMilliseconds = {},
-                                   .clockError = {}});
+                                   .clockError = {},
+                                   .errorBound = {}});
     Say(Sys_Clock::RawMicroseconds(),
         Text(NameOf(satellite.address), ": process ", mNodes.back()->process.Id(), ", satellite, its clock is ",
              satellite.offsetMilliseconds / 1000, " s off and drifts by ", satellite.driftPPM, " ppm"));
@@ -188,9 +196,13 @@ void Demo_Coordinator::Take(const Demo_Event& event, Node& node) {
   case Kind::failure:
     Fail(event.rawTime, NameOf(node.options.address) + ": " + event.text);
     break;
+  case Kind::clock:
+    TakeClock(event);
+    break;
   case Kind::clockError:
     if (satellite != nullptr) {
       satellite->clockError = event.clockError;
+      satellite->errorBound = event.errorBound;
     }
     break;
   case Kind::done:
@@ -201,10 +213,23 @@ void Demo_Coordinator::Take(const Demo_Event& event, Node& node) {
   }
 }
 
+void Demo_Coordinator::TakeClock(const Demo_Event& event) {
+  nlohmann::json fields = event.clock;
+  fields["address"] = NameOf(event.address);
+  if (fields.contains("error_us")) {
+    fields["error_us"] = fields["error_us"].get<std::int64_t>() + mEpoch;
+  }
+  Record("clock", event.rawTime, fields);
+}
+
 void Demo_Coordinator::TakeStart(const Demo_Event& event) {
   for (Demo_Results::Start& start : mResults.starts) {
     if (start.agreedRunningTime == event.value) {
       start.late[event.address] = event.rawTime - mEpoch - event.value;
+      Record("start", event.rawTime,
+             {{"address", NameOf(event.address)},
+              {"requested_running_time_us", event.value},
+              {"late_us", start.late[event.address]}});
     }
   }
 }
@@ -296,12 +321,33 @@ double Demo_Coordinator::MillisecondsSinceStart(std::int64_t rawTime) const {
   return static_cast<double>(rawTime - mStart) / 1000;
 }
 
+void Demo_Coordinator::Record(const char* event, std::int64_t rawTime, nlohmann::json fields) {
+  if (mOptions.reports) {
+    fields["event"] = event;
+    fields["time_us"] = rawTime;
+    mReport.Take(fields);
+  }
+}
+
+void Demo_Coordinator::RecordSystem(const Demo_NodeOptions& options) {
+  Record("system", mStart,
+         {{"address", NameOf(options.address)},
+          {"name", options.name},
+          {"role", options.IsMaster() ? "master" : "satellite"}});
+}
+
 void Demo_Coordinator::Say(std::int64_t rawTime, const std::string& text) {
+  Record("note", rawTime, {{"text", text}});
+  Print(rawTime, text);
+}
+
+void Demo_Coordinator::Print(std::int64_t rawTime, const std::string& text) {
   mOut << '[' << std::fixed << std::setprecision(3) << std::setw(8) << MillisecondsSinceStart(rawTime) / 1000 << " s] "
        << text << std::endl;
 }
 
 void Demo_Coordinator::Fail(std::int64_t rawTime, const std::string& text) {
   mResults.failures.push_back(text);
-  Say(rawTime, "FAILED: " + text);
+  Record("failure", rawTime, {{"text", text}});
+  Print(rawTime, "FAILED: " + text);
 }

@@ -4,6 +4,7 @@
 #include "Demo_NodeOptions.h"
 #include "Demo_Process.h"
 #include "Demo_Results.h"
+#include "Report_Collector.h"
 
 #include <chrono>
 #include <cstdint>
@@ -21,6 +22,7 @@ public:
     std::int32_t rounds = 5;
     std::uint16_t port = 0; ///< 0: the default port, or a free one when that is taken
     bool legacy = false;
+    bool reports = false; ///< collects what a report shows
   };
 
   /// What happens is told on `out`.
@@ -29,6 +31,7 @@ public:
   /// @return an ExitStatus
   int Run();
   const Demo_Results& Results() const { return mResults; }
+  const Report_Data& Report() const { return mReport.Data(); }
 
 private:
   struct Node {
@@ -46,6 +49,7 @@ private:
   template <class Predicate>
   void TakeEventsUntil(Predicate isOver, std::chrono::milliseconds timeOut, const char* whatFails);
   void Take(const Demo_Event& event, Node& node);
+  void TakeClock(const Demo_Event& event);
   void TakeStart(const Demo_Event& event);
   void SayStarts(const Demo_Event& roundOver);
   void TakeEnd(Node& node);
@@ -58,13 +62,18 @@ private:
   Node& FindNode(std::uint32_t address);
   Demo_Results::Satellite* FindSatellite(std::uint32_t address);
   double MillisecondsSinceStart(std::int64_t rawTime) const;
+  /// For the report; needs no more than the fields that are particular to the event.
+  void Record(const char* event, std::int64_t rawTime, nlohmann::json fields);
+  void RecordSystem(const Demo_NodeOptions& options);
   void Say(std::int64_t rawTime, const std::string& text);
+  void Print(std::int64_t rawTime, const std::string& text);
   void Fail(std::int64_t rawTime, const std::string& text);
 
   const Options mOptions;
   std::ostream& mOut;
   const std::int64_t mStart; // raw time
   Demo_Results mResults;
+  Report_Collector mReport;
   std::vector<std::unique_ptr<Node>> mNodes; // the master last: see TakeEventsUntil
   std::int64_t mEpoch = 0;                   // raw time of running time 0
   bool mIsDone = false;                      // all rounds are over

@@ -23,11 +23,12 @@ NLOHMANN_JSON_SERIALIZE_ENUM(Demo_Event::Kind, {
                                                    {Demo_Event::Kind::roundOver, "round_over"},
                                                    {Demo_Event::Kind::lost, "lost"},
                                                    {Demo_Event::Kind::failure, "failure"},
+                                                   {Demo_Event::Kind::clock, "clock"},
                                                    {Demo_Event::Kind::clockError, "clock_error"},
                                                    {Demo_Event::Kind::done, "done"},
                                                })
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Demo_Percentiles, p50, p99, max)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Demo_Event, kind, rawTime, address, value, text, clockError)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Demo_Event, kind, rawTime, address, value, text, clockError, errorBound, clock)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Demo_Finish, epoch)
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include "Demo_Statistics.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -11,19 +13,20 @@
 struct Demo_Event {
   enum class Kind {
     unknown,
-    listening,  ///< master: the engine runs; value: raw time of running time 0
-    linked,     ///< satellite: connected to the master
-    locked,     ///< satellite: its clock is locked for the first time
-    unlocked,   ///< master: the satellite `address` reports that its clock is locked no longer
-    settling,   ///< master: all clocks are locked; value: microseconds until the first round
-    primed,     ///< master: everybody has been told to prime; value: number of the round, from 1
-    ready,      ///< master: `address` has completed priming
-    start,      ///< master: everybody has been told to start; value: the running time agreed on
-    started,    ///< all: rawTime is the actual start; value: the running time agreed on
-    roundOver,  ///< master: all reports of the round are there, or will not come
-    lost,       ///< the connection with `address` has ended; text: why
-    failure,    ///< text: what did not happen
-    clockError, ///< satellite: clockError holds the figures
+    listening, ///< master: the engine runs; value: raw time of running time 0
+    linked,    ///< satellite: connected to the master
+    locked,    ///< satellite: its clock is locked for the first time
+    unlocked,  ///< master: the satellite `address` reports that its clock is locked no longer
+    settling,  ///< master: all clocks are locked; value: microseconds until the first round
+    primed,    ///< master: everybody has been told to prime; value: number of the round, from 1
+    ready,     ///< master: `address` has completed priming
+    start,     ///< master: everybody has been told to start; value: the running time agreed on
+    started,   ///< all: rawTime is the actual start; value: the running time agreed on
+    roundOver, ///< master: all reports of the round are there, or will not come
+    lost,      ///< the connection with `address` has ended; text: why
+    failure,   ///< text: what did not happen
+    clock, ///< satellite: a sample of its clock; its fields as Report_ClockFields has them, but error_us: plus raw time
+    clockError, ///< satellite: clockError and errorBound hold the figures
     done,       ///< master: all rounds are over
   };
 
@@ -33,6 +36,8 @@ struct Demo_Event {
   std::int64_t value = 0;
   std::string text = {};
   Demo_Percentiles clockError = {};
+  Demo_Percentiles errorBound = {};
+  nlohmann::json clock = {};
 
   std::string ToLine() const;
   /// Nothing for a line that is no event.

@@ -27,6 +27,9 @@ std::vector<std::string> Demo_NodeOptions::ToArguments(const std::string& progra
   if (legacy) {
     arguments.emplace_back("--legacy");
   }
+  if (tellsClock) {
+    arguments.emplace_back("--tell-clock");
+  }
   return arguments;
 }
 
@@ -43,5 +46,6 @@ CLI::App* Demo_NodeOptions::AddTo(CLI::App& program, Demo_NodeOptions& options) 
   command->add_option("--rounds", options.rounds)->required();
   command->add_option("--coordinator", options.coordinator)->required();
   command->add_flag("--legacy", options.legacy);
+  command->add_flag("--tell-clock", options.tellsClock);
   return command;
 }

@@ -53,10 +53,11 @@ std::int64_t Demo_Results::Start::Spread() const { return Demo_SpreadOf(Lateness
 
 void Demo_Results::PrintTable(std::ostream& out) const {
   constexpr double kMicrosecondsPerHour = 3.6e9;
-  out << "\nClock error against the truth, microseconds; linked and locked since the start of the demonstration\n"
+  out << "\nClock error against the truth, median of its bound, microseconds; linked and locked since the start of the "
+         "demonstration\n"
       << std::left << std::setw(13) << "address" << std::setw(19) << "name" << std::right << std::setw(11) << "offset"
       << std::setw(9) << "drift" << std::setw(11) << "linked" << std::setw(11) << "locked" << std::setw(7) << "p50"
-      << std::setw(7) << "p99" << std::setw(7) << "max" << '\n';
+      << std::setw(7) << "p99" << std::setw(7) << "max" << std::setw(8) << "bound" << '\n';
   for (const Satellite& satellite : satellites) {
     out << std::left << std::setw(13) << Sys_Socket::DecodeIPAddress(satellite.address) << std::setw(19)
         << satellite.name << std::right << std::setw(11)
@@ -66,6 +67,7 @@ void Demo_Results::PrintTable(std::ostream& out) const {
     if (satellite.clockError) {
       out << std::setw(7) << satellite.clockError->p50 << std::setw(7) << satellite.clockError->p99 << std::setw(7)
           << satellite.clockError->max;
+      out << std::setw(8) << (satellite.errorBound ? std::to_string(satellite.errorBound->p50) : "-");
     } else {
       out << "  not measured";
     }
@@ -105,7 +107,8 @@ void Demo_Results::WriteJson(std::ostream& out) const {
                                   {"drift_ppm", satellite.driftPPM},
                                   {"linked_ms", ToJson(satellite.linkedMilliseconds)},
                                   {"locked_ms", ToJson(satellite.lockedMilliseconds)},
-                                  {"clock_error_us", ToJson(satellite.clockError)}});
+                                  {"clock_error_us", ToJson(satellite.clockError)},
+                                  {"error_bound_us", ToJson(satellite.errorBound)}});
   }
   for (const Start& start : starts) {
     Json late = Json::object();

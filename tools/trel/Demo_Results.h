@@ -19,6 +19,7 @@ struct Demo_Results {
     std::optional<double> linkedMilliseconds; ///< since the start of the demonstration, as the next one
     std::optional<double> lockedMilliseconds;
     std::optional<Demo_Percentiles> clockError;
+    std::optional<Demo_Percentiles> errorBound; ///< what the satellite took for the largest possible clock error
   };
   struct Start {
     std::int64_t agreedRunningTime = 0;

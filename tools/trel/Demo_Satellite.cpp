@@ -46,14 +46,23 @@ int Demo_Satellite::Run() {
   }
   Emit({.kind = Demo_Event::Kind::linked});
 
-  Demo_ClockSampler sampler([this] { Emit({.kind = Demo_Event::Kind::locked}); });
+  Demo_ClockSampler::OnClock onClock;
+  if (mOptions.tellsClock) {
+    onClock = [this](std::int64_t rawTime, const nlohmann::json& clock) {
+      Emit({.kind = Demo_Event::Kind::clock, .rawTime = rawTime, .clock = clock});
+    };
+  }
+  Demo_ClockSampler sampler([this] { Emit({.kind = Demo_Event::Kind::locked}); }, onClock);
   IdleUntil(SteadyClock::time_point::max(), [this] { return mFinish || mNetworkError; });
   sampler.Stop();
   const auto finish = Locked(mFinish);
   if (finish) {
     const auto errors = sampler.Errors(finish->epoch);
     if (!errors.empty()) {
-      Emit({.kind = Demo_Event::Kind::clockError, .clockError = Demo_PercentilesOf(errors)});
+      const auto& bounds = sampler.ErrorBounds();
+      Emit({.kind = Demo_Event::Kind::clockError,
+            .clockError = Demo_PercentilesOf(errors),
+            .errorBound = bounds.empty() ? Demo_Percentiles() : Demo_PercentilesOf(bounds)});
     }
     Trel_CommManager::Disconnect(mOptions.master);
   } else {
