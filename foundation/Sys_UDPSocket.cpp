@@ -135,7 +135,7 @@ Sys_UDPSocket::Result Sys_UDPSocket::Receive(std::span<std::byte> buffer, std::i
   }
 }
 
-bool Sys_UDPSocket::SetOption(int option, bool value) {
+bool Sys_UDPSocket::SetOption(int option, bool value) const {
   const int number = value ? 1 : 0;
   return setsockopt(mDescriptor, SOL_SOCKET, option, &number, sizeof number) == 0;
 }

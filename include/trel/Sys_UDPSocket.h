@@ -49,7 +49,7 @@ public:
   std::any& Attachment() { return mAttachment; }
 
 private:
-  bool SetOption(int option, bool value);
+  bool SetOption(int option, bool value) const;
 
   int mDescriptor = -1;
   bool mReusesAddress = false;

@@ -5,6 +5,7 @@
 
 #include "tcpe/protocol/TCPE_DiscoveryCodec.h"
 #include "tests/support/PeerSystem.h"
+#include "tests/support/SharedSecretFile.h"
 #include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
@@ -177,6 +178,34 @@ TEST_F(DiscoveryTest, AReplyFromElsewhereDoesNotMakeASatelliteAvailable) {
   EXPECT_EQ(isAvailable, false);
   EXPECT_STREQ(system.GetSystemName(), "foreign");
   EXPECT_EQ(system.GetIPAddress(), kOtherPeerAddress);
+}
+
+TEST_F(DiscoveryTest, OnlyThoseWhoShareTheSecretFindEachOther) {
+  const SharedSecretFile file;
+  const std::string secret = "the secret of the studio";
+  file.Set(secret);
+  PeerSystem friendly(kPeerAddress);
+  file.Set("another secret of a studio");
+  PeerSystem foreign(kOtherPeerAddress);
+  file.Set("");
+  TestSystem open(0);
+  ASSERT_EQ(friendly.Status() + foreign.Status() + open.Start(), 0);
+  friendly.SetSystemName("friendly");
+  for (TCPE_CommManager* system : std::initializer_list<TCPE_CommManager*>{&friendly, &foreign, &open}) {
+    system->SetIsSatellite(true);
+  }
+  file.Set(secret);
+  StartHost(false);
+  Trel_System remembered;
+  remembered.SetIPAddress(kOtherPeerAddress);
+  Systems systems{{remembered, true}};
+  Trel_CommManager::GetSatelliteList(&systems);
+  EXPECT_EQ(Texts(systems), "127.0.0.3 friendly 0 available; 127.0.0.4  0 available; ");
+  EXPECT_EQ(foreign.GetCounters().unauthenticDatagrams, 1U);
+  EXPECT_EQ(open.GetCounters().unauthenticDatagrams, 1U);
+  EXPECT_FALSE(foreign.Connect(kHostAddress));
+  Trel_CommManager::GetSatelliteList(&systems);
+  EXPECT_EQ(Texts(systems), "127.0.0.3 friendly 0 available; ") << "who failed to authenticate is removed";
 }
 
 TEST_F(DiscoveryTest, WithoutAQuestionOrAnEngineNothingIsWaitedFor) {

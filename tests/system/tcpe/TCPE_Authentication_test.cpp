@@ -1,31 +1,25 @@
 #include <trel/SPSStartupOption.h>
 
+#include "tests/support/SharedSecretFile.h"
 #include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace {
 
 /// Two systems; each takes the secret that is in the file when it starts.
 class TCPE_Authentication : public testing::Test {
 protected:
-  ~TCPE_Authentication() override {
-    SPSSetStartupOption("SharedSecretFile", nullptr);
-    SPSSetStartupOption("AuthenticationFailureSeconds", nullptr);
-    std::filesystem::remove(mFile);
-  }
+  ~TCPE_Authentication() override { SPSSetStartupOption("AuthenticationFailureSeconds", nullptr); }
   std::int32_t Start(TestSystem& system, const std::string& secret) {
-    std::ofstream(mFile) << secret << '\n';
-    std::filesystem::permissions(mFile, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-    SPSSetStartupOption("SharedSecretFile", secret.empty() ? nullptr : mFile.c_str());
+    mFile.Set(secret);
     return system.Start();
   }
 
   const std::string mSecret = "the secret of the studio";
-  const std::string mFile = testing::TempDir() + "trel-shared-secret-" + std::to_string(getpid());
+  const SharedSecretFile mFile;
   TestSystem mA{0};
   TestSystem mB{1};
 };
@@ -33,9 +27,9 @@ protected:
 TEST_F(TCPE_Authentication, ASecretThatOthersCanReadIsRefused) {
   ASSERT_EQ(Start(mA, mSecret), eTCPE_Status_Success);
   mA.Terminate();
-  std::filesystem::permissions(mFile, std::filesystem::perms::group_read, std::filesystem::perm_options::add);
+  std::filesystem::permissions(mFile.Name(), std::filesystem::perms::group_read, std::filesystem::perm_options::add);
   EXPECT_EQ(mA.Start(), eTCPE_Status_SharedSecret);
-  EXPECT_THAT(mA.GetInitializationReport(), testing::HasSubstr(mFile + " is open to other users"));
+  EXPECT_THAT(mA.GetInitializationReport(), testing::HasSubstr(mFile.Name() + " is open to other users"));
   EXPECT_FALSE(mA.IsInitialized());
 }
 
