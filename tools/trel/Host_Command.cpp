@@ -1,0 +1,61 @@
+#include "Commands.h"
+#include "ExitStatus.h"
+#include "Host_EventSink.h"
+#include "Host_Events.h"
+#include "Host_JsonSink.h"
+#include "Host_Node.h"
+#include "Host_Options.h"
+#include "Host_WordsSink.h"
+
+#include <trel/SPSStartupOption.h>
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr const char* kFooter =
+    "Type commands, one a line; help lists them. They may come from a file or a pipe too: then lines that\n"
+    "start with # are comments, the end of the input ends the program, and the exit status is 1 when a\n"
+    "command could not be carried out. Ctrl-C leaves the link in good order.\n"
+    "\n"
+    "Examples:\n"
+    "  trel host --master --name Stage              on one machine\n"
+    "  trel host --satellite --name \"Machine room\"  on each of the others: it searches for the master\n"
+    "  trel host --satellite --connect 192.168.1.10 the same, when the master is not found by itself\n"
+    "\n"
+    "  printf 'wait linked 2\\nwait locked\\nprime\\nwait primed\\nstart in 500ms\\nwait played\\n' |\n"
+    "    trel host --master --json                  a script: two satellites start with the master\n"
+    "\n"
+    "All systems on one machine:\n"
+    "  trel host --master --address 127.0.0.2\n"
+    "  trel host --satellite --address 127.0.0.3 --connect 127.0.0.2";
+
+int RunHost(const Host_Options& options) {
+  if (options.maxSatellites != 0) {
+    SPSSetStartupOption("MaxNumberSatellites", std::to_string(options.maxSatellites).c_str());
+  }
+  options.engine.Prepare();
+  std::vector<std::unique_ptr<Host_EventSink>> sinks;
+  if (options.json) {
+    sinks.push_back(std::make_unique<Host_JsonSink>());
+  } else {
+    sinks.push_back(std::make_unique<Host_WordsSink>(options.verbose));
+  }
+  Host_Events events(std::move(sinks));
+  return Host_Node(options, events).Run();
+}
+
+} // namespace
+
+void AddHostCommand(CLI::App& program, int& exitStatus) {
+  const auto options = std::make_shared<Host_Options>();
+  CLI::App* const host = program.add_subcommand("host", "Runs a system of the link that you command by hand");
+  options->AddTo(*host);
+  host->footer(kFooter);
+  host->callback([options, &exitStatus] { exitStatus = RunHost(*options); });
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+struct Host_Event;
+
+/// Takes everything that a host tells, in order, one at a time, on the thread of Host_Events. It may block: then
+/// events wait, and the host goes on.
+class Host_EventSink {
+public:
+  Host_EventSink() = default;
+  virtual ~Host_EventSink() = default;
+  Host_EventSink(const Host_EventSink&) = delete;
+  Host_EventSink& operator=(const Host_EventSink&) = delete;
+
+  virtual void Take(const Host_Event& event) = 0;
+};

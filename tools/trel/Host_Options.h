@@ -1,0 +1,25 @@
+#pragma once
+
+#include "EngineOptions.h"
+
+#include <cstdint>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+/// The command line of `trel host`.
+struct Host_Options {
+  EngineOptions engine;
+  bool isMaster = false;
+  bool isSatellite = false;
+  std::string name;
+  std::uint32_t masterAddress = 0; ///< satellite: 0 searches
+  std::int32_t maxSatellites = 0;  ///< 0: as the start-up option says
+  bool mesh = false;
+  bool json = false;
+  bool verbose = false;
+
+  void AddTo(CLI::App& command);
+};
