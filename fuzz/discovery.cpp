@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::size_t longestQuery = 0;
   while (!input.IsEmpty()) {
     const std::uint8_t operation = input.U8();
-    const TCPE_DiscoveryResponder::Asker asker{operation >> 4U, 1000};
+    const TCPE_DiscoveryResponder::Asker asker{std::uint32_t{operation} >> 4U, 1000};
     const bool wasBroadcast = (operation & 8U) != 0;
     const auto receive = [&](const std::vector<std::byte>& datagram) {
       longestQuery = std::max(longestQuery, datagram.size());

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
 namespace {
@@ -63,8 +64,9 @@ TEST(TCPE_DiscoveryCodec, WritesTheseBytes) {
   for (const auto& test : cases) {
     const Codec codec = Make(test.isCurrent);
     const auto expected = [&test](const std::string& flagsAndSystemTypes, const std::string& payload) {
-      const std::string bytes = FromHex(
-          (test.start + (' ' + flagsAndSystemTypes) + ' ' + test.type + " 01020304 00000000 " + payload).c_str());
+      std::ostringstream text;
+      text << test.start << ' ' << flagsAndSystemTypes << ' ' << test.type << " 01020304 00000000 " << payload;
+      const std::string bytes = FromHex(text.str().c_str());
       const auto frame = std::as_bytes(std::span(bytes));
       std::vector<std::byte> sealed(frame.begin(), frame.end());
       TCPE_SealFrame(sealed);
