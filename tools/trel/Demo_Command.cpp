@@ -72,6 +72,9 @@ void AddDemoCommand(CLI::App& program, int& exitStatus) {
   demo->add_option("--port", options->port, "Communication port [28282, or a free one when that is taken]")
       ->check(CLI::Range(1, 65535));
   demo->add_flag("--legacy", options->legacy, "Use the legacy command numbering");
+  demo->add_option("--pcap", options->captureFile,
+                   "Write what the master sends and receives to a capture file for a network analyser")
+      ->type_name("FILE");
   demo->add_option("--json", *jsonFile, "Write the results to a file")->type_name("FILE");
   demo->add_option("--report", *reportFile, "Write a page with pictures to a file")->type_name("FILE.html");
   demo->callback(

@@ -87,6 +87,7 @@ void Demo_Coordinator::StartNodes() {
   master.satellites = mOptions.satellites;
   master.rounds = mOptions.rounds;
   master.legacy = mOptions.legacy;
+  master.captureFile = mOptions.captureFile;
   master.coordinator = getpid();
   master.tellsClock = mOptions.reports;
   RecordSystem(master);
@@ -94,6 +95,7 @@ void Demo_Coordinator::StartNodes() {
   Say(Sys_Clock::RawMicroseconds(), Text(NameOf(master.address), ": process ", masterNode->process.Id(), ", master"));
   for (std::int32_t index = 0; index < mOptions.satellites; ++index) {
     Demo_NodeOptions satellite = master;
+    satellite.captureFile.clear();
     satellite.address += static_cast<std::uint32_t>(index) + 1;
     satellite.name = Text("Demo Satellite ", index + 1);
     satellite.offsetMilliseconds = OffsetMillisecondsOf(index);

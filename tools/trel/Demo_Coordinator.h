@@ -22,7 +22,8 @@ public:
     std::int32_t rounds = 5;
     std::uint16_t port = 0; ///< 0: the default port, or a free one when that is taken
     bool legacy = false;
-    bool reports = false; ///< collects what a report shows
+    bool reports = false;    ///< collects what a report shows
+    std::string captureFile; ///< of what the master sends and receives; empty: none
   };
 
   /// What happens is told on `out`.

@@ -9,6 +9,8 @@
 #include <trel/Trel_CommPreferences.h>
 #include <trel/Trel_Init.h>
 
+#include <stdexcept>
+
 #include <sys/types.h>
 
 Demo_Node* Demo_Node::sNode = nullptr;
@@ -42,6 +44,14 @@ void Demo_Node::Prepare() {
 }
 
 bool Demo_Node::StartEngine() {
+  if (!mOptions.captureFile.empty()) {
+    try {
+      mCapture.emplace(mOptions.captureFile).CaptureEngine();
+    } catch (const std::runtime_error& error) {
+      EmitFailure(error.what());
+      return false;
+    }
+  }
   Trel_CommPreferences* const preferences = Trel_CommPreferences::Inst();
   preferences->SetLocalInterfaceAddress(mOptions.address);
   preferences->SetCommunicationPort(mOptions.port);
@@ -55,7 +65,12 @@ bool Demo_Node::StartEngine() {
   return status == eTCPE_Status_Success;
 }
 
-void Demo_Node::StopEngine() { Trel_CommManager::Terminate(); }
+void Demo_Node::StopEngine() {
+  Trel_CommManager::Terminate();
+  if (mCapture && !mCapture->IsComplete()) {
+    EmitFailure("cannot write all of " + mOptions.captureFile);
+  }
+}
 
 void Demo_Node::Emit(Demo_Event event) {
   if (event.rawTime == 0) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Capture_Writer.h"
 #include "Demo_Event.h"
 #include "Demo_NodeOptions.h"
 
@@ -73,4 +74,5 @@ private:
 
   static Demo_Node* sNode;
   Demo_EventWriter mEvents;
+  std::optional<Capture_Writer> mCapture;
 };

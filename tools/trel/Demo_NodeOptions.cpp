@@ -30,6 +30,9 @@ std::vector<std::string> Demo_NodeOptions::ToArguments(const std::string& progra
   if (tellsClock) {
     arguments.emplace_back("--tell-clock");
   }
+  if (!captureFile.empty()) {
+    arguments.push_back("--pcap=" + captureFile);
+  }
   return arguments;
 }
 
@@ -47,5 +50,6 @@ CLI::App* Demo_NodeOptions::AddTo(CLI::App& program, Demo_NodeOptions& options) 
   command->add_option("--coordinator", options.coordinator)->required();
   command->add_flag("--legacy", options.legacy);
   command->add_flag("--tell-clock", options.tellsClock);
+  command->add_option("--pcap", options.captureFile);
   return command;
 }

@@ -20,6 +20,7 @@ struct Demo_NodeOptions {
   std::int32_t rounds = 0;
   bool legacy = false;
   bool tellsClock = false;      ///< all through the run, for a report
+  std::string captureFile;      ///< empty: none
   std::int64_t coordinator = 0; ///< process identifier
 
   bool IsMaster() const { return address == master; }
