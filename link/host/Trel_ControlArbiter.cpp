@@ -42,7 +42,7 @@ void Trel_ControlArbiter::SystemGone(std::uint32_t address, bool isLost) {
   if (address != mHolder) {
     return;
   }
-  if (mPhase == Phase::settled) {
+  if (mPhase == Phase::settled || mPhase == Phase::named) {
     FallBack(presence);
   } else {
     mHolderPresence = presence;
@@ -64,7 +64,7 @@ void Trel_ControlArbiter::WaitOver() {
 void Trel_ControlArbiter::Name(std::uint32_t holder) {
   mHolder = holder;
   mHolderPresence = Presence::there;
-  mPhase = Phase::announcing;
+  mPhase = Phase::named;
 }
 
 void Trel_ControlArbiter::FallBack(Presence holder) {

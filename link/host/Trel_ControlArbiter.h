@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 
 /// The master's part in handing control over: one transition at a time, and nobody is named before the last holder has
@@ -27,8 +28,10 @@ public:
   /// A system is not in the link any more, or has come anew, without control. `isLost`: it may not know yet.
   void SystemGone(std::uint32_t address, bool isLost);
 
-  /// Somebody is to be announced to all: GetHolder(). Announced follows when all have acknowledged or are given up.
-  bool MustAnnounce() const { return mPhase == Phase::announcing; }
+  /// GetHolder() is to be announced to all: BeginAnnouncement when that begins, Announced when all have acknowledged or
+  /// are given up. Meanwhile nobody may be linked anew.
+  bool MustAnnounce() const { return mPhase == Phase::named; }
+  void BeginAnnouncement() { mPhase = Phase::announcing; }
   void Announced();
   /// A lost holder may still think that it has control; WaitOver follows when it cannot any more.
   bool MustWait() const { return mPhase == Phase::waiting; }
@@ -37,8 +40,10 @@ public:
   /// 0 while a lost holder is waited for.
   std::uint32_t GetHolder() const { return mHolder; }
 
+  auto operator<=>(const Trel_ControlArbiter&) const = default;
+
 private:
-  enum class Phase : std::uint8_t { settled, asking, announcing, waiting };
+  enum class Phase : std::uint8_t { settled, asking, named, announcing, waiting };
   enum class Presence : std::uint8_t { there, hasLeft, isLost };
 
   void Name(std::uint32_t holder);
@@ -47,9 +52,9 @@ private:
 
   std::uint32_t mMaster;
   std::uint32_t mHolder;
-  std::uint32_t mAsker = 0;         // while asking
-  std::uint32_t mLostHolder = 0;    // while waiting
-  Phase mPhase = Phase::announcing; // the master itself
+  std::uint32_t mAsker = 0;      // while asking
+  std::uint32_t mLostHolder = 0; // while waiting
+  Phase mPhase = Phase::named;   // the master itself
   // What has become of them during a transition.
   Presence mHolderPresence = Presence::there;
   bool mIsAskerThere = true;

@@ -23,10 +23,12 @@ bool Trel_ControlState::LetGo(Ticket ticket) {
   return true;
 }
 
-void Trel_ControlState::Announce(std::uint32_t holder, bool isThisOne) {
+bool Trel_ControlState::Announce(std::uint32_t holder, bool isThisOne) {
+  const bool isNews = mHolder != holder || mHasControl != isThisOne || holder == 0;
   mHolder = holder;
   mHasControl = isThisOne;
   ++mAnnouncements;
+  return isNews;
 }
 
 void Trel_ControlState::LoseLink() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <optional>
 
@@ -26,10 +27,13 @@ public:
   /// False when somebody was announced while the host made up its mind: that answer is too late.
   bool LetGo(Ticket ticket);
 
-  /// A system was announced as the one in control; address 0 when it is not known by one.
-  void Announce(std::uint32_t holder, bool isThisOne);
+  /// A system was announced as the one in control; address 0 when it is not known by one. True when it is another one
+  /// than was known.
+  bool Announce(std::uint32_t holder, bool isThisOne);
   /// The link is gone, and control with it.
   void LoseLink();
+
+  auto operator<=>(const Trel_ControlState&) const = default;
 
 private:
   std::uint32_t mHolder = 0;

@@ -359,13 +359,15 @@ void Trel_LinkMaster::AnnounceControl() {
   }
   std::set<std::uint32_t> addresses;
   const auto holder = WithLink([&](Link& link) {
+    link.mArbiter.BeginAnnouncement();
     addresses = link.mRoster.GetLinkedAddresses();
     return link.mRoster.Find(link.mArbiter.GetHolder());
   });
   if (holder) {
+    bool isNews = false;
     const auto announceHere = [&] {
-      mView.WithControl([&](Trel_ControlState& control) {
-        control.Announce(holder->GetIPAddress(), holder->GetIPAddress() == mAddress);
+      isNews = mView.WithControl([&](Trel_ControlState& control) {
+        return control.Announce(holder->GetIPAddress(), holder->GetIPAddress() == mAddress);
       });
     };
     // In ascending order, but the new holder last: when it knows, everybody knows.
@@ -383,9 +385,16 @@ void Trel_LinkMaster::AnnounceControl() {
     } else {
       TellWhoIsInControl(holder->GetIPAddress(), *holder);
     }
-    Tell(Kind::control, holder->GetIPAddress(), Texts::Name(*holder) + " is in control.", 0, holder->GetUniqueID());
+    if (isNews) {
+      Tell(Kind::control, holder->GetIPAddress(), Texts::Name(*holder) + " is in control.", 0, holder->GetUniqueID());
+    }
   }
-  WithLink([](Link& link) { link.mArbiter.Announced(); });
+  WithLink([&holder](Link& link) {
+    if (!holder) { // it was unlinked just when it got control
+      link.mArbiter.SystemGone(link.mArbiter.GetHolder(), true);
+    }
+    link.mArbiter.Announced();
+  });
 }
 
 void Trel_LinkMaster::TellWhoIsInControl(std::uint32_t address, const Trel_System& holder) {

@@ -9,6 +9,7 @@
 #include <trel/host/Trel_LinkSession.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 /// What a session does as a master, or as a satellite. The On operations run on handler threads of the engine: they
@@ -78,12 +79,14 @@ Trel_LinkSession::ControlAnswer Trel_LinkRole::AskForControl(Ask ask) {
   using ControlAnswer = Trel_LinkSession::ControlAnswer;
   constexpr std::int64_t kLongestAnnouncement = 7'000'000; // time-outs of dead systems included
   std::uint64_t losses = 0;
-  const bool mayAsk = mView.WithControl([&losses](Trel_ControlState& control) {
+  const auto answer = mView.WithControl([&losses](Trel_ControlState& control) {
     losses = control.GetLosses();
-    return control.BeginRequest();
+    return control.HasControl()     ? std::optional(ControlAnswer::granted)
+           : control.BeginRequest() ? std::nullopt
+                                    : std::optional(ControlAnswer::busy);
   });
-  if (!mayAsk) {
-    return ControlAnswer::busy;
+  if (answer) {
+    return *answer;
   }
   if (ask()) {
     mView.WaitForControl(kLongestAnnouncement, [losses](const Trel_ControlState& control) {

@@ -414,7 +414,11 @@ void Trel_LinkSatellite::OnSystemInControl(const Trel_Cmd_SystemInControl& comma
   if (isHere && !mIsLinked) {
     return; // meant for what was here before
   }
-  mView.WithControl([holder, isHere](Trel_ControlState& control) { control.Announce(holder, isHere); });
+  const bool isNews =
+      mView.WithControl([holder, isHere](Trel_ControlState& control) { return control.Announce(holder, isHere); });
+  if (!isNews) {
+    return;
+  }
   mWorker.Post(mMaster, [this, holder, uniqueID, isHere] {
     Tell(Kind::control, holder,
          (isHere        ? "This system"

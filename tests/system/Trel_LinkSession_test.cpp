@@ -1,0 +1,278 @@
+#include <trel/Trel.h>
+#include <trel/host/Trel_LinkSession.h>
+
+#include "tests/support/Hex.h"
+#include "tests/support/NumberingTest.h"
+#include "tests/support/PeerSystem.h"
+#include "tests/support/ReportCollector.h"
+#include "tests/support/TestSystem.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Kind = Trel_LinkSession::EventKind;
+using ControlAnswer = Trel_LinkSession::ControlAnswer;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// A session of this process, and peers that play the other side by hand.
+class LinkSessionTest : public NumberingTest {
+protected:
+  void TearDown() override {
+    mSession.reset();
+    mPeers.clear();
+    Trel_CommManager::Terminate();
+    NumberingTest::TearDown();
+  }
+
+  void StartSession(Trel_LinkSession::Settings settings) {
+    settings.mOnEvent = [this](const Trel_LinkSession::Event& event) {
+      const std::lock_guard lock(mMutex);
+      mEvents.push_back(event);
+    };
+    mSession.emplace(std::move(settings));
+    Trel_CommPreferences preferences = TestPreferences(kHostAddress);
+    Trel_CommManager::SetSystemName("Stage");
+    Trel_CommManager::SetUniqueID(7);
+    ASSERT_EQ(Trel_CommManager::Initialize(&preferences, &Trel_LinkSession::OnNetworkError), 0);
+    ASSERT_TRUE(mSession->Start());
+  }
+  PeerSystem& AddPeer(std::uint32_t address, std::int32_t uniqueID) {
+    PeerSystem& peer = *mPeers.emplace_back(std::make_unique<PeerSystem>(address));
+    EXPECT_EQ(peer.Status(), 0);
+    peer.SetUniqueID(uniqueID);
+    peer.SetSystemName(("Peer " + std::to_string(uniqueID)).c_str());
+    return peer;
+  }
+  template <class Command>
+  static TCPE_CommErr Send(PeerSystem& from, Command&& command, std::uint32_t to = kHostAddress) {
+    command.SetIPAddressTo(to);
+    from.SendCommand(&command);
+    return command.GetError();
+  }
+
+  std::vector<Trel_LinkSession::Event> Events(Kind kind) {
+    const std::lock_guard lock(mMutex);
+    std::vector<Trel_LinkSession::Event> events;
+    std::copy_if(mEvents.begin(), mEvents.end(), std::back_inserter(events),
+                 [kind](const auto& event) { return event.mKind == kind; });
+    return events;
+  }
+  /// The text of the n-th event of a kind; waits for it.
+  std::string TextOf(Kind kind, std::size_t n = 1) {
+    return Eventually([&] { return Events(kind).size() >= n; }) ? Events(kind)[n - 1].mText : "nothing has happened";
+  }
+
+  /// A peer connects and goes through the sequence up to what is particular to the mesh.
+  void Join(PeerSystem& peer, std::int32_t place, const std::string& uniqueIDOrAddress) {
+    ASSERT_TRUE(peer.Connect(kHostAddress));
+    EXPECT_EQ(peer.Next(), "SetMasterSystem IPAddress=127.0.0.2");
+    EXPECT_EQ(peer.Next(), "SetOrderNumber OrderNumber=" + std::to_string(place) + ' ' + uniqueIDOrAddress);
+    EXPECT_THAT(peer.Next(), StartsWith("ListSystems"));
+  }
+  void ExpectControlOf(PeerSystem& peer, const std::string& place, const std::string& uniqueID,
+                       const std::string& address) {
+    if (IsCurrent()) {
+      EXPECT_EQ(peer.Next(), "SetOrderNumber OrderNumber=" + place + " UniqueID=" + uniqueID);
+      EXPECT_EQ(peer.Next(), "SystemInControl UniqueID=" + uniqueID);
+    } else {
+      EXPECT_EQ(peer.Next(), "SystemInControl SystemInControl=" + address);
+    }
+  }
+
+  std::optional<Trel_LinkSession> mSession;
+  std::vector<std::unique_ptr<PeerSystem>> mPeers;
+
+private:
+  std::mutex mMutex;
+  std::vector<Trel_LinkSession::Event> mEvents;
+};
+
+INSTANTIATE_NUMBERING_TESTS(LinkSessionTest);
+
+TEST_P(LinkSessionTest, MasterTakesSatellitesThroughTheSequence) {
+  StartSession({.mIsMaster = true, .mWantsMesh = true});
+  PeerSystem& first = AddPeer(kPeerAddress, 8);
+  Join(first, 2, IsCurrent() ? "UniqueID=8" : "IPAddress=127.0.0.3");
+  if (IsCurrent()) {
+    EXPECT_EQ(first.Next(), "AllConnectionsComplete");
+  }
+  EXPECT_FALSE(mSession->IsLinked());
+  EXPECT_EQ(Send(first, Trel_Cmd_ConnectComplete()), eTCPE_CommErr_None);
+  EXPECT_TRUE(mSession->IsLinked());
+  EXPECT_THAT(first.Next(), StartsWith("SystemInControl") | StartsWith("SetOrderNumber OrderNumber=1 UniqueID=7"));
+  if (IsCurrent()) {
+    EXPECT_EQ(first.Next(), "SystemInControl UniqueID=7");
+  }
+  EXPECT_THAT(first.Next(), StartsWith("ListSystems"));
+
+  PeerSystem& second = AddPeer(kOtherPeerAddress, 9);
+  Join(second, 3, IsCurrent() ? "UniqueID=9" : "IPAddress=127.0.0.4");
+  if (IsCurrent()) {
+    EXPECT_THAT(second.Next(), StartsWith("ConnectTo ConnectToIPAddress=127.0.0.3 ConnectToPort=28390 UniqueSystemID=8 "
+                                          "SystemName=\"Peer 8\" Hostname="));
+    Trel_Cmd_ConnectToComplete done;
+    done.SetConnectionIDIP(kPeerAddress);
+    done.SetSuccess(true);
+    EXPECT_FALSE(second.HasReceived()) << "before it is connected to all";
+    Send(second, done);
+    EXPECT_EQ(second.Next(), "AllConnectionsComplete");
+    EXPECT_EQ(TextOf(Kind::meshConnected), "Peer 9 at 127.0.0.4 is connected to Peer 8 at 127.0.0.3.");
+  } else {
+    EXPECT_EQ(second.Next(), "ConnectTo ConnectToIPAddress=127.0.0.3");
+  }
+  EXPECT_EQ(Send(second, Trel_Cmd_ConnectComplete()), eTCPE_CommErr_None);
+  EXPECT_EQ(mSession->GetLinkedAddresses(), (std::set{kPeerAddress, kOtherPeerAddress}));
+  EXPECT_THAT(first.Next(), StartsWith("ListSystems")) << "the list has changed for all";
+
+  Trel_Cmd_GetSystemInformation information;
+  EXPECT_EQ(Send(first, information), eTCPE_CommErr_None);
+  EXPECT_STREQ(information.GetName(), "Stage");
+  EXPECT_EQ(information.GetOrderNumber(), 1);
+  EXPECT_EQ(information.GetUniqueID(), IsCurrent() ? 7 : 0);
+}
+
+TEST_P(LinkSessionTest, MasterRefusesLoudly) {
+  StartSession({.mIsMaster = true});
+  Trel_CommManager::SetMaxNumberSatellites(1);
+  PeerSystem& first = AddPeer(kPeerAddress, 8);
+  Join(first, 2, IsCurrent() ? "UniqueID=8" : "IPAddress=127.0.0.3");
+
+  PeerSystem& second = AddPeer(kOtherPeerAddress, 8);
+  EXPECT_TRUE(second.Connect(kHostAddress));
+  if (IsCurrent()) {
+    EXPECT_THAT(second.Next(), StartsWith("ListSystems") & HasSubstr("127.0.0.3") & Not(HasSubstr("127.0.0.4")));
+    EXPECT_THAT(TextOf(Kind::refused), HasSubstr("identifier 8") & HasSubstr("already used by Peer 8 at 127.0.0.3"));
+  } else {
+    EXPECT_THAT(TextOf(Kind::refused), HasSubstr("as many satellites as allowed are linked, 1."));
+  }
+  EXPECT_EQ(second.Next(), "Disconnect");
+  second.SetUniqueID(9);
+  EXPECT_TRUE(second.Connect(kHostAddress));
+  EXPECT_EQ(second.Next(), "Disconnect");
+  EXPECT_THAT(TextOf(Kind::refused, 2), HasSubstr("as many satellites as allowed are linked, 1."));
+  Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(false);
+  EXPECT_TRUE(second.Connect(kHostAddress));
+  EXPECT_EQ(second.Next(), "Disconnect");
+  EXPECT_THAT(TextOf(Kind::refused, 3), HasSubstr("Allow satellites to connect"));
+  EXPECT_TRUE(Trel_CommManager::IsConnected(kPeerAddress));
+}
+
+TEST_P(LinkSessionTest, SatelliteGoesThroughTheSequenceAndTakesControl) {
+  PeerSystem& master = AddPeer(kPeerAddress, 8);
+  PeerSystem& other = AddPeer(kOtherPeerAddress, 9);
+  StartSession({.mMasterAddress = kPeerAddress});
+  EXPECT_THAT(master.Next(), StartsWith("Connect "));
+  EXPECT_EQ(mSession->RequestControl(), ControlAnswer::noLink);
+
+  Send(master, Trel_Cmd_SetMasterSystem(kPeerAddress));
+  Send(master, Trel_Cmd_SetOrderNumber(5, 0)); // without identifier or address: the receiver's own
+  Trel_Cmd_ListSystems list;
+  std::vector<Trel_System> systems(2);
+  systems[0].SetIPAddress(kHostAddress);
+  systems[0].SetOrderNumber(5);
+  systems[1].SetIPAddress(kPeerAddress);
+  systems[1].SetOrderNumber(1);
+  list.SetSystems(systems);
+  Send(master, list);
+  Trel_Cmd_ConnectTo connectTo;
+  connectTo.SetConnectToIPAddress(kOtherPeerAddress);
+  connectTo.SetUniqueSystemID(9); // its port is left out: that of the link
+  Send(master, connectTo);
+  EXPECT_THAT(other.Next(), StartsWith("Connect "));
+  if (IsCurrent()) {
+    EXPECT_THAT(other.Next(),
+                StartsWith("DoConnectTo SystemName=\"Stage\"") & HasSubstr("UniqueSystemIDFrom=7 UniqueSystemIDTo=9"));
+    Trel_Cmd_DoConnectToComplete done;
+    done.SetSuccess(true);
+    Send(other, done);
+    EXPECT_THAT(master.Next(), StartsWith("ConnectToComplete Success=1 ConnectionIDIP=127.0.0.4"));
+    EXPECT_FALSE(master.HasReceived());
+    Send(master, Trel_Cmd_AllConnectionsComplete());
+  }
+  EXPECT_EQ(master.Next(), "ConnectComplete");
+  EXPECT_TRUE(Eventually([this] { return mSession->IsLinked(); }));
+  EXPECT_EQ(Trel_CommManager::GetMasterSystemIPAddress(), kPeerAddress);
+  EXPECT_EQ(TextOf(Kind::orderNumber), "This system has place 5.");
+  EXPECT_EQ(mSession->GetSystems().at(1).GetIPAddress(), kHostAddress);
+  EXPECT_EQ(mSession->GetLinkedAddresses(), (std::set{kPeerAddress, kOtherPeerAddress}));
+
+  master.SetReply(FromHex("00"));
+  EXPECT_EQ(mSession->RequestControl(), ControlAnswer::busy);
+  EXPECT_EQ(master.Next(), "RequestControl");
+  master.SetReply(FromHex("01"));
+  std::jthread asks([this] { EXPECT_EQ(mSession->RequestControl(), ControlAnswer::granted); });
+  EXPECT_EQ(master.Next(), "RequestControl");
+  Trel_Cmd_RequestControl letGo;
+  EXPECT_EQ(Send(master, letGo), eTCPE_CommErr_None);
+  EXPECT_FALSE(letGo.GetHasControl()) << "while its own request is pending";
+  EXPECT_FALSE(mSession->HasControl()) << "by the reply alone";
+  Trel_Cmd_SystemInControl inControl;
+  inControl.SetUniqueID(7);
+  inControl.SetSystemInControl(kHostAddress);
+  EXPECT_EQ(Send(other, inControl), eTCPE_CommErr_None);
+  EXPECT_FALSE(mSession->HasControl()) << "by the word of one that is not its master";
+  Send(master, inControl);
+  asks.join();
+  EXPECT_TRUE(mSession->HasControl());
+  Send(master, letGo);
+  EXPECT_TRUE(letGo.GetHasControl());
+  EXPECT_FALSE(mSession->HasControl());
+}
+
+TEST_P(LinkSessionTest, SatelliteComesBackWithGrowingPauses) {
+  const auto findMasters = [](std::map<Trel_System, bool>* masters) {
+    for (const std::uint32_t address : {kOtherPeerAddress, kPeerAddress, kHostAddress - 1}) {
+      Trel_System master;
+      master.SetIPAddress(address);
+      masters->emplace(master, address >= kPeerAddress);
+    }
+  };
+  StartSession({.mFirstPause = 20'000, .mLongestPause = 80'000, .mFindMasters = findMasters});
+  EXPECT_THAT(TextOf(Kind::masterFound), StartsWith("Found the master 127.0.0.3.") & HasSubstr("127.0.0.4") &
+                                             HasSubstr("127.0.0.1 (not available)"));
+  TextOf(Kind::waiting, 4);
+  std::int64_t longest = 20'000;
+  for (const Trel_LinkSession::Event& event : Events(Kind::waiting)) {
+    EXPECT_LE(event.mValue, longest);
+    EXPECT_GE(event.mValue, longest * 3 / 4);
+    longest = std::min<std::int64_t>(2 * longest, 80'000);
+  }
+  PeerSystem& master = AddPeer(kPeerAddress, 8);
+  EXPECT_THAT(master.Next(), StartsWith("Connect "));
+  master.Disconnect(kHostAddress);
+  EXPECT_THAT(TextOf(Kind::refused), StartsWith("Refused by 127.0.0.3: it has as many satellites as it allows"));
+  EXPECT_THAT(master.Next(), StartsWith("Connect "));
+  Trel_Cmd_ListSystems rivals;
+  std::vector<Trel_System> systems(1);
+  systems[0].SetIPAddress(kOtherPeerAddress);
+  systems[0].SetSystemName("Studio B");
+  rivals.SetSystems(systems);
+  Send(master, rivals);
+  master.Disconnect(kHostAddress);
+  EXPECT_THAT(TextOf(Kind::refused, 2), HasSubstr("identifier 7 is already used by Studio B at 127.0.0.4."));
+  EXPECT_GE(Events(Kind::waiting).back().mValue, 60'000);
+}
+
+TEST_P(LinkSessionTest, ThereIsOneSessionAtATime) {
+  StartSession({.mIsMaster = true});
+  const ReportCollector reports;
+  Trel_LinkSession second({});
+  EXPECT_FALSE(second.Start());
+  EXPECT_EQ(second.RequestControl(), ControlAnswer::noLink);
+  EXPECT_EQ(mSession->RequestControl(), ControlAnswer::granted) << "alone, a master has control";
+  EXPECT_EQ(reports.Texts().size(), 1U);
+}
+
+} // namespace
