@@ -65,13 +65,13 @@ public:
     bool mReconnects = true;                ///< satellite: comes back after a failure or a loss
     std::int64_t mFirstPause = 250'000;     ///< before it does; doubled each time ...
     std::int64_t mLongestPause = 5'000'000; ///< ... up to this; up to a quarter is taken off at random
-    std::function<void(const Event&)> mOnEvent;
+    std::function<void(const Event&)> mOnEvent{};
     /// Whether this system, in control, lets go when another system asks. `asker` is the address of the system that
     /// wants control, or, on a satellite, of the master that asks for it. Empty: always. Called on a handler thread or
     /// on that of RequestControl; answer within a second.
-    std::function<bool(std::uint32_t asker)> mMayGiveControl;
+    std::function<bool(std::uint32_t asker)> mMayGiveControl{};
     /// Searches the network for masters, true: available. Empty: Trel_CommManager::GetMasterSystemsList.
-    std::function<void(std::map<Trel_System, bool>* masters)> mFindMasters;
+    std::function<void(std::map<Trel_System, bool>* masters)> mFindMasters{};
   };
 
   /// Registers the handlers.
