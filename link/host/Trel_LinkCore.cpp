@@ -81,20 +81,22 @@ bool Trel_LinkCore::Start() {
   if (!Trel_CommManager::IsInitialized()) {
     return false;
   }
-  const bool isMaster = mSettings.mIsMaster;
-  const bool isFirst = mWorker.Start(
-      [this, isMaster] {
-        Trel_CommManager::SetIsSatellite(!isMaster);
-        Trel_CommManager::SetIsMasterClock(isMaster);
-        Trel_CommManager::SetSystemType(isMaster ? eTCPE_SystemType_Master : eTCPE_SystemType_Satellite);
-        Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(isMaster);
-        mRole->Begin();
-      },
-      [this](std::int64_t now) { return mRole->Tick(now); }, [this] { mRole->End(); });
-  if (!isFirst) {
+  const std::lock_guard lock(mStartMutex);
+  if (mWorker.IsRunning()) {
     mRole->Resume();
+    return true;
   }
-  return true;
+  const bool isMaster = mSettings.mIsMaster;
+  Trel_CommManager::SetIsSatellite(!isMaster);
+  Trel_CommManager::SetIsMasterClock(isMaster);
+  Trel_CommManager::SetSystemType(isMaster ? eTCPE_SystemType_Master : eTCPE_SystemType_Satellite);
+  mRole->Begin();
+  Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(isMaster);
+  const bool isStarted = mWorker.Start([this](std::int64_t now) { return mRole->Tick(now); }, [this] { mRole->End(); });
+  if (!isStarted) {
+    mRole->End();
+  }
+  return isStarted;
 }
 
 void Trel_LinkCore::OnNetworkError(ETCPE_NetworkError error, std::uint32_t address) {

@@ -49,5 +49,6 @@ private:
   const Trel_LinkSession::Settings mSettings;
   Trel_LinkView mView;
   Trel_LinkWorker mWorker;
+  std::mutex mStartMutex;
   std::unique_ptr<Trel_LinkRole> mRole;
 };

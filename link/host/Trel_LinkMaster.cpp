@@ -42,8 +42,14 @@ void Trel_LinkMaster::Begin() {
   {
     const std::lock_guard lock(mMutex);
     mLink.emplace(Link{Trel_SystemRoster(local), Trel_ControlArbiter(mAddress)});
+    // Alone, the master is in control from the start.
+    mLink->mArbiter.BeginAnnouncement();
+    mView.WithControl([this](Trel_ControlState& control) { control.Announce(mAddress, true); });
+    mLink->mArbiter.Announced();
   }
   Publish();
+  mWorker.Post(
+      [this, local] { Tell(Kind::control, mAddress, Texts::Name(local) + " is in control.", 0, local.GetUniqueID()); });
 }
 
 void Trel_LinkMaster::End() {

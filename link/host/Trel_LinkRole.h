@@ -26,6 +26,7 @@ public:
   Trel_LinkRole(const Trel_LinkRole&) = delete;
   Trel_LinkRole& operator=(const Trel_LinkRole&) = delete;
 
+  /// Before the worker runs, on the thread that starts it.
   virtual void Begin() = 0;
   virtual std::int64_t Tick(std::int64_t now) = 0;
   virtual void End() = 0;

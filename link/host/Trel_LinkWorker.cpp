@@ -27,14 +27,13 @@ void Trel_LinkWorker::PostChange(std::uint32_t peer, Task task) {
   Push(peer, std::move(task));
 }
 
-bool Trel_LinkWorker::Start(Task begin, Tick tick, Task end) {
+bool Trel_LinkWorker::Start(Tick tick, Task end) {
   const std::lock_guard lock(mThreadMutex);
   if (mThread.joinable()) {
     return false;
   }
   try {
-    mThread = std::thread([this, begin = std::move(begin), tick = std::move(tick), end = std::move(end)] {
-      begin();
+    mThread = std::thread([this, tick = std::move(tick), end = std::move(end)] {
       Run(tick);
       end();
     });
@@ -42,6 +41,11 @@ bool Trel_LinkWorker::Start(Task begin, Tick tick, Task end) {
     return false;
   }
   return true;
+}
+
+bool Trel_LinkWorker::IsRunning() {
+  const std::lock_guard lock(mThreadMutex);
+  return mThread.joinable();
 }
 
 void Trel_LinkWorker::Stop() {

@@ -28,8 +28,9 @@ public:
   /// A task of the host's.
   void Post(Task task) { Post(0, std::move(task)); }
 
-  /// Runs `begin`, then what has been posted already. False when it runs already, or the system has no thread.
-  bool Start(Task begin, Tick tick, Task end);
+  /// Begins with what has been posted already. False when it runs already, or the system has no thread.
+  bool Start(Tick tick, Task end);
+  bool IsRunning();
   /// Runs `end` and returns when the thread has ended.
   void Stop();
 

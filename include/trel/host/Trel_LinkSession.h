@@ -87,7 +87,7 @@ public:
 
   /// Sets role and type of this system (a master holds the master clock and allows satellites to connect) and starts.
   /// Started already, it ends the staying away that DisconnectSystem began.
-  /// @return false before Trel_CommManager::Initialize
+  /// @return false before Trel_CommManager::Initialize, and when the system has no thread to give
   bool Start();
   /// Leaves the link in order and returns when the thread has ended. That takes as long as an attempt to connect that
   /// is under way, 11 s at the most; after Trel_CommManager::Terminate it takes no time.
