@@ -39,7 +39,7 @@ private:
   struct End {
     std::uint32_t address;
     std::uint16_t port;
-    auto operator<=>(const End&) const = default;
+    bool operator<(const End& other) const { return std::tie(address, port) < std::tie(other.address, other.port); }
   };
   /// A TCP connection: what the next byte of each side is numbered.
   struct Connection {
