@@ -82,6 +82,9 @@ Capture_Writer::Capture_Writer(const std::string& file)
 }
 
 Capture_Writer::~Capture_Writer() {
+  if (mIsTapping) {
+    Trel_CommManager::SetByteTap(nullptr);
+  }
   while (!mConnections.empty()) {
     Close(mConnections.begin());
   }
@@ -89,6 +92,7 @@ Capture_Writer::~Capture_Writer() {
 }
 
 void Capture_Writer::CaptureEngine() {
+  mIsTapping = true;
   Trel_CommManager::SetByteTap(
       [](const TCPE_TappedBytes& tapped, void* writer) {
         try {

@@ -23,12 +23,12 @@ class Capture_Writer {
 public:
   /// @throws std::runtime_error when the file cannot be written
   explicit Capture_Writer(const std::string& file);
-  /// Ends the connections that are still open.
+  /// Ends the tap, and the connections that are still open.
   ~Capture_Writer();
   Capture_Writer(const Capture_Writer&) = delete;
   Capture_Writer& operator=(const Capture_Writer&) = delete;
 
-  /// Taps the engine from now on, until it is terminated; lives longer than that.
+  /// Taps the engine from now on. Terminated first, the engine's farewells are in the file too.
   void CaptureEngine();
   /// One thread at a time.
   void Write(const TCPE_TappedBytes& tapped);
@@ -64,6 +64,7 @@ private:
   std::vector<std::byte> mPackets;       // to be written at once
   std::size_t mSize = 0;                 // of the file
   Connections mConnections;
+  bool mIsTapping = false;
   std::uint32_t mConnectionsSoFar = 0;
   std::uint16_t mLastIdentification = 0;
 };

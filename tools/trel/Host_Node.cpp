@@ -19,6 +19,7 @@
 #include <iostream>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -58,6 +59,10 @@ int Host_Node::Run() {
     exitStatus = Converse();
   }
   LeaveLink();
+  if (mCapture && !mCapture->IsComplete()) {
+    mEvents.Tell({.kind = "error", .text = "cannot write all of " + mOptions.captureFile});
+    exitStatus = exitStatus == kExitSuccess ? kExitFailure : exitStatus;
+  }
   mEvents.Tell({.kind = "ended", .text = "ended", .isDetail = true});
   return exitStatus;
 }
@@ -65,6 +70,14 @@ int Host_Node::Run() {
 bool Host_Node::StartEngine() {
   const std::string name = mOptions.name.empty() ? DefaultName() : mOptions.name;
   Trel_CommManager::SetSystemName(name.c_str());
+  if (!mOptions.captureFile.empty()) {
+    try {
+      mCapture.emplace(mOptions.captureFile).CaptureEngine();
+    } catch (const std::runtime_error& error) {
+      mEvents.Tell({.kind = "error", .text = error.what()});
+      return false;
+    }
+  }
   const std::string failure = mOptions.engine.Start(&Trel_LinkSession::OnNetworkError);
   if (!failure.empty()) {
     mEvents.Tell({.kind = "error", .text = failure});

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Capture_Writer.h"
 #include "Host_Clock.h"
 #include "Host_Console.h"
 #include "Host_Input.h"
@@ -11,6 +12,7 @@
 #include "Host_Transport.h"
 
 #include <functional>
+#include <optional>
 #include <stop_token>
 
 class Host_Events;
@@ -56,6 +58,7 @@ private:
 
   const Host_Options mOptions;
   Host_Events& mEvents;
+  std::optional<Capture_Writer> mCapture;
   Host_State mState;
   Host_Clock mClock;
   Host_Link mLink;

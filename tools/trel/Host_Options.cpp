@@ -60,6 +60,10 @@ void Host_Options::AddTo(CLI::App& command) {
       ->check(CLI::Range(1, kMostSatellites));
   command.add_flag("--mesh", mesh, "Connect the satellites with each other too, not only with the master");
   command.add_flag("--legacy", engine.legacy, "Use the legacy command numbering; all systems need the same");
+  command
+      .add_option("--pcap", captureFile,
+                  "Write what this system sends and receives to a capture file for a network analyser")
+      ->type_name("FILE");
   command.add_flag("--json", json, "Write one JSON object for each event and answer");
   command.add_flag("--verbose", verbose, "Tell more");
 }
