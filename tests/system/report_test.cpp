@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -60,7 +61,7 @@ protected:
       const std::string name = system == 0 ? kHostileName : "System " + std::to_string(system + 1);
       Record({{"address", address}, {"name", name}, {"role", "satellite"}}, "system", 0);
       Record({{"address", 7}, {"state", {}}}, "clock", 0);
-      Record({{"address", address}, {"requested_running_time_us", 1e300}, {"late_us", "x"}}, "start", 0);
+      Record({{"address", address}, {"running_time", 1e300}, {"late_us", "x"}}, "started", 0);
       for (int sample = 0; sample < 6'000; ++sample) {
         const bool isPeak = sample == 3'001;
         Record({{"address", address},
@@ -74,12 +75,22 @@ protected:
                "clock", sample / 10.0);
       }
       for (int round = 0; round < kRounds; ++round) {
-        Record({{"address", address}, {"requested_running_time_us", 1'000'000 * round}, {"late_us", 10 * system - 20}},
-               "start", 100 + round);
+        Record({{"address", address}, {"running_time", 1'000'000 * round}, {"late_us", 10 * system - 20}}, "started",
+               100 + round);
       }
     }
     Record({{"text", kHostileName}}, "failure", 600);
     mRecording.close();
+  }
+
+  /// What the pictures of the report of a recording are drawn from.
+  json Data(const std::string& name) const {
+    RunShell(TREL_PROGRAM " report " + mFolder + '/' + name);
+    std::ifstream file(mFolder + '/' + name + ".html");
+    const std::string page(std::istreambuf_iterator<char>(file), {});
+    const std::string begin = R"(id="data">)";
+    const std::size_t at = page.find(begin) + begin.size();
+    return json::parse(page.substr(at, page.find('<', at) - at));
   }
 
   const std::string mFolder = testing::TempDir() + "trel_report_" + std::to_string(getpid());
@@ -117,6 +128,32 @@ TEST_F(Report, PageHoldsWhatWasRecordedAndShowsItInABrowser) {
   EXPECT_EQ(Count(dom, "<g class=\"mark\""), kRounds * kSystems);
   EXPECT_EQ(Count(dom, "<button "), kSystems);
   EXPECT_EQ(Count(dom, "class=\"empty\""), 0);
+}
+
+TEST_F(Report, HostsRecordTheirClockAndTheStarts) {
+  const auto host = [this](const std::string& commands, const std::string& role, const std::string& name) {
+    return "printf '" + commands + "' | timeout 60 " TREL_PROGRAM " host --port 28371 --json --record " + mFolder +
+           "/" + name + " --name " + name + " --" + role;
+  };
+  const std::string satellite =
+      host("wait locked\\nwait played\\n", "satellite", "room") + " --address 127.0.0.12 --connect 127.0.0.11";
+  const std::string master =
+      host("wait linked 1\\nwait locked\\nprime\\nwait primed\\nstart in 500ms\\nwait played\\n", "master", "stage") +
+      " --address 127.0.0.11";
+  int status = -1;
+  const std::string output = RunShell("(" + satellite + " & " + master + "; wait) 2>&1", &status);
+  ASSERT_EQ(status, 0) << output;
+  EXPECT_EQ(Data("stage").at("starts").at(0).at("late").size(), 2U) << output;
+  for (const std::string name : {"room", "stage"}) {
+    const json data = Data(name);
+    const auto room = std::find_if(data.at("systems").begin(), data.at("systems").end(),
+                                   [](const json& system) { return system.at("name") == "room"; });
+    ASSERT_NE(room, data.at("systems").end());
+    EXPECT_EQ(room->at("clock").size() > 2, name == "room");
+    EXPECT_EQ(room->at("roundTrips").empty(), name == "stage");
+    EXPECT_GE(room->at("states").size(), 1U);
+    EXPECT_EQ(data.at("starts").size(), 1U);
+  }
 }
 
 } // namespace

@@ -228,10 +228,9 @@ void Demo_Coordinator::TakeStart(const Demo_Event& event) {
   for (Demo_Results::Start& start : mResults.starts) {
     if (start.agreedRunningTime == event.value) {
       start.late[event.address] = event.rawTime - mEpoch - event.value;
-      Record("start", event.rawTime,
-             {{"address", NameOf(event.address)},
-              {"requested_running_time_us", event.value},
-              {"late_us", start.late[event.address]}});
+      Record(
+          "started", event.rawTime,
+          {{"address", NameOf(event.address)}, {"running_time", event.value}, {"late_us", start.late[event.address]}});
     }
   }
 }

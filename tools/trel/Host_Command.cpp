@@ -5,12 +5,14 @@
 #include "Host_JsonSink.h"
 #include "Host_Node.h"
 #include "Host_Options.h"
+#include "Host_RecordSink.h"
 #include "Host_WordsSink.h"
 
 #include <trel/SPSStartupOption.h>
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -42,9 +44,12 @@ int RunHost(const Host_Options& options) {
   options.engine.Prepare();
   std::vector<std::unique_ptr<Host_EventSink>> sinks;
   if (options.json) {
-    sinks.push_back(std::make_unique<Host_JsonSink>());
+    sinks.push_back(std::make_unique<Host_JsonSink>(std::cout));
   } else {
     sinks.push_back(std::make_unique<Host_WordsSink>(options.verbose));
+  }
+  if (!options.recording.empty()) {
+    sinks.push_back(std::make_unique<Host_RecordSink>(options.recording));
   }
   Host_Events events(std::move(sinks));
   return Host_Node(options, events).Run();

@@ -2,8 +2,6 @@
 
 #include "Host_Event.h"
 
-#include <iostream>
-
 void Host_JsonSink::Take(const Host_Event& event) {
   using Json = nlohmann::ordered_json;
   if (event.kind == "prompt") {
@@ -17,5 +15,5 @@ void Host_JsonSink::Take(const Host_Event& event) {
     json[name] = value;
   }
   // Names come from the network: what is no UTF-8 is replaced.
-  std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
+  mOut << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
 }

@@ -2,8 +2,14 @@
 
 #include "Host_EventSink.h"
 
-/// Writes each event as one JSON object on a line of standard output.
+#include <ostream>
+
+/// Writes each event as one JSON object on a line.
 class Host_JsonSink : public Host_EventSink {
 public:
+  explicit Host_JsonSink(std::ostream& out) : mOut(out) {}
   void Take(const Host_Event& event) override;
+
+private:
+  std::ostream& mOut;
 };

@@ -66,4 +66,5 @@ void Host_Options::AddTo(CLI::App& command) {
       ->type_name("FILE");
   command.add_flag("--json", json, "Write one JSON object for each event and answer");
   command.add_flag("--verbose", verbose, "Tell more");
+  command.add_option("--record", recording, "Record what happens to a file, for trel report")->type_name("FILE");
 }

@@ -21,6 +21,7 @@ struct Host_Options {
   bool mesh = false;
   bool json = false;
   bool verbose = false;
+  std::string recording; ///< file; empty: none
 
   void AddTo(CLI::App& command);
 };

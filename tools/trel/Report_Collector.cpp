@@ -17,15 +17,25 @@ std::string TextOf(const Json& event, const char* name) {
   return value != event.end() && value->is_string() ? value->get<std::string>() : std::string();
 }
 
+bool IsTrue(const Json& event, const char* name) {
+  const auto value = event.find(name);
+  return value != event.end() && value->is_boolean() && value->get<bool>();
+}
+
 std::optional<double> NumberOf(const Json& event, const char* name) {
   const auto value = event.find(name);
   return value != event.end() && value->is_number() ? std::optional(value->get<double>()) : std::nullopt;
 }
 
-std::optional<std::int64_t> WholeNumberOf(const Json& event, const char* name) {
+std::optional<std::int64_t> WholeNumber(const Json& value) {
   constexpr double kMost = 1e15; // 30 years in microseconds: differences and sums do not overflow
-  const auto value = NumberOf(event, name);
-  return value && std::abs(*value) <= kMost ? std::optional(std::llround(*value)) : std::nullopt;
+  return value.is_number() && std::abs(value.get<double>()) <= kMost ? std::optional(std::llround(value.get<double>()))
+                                                                     : std::nullopt;
+}
+
+std::optional<std::int64_t> WholeNumberOf(const Json& event, const char* name) {
+  const auto value = event.find(name);
+  return value != event.end() ? WholeNumber(*value) : std::nullopt;
 }
 
 /// Three digits are enough for a picture, and bound the number of values.
@@ -65,29 +75,28 @@ void Report_Collector::Take(const Json& event) {
     mData.subtitle = TextOf(event, "subtitle");
     return;
   }
-  Report_Data::System* const system = SystemOf(event);
-  if (system != nullptr && kind == "system") {
-    const std::string name = TextOf(event, "name");
-    system->name = name.empty() ? system->name : name;
-    system->role = TextOf(event, "role");
-  } else if (system != nullptr && kind == "clock") {
-    TakeClock(*system, event, *time);
-  } else if (system != nullptr && kind == "lock") {
-    const auto locked = event.find("locked");
-    const bool isLocked = locked != event.end() && locked->is_boolean() && locked->get<bool>();
-    TakeState(*system, *time, isLocked ? "locked" : "lost", "as the system says");
-  } else if (system != nullptr && kind == "round_trip") {
-    if (const auto roundTrip = WholeNumberOf(event, "round_trip_us")) {
-      ++system->roundTrips[Rounded(*roundTrip)];
-    }
-  } else if (system != nullptr && kind == "start") {
-    TakeStart(*system, event, *time);
+  if (kind == "ready") {
+    mRecorder = TextOf(event, "address");
+    mData.subtitle = "Recorded by " + TextOf(event, "name") + ", " + TextOf(event, "role");
   }
-  TakeNote(event, *time, kind == "failure");
+  if (Report_Data::System* const system = SystemOf(event)) {
+    TakeSystem(*system, event);
+    if (kind == "clock") {
+      TakeClock(*system, event, *time);
+    } else if (kind == "started") {
+      TakeStart(system->address, event, event.value("late_us", Json()), *time);
+    } else if ((kind == "left" || kind == "lost") && system->clock.empty() && !system->states.empty()) {
+      TakeState(*system, *time, "lost", "the link has ended");
+    }
+  }
+  if (kind == "together") {
+    TakeStarts(event, *time);
+  }
+  TakeNote(event, *time, kind == "failure" || kind == "lost" || kind == "start_failed");
 }
 
 Report_Data::System* Report_Collector::SystemOf(const Json& event) {
-  const std::string address = TextOf(event, "address");
+  const std::string address = event.contains("address") ? TextOf(event, "address") : mRecorder;
   if (address.empty()) {
     return nullptr;
   }
@@ -102,7 +111,20 @@ Report_Data::System* Report_Collector::SystemOf(const Json& event) {
   return &mData.systems.emplace_back(Report_Data::System{.address = address, .name = address});
 }
 
+void Report_Collector::TakeSystem(Report_Data::System& system, const Json& event) {
+  const std::string name = TextOf(event, "name");
+  const std::string role = TextOf(event, "role");
+  system.name = name.empty() ? system.name : name;
+  system.role = role.empty() ? system.role : role;
+}
+
 void Report_Collector::TakeClock(Report_Data::System& system, const Json& event, std::int64_t time) {
+  if (!event.contains("state")) {
+    if (system.clock.empty()) { // otherwise more is known of it
+      TakeState(system, time, IsTrue(event, "locked") || IsTrue(event, "on") ? "locked" : "lost", "as it says itself");
+    }
+    return;
+  }
   system.clock.push_back({.time = time,
                           .error = NumberOf(event, "error_us"),
                           .bound = NumberOf(event, "error_bound_us"),
@@ -131,9 +153,22 @@ void Report_Collector::TakeState(Report_Data::System& system, std::int64_t time,
   system.stateEnd = time;
 }
 
-void Report_Collector::TakeStart(const Report_Data::System& system, const Json& event, std::int64_t time) {
-  const auto requested = WholeNumberOf(event, "requested_running_time_us");
-  const auto late = WholeNumberOf(event, "late_us");
+void Report_Collector::TakeStarts(const Json& event, std::int64_t time) {
+  const auto late = event.find("late_us");
+  if (late == event.end() || !late->is_object()) {
+    return;
+  }
+  for (const auto& [address, value] : late->items()) {
+    if (const Report_Data::System* const system = SystemOf({{"address", address}})) {
+      TakeStart(system->address, event, value, time);
+    }
+  }
+}
+
+void Report_Collector::TakeStart(const std::string& address, const Json& event, const Json& lateValue,
+                                 std::int64_t time) {
+  const auto requested = WholeNumberOf(event, "running_time");
+  const auto late = WholeNumber(lateValue);
   if (!requested || !late) {
     return;
   }
@@ -146,7 +181,7 @@ void Report_Collector::TakeStart(const Report_Data::System& system, const Json& 
     mData.starts.push_back({.time = time, .runningTime = *requested});
     start = mData.starts.rbegin();
   }
-  start->late[system.address] = *late;
+  start->late[address] = *late;
 }
 
 void Report_Collector::TakeNote(const Json& event, std::int64_t time, bool isFailure) {

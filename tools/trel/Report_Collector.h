@@ -14,11 +14,12 @@
 /// |---|---|
 /// | recording | title, subtitle |
 /// | system | address, name, role |
+/// | ready | the same: of the system that records; what has no address concerns it |
 /// | clock | address, state, reason, those of Report_ClockFields; error_us where the true running time is known |
-/// | lock | address, locked: where no more is known of a clock |
-/// | round_trip | address, round_trip_us |
-/// | start | address, requested_running_time_us, late_us |
-/// | failure | text |
+/// | clock | address, locked or on: where no more is known of a clock |
+/// | started | address, running_time, late_us |
+/// | together | running_time, late_us: an object with one of each address |
+/// | failure, lost, start_failed | text |
 ///
 /// Every event with a "text" is also a note. Other events and fields are passed over, and so is what has another type
 /// than it should have.
@@ -37,12 +38,15 @@ public:
 
 private:
   Report_Data::System* SystemOf(const Json& event);
+  void TakeSystem(Report_Data::System& system, const Json& event);
   void TakeClock(Report_Data::System& system, const Json& event, std::int64_t time);
   void TakeState(Report_Data::System& system, std::int64_t time, const std::string& state, const std::string& reason);
-  void TakeStart(const Report_Data::System& system, const Json& event, std::int64_t time);
+  void TakeStarts(const Json& event, std::int64_t time);
+  void TakeStart(const std::string& address, const Json& event, const Json& late, std::int64_t time);
   void TakeNote(const Json& event, std::int64_t time, bool isFailure);
 
   Report_Data mData;
+  std::string mRecorder; // address; may be empty
   std::int64_t mEvents = 0;
   std::int64_t mLinesPassedOver = 0;
 };

@@ -26,7 +26,7 @@ struct Report_Data {
     std::string role = {};
     std::vector<ClockSample> clock = {};
     std::vector<StateChange> states = {};
-    std::int64_t stateEnd = 0;                            ///< until then the last state is known
+    std::int64_t stateEnd = 0; ///< until then the last state is known, when there are samples
     std::map<std::int64_t, std::int64_t> roundTrips = {}; ///< how often each was measured
     std::optional<double> ratePPM = {};                   ///< last; positive: its clock runs faster than the master's
     std::int64_t accepted = 0;

@@ -119,7 +119,7 @@ std::string DataText(const Report_Data& data) {
                                {"master", system.role == "master"},
                                {"clock", clock},
                                {"states", states},
-                               {"end", Seconds(data, system.stateEnd)},
+                               {"end", Seconds(data, system.clock.empty() ? data.end : system.stateEnd)},
                                {"roundTrips", Json(system.roundTrips)}});
   }
   for (const auto& start : data.starts) {

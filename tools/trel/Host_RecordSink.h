@@ -1,0 +1,26 @@
+#pragma once
+
+#include "Host_EventSink.h"
+#include "Host_JsonSink.h"
+
+#include <fstream>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+/// Records everything that a host tells, for a report, and on a satellite the clock four times a second.
+class Host_RecordSink : public Host_EventSink {
+public:
+  /// Throws std::runtime_error when the file cannot be written.
+  explicit Host_RecordSink(const std::string& file);
+  void Take(const Host_Event& event) override;
+
+private:
+  void RecordClock(const std::stop_token& stop);
+
+  std::mutex mMutex;
+  std::ofstream mFile;   // guarded by mMutex
+  Host_JsonSink mWriter; // writes to it
+  std::jthread mClock;   // once the satellite is ready
+};
