@@ -89,7 +89,10 @@ std::string Advice(const EngineOptions& engine) {
   return "Check that a host runs on the other systems, that they are on the same network as " +
          Sys_Socket::DecodeIPAddress(Trel_CommManager::GetAdaptorIPAddress()) + " (else choose with --address),\n" +
          "that they use the discovery port " + std::to_string(engine.discoveryPort) +
-         ", and that no firewall stops UDP there. trel doctor looks closer.";
+         ", and that no firewall stops UDP there.\n" +
+         (engine.secretFile.empty() ? "Systems that share a secret answer only with --secret-file"
+                                    : "With --secret-file only systems that share the secret answer") +
+         ". trel doctor looks closer.";
 }
 
 int RunDiscover(DiscoverOptions options) {

@@ -211,7 +211,9 @@ void Doctor_Checks::CheckSystems() {
     mFindings.Problem("systems", "nobody answers: this machine hears no other system",
                       "Check that a host runs on the others, that they are on the same network and use the discovery "
                       "port " +
-                          std::to_string(mOptions.discoveryPort) + ", and that their firewalls let UDP through.");
+                          std::to_string(mOptions.discoveryPort) + ", and that their firewalls let UDP through. " +
+                          (mOptions.secretFile.empty() ? "Systems that share a secret answer only with --secret-file."
+                                                       : "Systems without this secret do not answer."));
     return;
   }
   if (masters.size() > 1) {

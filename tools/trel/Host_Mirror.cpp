@@ -225,10 +225,12 @@ void Host_Mirror::Tick() {
     return;
   }
   if (!mLink.IsMaster()) {
+    nlohmann::json fields = mLink.FieldsOf(Host_Link::OwnAddress());
+    fields["on"] = isLocked;
     mEvents.Tell({.kind = "clock",
                   .text = isLocked ? "the clock of this system is locked to the master's"
                                    : "the clock of this system is not locked to the master's any more",
-                  .fields = {{"locked", isLocked}}});
+                  .fields = std::move(fields)});
   }
   SetTakingPart(mState.IsTakingPart());
 }

@@ -1,0 +1,181 @@
+#include "tests/support/HostProcess.h"
+#include "tests/support/TestSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace {
+
+using Json = HostProcess::Json;
+
+/// Ports of their own, so that hosts of the user do not matter.
+std::vector<std::string> With(std::vector<std::string> arguments, const std::string& address) {
+  const bool asks = arguments.front() == "discover";
+  arguments.insert(arguments.end(), {"--json", "--address", address, "--discovery-port", "28483"});
+  if (!asks) {
+    arguments.insert(arguments.end(), {"--port", "28482"});
+  }
+  return arguments;
+}
+
+TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
+  HostProcess master(With({"host", "--master", "--name", "Stage"}, "127.0.7.2"));
+  master.Await({{"event", "ready"}, {"role", "master"}, {"name", "Stage"}, {"address", "127.0.7.2"}});
+  HostProcess first(With({"host", "--satellite", "--name", "One", "--connect", "127.0.7.2"}, "127.0.7.3"));
+  HostProcess second(With({"host", "--satellite", "--name", "Two"}, "127.0.7.4")); // searches for the master
+  master.Command("wait linked 2");
+  master.Command("wait locked");
+  EXPECT_EQ(first.Command("state").at("has_control"), false);
+
+  const auto expectStart = [&master](HostProcess& conductor) {
+    conductor.Command("start in 300ms");
+    const Json start = master.Await({{"event", "together"}});
+    EXPECT_EQ(start.at("systems"), 3);
+    EXPECT_TRUE(start.at("missing").empty());
+    EXPECT_EQ(start.at("late_us").size(), 3U);
+    ExpectWithin("start spread, us", start.at("spread_us"), 10'000);
+  };
+  EXPECT_NE(master.Error("start in 300ms").find("prime"), std::string::npos);
+  master.Command("prime");
+  master.Command("wait primed");
+  expectStart(master);
+
+  first.Command("wait locked");
+  first.Command("control");
+  master.Await({{"event", "control"}, {"address", "127.0.7.3"}});
+  EXPECT_NE(master.Error("stop").find("One (127.0.7.3) is in control"), std::string::npos);
+  first.Command("loop on");
+  second.Await({{"event", "loop"}, {"on", true}}); // through the master
+  first.Command("prime 1s 2.5s");
+  second.Await({{"event", "primed"}, {"in_us", 1'000'000}, {"out_us", 2'500'000}});
+  expectStart(first);
+  first.Command("stop");
+  second.Await({{"event", "stopped"}});
+
+  second.Command("record on");
+  master.Await({{"event", "record"}, {"address", "127.0.7.4"}, {"on", true}});
+  first.Await({{"event", "record"}, {"address", "127.0.7.2"}, {"on", true}});
+  first.Command("dialog Out of tape");
+  second.Await({{"event", "dialog"}, {"message", "Out of tape"}});
+  second.Command("ok");
+  first.Await({{"event", "dialog_closed"}, {"button", "ok"}});
+
+  HostProcess discover(With({"discover"}, "127.0.7.9"));
+  EXPECT_EQ(discover.End(), 0) << discover.Text();
+  std::set<std::string> found;
+  for (const Json& system : discover.Objects()) {
+    found.insert(system.at("address").get<std::string>() + system.at("name").get<std::string>() +
+                 system.at("role").get<std::string>());
+  }
+  EXPECT_EQ(found, (std::set<std::string>{"127.0.7.2Stagemaster", "127.0.7.3Onesatellite", "127.0.7.4Twosatellite"}));
+
+  HostProcess doctor(With({"doctor"}, "127.0.7.9"));
+  const int status = doctor.End();
+  bool hasProblem = false;
+  for (const Json& finding : doctor.Objects()) {
+    const bool isProblem = finding.at("status") == "problem";
+    hasProblem = hasProblem || isProblem;
+    EXPECT_FALSE(isProblem && finding.at("check") != "timer") << finding; // the test machine may be busy
+  }
+  EXPECT_EQ(status, hasProblem ? 1 : 0);
+  EXPECT_EQ(doctor.Text().find("satellite Two at 127.0.7.4 answers and can be connected to") != std::string::npos,
+            true);
+
+  second.Send("quit");
+  EXPECT_EQ(second.End(), 0);
+  master.Await({{"event", "left"}, {"address", "127.0.7.4"}});
+  kill(first.Id(), SIGINT);
+  EXPECT_EQ(first.End(), 128 + SIGINT);
+  master.Await({{"event", "left"}, {"address", "127.0.7.3"}});
+  EXPECT_EQ(master.End(), 1); // two of its commands failed
+}
+
+TEST(HostProgram, SaysWhatIsWrongWithACommand) {
+  HostProcess host(With({"host", "--master"}, "127.0.7.2"));
+  const struct {
+    const char* line;
+    const char* text;
+  } cases[] = {
+      {"nonsense", "type help"},
+      {"start", "The command is: start in TIME"},
+      {"start in 5", "\"5\" is no time"},
+      {"start in 99999999999s", "is no time"},
+      {"start in 1s at once", "\"at\" is too much"},
+      {"start in 1s", "prime first"},
+      {"solo maybe", "neither on nor off"},
+      {"group 5 on", "groups 1, 2, 3 and 4"},
+      {"order 10.0.0.300 1", "is no address"},
+      {"order 10.0.0.3 1", "no system of the link"},
+      {"disconnect 10.0.0.3", "is not linked with this system"},
+      {"video 1080p", "1080p_25"},
+      {"ok", "no dialog"},
+      {"name 123456789012345678901234567890", "29"},
+      {"wait linked 1 for 50ms", "after 0.05 s"},
+      {"help nonsense", "there is no command"},
+  };
+  for (const auto& expected : cases) {
+    EXPECT_NE(host.Error(expected.line).find(expected.text), std::string::npos) << expected.line << '\n' << host.Text();
+  }
+  host.Send("# a comment\n\n" + std::string(10'000, 'x'));
+  host.Await({{"event", "error"}, {"text", "a line is too long and was left out"}});
+  EXPECT_NE(host.Command("help").value("text", "").find("wait"), std::string::npos);
+  EXPECT_EQ(host.End(), 1);
+}
+
+TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
+  const std::string secret = testing::TempDir() + "trel_host_" + std::to_string(getpid()) + ".secret";
+  HostProcess maker({"secret", secret});
+  ASSERT_EQ(maker.End(), 0) << maker.Text();
+  struct stat file {};
+  ASSERT_EQ(stat(secret.c_str(), &file), 0);
+  EXPECT_EQ(file.st_mode & 0777U, 0600U);
+  std::string text;
+  std::ifstream(secret) >> text;
+  EXPECT_EQ(text.size(), 64U);
+  EXPECT_EQ(maker.Text().find(text), std::string::npos);
+  HostProcess resident(With({"host", "--master", "--secret-file", secret}, "127.0.7.2"));
+  resident.Await({{"event", "ready"}});
+  EXPECT_EQ(chmod(secret.c_str(), 0644), 0);
+
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    const char* text;
+  } cases[] = {
+      {{"host", "--help"}, 0, "--connect"},
+      {{"discover", "--help"}, 0, "Exit status"},
+      {{"doctor", "--help"}, 0, "Exit status"},
+      {{"host"}, 2, "--master"},
+      {{"host", "--master", "--satellite"}, 2, "--master"},
+      {{"host", "--master", "--connect", "10.0.0.1"}, 2, "--connect"},
+      {{"host", "--satellite", "--connect", "stage"}, 2, "auto"},
+      {{"host", "--master", "--name", "123456789012345678901234567890"}, 2, "29 characters"},
+      {{"host", "--master", "--address", "10.0.0.256"}, 2, "is no IPv4 address"},
+      {{"host", "--master", "--max-satellites", "129"}, 2, "--max-satellites"},
+      {{"host", "--master", "--address", "203.0.113.7"}, 1, "with --address"},
+      {{"host", "--master", "--secret-file", secret}, 1, "chmod 600"},
+      {With({"host", "--master"}, "127.0.7.2"), 1, "in use"},
+      {{"secret", secret}, 1, "exists already"},
+      {{"secret", "/no/such/folder/file"}, 1, "/no/such/folder/file"},
+      {With({"discover", "--masters"}, "127.0.7.9"), 1, "answer only with --secret-file"},
+      {{"discover", "--all", "--masters"}, 2, "--all"},
+      {With({"doctor"}, "127.0.7.9"), 1, "answer only with --secret-file"},
+      {{"doctor", "--address", "203.0.113.7"}, 1, "no adaptor that is up"},
+  };
+  for (const auto& expected : cases) {
+    HostProcess program(expected.arguments);
+    EXPECT_EQ(program.End(), expected.status) << program.Text();
+    EXPECT_NE(program.Text().find(expected.text), std::string::npos) << expected.text << '\n' << program.Text();
+  }
+  EXPECT_EQ(resident.End(), 0);
+  std::remove(secret.c_str());
+}
+
+} // namespace
