@@ -249,8 +249,7 @@ std::vector<Host_Console::Command> Host_Node::Commands() {
        "A satellite that leaves its master stays away until it is started anew; one that the master sends away may\n"
        "come back by itself.",
        member(&Host_Node::Disconnect)},
-      {"wait", "TIME|linked N|locked|primed|played|control [for TIME]",
-       "waits; scripts need no sleep of their own",
+      {"wait", "TIME|linked N|locked|primed|played|control [for TIME]", "waits; scripts need no sleep of their own",
        "linked N  until N other systems are linked with this one\n"
        "locked    until the clocks are locked: this satellite's, on the master those of all satellites\n"
        "primed    until this system and those linked with it are primed\n"
