@@ -19,7 +19,7 @@ protected:
   }
 
   const std::string mSecret = "the secret of the studio";
-  const SharedSecretFile mFile;
+  SharedSecretFile mFile;
   TestSystem mA{0};
   TestSystem mB{1};
 };
