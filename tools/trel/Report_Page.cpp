@@ -153,9 +153,13 @@ std::vector<std::int64_t> BoundsOf(const System& system) {
   return bounds;
 }
 
+/// Of the starts of which more than one system is known.
 std::vector<std::int64_t> SpreadsOf(const Report_Data& data) {
   std::vector<std::int64_t> spreads;
   for (const auto& start : data.starts) {
+    if (start.late.size() < 2) {
+      continue;
+    }
     std::vector<std::int64_t> late;
     for (const auto& [address, value] : start.late) {
       late.push_back(value);
@@ -186,7 +190,7 @@ std::string Tiles(const Report_Data& data) {
     tiles += Tile("Clock error, 99 % below", std::to_string(Demo_PercentilesOf(errors).p99) + " µs");
   }
   const auto spreads = SpreadsOf(data);
-  tiles += Tile("Rounds", std::to_string(spreads.size()));
+  tiles += Tile("Rounds", std::to_string(data.starts.size()));
   if (!spreads.empty()) {
     tiles += Tile("Spread of starts, median", std::to_string(Demo_PercentilesOf(spreads).p50) + " µs");
     tiles += Tile("Spread of starts, largest", std::to_string(Demo_PercentilesOf(spreads).max) + " µs");
