@@ -181,7 +181,7 @@ TEST_F(DiscoveryTest, AReplyFromElsewhereDoesNotMakeASatelliteAvailable) {
 }
 
 TEST_F(DiscoveryTest, OnlyThoseWhoShareTheSecretFindEachOther) {
-  const SharedSecretFile file;
+  const SharedSecretFile file{};
   const std::string secret = "the secret of the studio";
   file.Set(secret);
   PeerSystem friendly(kPeerAddress);
