@@ -1,5 +1,8 @@
 #include <trel/SPSStartupOption.h>
 
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tests/support/ProcessResources.h"
+#include "tests/support/RawPeer.h"
 #include "tests/support/SharedSecretFile.h"
 #include "tests/support/TestSystem.h"
 
@@ -85,6 +88,42 @@ TEST_F(TCPE_Authentication, AnotherSecretOrNoneIsRefusedForAWhile) {
     mA.Terminate();
     mB.Terminate();
   }
+}
+
+TEST_F(TCPE_Authentication, AThousandGuessesCostLittleAndHinderNobodyElse) {
+  constexpr std::int64_t kGuesses = 1000;
+  constexpr std::int64_t kAtOnce = 50;
+  constexpr std::uint32_t kGuesser = 0x7f000040;
+  ASSERT_EQ(Start(mB, mSecret) + Start(mA, mSecret), 0);
+  const Bytes guess = RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = kTCPE_CurrentTypes.authenticationChallenge},
+                               Bytes(TCPE_AuthenticationKey::kSize));
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  const std::int64_t memory = ResidentKilobytes();
+  const std::int64_t descriptors = OpenDescriptors();
+  std::int64_t mostDescriptors = 0;
+  for (std::int64_t made = 0; made < kGuesses; made += kAtOnce) {
+    std::vector<RawPeer> guessers;
+    for (std::int64_t i = 0; i < kAtOnce; ++i) {
+      guessers.emplace_back(kGuesser, mB.Address()).Send(RawHello(true) + guess);
+      mostDescriptors = std::max(mostDescriptors, OpenDescriptors() - descriptors - i - 1);
+    }
+    for (const RawPeer& guesser : guessers) {
+      ASSERT_TRUE(guesser.IsClosed());
+    }
+    if (made == kGuesses / 2) {
+      EXPECT_TRUE(mA.Connect(mB.Address()));
+    }
+  }
+  ExpectWithin("time for 1000 guesses, us", Sys_Clock::RawMicroseconds() - begin, 10'000'000);
+  EXPECT_TRUE(Eventually([this] { return mB.GetCounters().refusedConnections == kGuesses; }));
+  ExpectWithin("proofs examined", static_cast<std::int64_t>(mB.GetCounters().unprovedSecrets), 5);
+  ExpectWithin("descriptors", mostDescriptors,
+               static_cast<std::int64_t>(TCPE_Limits{}.maxHalfOpenPerAddress) +
+                   3); // one that is just refused, two of the link
+  ExpectWithin("memory, KiB", ResidentKilobytes() - memory, kMemoryLimit);
+  EXPECT_TRUE(mB.GetAuthenticationFailed(kGuesser));
+  EXPECT_EQ(mB.From(kGuesser), std::vector{ErrorText(eNetworkError_Authentication)});
+  EXPECT_EQ(mA.Query(mB.Address()), eTCPE_CommErr_None);
 }
 
 } // namespace

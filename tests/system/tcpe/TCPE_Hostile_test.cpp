@@ -1,7 +1,6 @@
+#include "tests/support/ProcessResources.h"
 #include "tests/support/RawPeer.h"
 
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <optional>
 #include <random>
@@ -11,27 +10,6 @@
 namespace {
 
 constexpr std::uint32_t kStranger = 0x7f000040;
-
-// KiB. A sanitizer keeps freed memory for a while, 256 MiB at the most.
-#if defined(__has_feature)
-constexpr std::int64_t kMemoryLimit = __has_feature(address_sanitizer) ? 300 * 1024 : 32 * 1024;
-#else
-constexpr std::int64_t kMemoryLimit = 32 * 1024;
-#endif
-
-std::int64_t OpenDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
-
-std::int64_t ResidentKilobytes() {
-  std::ifstream status("/proc/self/status");
-  std::string word;
-  while (status >> word && word != "VmRSS:") {
-  }
-  std::int64_t kilobytes = 0;
-  status >> kilobytes;
-  return kilobytes;
-}
 
 /// A victim, and a good peer whose round trips must not suffer.
 class TCPE_Hostile : public testing::Test {
