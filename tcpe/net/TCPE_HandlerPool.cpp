@@ -31,7 +31,7 @@ bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, std::size_t bytes, bo
 bool TCPE_HandlerPool::IsFull(std::uint32_t peer) const {
   const std::lock_guard lock(mMutex);
   const auto position = mPeers.find(peer);
-  return position != mPeers.end() && IsFull(position->second);
+  return position != mPeers.end() ? IsFull(position->second) : mPeers.size() >= mBounds.peers;
 }
 
 TCPE_HandlerLoad TCPE_HandlerPool::GetLoad(std::uint32_t peer) const {

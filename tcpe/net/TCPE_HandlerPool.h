@@ -26,6 +26,7 @@ public:
     std::size_t jobsPerPeer;
     std::size_t bytesPerPeer;       ///< that the waiting jobs of a peer hold
     std::size_t waitingJobsPerPeer; ///< that have started and wait for another system
+    std::size_t peers;              ///< with jobs, beyond which a peer that has none is taken for full
   };
 
   explicit TCPE_HandlerPool(const Bounds& bounds) : mBounds(bounds) {}
@@ -35,7 +36,8 @@ public:
   /// False when the peer has too many jobs waiting. A job that must not be lost is queued all the same.
   /// @param bytes memory that the job holds until it has run
   bool Submit(std::uint32_t peer, Job job, std::size_t bytes = 0, bool mustNotBeLost = false);
-  /// Whether a peer has as many jobs waiting as it may.
+  /// Whether a peer has as many jobs waiting as it may, or has none and too many others have. Its jobs are taken in the
+  /// latter case all the same: strangers must not hinder the peers that there are.
   bool IsFull(std::uint32_t peer) const;
   TCPE_HandlerLoad GetLoad(std::uint32_t peer) const;
   /// Drops the jobs that have not started and waits for those that run, `timeout` microseconds at the most. Threads

@@ -22,7 +22,8 @@ Orphans& TheOrphans() {
 bool TCPE_PumpQueue::Push(const ReceivedPointer& received, std::size_t bytes, bool mustNotBeLost) {
   const std::uint32_t address = received->Origin()->GetAddress();
   const std::lock_guard lock(mMutex);
-  if (IsFullLocked(address) && !mustNotBeLost) {
+  const auto load = mLoads.find(address);
+  if (load != mLoads.end() && IsFull(load->second) && !mustNotBeLost) {
     return false;
   }
   PushLocked({.address = address, .command = received, .bytes = bytes});
@@ -36,7 +37,8 @@ void TCPE_PumpQueue::PushError(ETCPE_NetworkError error, std::uint32_t address) 
 
 bool TCPE_PumpQueue::IsFull(std::uint32_t address) const {
   const std::lock_guard lock(mMutex);
-  return IsFullLocked(address);
+  const auto load = mLoads.find(address);
+  return load != mLoads.end() ? IsFull(load->second) : mLoads.size() >= mLimits.maxQueues;
 }
 
 TCPE_HandlerLoad TCPE_PumpQueue::GetLoad(std::uint32_t address) const {
@@ -109,12 +111,6 @@ void TCPE_PumpQueue::ReturnOrphan(TCPE_Command* command) {
   Orphans& orphans = TheOrphans();
   const std::lock_guard lock(orphans.mutex);
   orphans.commands.erase(command);
-}
-
-bool TCPE_PumpQueue::IsFullLocked(std::uint32_t address) const {
-  const auto load = mLoads.find(address);
-  return load != mLoads.end() &&
-         (load->second.entries >= mLimits.maxQueuedCommands || load->second.bytes >= mLimits.maxQueuedBytes);
 }
 
 void TCPE_PumpQueue::PushLocked(Waiting waiting) {

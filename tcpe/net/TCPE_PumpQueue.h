@@ -24,7 +24,7 @@ public:
   /// @param bytes memory that the command holds
   bool Push(const ReceivedPointer& received, std::size_t bytes, bool mustNotBeLost);
   void PushError(ETCPE_NetworkError error, std::uint32_t address);
-  /// Whether a peer has as much waiting as it may.
+  /// Whether a peer has as much waiting as it may, or has nothing waiting and too many others have.
   bool IsFull(std::uint32_t address) const;
   TCPE_HandlerLoad GetLoad(std::uint32_t address) const;
 
@@ -56,7 +56,9 @@ private:
     std::thread::id thread;
   };
 
-  bool IsFullLocked(std::uint32_t address) const;
+  bool IsFull(const Load& load) const {
+    return load.entries >= mLimits.maxQueuedCommands || load.bytes >= mLimits.maxQueuedBytes;
+  }
   void PushLocked(Waiting waiting);
 
   const TCPE_Limits& mLimits;

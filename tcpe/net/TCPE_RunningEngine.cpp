@@ -50,11 +50,12 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
       mStarted(Sys_Clock::RawMicroseconds()), mIsAuthenticating(setup.key != nullptr),
       mAdaptorName(std::move(setup.adaptorName)), mHistory(mLimits.maxDepartedPeers),
       mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError), mByteTap(std::move(setup.byteTap)),
-      mPool(std::make_shared<TCPE_HandlerPool>(
-          TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
-                                   .jobsPerPeer = mLimits.maxQueuedCommands,
-                                   .bytesPerPeer = mLimits.maxQueuedBytes,
-                                   .waitingJobsPerPeer = mLimits.maxWaitingHandlers})),
+      mPool(
+          std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
+                                                                      .jobsPerPeer = mLimits.maxQueuedCommands,
+                                                                      .bytesPerPeer = mLimits.maxQueuedBytes,
+                                                                      .waitingJobsPerPeer = mLimits.maxWaitingHandlers,
+                                                                      .peers = mLimits.maxQueues})),
       mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
       mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(setup.key), ResponderConfig(setup.key),
                                               TCPE_Network::Place{.address = mLocalAddress,

@@ -26,6 +26,9 @@ struct TCPE_Limits {
   std::size_t maxQueuedCommands = 1024;
   /// ... and the memory that they hold: enough for all of them unless they are system lists.
   std::size_t maxQueuedBytes = std::size_t{1024} * 1024;
+  /// Addresses with something waiting or running, beyond which no newcomer is admitted and no failed proof told: a full
+  /// link, and as many strangers as are remembered.
+  std::size_t maxQueues = 384;
   /// Handlers of one peer that wait for another system at the same time: a peer that never answers takes no more
   /// threads.
   std::size_t maxWaitingHandlers = 16;

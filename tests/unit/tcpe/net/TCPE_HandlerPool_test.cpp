@@ -14,7 +14,7 @@ constexpr std::int64_t kLong = 10'000'000;
 
 std::shared_ptr<TCPE_HandlerPool> Started(std::size_t maxThreads, std::size_t maxJobs = 1000) {
   auto pool = std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
-      .threads = maxThreads, .jobsPerPeer = maxJobs, .bytesPerPeer = 1000, .waitingJobsPerPeer = 2});
+      .threads = maxThreads, .jobsPerPeer = maxJobs, .bytesPerPeer = 1000, .waitingJobsPerPeer = 2, .peers = 5});
   pool->Start();
   return pool;
 }
@@ -90,6 +90,13 @@ TEST(TCPE_HandlerPool, IsBoundedAndSurvivesWhatAJobThrows) {
   EXPECT_TRUE(pool->Submit(1, [] {}));
   EXPECT_FALSE(pool->Submit(1, [] {}));
   EXPECT_TRUE(pool->Submit(2, [] {}));
+  EXPECT_FALSE(pool->IsFull(6));
+  for (const std::uint32_t peer : {3U, 4U, 5U}) {
+    EXPECT_TRUE(pool->Submit(peer, [] {}));
+  }
+  EXPECT_TRUE(pool->IsFull(6)) << "too many others have something waiting";
+  EXPECT_FALSE(pool->IsFull(5));
+  EXPECT_TRUE(pool->Submit(6, [] {})) << "one that is linked already is not hindered";
   EXPECT_TRUE(pool->Submit(
       1, [&last] { last.set_value(); }, 0, true));
   goOn.set_value();
