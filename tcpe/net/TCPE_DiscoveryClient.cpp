@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <any>
 #include <array>
+#include <set>
 
 namespace {
 
@@ -17,8 +18,8 @@ constexpr TCPE_Time kLookWhetherStopping = 50'000;
 /// What a socket asked, and what came of it.
 struct TCPE_DiscoveryClient::Question {
   TCPE_DiscoveryCodec::Query query;
-  TCPE_Time waited = 0; ///< less than a millisecond: what the caller's remaining time does not tell yet
-  std::size_t replies = 0;
+  TCPE_Time waited = 0;                ///< less than a millisecond: what the caller's remaining time does not tell yet
+  std::set<std::uint32_t> answering{}; ///< one that repeats itself must not use up the room of the others
 };
 
 bool TCPE_DiscoveryClient::Ask(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Query query, std::uint32_t localAddress,
@@ -73,7 +74,10 @@ bool TCPE_DiscoveryClient::ReceiveUntil(TCPE_Time end, Sys_UDPSocket& socket, Qu
     if (verdict != TCPE_DiscoveryCodec::Verdict::sound || source == localAddress) {
       continue;
     }
-    if (question.replies++ < mMaxReplies) {
+    if (question.answering.size() < mMaxAnswering) {
+      question.answering.insert(source);
+    }
+    if (question.answering.contains(source)) {
       return true;
     }
     ++mCounters.beyondRate;

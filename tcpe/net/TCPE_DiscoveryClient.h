@@ -17,7 +17,7 @@ public:
   using Kind = TCPE_DiscoveryCodec::Kind;
 
   TCPE_DiscoveryClient(const TCPE_Limits& limits, TCPE_DiscoveryCodec::Config datagrams, TCPE_ByteTap& tap)
-      : mMaxReplies(limits.maxDiscoveryReplies), mCodec(std::move(datagrams)), mTap(tap) {}
+      : mMaxAnswering(limits.maxAnsweringSystems), mCodec(std::move(datagrams)), mTap(tap) {}
 
   /// Sends a query, which takes the place of what this socket asked before. False when it could not be sent.
   bool Ask(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Query query, std::uint32_t localAddress, std::uint32_t address,
@@ -36,7 +36,7 @@ private:
   bool ReceiveUntil(TCPE_Time end, Sys_UDPSocket& socket, Question& question, std::uint32_t localAddress,
                     TCPE_DiscoveryCodec::Reply* reply);
 
-  const std::size_t mMaxReplies;
+  const std::size_t mMaxAnswering;
   const TCPE_DiscoveryCodec mCodec;
   TCPE_ByteTap& mTap;
   TCPE_DiscoveryCounters mCounters;

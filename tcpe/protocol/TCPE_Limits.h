@@ -46,8 +46,8 @@ struct TCPE_Limits {
   std::size_t maxAskers = 512;
   /// Answers that wait for their moment: everybody on such a network asks at once.
   std::size_t maxDueAnswers = 512;
-  /// Replies to one query: all of such a network, twice.
-  std::size_t maxDiscoveryReplies = 1024;
+  /// Systems whose replies to one query are taken: all of such a network, twice.
+  std::size_t maxAnsweringSystems = 1024;
   /// A query that went to everybody is answered within this time: a fraction of the second for which the asker waits.
   TCPE_Time answerDelay = 100'000;
 
