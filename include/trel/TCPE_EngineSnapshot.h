@@ -53,6 +53,7 @@ struct TCPE_PeerSnapshot {
   std::uint64_t connections = 0; ///< since Initialize; all but the first are reconnections
   std::uint64_t losses = 0;      ///< connections that ended with a network error
   ETCPE_NetworkError lastLoss = eNetworkError_None;
+  bool isLost = false; ///< the last connection ended with a network error, and there is none now
   TCPE_TrafficCount sent;
   TCPE_TrafficCount received;
   TCPE_RoundTripTimes roundTrips;

@@ -33,6 +33,7 @@ void TCPE_PeerHistory::Ended(std::uint32_t address, ConnectionId connection, ETC
   }
   if (peer.connection == connection) { // else the next one is there already
     peer.connection = 0;
+    peer.isLost = error != eNetworkError_None;
     peer.changed = now;
     ForgetTheOldest();
   }
@@ -55,6 +56,7 @@ std::vector<TCPE_PeerSnapshot> TCPE_PeerHistory::Peers(TCPE_Time now) const {
       snapshot.connections = peer.connections;
       snapshot.losses = peer.losses;
       snapshot.lastLoss = peer.lastLoss;
+      snapshot.isLost = !snapshot.isConnected && peer.isLost;
       traffic.push_back(peer.traffic);
     }
   }

@@ -39,6 +39,7 @@ private:
     std::uint64_t connections = 0;
     std::uint64_t losses = 0;
     ETCPE_NetworkError lastLoss = eNetworkError_None;
+    bool isLost = false; ///< the last connection, when it has ended
   };
 
   void ForgetTheOldest();

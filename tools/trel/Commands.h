@@ -10,6 +10,7 @@ void AddCommandsCommand(CLI::App& program, int& exitStatus);
 void AddEncodeCommand(CLI::App& program, int& exitStatus);
 void AddDecodeCommand(CLI::App& program, int& exitStatus);
 void AddHostCommand(CLI::App& program, int& exitStatus);
+void AddWatchCommand(CLI::App& program, int& exitStatus);
 void AddDiscoverCommand(CLI::App& program, int& exitStatus);
 void AddDoctorCommand(CLI::App& program, int& exitStatus);
 void AddSecretCommand(CLI::App& program, int& exitStatus);

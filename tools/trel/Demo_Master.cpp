@@ -3,6 +3,9 @@
 #include "ExitStatus.h"
 #include "HandleCommand.h"
 #include "Player.h"
+#include "Status_Judge.h"
+#include "Status_OfEngine.h"
+#include "Status_Server.h"
 #include "Texts.h"
 
 #include <trel/Sys_Clock.h>
@@ -63,7 +66,7 @@ int Demo_Master::Run() {
                                },
                                [this](std::int64_t runningTime, std::int64_t rawTime) {
                                  Emit({.kind = Demo_Event::Kind::started, .rawTime = rawTime, .value = runningTime});
-                                 Update(mOptions.address, [](System& self) { self.hasReported = true; });
+                                 TakeStart(mOptions.address, Sys_Clock::FromRaw(rawTime) - mEpoch);
                                });
   if (!StartEngine()) {
     return kExitFailure;
@@ -72,6 +75,7 @@ int Demo_Master::Run() {
 
   {
     const std::jthread exchange([this](const std::stop_token& stop) { Exchange(stop); });
+    const Status_Server statusServer([this] { return Status(); });
     Conduct();
     Emit({.kind = Demo_Event::Kind::done});
     IdleUntil(SteadyClock::time_point::max(), [this] { return mFinish.has_value(); });
@@ -115,6 +119,13 @@ void Demo_Master::PlayRound(std::int32_t round, const Addresses& addresses) {
                                       [](const System& s) { return s.state == eTrel_State_PrimeCompleted; });
 
   const std::int64_t start = RunningTime() + kStartLead.count();
+  {
+    const std::lock_guard lock(mMutex);
+    mStart = start;
+    for (auto& [address, system] : mSystems) {
+      system.late.reset();
+    }
+  }
   for (const std::uint32_t address : ready) {
     Trel_Messenger::StartPlayback(start, address);
   }
@@ -194,7 +205,36 @@ void Demo_Master::OnSendState(Trel_Cmd_SendState& command) {
 }
 
 void Demo_Master::OnReportPlayStartData(Trel_Cmd_ReportPlayStartData& command) {
-  Update(command.GetIPAddressFrom(), [](System& satellite) { satellite.hasReported = true; });
+  TakeStart(command.GetIPAddressFrom(), command.GetAudioPlayStartTimestamp());
+}
+
+void Demo_Master::TakeStart(std::uint32_t address, std::int64_t actualStart) {
+  Update(address, [&](System& system) {
+    system.hasReported = true;
+    system.late = actualStart - mStart;
+  });
+}
+
+Status_Snapshot Demo_Master::Status() {
+  Status_Snapshot status = Status_OfEngine("demo", true, {});
+  status.runningTime = RunningTime();
+  const std::lock_guard lock(mMutex);
+  for (Status_Snapshot::System& entry : status.systems) {
+    std::uint32_t address = 0;
+    Sys_Socket::EncodeIPAddress(entry.address.c_str(), &address);
+    const auto known = mSystems.find(address);
+    if (known == mSystems.end()) {
+      continue;
+    }
+    entry.late = known->second.late;
+    if (!entry.isThis) {
+      entry.isLocked = known->second.isLocked;
+      entry.transport = TransportText(known->second.state);
+      status.isLinked = status.isLinked || entry.isConnected;
+    }
+  }
+  Status_Judge(status, eTrel_ClockState_NoClock);
+  return status;
 }
 
 template <class Change>

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <vector>
 
@@ -14,6 +15,7 @@ class Trel_Cmd_ClockLockState;
 class Trel_Cmd_Connect;
 class Trel_Cmd_ReportPlayStartData;
 class Trel_Cmd_SendState;
+struct Status_Snapshot;
 
 /// The master of the demonstration: waits for its satellites, keeps their clocks in step, conducts the rounds, and
 /// plays along.
@@ -36,6 +38,7 @@ private:
     bool isLocked = false;
     bool isLost = false;
     bool hasReported = false;
+    std::optional<std::int64_t> late; // its last actual start, after the agreed one
     ETrel_State state = eTrel_State_Stop;
   };
   using Addresses = std::vector<std::uint32_t>;
@@ -49,6 +52,8 @@ private:
                         Condition condition);
   void Exchange(const std::stop_token& stop) const;
   std::int64_t RunningTime() const;
+  Status_Snapshot Status();
+  void TakeStart(std::uint32_t address, std::int64_t actualStart);
 
   void OnNetworkError(TCPE_CommManager::ENetworkError error, std::uint32_t address) override;
   void OnConnect(Trel_Cmd_Connect& command);
@@ -59,6 +64,7 @@ private:
   void Update(std::uint32_t address, Change change);
 
   std::int64_t mEpoch = 0;                  // host time of running time 0
+  std::int64_t mStart = 0;                  // guarded by mMutex; running time of the round's start
   std::map<std::uint32_t, System> mSystems; // guarded by mMutex; by address
   std::unique_ptr<Player> mPlayer;
 };

@@ -60,6 +60,12 @@ KindName NameOfKind(EventKind kind) {
   return {"unknown", true};
 }
 
+/// Whether an event tells why a system is not linked; the others tell what it does about it.
+bool TellsWhy(EventKind kind) {
+  return kind == EventKind::searching || kind == EventKind::noMaster || kind == EventKind::connectFailed ||
+         kind == EventKind::refused || kind == EventKind::left || kind == EventKind::lost;
+}
+
 Trel_LinkSession::Settings SettingsFor(const Host_Options& options,
                                        std::function<void(const Trel_LinkSession::Event&)> onEvent) {
   Trel_LinkSession::Settings settings;
@@ -105,6 +111,11 @@ std::string Host_Link::NameOf(std::uint32_t address) const {
   return Sys_Socket::DecodeIPAddress(address);
 }
 
+std::string Host_Link::WhyNotLinked() const {
+  const std::lock_guard lock(mMutex);
+  return mWhyNotLinked;
+}
+
 nlohmann::json Host_Link::FieldsOf(std::uint32_t address) const {
   nlohmann::json fields = {{"address", Sys_Socket::DecodeIPAddress(address)}};
   for (const Trel_System& system : mSession.GetSystems()) {
@@ -116,6 +127,10 @@ nlohmann::json Host_Link::FieldsOf(std::uint32_t address) const {
 }
 
 void Host_Link::OnEvent(const Trel_LinkSession::Event& event) {
+  if (TellsWhy(event.mKind)) {
+    const std::lock_guard lock(mMutex);
+    mWhyNotLinked = event.mText;
+  }
   const KindName kind = NameOfKind(event.mKind);
   nlohmann::json fields = event.mAddress != 0 ? FieldsOf(event.mAddress) : nlohmann::json::object();
   fields["value"] = event.mValue;

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,6 +40,8 @@ public:
   void ExpectControl() const;
   /// "Stage (192.168.1.10)", or the address alone.
   std::string NameOf(std::uint32_t address) const;
+  /// While this system is not linked: why, as far as the link has told.
+  std::string WhyNotLinked() const;
   /// The fields that name a system in an event.
   nlohmann::json FieldsOf(std::uint32_t address) const;
 
@@ -48,5 +51,7 @@ private:
   bool mIsMaster;
   Host_Events& mEvents;
   OnLinked mOnLinked;
+  mutable std::mutex mMutex;
+  std::string mWhyNotLinked; // guarded by mMutex
   Trel_LinkSession mSession;
 };

@@ -4,7 +4,9 @@
 #include "Host_Arguments.h"
 #include "Host_Error.h"
 #include "Host_Events.h"
+#include "Host_Status.h"
 #include "Host_UsageError.h"
+#include "Status_Server.h"
 #include "Texts.h"
 
 #include <trel/Sys_Clock.h>
@@ -55,6 +57,7 @@ int Host_Node::Run() {
   }
   int exitStatus = kExitSuccess;
   {
+    const Status_Server statusServer([this] { return Host_Status(mLink, mState, mClock, mTransport); });
     const std::jthread idle([this](const std::stop_token& stop) { Idle(stop); });
     exitStatus = Converse();
   }

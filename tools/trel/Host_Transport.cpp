@@ -123,6 +123,7 @@ void Host_Transport::TakeStart(std::int64_t runningTime, std::uint32_t by) {
     if (mStart == runningTime) {
       return;
     }
+    mLastStart.clear();
     if (mLink.IsMaster()) {
       mRound = Round{.runningTime = runningTime, .expected = mLink.Linked(), .late = {}};
       for (const auto& [address, system] : mState.GetOthers()) {
@@ -195,6 +196,7 @@ void Host_Transport::OnStarted(std::int64_t runningTime, std::int64_t rawTime) {
   }
   Trel_Messenger::ReportPlayStartData(*actual, *actual, *actual, Trel_CommManager::GetMasterSystemIPAddress());
   const std::lock_guard lock(mMutex);
+  mLastStart[Host_Link::OwnAddress()] = late;
   ++mStartsDone;
 }
 
@@ -206,6 +208,7 @@ void Host_Transport::AddReport(std::uint32_t address, std::int64_t actualStart) 
       return;
     }
     mRound->late[address] = actualStart - mRound->runningTime;
+    mLastStart = mRound->late;
     if (mRound->late.size() == mRound->expected.size()) {
       complete = std::exchange(mRound, std::nullopt);
     }
@@ -262,6 +265,11 @@ void Host_Transport::TellRound(const Round& round) {
 std::int64_t Host_Transport::StartsDone() const {
   const std::lock_guard lock(mMutex);
   return mStartsDone;
+}
+
+std::map<std::uint32_t, std::int64_t> Host_Transport::LastStart() const {
+  const std::lock_guard lock(mMutex);
+  return mLastStart;
 }
 
 void Host_Transport::OnPrime(Trel_Cmd_Prime& command) {

@@ -44,6 +44,9 @@ public:
   void Tick();
   /// Systems whose actual starts have been compared so far. On a satellite, its own starts.
   std::int64_t StartsDone() const;
+  /// Actual starts minus agreed, microseconds, of those who have made the last start, as far as reported here: on a
+  /// satellite its own.
+  std::map<std::uint32_t, std::int64_t> LastStart() const;
 
 private:
   /// A start, as the master follows it.
@@ -81,6 +84,7 @@ private:
   Host_State::Selection mRange;
   std::optional<std::int64_t> mStart; // running time; from the start command to stop or prime
   std::optional<Round> mRound;        // master: while reports are awaited
+  std::map<std::uint32_t, std::int64_t> mLastStart;
   std::int64_t mStartsDone = 0;
   Player mPlayer; // the last member: its thread uses the others
 };

@@ -118,5 +118,13 @@ std::string Printable(std::string text) {
         return (static_cast<unsigned char>(character) < ' ' && character != '\n') || character == kDelete;
       },
       '?');
+  // Terminals obey the control characters from U+0080 on, too.
+  constexpr char kLead = '\xc2';
+  constexpr unsigned char kFirstPrintable = 0xa0;
+  for (std::size_t index = 0; index + 1 < text.size(); ++index) {
+    if (text[index] == kLead && static_cast<unsigned char>(text[index + 1]) < kFirstPrintable) {
+      text.replace(index, 2, "??");
+    }
+  }
   return text;
 }
