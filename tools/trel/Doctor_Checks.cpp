@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -291,7 +292,7 @@ void Doctor_Checks::CheckLoad() {
   double load = 0;
   const unsigned processors = std::max(1U, std::thread::hardware_concurrency());
   if (getloadavg(&load, 1) == 1) {
-    const std::string text = std::to_string(static_cast<std::int64_t>(load + 0.5)) + " programs want to run, on " +
+    const std::string text = std::to_string(std::lround(load)) + " programs want to run, on " +
                              std::to_string(processors) + (processors == 1 ? " processor" : " processors");
     if (load > processors) {
       mFindings.Notice("load", text, "Starts may be late while the machine is this busy: end what is not needed.");

@@ -435,7 +435,7 @@ Host_Node::Answer Host_Node::SetOrder(Host_Arguments& arguments) {
 }
 
 std::set<std::uint32_t> Host_Node::TakeOthers(Host_Arguments& arguments) const {
-  const std::set<std::uint32_t> linked = mLink.Linked();
+  std::set<std::uint32_t> linked = mLink.Linked();
   if (arguments.Skip("all")) {
     return linked;
   }
