@@ -122,9 +122,6 @@ void Demo_Master::PlayRound(std::int32_t round, const Addresses& addresses) {
   {
     const std::lock_guard lock(mMutex);
     mStart = start;
-    for (auto& [address, system] : mSystems) {
-      system.late.reset();
-    }
   }
   for (const std::uint32_t address : ready) {
     Trel_Messenger::StartPlayback(start, address);
@@ -212,21 +209,29 @@ void Demo_Master::TakeStart(std::uint32_t address, std::int64_t actualStart) {
   Update(address, [&](System& system) {
     system.hasReported = true;
     system.late = actualStart - mStart;
+    system.lateAt = mStart;
+    mReportedStart = mStart;
   });
 }
 
 Status_Snapshot Demo_Master::Status() {
   Status_Snapshot status = Status_OfEngine("demo", true, {});
   status.runningTime = RunningTime();
+  status.inControl = status.address;
+  status.systems.front().isInControl = true;
   const std::lock_guard lock(mMutex);
+  std::int64_t place = 0; // they have none, so by address
   for (Status_Snapshot::System& entry : status.systems) {
+    entry.order = entry.isThis || entry.isConnected ? ++place : 0;
     std::uint32_t address = 0;
     Sys_Socket::EncodeIPAddress(entry.address.c_str(), &address);
     const auto known = mSystems.find(address);
     if (known == mSystems.end()) {
       continue;
     }
-    entry.late = known->second.late;
+    if (known->second.lateAt == mReportedStart) {
+      entry.late = known->second.late;
+    }
     if (!entry.isThis) {
       entry.isLocked = known->second.isLocked;
       entry.transport = TransportText(known->second.state);

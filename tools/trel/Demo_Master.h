@@ -38,7 +38,8 @@ private:
     bool isLocked = false;
     bool isLost = false;
     bool hasReported = false;
-    std::optional<std::int64_t> late; // its last actual start, after the agreed one
+    std::optional<std::int64_t> late; // its last actual start, after the agreed one,
+    std::int64_t lateAt = 0;          // which was this
     ETrel_State state = eTrel_State_Stop;
   };
   using Addresses = std::vector<std::uint32_t>;
@@ -64,7 +65,8 @@ private:
   void Update(std::uint32_t address, Change change);
 
   std::int64_t mEpoch = 0;                  // host time of running time 0
-  std::int64_t mStart = 0;                  // guarded by mMutex; running time of the round's start
+  std::int64_t mStart = 0;                  // guarded by mMutex, as the next; running time of the round's start
+  std::int64_t mReportedStart = 0;          // the last one that anybody has reported
   std::map<std::uint32_t, System> mSystems; // guarded by mMutex; by address
   std::unique_ptr<Player> mPlayer;
 };

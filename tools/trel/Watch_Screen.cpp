@@ -414,7 +414,7 @@ Lines Watch_Screen::Lines(const Status_Snapshot& snapshot, const Layout& layout)
   const std::size_t height = layout.height != 0 ? layout.height : static_cast<std::size_t>(-1);
 
   // Title and legend, verdict, heading, and empty lines between the parts.
-  std::size_t gaps = notes.empty() ? 3 : 4;
+  std::size_t gaps = notes.empty() ? 4 : 5;
   std::size_t fixed = 3 + verdict.size();
   const auto total = [&](std::size_t rows) { return fixed + gaps + details.size() + notes.size() + rows; };
   if (total(std::min(members, kFewestRows)) > height) {
@@ -445,7 +445,7 @@ Lines Watch_Screen::Lines(const Status_Snapshot& snapshot, const Layout& layout)
   add(details);
   add(parts.Systems(rows));
   add(notes);
-  lines.push_back(parts.Legend(layout.hint));
+  add({parts.Legend(layout.hint)});
   if (lines.size() > height) {
     lines.resize(height);
   }
