@@ -48,6 +48,8 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
     }
   }
   std::sort(due.begin(), due.end());
+  const std::int64_t interval =
+      std::max(mSettings.mInterval, mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()));
 
   for (const auto& [failuresInRow, dueTime, address] : due) {
     Peer& peer = mPeers[address];
@@ -58,7 +60,7 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
       const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
       peer.mDue = now + (outcome == Outcome::notVouched ? mSettings.mRetryInterval
-                         : isFull                       ? mSettings.mInterval
+                         : isFull                       ? interval
                                                         : mSettings.mFirstInterval);
       continue;
     }

@@ -81,6 +81,9 @@ bool Host_Node::StartEngine() {
       return false;
     }
   }
+  if (mOptions.identifier != 0) {
+    Trel_CommManager::SetUniqueID(mOptions.identifier);
+  }
   const std::string failure = mOptions.engine.Start(&Trel_LinkSession::OnNetworkError);
   if (!failure.empty()) {
     mEvents.Tell({.kind = "error", .text = failure});

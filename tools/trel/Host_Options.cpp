@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <limits>
 #include <stdexcept>
 
 namespace {
@@ -58,6 +59,11 @@ void Host_Options::AddTo(CLI::App& command) {
   command.add_option("--max-satellites", maxSatellites, "Satellites that a master admits [11]")
       ->type_name("N")
       ->check(CLI::Range(1, kMostSatellites));
+  command
+      .add_option("--identifier", identifier,
+                  "Number that no other system of the link has [a random one at each start]")
+      ->type_name("N")
+      ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
   command.add_flag("--mesh", mesh, "Connect the satellites with each other too, not only with the master");
   command.add_flag("--legacy", engine.legacy, "Use the legacy command numbering; all systems need the same");
   command

@@ -17,6 +17,7 @@ struct Host_Options {
   std::string name;
   std::uint32_t masterAddress = 0; ///< satellite: 0 searches
   std::int32_t maxSatellites = 0;  ///< 0: as the start-up option says
+  std::int32_t identifier = 0;     ///< 0: a random one
   std::string captureFile;         ///< empty: none
   bool mesh = false;
   bool json = false;

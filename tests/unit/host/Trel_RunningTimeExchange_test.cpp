@@ -188,6 +188,18 @@ TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
   EXPECT_GE(mExchange.mVouchers.size(), 180U);
 }
 
+TEST_F(Trel_RunningTimeExchangeTest, ManyPeersAreServedLessOften) {
+  std::set<std::uint32_t> peers;
+  while (peers.size() < 64) {
+    peers.insert(kPeer + static_cast<std::uint32_t>(peers.size()));
+  }
+  mExchange.Run(4'000'000, peers);
+  const std::size_t before = mExchange.mVouchers.size();
+  EXPECT_GE(before, 25U);
+  mExchange.Run(20'000'000, peers);
+  EXPECT_NEAR(static_cast<double>(mExchange.mVouchers.size() - before), 20, 2); // at 64 times 15 ms
+}
+
 TEST_F(Trel_RunningTimeExchangeTest, TriesAgainAfterAPauseAndForgetsWhoIsGone) {
   mExchange.mWays = [](std::uint32_t, bool isVoucher) {
     return Ways{.there = 50, .back = 50, .answered = !isVoucher && sNow > 1'200'000};

@@ -1,0 +1,389 @@
+#include "tests/support/HostProcess.h"
+#include "tests/support/TestSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TREL_TEST_SANITIZED
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TREL_TEST_SANITIZED
+#endif
+#endif
+
+namespace {
+
+using Json = HostProcess::Json;
+using Arguments = std::vector<std::string>;
+
+#if defined(TREL_TEST_SANITIZED)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+#if defined(__OPTIMIZE__)
+constexpr bool kIsOptimised = !kIsSanitized;
+#else
+constexpr bool kIsOptimised = false;
+#endif
+
+// Marks, microseconds.
+constexpr std::int64_t kTimeToLink = 10'000'000;
+constexpr std::int64_t kTimeToNoticeLoss = 4'000'000;
+
+const std::string kMaster = "127.0.9.2";
+std::string Address(int satellite) { return "127.0.9." + std::to_string(10 + satellite); }
+
+/// Ports of their own, so that no other test and no host of the user matters.
+Arguments OnOwnPorts(Arguments arguments) {
+  if (arguments.front() == "host") {
+    arguments.insert(arguments.end(), {"--port", std::to_string(TestPort())});
+  }
+  arguments.insert(arguments.end(), {"--json", "--discovery-port", std::to_string(TestPort() + 8000)});
+  return arguments;
+}
+Arguments With(Arguments arguments, const Arguments& more) {
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+Arguments Master(const Arguments& more = {}) {
+  return OnOwnPorts(With({"host", "--master", "--address", kMaster}, more));
+}
+/// It searches for the master, unless told otherwise.
+Arguments Satellite(const std::string& address, const Arguments& more = {}) {
+  return OnOwnPorts(With({"host", "--satellite", "--address", address}, more));
+}
+
+std::int64_t TimeOf(const Json& event) { return event.is_object() ? event.at("time_us").get<std::int64_t>() : 0; }
+
+/// How often a host has told something so far.
+std::int64_t Count(HostProcess& host, const Json& pattern) {
+  host.Command("state"); // all before it has been read then
+  return std::count_if(host.Objects().begin(), host.Objects().end(), [&pattern](Json object) {
+    const Json before = object;
+    object.merge_patch(pattern);
+    return object == before;
+  });
+}
+
+std::int64_t PeakKiB(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) {
+      return std::stoll(line.substr(line.find_first_of("0123456789")));
+    }
+  }
+  return 0;
+}
+
+/// Processor time that a process has used.
+double ProcessorSeconds(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  constexpr int kUserTime = 11; // from the state on
+  const std::vector<std::string> all{std::istream_iterator<std::string>(fields), {}};
+  return static_cast<double>(std::stoll(all.at(kUserTime)) + std::stoll(all.at(kUserTime + 1))) /
+         static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+std::set<std::string> Discover(const Arguments& more) {
+  HostProcess discover(OnOwnPorts(With({"discover"}, more)));
+  EXPECT_EQ(discover.End(), 0) << discover.Text();
+  std::set<std::string> addresses;
+  for (const Json& system : discover.Objects()) {
+    addresses.insert(system.at("address").get<std::string>());
+  }
+  return addresses;
+}
+
+TEST(LinkScenario, AFullLinkComesTogetherAndIdles) {
+  constexpr int kSatellites = kIsSanitized ? 12 : 64; // a sanitized process is some ten times as big and slow
+  HostProcess master(Master({"--max-satellites", std::to_string(kSatellites)}));
+  master.Await({{"event", "ready"}});
+  std::deque<HostProcess> satellites;
+  std::set<std::string> addresses;
+  std::int64_t lastStarted = 0;
+  for (int satellite = 0; satellite < kSatellites; ++satellite) {
+    addresses.insert(Address(satellite));
+    lastStarted = Sys_Clock::RawMicroseconds();
+    satellites.emplace_back(Satellite(Address(satellite)));
+  }
+  std::int64_t lastLinked = 0;
+  for (int satellite = 0; satellite < kSatellites; ++satellite) {
+    lastLinked = TimeOf(master.Await({{"event", "linked"}}));
+  }
+  ExpectWithin("until all are linked, from the start of the last process, us", lastLinked - lastStarted, kTimeToLink);
+  master.Command("wait locked");
+  for (HostProcess& satellite : satellites) {
+    satellite.Command("wait locked");
+  }
+  for (int query = 0; query < 10; ++query) {
+    ASSERT_EQ(Discover({"--satellites", "--address", "127.0.9.99"}), addresses) << query;
+  }
+
+  constexpr std::chrono::seconds kIdleTime{4};
+  const double before = ProcessorSeconds(master.Id());
+  std::this_thread::sleep_for(kIdleTime);
+  const double used = ProcessorSeconds(master.Id()) - before;
+  const auto perMille = static_cast<std::int64_t>(used / kIdleTime.count() * 1000);
+  if (kIsOptimised) {
+    ExpectWithin("processor use of the idle master, thousandths of a core", perMille, 20);
+    ExpectWithin("memory of the master, KiB", PeakKiB(master.Id()), 64 * 1024);
+  } else {
+    std::cout << "this is no optimised build: memory (" << PeakKiB(master.Id()) << " KiB) and processor use ("
+              << perMille << " thousandths of a core) of the master are not judged\n";
+  }
+  EXPECT_EQ(Count(master, {{"event", "lost"}}), 0);
+  EXPECT_EQ(Count(master, {{"event", "linked"}}), kSatellites);
+}
+
+TEST(LinkScenario, AMeshOfEightCompletes) {
+  constexpr int kSatellites = 8;
+  HostProcess master(Master({"--mesh"}));
+  master.Await({{"event", "ready"}});
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  std::deque<HostProcess> satellites;
+  for (int satellite = 0; satellite < kSatellites; ++satellite) {
+    satellites.emplace_back(Satellite(Address(satellite)));
+  }
+  for (HostProcess& satellite : satellites) {
+    satellite.Command("wait linked " + std::to_string(kSatellites)); // the master and the others
+  }
+  ExpectWithin("until the mesh is complete, us", Sys_Clock::RawMicroseconds() - begin, kTimeToLink);
+  for (HostProcess& satellite : satellites) {
+    EXPECT_EQ(Count(satellite, {{"event", "mesh_failed"}}), 0) << satellite.Text();
+  }
+}
+
+TEST(LinkScenario, AWrongSecretIsRefusedAndTheRightOneLinksLater) {
+  const std::string folder = testing::TempDir() + "trel_secrets_" + std::to_string(getpid());
+  std::filesystem::create_directory(folder);
+  const std::string right = folder + "/right", wrong = folder + "/wrong";
+  for (const std::string& file : {right, wrong}) {
+    HostProcess maker({"secret", file});
+    ASSERT_EQ(maker.End(), 0) << maker.Text();
+  }
+  HostProcess master(Master({"--secret-file", right}));
+  master.Await({{"event", "ready"}});
+  const auto satellite = [](int number, const std::string& secret) {
+    return Satellite(Address(number), {"--connect", kMaster, "--secret-file", secret});
+  };
+  std::int64_t refused = 0;
+  {
+    HostProcess guesser(satellite(0, wrong));
+    const Json words = guesser.Await({{"event", "link_refused"}});
+    EXPECT_NE(words.value("text", "").find("do not have the same shared secret"), std::string::npos) << words;
+    const Json heard = master.Await({{"event", "network_error"}, {"address", Address(0)}});
+    EXPECT_NE(heard.value("text", "").find("do not have the same shared secret"), std::string::npos) << heard;
+    refused = TimeOf(heard);
+    HostProcess rightful(satellite(1, right));
+    const Json linked = master.Await({{"event", "linked"}, {"address", Address(1)}});
+    ExpectWithin("until a rightful system is linked meanwhile, us", TimeOf(linked) - refused, 4'000'000);
+    EXPECT_EQ(Count(master, {{"event", "linked"}, {"address", Address(0)}}), 0);
+  }
+  HostProcess reformed(satellite(0, right));
+  const Json linked = master.Await({{"event", "linked"}, {"address", Address(0)}});
+  constexpr std::int64_t kInterval = 10'000'000;
+  constexpr std::int64_t kLongestPause = 5'000'000;
+  ExpectWithin("until the guesser is linked with the right secret, us", TimeOf(linked) - refused,
+               kInterval + kLongestPause + kTimeToLink);
+  EXPECT_GE(TimeOf(linked) - refused, kInterval) << "it was let in at once";
+  std::filesystem::remove_all(folder);
+}
+
+TEST(LinkScenario, KilledAndStoppedSystemsComeBack) {
+  const Json lost{{"event", "lost"}, {"address", Address(0)}}, linked{{"event", "linked"}, {"address", Address(0)}};
+  const Json masterLost{{"event", "lost"}, {"address", kMaster}};
+  const Json masterLinked{{"event", "linked"}, {"address", kMaster}};
+  std::optional<HostProcess> master(std::in_place, Master());
+  master->Await({{"event", "ready"}});
+  std::optional<HostProcess> first(std::in_place, Satellite(Address(0)));
+  HostProcess second(Satellite(Address(1)));
+  master->Command("wait linked 2");
+
+  std::int64_t begin = Sys_Clock::RawMicroseconds();
+  first.reset(); // kills it
+  first.emplace(Satellite(Address(0)));
+  ExpectWithin("killed satellite is lost, us", TimeOf(master->Await(lost)) - begin, kTimeToNoticeLoss);
+  ExpectWithin("killed satellite is linked again, us", TimeOf(master->Await(linked)) - begin, kTimeToLink);
+  first->Await(masterLinked);
+
+  begin = Sys_Clock::RawMicroseconds();
+  kill(first->Id(), SIGSTOP);
+  ExpectWithin("stopped satellite is lost, us", TimeOf(master->Await(lost)) - begin, kTimeToNoticeLoss);
+  std::this_thread::sleep_for(std::chrono::microseconds(begin + 5'000'000 - Sys_Clock::RawMicroseconds()));
+  const std::int64_t continued = Sys_Clock::RawMicroseconds();
+  kill(first->Id(), SIGCONT);
+  first->Await(masterLost);
+  ExpectWithin("continued satellite is linked again, us", TimeOf(master->Await(linked)) - continued, kTimeToLink);
+  first->Await(masterLinked);
+  first->Command("wait locked");
+  EXPECT_EQ(Count(*master, lost), 2);
+  EXPECT_EQ(Count(*first, masterLost), 1);
+  EXPECT_EQ(Count(second, masterLost), 0);
+
+  begin = Sys_Clock::RawMicroseconds();
+  master.reset();
+  for (HostProcess* satellite : {&*first, &second}) {
+    ExpectWithin("killed master is lost, us", TimeOf(satellite->Await(masterLost)) - begin, kTimeToNoticeLoss);
+  }
+  master.emplace(Master());
+  const std::int64_t ready = TimeOf(master->Await({{"event", "ready"}}));
+  for (HostProcess* satellite : {&*first, &second}) {
+    ExpectWithin("linked with the new master, us", TimeOf(satellite->Await(masterLinked)) - ready, kTimeToLink);
+    satellite->Command("wait locked");
+  }
+  master->Command("wait locked");
+}
+
+TEST(LinkScenario, AnIdentifierIsNotUsedTwice) {
+  HostProcess master(Master({"--identifier", "5"}));
+  master.Await({{"event", "ready"}});
+  HostProcess first(Satellite(Address(0), {"--identifier", "77", "--name", "Owner"}));
+  master.Await({{"event", "linked"}, {"address", Address(0)}});
+  const struct {
+    int satellite;
+    const char* identifier;
+    std::string owner;
+  } rivals[] = {{1, "77", Address(0)}, {2, "5", kMaster}};
+  for (const auto& rival : rivals) {
+    HostProcess second(Satellite(Address(rival.satellite), {"--identifier", rival.identifier}));
+    const std::string clash = std::string("identifier ") + rival.identifier;
+    const Json heard = master.Await({{"event", "link_refused"}, {"address", Address(rival.satellite)}});
+    const Json words = second.Await({{"event", "link_refused"}, {"address", kMaster}});
+    for (const Json& event : {heard, words}) {
+      const std::string text = event.value("text", "");
+      EXPECT_NE(text.find(clash), std::string::npos) << text;
+      EXPECT_NE(text.find(rival.owner), std::string::npos) << text;
+      EXPECT_NE(text.find("Give one of them another identifier"), std::string::npos) << text;
+    }
+    EXPECT_EQ(master.Command("state").value("linked", Json::array()), Json::array({Address(0)})) << master.Text();
+  }
+  EXPECT_EQ(Count(first, {{"event", "lost"}}), 0);
+}
+
+// --- over a bridge --------------------------------------------------------------------------------------------------
+
+/// A network of the test's own, which ends with it: machines, each with an adaptor, that are joined by a switch.
+class Bridged : public testing::Test {
+protected:
+  static constexpr int kMachines =
+      4; // the master at 10.79.0.1, satellites at 10.79.0.2 and 10.79.0.3, and one without a host
+
+  void SetUp() override {
+    mHome = OpenPresent();
+    const bool hasSwitch = unshare(CLONE_NEWNET) == 0 && Run("ip link add switch type bridge forward_delay 0 && "
+                                                             "ip link set switch up");
+    if (!hasSwitch) {
+      GTEST_SKIP() << "needs the right to make network namespaces with a bridge, and the program ip";
+    }
+    mSwitch = OpenPresent();
+    for (int machine = 0; machine < kMachines; ++machine) {
+      ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+      mMachines.push_back(OpenPresent());
+      const std::string number = std::to_string(machine + 1);
+      Enter(mSwitch);
+      ASSERT_TRUE(Run("ip link add port" + number + " type veth peer name adaptor netns /proc/" +
+                      std::to_string(getpid()) + "/fd/" + std::to_string(mMachines.back()) + " && ip link set port" +
+                      number + " master switch up"));
+      Enter(mMachines.back());
+      ASSERT_TRUE(Run("ip link set lo up && ip addr add 10.79.0." + number +
+                      "/24 broadcast + dev adaptor && ip link set adaptor up"));
+    }
+  }
+  void TearDown() override {
+    Enter(mHome);
+    for (const int network : mMachines) {
+      close(network);
+    }
+    close(mSwitch);
+    close(mHome);
+  }
+
+  static std::string AddressOf(int machine) { return "10.79.0." + std::to_string(machine + 1); }
+  /// What is started from now on runs on that machine.
+  void EnterMachine(int machine) { Enter(mMachines.at(static_cast<std::size_t>(machine))); }
+  void Plug(int machine, bool isIn) {
+    Enter(mSwitch);
+    ASSERT_TRUE(Run("ip link set port" + std::to_string(machine + 1) + (isIn ? " up" : " down")));
+  }
+
+private:
+  static int OpenPresent() { return open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
+  static void Enter(int network) { ASSERT_EQ(setns(network, CLONE_NEWNET), 0); }
+  static bool Run(const std::string& command) { return std::system(command.c_str()) == 0; }
+
+  int mHome = -1;
+  int mSwitch = -1;
+  std::vector<int> mMachines;
+};
+
+TEST_F(Bridged, APulledCableIsNoticedAndTheLinkComesBack) {
+  EnterMachine(0);
+  HostProcess master(OnOwnPorts({"host", "--master"}));
+  master.Await({{"event", "ready"}, {"address", AddressOf(0)}});
+  std::deque<HostProcess> satellites;
+  for (const int machine : {1, 2}) {
+    EnterMachine(machine);
+    satellites.emplace_back(OnOwnPorts({"host", "--satellite", "--connect", "auto"}));
+    satellites.back().Await({{"event", "linked"}, {"address", AddressOf(0)}});
+  }
+  for (HostProcess& satellite : satellites) {
+    satellite.Command("wait locked");
+  }
+  master.Command("wait locked");
+  EnterMachine(3);
+  EXPECT_EQ(Discover({}), (std::set<std::string>{AddressOf(0), AddressOf(1), AddressOf(2)}));
+
+  const struct {
+    int machine;
+    std::vector<int> lost; // satellites
+  } cables[] = {{1, {1}}, {0, {1, 2}}};
+  std::int64_t lossesOfMaster = 0;
+  std::int64_t lossesOfFirst = 0;
+  for (const auto& cable : cables) {
+    const std::int64_t pulled = Sys_Clock::RawMicroseconds();
+    Plug(cable.machine, false);
+    for (const int satellite : cable.lost) {
+      const Json atSatellite = satellites[static_cast<std::size_t>(satellite - 1)].Await({{"event", "lost"}});
+      const Json atMaster = master.Await({{"event", "lost"}});
+      ExpectWithin("loss noticed by satellite, us", TimeOf(atSatellite) - pulled, kTimeToNoticeLoss);
+      ExpectWithin("loss noticed by master, us", TimeOf(atMaster) - pulled, kTimeToNoticeLoss);
+      ++lossesOfMaster;
+    }
+    ++lossesOfFirst;
+    std::this_thread::sleep_for(std::chrono::microseconds(pulled + 10'000'000 - Sys_Clock::RawMicroseconds()));
+    const std::int64_t plugged = Sys_Clock::RawMicroseconds();
+    Plug(cable.machine, true);
+    for (const int satellite : cable.lost) {
+      HostProcess& host = satellites[static_cast<std::size_t>(satellite - 1)];
+      ExpectWithin("linked again, us", TimeOf(host.Await({{"event", "linked"}})) - plugged, kTimeToLink);
+      master.Await({{"event", "linked"}});
+      host.Command("wait locked");
+    }
+    master.Command("wait locked");
+    EXPECT_EQ(Count(master, {{"event", "lost"}}), lossesOfMaster) << master.Text();
+    EXPECT_EQ(Count(satellites[0], {{"event", "lost"}}), lossesOfFirst) << satellites[0].Text();
+  }
+}
+
+} // namespace
