@@ -196,16 +196,18 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
         std::max(1, SPSStartupOptionSInt32(
                         "AuthenticationFailureSeconds",
                         static_cast<std::int32_t>(limits.authenticationFailure / kMicrosecondsPerSecond)));
-    const std::shared_ptr<TCPE_Engine> engine = TCPE_Engine::Make({.manager = this,
-                                                                   .task = std::move(task),
-                                                                   .limits = limits,
-                                                                   .localAddress = adaptor.address,
-                                                                   .adaptorName = adaptor.name,
-                                                                   .broadcastAddress = adaptor.broadcast,
-                                                                   .key = std::move(key),
-                                                                   .onNetworkError = onNetworkError,
-                                                                   .byteTap = mByteTap,
-                                                                   .isHostPumped = mHostPumped});
+    const std::shared_ptr<TCPE_Engine> engine =
+        TCPE_Engine::Make({.manager = this,
+                           .task = std::move(task),
+                           .limits = limits,
+                           .localAddress = adaptor.address,
+                           .adaptorName = adaptor.name,
+                           .broadcastAddress = adaptor.broadcast,
+                           .key = std::move(key),
+                           .onNetworkError = onNetworkError,
+                           .byteTap = mByteTap,
+                           .isHostPumped = mHostPumped,
+                           .answersDiscovery = SPSStartupOptionSInt32("AnswersDiscovery", 1) != 0});
     engine->SetCommandLog(mCommandLog);
     const std::lock_guard lock(mMutex); // a handler that runs before Start returns waits here until it finds the engine
     status = engine->Start();

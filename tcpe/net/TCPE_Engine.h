@@ -33,6 +33,7 @@ public:
     TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
     std::shared_ptr<TCPE_ByteTap> byteTap;
     bool isHostPumped = false;
+    bool answersDiscovery = true;
   };
 
   /// Makes an engine that does nothing yet.

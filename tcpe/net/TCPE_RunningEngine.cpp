@@ -57,12 +57,13 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
                                                                       .waitingJobsPerPeer = mLimits.maxWaitingHandlers,
                                                                       .peers = mLimits.maxQueues})),
       mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
-      mNetwork(std::make_unique<TCPE_Network>(EndpointConfig(setup.key), ResponderConfig(setup.key),
-                                              TCPE_Network::Place{.address = mLocalAddress,
-                                                                  .broadcastAddress = mBroadcastAddress,
-                                                                  .port = mTask->GetCommunicationPort(),
-                                                                  .discoveryPort = mTask->GetDiscoveryPort()},
-                                              *mByteTap, static_cast<TCPE_Network::Listener&>(*this))) {}
+      mNetwork(std::make_unique<TCPE_Network>(
+          EndpointConfig(setup.key), ResponderConfig(setup.key),
+          TCPE_Network::Place{.address = mLocalAddress,
+                              .broadcastAddress = mBroadcastAddress,
+                              .port = mTask->GetCommunicationPort(),
+                              .discoveryPort = setup.answersDiscovery ? mTask->GetDiscoveryPort() : std::uint16_t{0}},
+          *mByteTap, static_cast<TCPE_Network::Listener&>(*this))) {}
 
 ETCPE_Status TCPE_RunningEngine::Start() {
   try {

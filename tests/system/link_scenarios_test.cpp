@@ -351,8 +351,7 @@ TEST_F(Bridged, APulledCableIsNoticedAndTheLinkComesBack) {
     satellite.Command("wait locked");
   }
   master.Command("wait locked");
-  EnterMachine(3);
-  EXPECT_EQ(Discover({}), (std::set<std::string>{AddressOf(0), AddressOf(1), AddressOf(2)}));
+  EXPECT_EQ(Discover({}), (std::set<std::string>{AddressOf(0), AddressOf(1)})); // beside the host of the last machine
 
   const struct {
     int machine;

@@ -100,7 +100,7 @@ int RunDiscover(DiscoverOptions options) {
     options.all = true;
   }
   options.engine.Prepare();
-  options.engine.UseFreePort();
+  options.engine.OnlyAsk();
   if (const std::string failure = options.engine.Start(nullptr); !failure.empty()) {
     std::cerr << "trel: " << failure << '\n';
     return kExitFailure;

@@ -81,7 +81,7 @@ void Doctor_Checks::Run() {
   if (adaptor) {
     CheckPorts(adaptor->address);
     CheckBroadcast(*adaptor);
-    mOptions.UseFreePort();
+    mOptions.OnlyAsk();
     if (const std::string failure = mOptions.Start(nullptr); !failure.empty()) {
       mFindings.Problem("engine", failure, "");
     } else {

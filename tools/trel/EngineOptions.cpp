@@ -66,7 +66,8 @@ void EngineOptions::Prepare() const {
   Trel_Init::Init();
 }
 
-void EngineOptions::UseFreePort() {
+void EngineOptions::OnlyAsk() {
+  SPSSetStartupOption("AnswersDiscovery", "0");
   try {
     port = FreePort(address, 0);
   } catch (const std::system_error&) {

@@ -23,8 +23,9 @@ struct EngineOptions {
   void AddTo(CLI::App& command);
   /// Sets the start-up options and prepares the platform, which reads some of them: before anything else.
   void Prepare() const;
-  /// For a command that only asks: takes a communication port that nobody has, so that it runs beside a host.
-  void UseFreePort();
+  /// For a command that only asks: takes a communication port that nobody has, and no discovery port, so that it runs
+  /// beside a host.
+  void OnlyAsk();
   /// Starts the engine. After the handlers are set.
   /// @return what went wrong and what to do about it, in words; empty when nothing did
   std::string Start(TCPE_CommManager::NetworkErrorProc onNetworkError) const;
