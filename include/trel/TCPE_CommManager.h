@@ -37,8 +37,8 @@ public:
   /// the commands that came before from that peer. `address` is the peer's, host order.
   ///
   /// With eNetworkError_Authentication also told when a system that wants to connect to this one does not prove the
-  /// shared secret; then at most once while GetAuthenticationFailed holds for its address, so that guesses cannot flood
-  /// the host.
+  /// shared secret, or requires one and this system has none; then at most once in the time for which a failure marks
+  /// an address (see GetAuthenticationFailed), so that attempts cannot flood the host.
   using NetworkErrorProc = void (*)(ENetworkError error, std::uint32_t address);
   /// Gets one line for each command sent, received and replied to; runs on the thread that does it.
   using CommandLogProc = void (*)(const char* line);

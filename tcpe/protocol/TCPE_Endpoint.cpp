@@ -38,7 +38,7 @@ std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::TransportAccepted(std::uint32_t 
   }
   mConnections[++mLastId] = {.address = address, .openedByPeer = true};
   AddSession(mLastId, TCPE_Session::Role::acceptor, {}, now);
-  if (mFailures.IsMarked(address, now)) {
+  if (HasAuthenticationFailed(address, now)) {
     TurnAway(mLastId);
   } else {
     PushOutput(mLastId);
@@ -239,8 +239,12 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     break;
   case Kind::refused:
     if (connection->openedByPeer) {
+      const std::uint32_t address = connection->address;
       ++mCounts.refusals;
       Close(id);
+      if (event->error == eTCPE_CommErr_Authentication) { // it requires a secret, and this side has none
+        TellOfFailure(address, now);
+      }
     } else {
       AttemptFailed(id, event->error, now);
     }
@@ -290,15 +294,20 @@ void TCPE_Endpoint::Examine(Id id, TCPE_Time now) {
 
 void TCPE_Endpoint::OnUnproved(Id id, TCPE_Time now) {
   const auto [address, openedByPeer] = std::pair(mConnections.at(id).address, mConnections.at(id).openedByPeer);
-  const bool isNew = !mFailures.IsMarked(address, now);
-  mFailures.Add(address, now);
   ++mCounts.unproved;
   if (!openedByPeer) {
+    mFailures.Add(address, now);
     AttemptFailed(id, eTCPE_CommErr_Authentication, now);
     return;
   }
   ++mCounts.refusals;
   Close(id);
+  TellOfFailure(address, now);
+}
+
+void TCPE_Endpoint::TellOfFailure(std::uint32_t address, TCPE_Time now) {
+  const bool isNew = !mFailures.IsMarked(address, now);
+  mFailures.Add(address, now);
   if (isNew) {
     Push({.kind = Event::Kind::unproved, .address = address});
   }

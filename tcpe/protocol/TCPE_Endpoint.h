@@ -49,7 +49,8 @@ public:
       frame,        ///< a command or a reply of the peer
       disconnected, ///< the peer ended the connection with the disconnect command in header and payload
       lost,         ///< an open connection ended with `networkError`
-      unproved,     ///< a system that would connect from the address did not prove the secret; once while it is marked
+      unproved, ///< a system that would connect from the address did not prove the secret, or requires one that this
+                ///< side does not have; once while the address is marked
       connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
       send,         ///< send `payload`
       close,        ///< close the transport; what was given to send goes out first
@@ -107,8 +108,11 @@ public:
   std::size_t HalfOpenConnections() const;
   /// For any thread.
   const Counts& GetCounts() const { return mCounts; }
-  /// Whether a system at the address failed to prove the secret a short while ago. From any thread.
-  bool HasAuthenticationFailed(std::uint32_t address, TCPE_Time now) const { return mFailures.IsMarked(address, now); }
+  /// Whether a system at the address failed to prove the secret a short while ago; without a secret nobody
+  /// does. From any thread.
+  bool HasAuthenticationFailed(std::uint32_t address, TCPE_Time now) const {
+    return mConfig.key != nullptr && mFailures.IsMarked(address, now);
+  }
 
 private:
   struct Connection {
@@ -133,6 +137,8 @@ private:
   void CheckDeadline(Id id, TCPE_Time now);
   void Examine(Id id, TCPE_Time now);
   void OnUnproved(Id id, TCPE_Time now);
+  /// Marks an address, and tells of it unless it is marked already.
+  void TellOfFailure(std::uint32_t address, TCPE_Time now);
   void Decide(Id id, TCPE_Time now);
   void DecideWaiting(std::uint32_t address, TCPE_Time now);
   void Refuse(Id id, TCPE_CommErr error);

@@ -52,7 +52,7 @@ TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
     bool marked[2]; ///< at the initiator, at the acceptor
   } cases[] = {{"xx", "opened 20, ended 20 0 | opened 10 by peer", {false, false}},
                {"xy", "ended 20 17 | unproved 10", {false, true}},
-               {"x0", "ended 20 17 | ", {true, false}},
+               {"x0", "ended 20 17 | unproved 10", {true, false}},
                {"0x", "ended 20 17 | unproved 10", {false, true}}};
   for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
     for (const auto& test : cases) {

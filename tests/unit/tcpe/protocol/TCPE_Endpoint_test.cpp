@@ -65,7 +65,7 @@ TEST(TCPE_Endpoint, ConnectsOrSaysWhyNot) {
       {"full itself", 0, [](Config& c) { c.maxConnections = 0; }, "ended 20 2"},
       {"other numbering", 1, [](Config& c) { c.local.hello.majorVersion = 3; }, "ended 20 16"},
       {"acceptor's secret", 1, [](Config& c) { c.key = Systems::Key('x'); }, "ended 20 17", "unproved 10"},
-      {"initiator's secret", 0, [](Config& c) { c.key = Systems::Key('x'); }, "ended 20 17"},
+      {"initiator's secret", 0, [](Config& c) { c.key = Systems::Key('x'); }, "ended 20 17", "unproved 10"},
   };
   for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
     for (const auto& test : cases) {
