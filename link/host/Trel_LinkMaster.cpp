@@ -369,8 +369,8 @@ void Trel_LinkMaster::AnnounceControl() {
     addresses = link.mRoster.GetLinkedAddresses();
     return link.mRoster.Find(link.mArbiter.GetHolder());
   });
+  bool isNews = false;
   if (holder) {
-    bool isNews = false;
     const auto announceHere = [&] {
       isNews = mView.WithControl([&](Trel_ControlState& control) {
         return control.Announce(holder->GetIPAddress(), holder->GetIPAddress() == mAddress);
@@ -391,9 +391,6 @@ void Trel_LinkMaster::AnnounceControl() {
     } else {
       TellWhoIsInControl(holder->GetIPAddress(), *holder);
     }
-    if (isNews) {
-      Tell(Kind::control, holder->GetIPAddress(), Texts::Name(*holder) + " is in control.", 0, holder->GetUniqueID());
-    }
   }
   WithLink([&holder](Link& link) {
     if (!holder) { // it was unlinked just when it got control
@@ -401,6 +398,9 @@ void Trel_LinkMaster::AnnounceControl() {
     }
     link.mArbiter.Announced();
   });
+  if (isNews) { // the host may take its time: meanwhile control can be asked for
+    Tell(Kind::control, holder->GetIPAddress(), Texts::Name(*holder) + " is in control.", 0, holder->GetUniqueID());
+  }
 }
 
 void Trel_LinkMaster::TellWhoIsInControl(std::uint32_t address, const Trel_System& holder) {
