@@ -13,6 +13,7 @@
 #include <array>
 #include <filesystem>
 #include <iomanip>
+#include <numeric>
 #include <sstream>
 #include <utility>
 
@@ -27,6 +28,12 @@ constexpr milliseconds kPollPeriod{50};              // how late the end of a pr
 constexpr milliseconds kEndTimeOut{5000};
 constexpr milliseconds kStartMargin{5000};
 constexpr std::size_t kMostSystemsOnALine = 8;
+
+std::vector<std::uint32_t> AddressesOf(std::int32_t satellites) {
+  std::vector<std::uint32_t> addresses(static_cast<std::size_t>(satellites) + 1);
+  std::iota(addresses.begin(), addresses.end(), kMasterAddress);
+  return addresses;
+}
 
 /// Fast and slow ones in turn, the extremes first.
 std::int32_t DriftOf(std::int32_t index) {
@@ -81,8 +88,9 @@ void Demo_Coordinator::StartNodes() {
   Demo_NodeOptions master;
   master.address = kMasterAddress;
   master.master = kMasterAddress;
-  master.port =
-      mOptions.port != 0 ? mOptions.port : FreePort(kMasterAddress, Trel_CommPreferences::kDefaultCommunicationPort);
+  master.port = mOptions.port != 0
+                    ? mOptions.port
+                    : FreePort(AddressesOf(mOptions.satellites), Trel_CommPreferences::kDefaultCommunicationPort);
   master.name = "Demo Master";
   master.satellites = mOptions.satellites;
   master.rounds = mOptions.rounds;

@@ -32,6 +32,8 @@ void Demo_Node::Prepare() {
   SPSSetStartupOption("SimulatedClockOffsetMilliseconds", std::to_string(mOptions.offsetMilliseconds).c_str());
   SPSSetStartupOption("SimulatedClockDriftPPM", std::to_string(mOptions.driftPPM).c_str());
   SPSSetStartupOption("SupportsMarlo11", mOptions.legacy ? "0" : "1");
+  // Nobody searches for a demonstration, and a host on this machine may have the discovery port.
+  SPSSetStartupOption("AnswersDiscovery", "0");
   SPSSetStartupOption("MaxNumberSatellites", std::to_string(mOptions.satellites).c_str());
   Trel_Init::Init();
 

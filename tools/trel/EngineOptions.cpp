@@ -69,7 +69,7 @@ void EngineOptions::Prepare() const {
 void EngineOptions::OnlyAsk() {
   SPSSetStartupOption("AnswersDiscovery", "0");
   try {
-    port = FreePort(address, 0);
+    port = FreePort({address}, 0);
   } catch (const std::system_error&) {
     // The address is none of this machine, which Start says better.
   }

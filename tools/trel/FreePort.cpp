@@ -1,5 +1,6 @@
 #include "FreePort.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -29,9 +30,12 @@ std::uint16_t Bind(std::uint32_t address, std::uint16_t port) {
 
 } // namespace
 
-std::uint16_t FreePort(std::uint32_t address, std::uint16_t preferred) {
-  for (const std::uint16_t wanted : {preferred, std::uint16_t{0}}) {
-    if (const std::uint16_t port = Bind(address, wanted); port != 0) {
+std::uint16_t FreePort(const std::vector<std::uint32_t>& addresses, std::uint16_t preferred) {
+  constexpr int kAttempts = 16;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const std::uint16_t port = Bind(addresses.front(), attempt == 0 ? preferred : std::uint16_t{0});
+    if (port != 0 && std::all_of(addresses.begin() + 1, addresses.end(),
+                                 [port](std::uint32_t address) { return Bind(address, port) != 0; })) {
       return port;
     }
   }

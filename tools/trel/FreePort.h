@@ -1,7 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
-/// The preferred port if nothing listens there at an address, else one that is free.
-/// Throws std::system_error when the address cannot be listened at.
-std::uint16_t FreePort(std::uint32_t address, std::uint16_t preferred);
+/// The preferred port if nothing listens there at any of the addresses, else one that is free at all of them.
+/// Throws std::system_error when there is none, or when one of the addresses cannot be listened at.
+std::uint16_t FreePort(const std::vector<std::uint32_t>& addresses, std::uint16_t preferred);
