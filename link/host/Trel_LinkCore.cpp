@@ -99,6 +99,14 @@ bool Trel_LinkCore::Start() {
   return isStarted;
 }
 
+void Trel_LinkCore::Stop() {
+  const bool isOutside = !mWorker.IsOnOwnThread();
+  Cmn_Assert::HandleMagicAssert(isOutside, R"(! IsOnOwnThread()@$^$@..\Trel_LinkSession)", __LINE__);
+  if (isOutside) {
+    mWorker.Stop();
+  }
+}
+
 void Trel_LinkCore::OnNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
   const Use use;
   if (Trel_LinkCore* core = use.Core()) {

@@ -24,7 +24,8 @@ public:
   void Detach();
 
   bool Start();
-  void Stop() { mWorker.Stop(); }
+  /// From the session's own thread it reports an assertion and does nothing.
+  void Stop();
 
   Trel_LinkRole& Role() { return *mRole; }
   const Trel_LinkView& View() const { return mView; }

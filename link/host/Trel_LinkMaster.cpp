@@ -18,6 +18,8 @@ using Texts = Trel_LinkTexts;
 // Microseconds.
 constexpr std::int64_t kListDelay = 20'000;               // gathers the changes of systems that come together
 constexpr std::int64_t kLongestMeshSequence = 15'000'000; // two attempts to connect to a dead system
+// A satellite gives up sooner: what is still there then does not know the sequence.
+constexpr std::int64_t kLongestCompletion = 20'000'000;
 // The two ends of a dead connection notice within the period of the heartbeat of each other.
 constexpr std::int64_t kLostHolderWait = 1'000'000;
 
@@ -37,6 +39,7 @@ auto Trel_LinkMaster::WithLink(Function function) {
 }
 
 void Trel_LinkMaster::Begin() {
+  mIsStopped = false;
   const Trel_System local = Trel_LinkCommands::LocalSystem();
   mAddress = local.GetIPAddress();
   {
@@ -53,15 +56,15 @@ void Trel_LinkMaster::Begin() {
 }
 
 void Trel_LinkMaster::End() {
-  std::vector<Trel_System> systems;
+  mIsStopped = true; // whoever connects from now on would wait for nothing
+  Trel_CommManager::SetAllowSatellitesToConnectToMasterSystem(false);
   {
     const std::lock_guard lock(mMutex);
-    systems = mLink->mRoster.GetSystems();
     mLink.reset();
   }
   mView.WithControl([](Trel_ControlState& control) { control.LoseLink(); });
-  for (const Trel_System& system : systems) {
-    Trel_CommManager::Disconnect(system.GetIPAddress());
+  for (const std::uint32_t address : Trel_CommManager::GetConnectedAddresses()) {
+    Trel_CommManager::Disconnect(address); // also who has not been admitted yet
   }
   mJoining.clear();
   mListsDue.reset();
@@ -89,8 +92,12 @@ std::int64_t Trel_LinkMaster::Tick(std::int64_t now) {
   }
   for (auto& [address, joining] : mJoining) {
     if (isDue(joining.mDeadline)) {
-      joining.mConnectsTo.clear();
-      CompleteIfConnected(address);
+      if (joining.mIsTold) {
+        GiveUp(address);
+      } else {
+        joining.mConnectsTo.clear();
+        CompleteIfConnected(address);
+      }
       return now;
     }
   }
@@ -103,6 +110,10 @@ std::int64_t Trel_LinkMaster::Tick(std::int64_t now) {
 // --- who comes ------------------------------------------------------------------------------------------------------
 
 void Trel_LinkMaster::OnConnect(const Trel_Cmd_Connect& command) {
+  if (mIsStopped) {
+    Trel_CommManager::Disconnect(command.GetIPAddressFrom());
+    return;
+  }
   Trel_System newcomer;
   newcomer.SetIPAddress(command.GetIPAddressFrom());
   newcomer.SetPort(static_cast<std::uint16_t>(Trel_CommManager::GetCommunicationPort())); // the same on all systems
@@ -120,6 +131,9 @@ void Trel_LinkMaster::OnConnect(const Trel_Cmd_Connect& command) {
 void Trel_LinkMaster::Admit(const Trel_System& newcomer) {
   const std::uint32_t address = newcomer.GetIPAddress();
   Remove(address, Kind::lost, NameOf(address) + " has connected anew.");
+  if (!Trel_CommManager::IsConnected(address)) {
+    return; // the session was stopped meanwhile
+  }
   const bool isAllowed = Trel_CommManager::AllowSatellitesToConnectToMasterSystem();
   const std::int32_t most = Trel_CommManager::GetMaxNumberSatellites();
   const auto admission =
@@ -213,10 +227,11 @@ void Trel_LinkMaster::Connected(std::uint32_t satellite, std::uint32_t to, bool 
 
 void Trel_LinkMaster::CompleteIfConnected(std::uint32_t satellite) {
   const auto joining = mJoining.find(satellite);
-  if (joining == mJoining.end() || !joining->second.mConnectsTo.empty()) {
+  if (joining == mJoining.end() || joining->second.mIsTold || !joining->second.mConnectsTo.empty()) {
     return;
   }
-  mJoining.erase(joining);
+  joining->second.mIsTold = true;
+  joining->second.mDeadline = Sys_Clock::RawMicroseconds() + kLongestCompletion;
   if (Trel_CommManager::GetSupportsMarlo11()) {
     Trel_LinkCommands::AllConnectionsComplete(satellite);
   }
@@ -244,6 +259,12 @@ void Trel_LinkMaster::Linked(std::uint32_t satellite) {
     TellWhoIsInControl(satellite, *holder);
   }
   ListChanged();
+}
+
+void Trel_LinkMaster::GiveUp(std::uint32_t satellite) {
+  Trel_CommManager::Disconnect(satellite);
+  Remove(satellite, Kind::left,
+         NameOf(satellite) + " did not complete the link and was disconnected. Check what runs there.");
 }
 
 // --- who goes -------------------------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include "link/host/Trel_LinkRole.h"
 #include "link/host/Trel_SystemRoster.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -40,7 +41,8 @@ private:
   /// A satellite that is still on its way through the sequence.
   struct Joining {
     std::set<std::uint32_t> mConnectsTo; ///< satellites that it has not told about
-    std::int64_t mDeadline = 0;          ///< then it is told that all connections are complete anyway
+    bool mIsTold = false;                ///< that all connections are complete
+    std::int64_t mDeadline = 0;          ///< then it is told anyway; once told, then it has to be linked
   };
 
   void Admit(const Trel_System& newcomer);
@@ -49,6 +51,8 @@ private:
   void Connected(std::uint32_t satellite, std::uint32_t to, bool success);
   void CompleteIfConnected(std::uint32_t satellite);
   void Linked(std::uint32_t satellite);
+  /// A satellite does not complete the sequence.
+  void GiveUp(std::uint32_t satellite);
   /// A system is gone, if it was here.
   void Remove(std::uint32_t address, Kind kind, const std::string& text);
   /// A transition up to the announcement, which is the worker's; whether control goes to the asker. Any thread.
@@ -69,7 +73,8 @@ private:
     Trel_SystemRoster mRoster;
     Trel_ControlArbiter mArbiter;
   };
-  std::mutex mMutex; // guards the link; held for no call that sends or tells
+  std::atomic<bool> mIsStopped = false; // has run, and does not now
+  std::mutex mMutex;                    // guards the link; held for no call that sends or tells
   std::optional<Link> mLink;
 
   // The worker's own.

@@ -27,6 +27,7 @@ public:
   void Answered(std::uint32_t address, bool success);
   /// Another satellite has connected to this one.
   void Accepted(const Trel_System& system);
+  bool Knows(std::uint32_t address) const { return mPeers.contains(address); }
   /// A connection is gone.
   void Gone(std::uint32_t address, const std::string& text);
   /// The master's list.

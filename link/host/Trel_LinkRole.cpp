@@ -1,5 +1,7 @@
 #include "link/host/Trel_LinkRole.h"
 
+#include "link/host/Trel_LinkTexts.h"
+
 #include <trel/Trel_CommManager.h>
 
 Trel_LinkRole::~Trel_LinkRole() = default;
@@ -7,7 +9,7 @@ Trel_LinkRole::~Trel_LinkRole() = default;
 void Trel_LinkRole::Tell(Kind kind, std::uint32_t address, const std::string& text, std::int64_t value,
                          std::int32_t uniqueID) const {
   if (mSettings.mOnEvent) {
-    mSettings.mOnEvent({kind, address, uniqueID, value, text});
+    mSettings.mOnEvent({kind, address, uniqueID, value, Trel_LinkTexts::Harmless(text)});
   }
 }
 

@@ -59,7 +59,9 @@ std::int64_t Trel_LinkSatellite::Tick(std::int64_t now) {
       return mDue;
     }
     Tell(Kind::connectFailed, mMaster,
-         "No answer from " + MasterName() + ". Check that it is running, its address, and the cable.");
+         mMaster == Trel_CommManager::GetAdaptorIPAddress()
+             ? MasterName() + " is the address of this system itself. Give the address of the master."
+             : "No answer from " + MasterName() + ". Check that it is running, its address, and the cable.");
     Wait(mPause.Next(Sys_Umid::Random64()));
     return now;
   case Phase::joining: {
@@ -93,7 +95,9 @@ std::int64_t Trel_LinkSatellite::Tick(std::int64_t now) {
 // --- finding and connecting -----------------------------------------------------------------------------------------
 
 void Trel_LinkSatellite::Search() {
-  Tell(Kind::searching, 0, "Searching the network for a master.");
+  if (!mHasToldNoMaster) {
+    Tell(Kind::searching, 0, "Searching the network for a master.");
+  }
   std::map<Trel_System, bool> masters;
   if (mSettings.mFindMasters) {
     mSettings.mFindMasters(&masters);
@@ -234,6 +238,10 @@ void Trel_LinkSatellite::OnListSystems(const Trel_Cmd_ListSystems& command) {
   {
     const std::lock_guard lock(mMutex);
     mTold.mList = command.GetSystems();
+    std::erase_if(mTold.mIdentifiers, [this](const auto& told) {
+      return std::none_of(mTold.mList->begin(), mTold.mList->end(),
+                          [&told](const Trel_System& system) { return system.GetIPAddress() == told.first; });
+    });
     mTold.mIsListNew = true;
     mTold.mLastOfSequence = Sys_Clock::RawMicroseconds();
   }
@@ -241,11 +249,12 @@ void Trel_LinkSatellite::OnListSystems(const Trel_Cmd_ListSystems& command) {
 }
 
 void Trel_LinkSatellite::OnConnectTo(const Trel_Cmd_ConnectTo& command) {
-  if (!IsFromMaster(command)) {
+  const std::uint32_t to = command.GetConnectToIPAddress();
+  if (!IsFromMaster(command) || to == 0 || to == mMaster || to == Trel_CommManager::GetAdaptorIPAddress()) {
     return;
   }
   Trel_System system;
-  system.SetIPAddress(command.GetConnectToIPAddress());
+  system.SetIPAddress(to);
   system.SetPort(command.GetConnectToPort());
   system.SetUniqueID(command.GetUniqueSystemID());
   system.SetSystemName(command.GetSystemName());
@@ -390,8 +399,14 @@ void Trel_LinkSatellite::OnNetworkError(ETCPE_NetworkError error, std::uint32_t 
     return; // about another connection than the one that stands
   }
   if (address != mMaster) {
-    mWorker.PostChange(address,
-                       [this, error, address] { mMesh.Gone(address, Texts::NetworkError(error, NameOf(address))); });
+    mWorker.PostChange(address, [this, error, address] {
+      const std::string text = Texts::NetworkError(error, NameOf(address));
+      if (mMesh.Knows(address)) {
+        mMesh.Gone(address, text);
+      } else {
+        Tell(Kind::networkError, address, text, error);
+      }
+    });
     return;
   }
   LoseControl();

@@ -33,10 +33,12 @@ bool Trel_LinkWorker::Start(Tick tick, Task end) {
     return false;
   }
   try {
+    const std::lock_guard stateLock(mMutex); // the thread waits until its number is known
     mThread = std::thread([this, tick = std::move(tick), end = std::move(end)] {
       Run(tick);
       end();
     });
+    mThreadID = mThread.get_id();
   } catch (const std::system_error&) {
     return false;
   }
@@ -44,8 +46,13 @@ bool Trel_LinkWorker::Start(Tick tick, Task end) {
 }
 
 bool Trel_LinkWorker::IsRunning() {
-  const std::lock_guard lock(mThreadMutex);
-  return mThread.joinable();
+  const std::lock_guard lock(mMutex);
+  return mThreadID != std::thread::id();
+}
+
+bool Trel_LinkWorker::IsOnOwnThread() {
+  const std::lock_guard lock(mMutex);
+  return mThreadID == std::this_thread::get_id();
 }
 
 void Trel_LinkWorker::Stop() {
@@ -61,6 +68,7 @@ void Trel_LinkWorker::Stop() {
   mThread.join();
   mThread = {};
   const std::lock_guard lock(mMutex);
+  mThreadID = {};
   mIsStopping = false;
 }
 

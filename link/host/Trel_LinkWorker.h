@@ -30,9 +30,12 @@ public:
 
   /// Begins with what has been posted already. False when it runs already, or the system has no thread.
   bool Start(Tick tick, Task end);
+  /// From Start to the end of Stop. Never waits.
   bool IsRunning();
-  /// Runs `end` and returns when the thread has ended.
+  /// Runs `end` and returns when the thread has ended. Not on that thread.
   void Stop();
+  /// On the thread itself.
+  bool IsOnOwnThread();
 
 private:
   struct Posted {
@@ -47,6 +50,7 @@ private:
   std::condition_variable mChanged;
   std::deque<Posted> mTasks;
   std::map<std::uint32_t, std::size_t> mWaiting; // tasks of each peer
+  std::thread::id mThreadID;                     // none while it does not run
   bool mIsStopping = false;
   bool mIsPosted = false;
   std::mutex mThreadMutex;

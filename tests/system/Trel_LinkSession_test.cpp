@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -39,9 +40,14 @@ protected:
   }
 
   void StartSession(Trel_LinkSession::Settings settings) {
-    settings.mOnEvent = [this](const Trel_LinkSession::Event& event) {
-      const std::lock_guard lock(mMutex);
-      mEvents.push_back(event);
+    settings.mOnEvent = [this, also = settings.mOnEvent](const Trel_LinkSession::Event& event) {
+      {
+        const std::lock_guard lock(mMutex);
+        mEvents.push_back(event);
+      }
+      if (also) {
+        also(event);
+      }
     };
     mSession.emplace(std::move(settings));
     Trel_CommPreferences preferences = TestPreferences(kHostAddress);
@@ -257,6 +263,35 @@ TEST_P(LinkSessionTest, SatelliteComesBackWithGrowingPauses) {
   master.Disconnect(kHostAddress);
   EXPECT_THAT(TextOf(Kind::refused, 2), HasSubstr("identifier 7 is already used by Studio B at 127.0.0.4."));
   EXPECT_GE(Events(Kind::waiting).back().mValue, 60'000);
+}
+
+TEST_P(LinkSessionTest, EventsAreLinesWhateverTheNames) {
+  StartSession({.mIsMaster = true});
+  PeerSystem& peer = AddPeer(kPeerAddress, 8);
+  peer.SetSystemName("\x1b[2J\r\nB\x7f \xc2\x9b \xc3\xa4");
+  ASSERT_TRUE(peer.Connect(kHostAddress));
+  EXPECT_EQ(TextOf(Kind::connected), "?[2J??B? \xc2? \xc3\xa4 at 127.0.0.3 has connected.");
+}
+
+TEST_P(LinkSessionTest, StartFromAnEventDoesNotWaitForStop) {
+  std::atomic<int> connections = 0;
+  StartSession({.mIsMaster = true, .mOnEvent = [&](const Trel_LinkSession::Event& event) {
+                  if (event.mKind == Kind::connected && ++connections == 1) {
+                    const std::int64_t end = Sys_Clock::RawMicroseconds() + 100'000;
+                    while (Sys_Clock::RawMicroseconds() < end) {
+                      mSession->Start(); // Stop begins meanwhile, and waits for this
+                    }
+                  }
+                }});
+  PeerSystem& peer = AddPeer(kPeerAddress, 8);
+  ASSERT_TRUE(peer.Connect(kHostAddress));
+  ASSERT_TRUE(Eventually([&] { return connections == 1; }));
+  mSession->Stop();
+  EXPECT_TRUE(Eventually([&] { return !peer.IsConnected(kHostAddress); }));
+  peer.Connect(kHostAddress);
+  EXPECT_TRUE(Eventually([&] { return !peer.IsConnected(kHostAddress); })) << "a stopped master";
+  EXPECT_TRUE(mSession->Start());
+  EXPECT_TRUE(peer.Connect(kHostAddress));
 }
 
 TEST_P(LinkSessionTest, ThereIsOneSessionAtATime) {

@@ -26,9 +26,9 @@ class Trel_LinkCore;
 /// its handler threads, not be pumped.
 ///
 /// One thread of the session does what blocks: it connects, waits and calls mOnEvent. What the engine's handler threads
-/// bring is answered at once or handed to that thread. All operations may be called from any thread, Stop and the
-/// destructor not from mOnEvent, mMayGiveControl or a handler. None is real-time-safe. IPv4 addresses are in host
-/// order, times microseconds.
+/// bring is answered at once or handed to that thread. All operations may be called from any thread; Stop and the
+/// destructor not from mOnEvent, mMayGiveControl or a handler, RequestControl not from mOnEvent, which it would wait
+/// for. None is real-time-safe. IPv4 addresses are in host order, times microseconds.
 class TREL_EXPORT Trel_LinkSession {
 public:
   enum class EventKind : std::uint8_t {
@@ -56,7 +56,7 @@ public:
     std::uint32_t mAddress = 0; ///< of the system that it is about; 0 without one
     std::int32_t mUniqueID = 0; ///< of that system, as far as known
     std::int64_t mValue = 0;    ///< as the kind says
-    std::string mText;          ///< a sentence for the user; for a failure it says what to do about it
+    std::string mText;          ///< a line for the user, free of control characters; for a failure it says what to do
   };
   struct Settings {
     bool mIsMaster = false;
@@ -90,7 +90,8 @@ public:
   /// @return false before Trel_CommManager::Initialize, and when the system has no thread to give
   bool Start();
   /// Leaves the link in order and returns when the thread has ended. That takes as long as an attempt to connect that
-  /// is under way, 11 s at the most; after Trel_CommManager::Terminate it takes no time.
+  /// is under way, 11 s at the most; after Trel_CommManager::Terminate it takes no time. A stopped master lets nobody
+  /// connect. Stop before another Trel_CommManager::Initialize: the session does not notice that.
   void Stop();
 
   /// Satellite: the sequence is complete. Master: at least one satellite is linked.
