@@ -3,6 +3,7 @@
 #include "ExitStatus.h"
 #include "Survey.h"
 #include "Texts.h"
+#include "Watch_Text.h"
 
 #include <trel/Sys_Socket.h>
 #include <trel/Trel_CommManager.h>
@@ -10,10 +11,12 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <iomanip>
+#include <algorithm>
+#include <array>
 #include <iostream>
 #include <memory>
-#include <sstream>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -57,21 +60,25 @@ void PrintJson(const Survey::Systems& systems) {
   }
 }
 
-void PrintRow(const std::string& address, const std::string& name, const std::string& host, const std::string& role,
-              const std::string& version, const std::string& available) {
-  constexpr int kWidths[] = {15, 29, 20, 9, 7};
-  std::ostringstream row;
-  row << std::left << std::setw(kWidths[0]) << address << "  " << std::setw(kWidths[1]) << name << "  "
-      << std::setw(kWidths[2]) << host << "  " << std::setw(kWidths[3]) << role << "  " << std::setw(kWidths[4])
-      << version << "  " << available;
-  std::cout << Printable(row.str()) << '\n';
-}
-
 void PrintTable(const Survey::Systems& systems) {
-  PrintRow("address", "name", "host", "role", "version", "available");
+  using Row = std::array<std::string, 6>;
+  std::vector<Row> rows = {{"address", "name", "host", "role", "version", "available"}};
   for (const auto& [system, isAvailable] : systems) {
-    PrintRow(Sys_Socket::DecodeIPAddress(system.GetIPAddress()), system.GetSystemName(), system.GetHostName(),
-             RoleText(system.GetSystemType()), VersionOf(system), isAvailable ? "yes" : "no");
+    rows.push_back({Sys_Socket::DecodeIPAddress(system.GetIPAddress()), Printable(system.GetSystemName()),
+                    Printable(system.GetHostName()), RoleText(system.GetSystemType()), VersionOf(system),
+                    isAvailable ? "yes" : "no"});
+  }
+  std::array<std::size_t, std::tuple_size_v<Row>> widths = {};
+  for (const Row& row : rows) {
+    std::transform(row.begin(), row.end(), widths.begin(), widths.begin(),
+                   [](const std::string& text, std::size_t width) { return std::max(width, Watch_Text::Width(text)); });
+  }
+  for (const Row& row : rows) {
+    std::string line;
+    for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+      line += Watch_Text::Fit(row.at(column), widths.at(column)) + "  ";
+    }
+    std::cout << line << row.back() << '\n';
   }
 }
 

@@ -39,7 +39,7 @@ int RunDoctor(const DoctorOptions& options) {
   if (!options.json) {
     const int problems = findings.Problems();
     std::cout << '\n'
-              << (problems == 0   ? std::string("All is well.")
+              << (problems == 0   ? std::string("No problem was found.")
                   : problems == 1 ? std::string("One problem was found.")
                                   : std::to_string(problems) + " problems were found.")
               << '\n';

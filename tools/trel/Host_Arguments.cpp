@@ -32,7 +32,7 @@ Host_Arguments::Host_Arguments(const std::string& text) : mText(text) {
 }
 
 bool Host_Arguments::Skip(const char* word) {
-  if (mWords.empty() || mWords.front() != word) {
+  if (!IsNext(word)) {
     return false;
   }
   TakeWord(word);
@@ -103,7 +103,9 @@ std::string Host_Arguments::TakeText(const char* what) {
   mWords.clear();
   const std::string text = std::exchange(mText, {});
   const std::size_t begin = text.find_first_not_of(kBlanks);
-  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+  std::string taken = text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+  const bool isQuoted = taken.size() > 2 && taken.front() == '"' && taken.back() == '"';
+  return isQuoted ? taken.substr(1, taken.size() - 2) : taken; // as one would write it for a shell
 }
 
 void Host_Arguments::ExpectEnd() const {

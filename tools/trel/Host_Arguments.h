@@ -13,6 +13,7 @@ public:
   bool IsEmpty() const { return mWords.empty(); }
   /// Whether the next word is this one; then it is taken.
   bool Skip(const char* word);
+  bool IsNext(const char* word) const { return !mWords.empty() && mWords.front() == word; }
   std::string TakeWord(const char* what);
   bool TakeSwitch();
   std::uint32_t TakeAddress();

@@ -62,5 +62,8 @@ void AddHostCommand(CLI::App& program, int& exitStatus) {
   CLI::App* const host = program.add_subcommand("host", "Runs a system of the link that you command by hand");
   options->AddTo(*host);
   host->footer(kFooter);
-  host->callback([options, &exitStatus] { exitStatus = RunHost(*options); });
+  host->callback([options, &exitStatus] {
+    options->Check();
+    exitStatus = RunHost(*options);
+  });
 }

@@ -51,3 +51,5 @@ bool Host_Input::Pause(std::chrono::milliseconds time) {
 }
 
 bool Host_Input::IsTerminal() { return isatty(STDIN_FILENO) == 1; }
+
+bool Host_Input::HasPrompt() { return IsTerminal() && isatty(STDOUT_FILENO) == 1; }

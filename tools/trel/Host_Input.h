@@ -19,6 +19,8 @@ public:
   int Signal() const { return mSignal; }
   /// Whether somebody types the lines.
   static bool IsTerminal();
+  /// ... and reads the answers.
+  static bool HasPrompt();
 
 private:
   static constexpr std::size_t kLongestLine = 4096;

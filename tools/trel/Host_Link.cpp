@@ -3,6 +3,7 @@
 #include "Host_Error.h"
 #include "Host_Events.h"
 #include "Host_Options.h"
+#include "Texts.h"
 
 #include <trel/Sys_Socket.h>
 #include <trel/Trel_CommManager.h>
@@ -105,7 +106,7 @@ void Host_Link::ExpectControl() const {
 std::string Host_Link::NameOf(std::uint32_t address) const {
   for (const Trel_System& system : mSession.GetSystems()) {
     if (system.GetIPAddress() == address && *system.GetSystemName() != '\0') {
-      return std::string(system.GetSystemName()) + " (" + Sys_Socket::DecodeIPAddress(address) + ")";
+      return Printable(system.GetSystemName()) + " (" + Sys_Socket::DecodeIPAddress(address) + ")";
     }
   }
   return Sys_Socket::DecodeIPAddress(address);
@@ -134,10 +135,20 @@ void Host_Link::OnEvent(const Trel_LinkSession::Event& event) {
   const KindName kind = NameOfKind(event.mKind);
   nlohmann::json fields = event.mAddress != 0 ? FieldsOf(event.mAddress) : nlohmann::json::object();
   fields["value"] = event.mValue;
-  mEvents.Tell({.kind = kind.name, .text = event.mText, .fields = std::move(fields), .isDetail = kind.isDetail});
-  if (event.mKind == EventKind::linked) {
+  const bool isAttempt = event.mKind == EventKind::connectFailed || event.mKind == EventKind::refused ||
+                         event.mKind == EventKind::meshFailed || event.mKind == EventKind::networkError;
+  // A satellite tries again and again; what stays the same is told once.
+  const bool isRepeated = isAttempt && event.mText == mLastFailure;
+  if (isAttempt || event.mKind == EventKind::linked) {
+    mLastFailure = event.mText;
+  }
+  mEvents.Tell(
+      {.kind = kind.name, .text = event.mText, .fields = std::move(fields), .isDetail = kind.isDetail || isRepeated});
+  const bool isMeshPeer = !mIsMaster && event.mAddress != OwnAddress();
+  if (event.mKind == EventKind::linked || (isMeshPeer && event.mKind == EventKind::meshConnected)) {
     mOnLinked(event.mAddress, true);
-  } else if (event.mKind == EventKind::left || event.mKind == EventKind::lost) {
+  } else if (event.mKind == EventKind::left || event.mKind == EventKind::lost ||
+             (isMeshPeer && event.mKind == EventKind::meshFailed)) {
     mOnLinked(event.mAddress, false);
   }
 }

@@ -53,5 +53,6 @@ private:
   OnLinked mOnLinked;
   mutable std::mutex mMutex;
   std::string mWhyNotLinked; // guarded by mMutex
+  std::string mLastFailure;  // of OnEvent, which runs on one thread
   Trel_LinkSession mSession;
 };

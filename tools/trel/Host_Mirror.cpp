@@ -108,21 +108,26 @@ void Host_Mirror::SetOnline(bool on) {
   }
 }
 
-void Host_Mirror::SetTakingPart(bool on) {
-  const ETrel_LinkState wanted = !on                 ? eTrel_LinkState_Linkable
-                                 : mClock.IsLocked() ? eTrel_LinkState_LinkedPlayable
-                                                     : eTrel_LinkState_LinkedNotPlayable;
-  const ETrel_LinkState before =
-      mState.ChangeOwn([wanted](Host_State::System& own) { return std::exchange(own.link, wanted); });
+void Host_Mirror::SetTakingPart(std::optional<bool> wish) {
+  const bool isLocked = mClock.IsLocked();
+  const auto isOn = [](ETrel_LinkState link) { return link >= eTrel_LinkState_LinkedNotPlayable; };
+  const auto [before, wanted] = mState.ChangeOwn([&](Host_State::System& own) {
+    const ETrel_LinkState link = !wish.value_or(isOn(own.link)) ? eTrel_LinkState_Linkable
+                                 : isLocked                     ? eTrel_LinkState_LinkedPlayable
+                                                                : eTrel_LinkState_LinkedNotPlayable;
+    return std::pair(std::exchange(own.link, link), link);
+  });
   if (before == wanted) {
     return;
   }
-  const bool wasOn = before >= eTrel_LinkState_LinkedNotPlayable;
+  nlohmann::json fields = mLink.FieldsOf(Host_Link::OwnAddress());
+  fields["on"] = isOn(wanted);
+  fields["clock_locked"] = isLocked;
   mEvents.Tell({.kind = "link",
-                .text = on ? "this system plays along" : "this system does not play along",
-                .fields = {{"on", on}, {"clock_locked", mClock.IsLocked()}},
-                .isDetail = wasOn == on});
-  SendToLinked([wanted](std::uint32_t address) { Trel_Messenger::UpdateLinkState(wanted, address); });
+                .text = isOn(wanted) ? "this system plays along" : "this system does not play along",
+                .fields = std::move(fields),
+                .isDetail = isOn(before) == isOn(wanted)});
+  SendToLinked([link = wanted](std::uint32_t address) { Trel_Messenger::UpdateLinkState(link, address); });
 }
 
 void Host_Mirror::SetVideoReference(ETrel_VideoReferenceFormat format) {
@@ -232,7 +237,7 @@ void Host_Mirror::Tick() {
                                    : "the clock of this system is not locked to the master's any more",
                   .fields = std::move(fields)});
   }
-  SetTakingPart(mState.IsTakingPart());
+  SetTakingPart(std::nullopt);
 }
 
 void Host_Mirror::Refuse(const char* what, std::uint32_t address, const std::string& why) {
@@ -542,7 +547,7 @@ void Host_Mirror::OnDialogOnScreen(Trel_Cmd_DialogOnScreen& command) {
   nlohmann::json fields = mLink.FieldsOf(from);
   fields["message"] = text;
   mEvents.Tell({.kind = "dialog",
-                .text = mLink.NameOf(from) + (text.empty() ? ": its dialog is closed" : ": dialog: " + text),
+                .text = mLink.NameOf(from) + (text.empty() ? ": its dialog is closed" : ": dialog: " + Printable(text)),
                 .fields = std::move(fields)});
   if (mLink.IsMaster()) {
     SendToLinked([text](std::uint32_t address) { SendDialog(text, address); }, from);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 class Host_Clock;
@@ -48,8 +49,8 @@ public:
   void SetSolo(bool on);
   void SetRecording(bool on);
   void SetOnline(bool on);
-  /// Whether this system plays when the others do.
-  void SetTakingPart(bool on);
+  /// Whether this system plays when the others do; nothing: as before, but the clock has got or lost its lock.
+  void SetTakingPart(std::optional<bool> wish);
   void SetVideoReference(ETrel_VideoReferenceFormat format);
   void ShowDialog(const std::string& text);
 

@@ -8,6 +8,7 @@
 #include "Host_UsageError.h"
 #include "Status_Server.h"
 #include "Texts.h"
+#include "Watch_Text.h"
 
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Socket.h>
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <iomanip>
 #include <iostream>
 #include <mutex>
 #include <sstream>
@@ -37,6 +37,15 @@ std::string DefaultName() {
   std::string name = Sys_Socket::GetHostName();
   name.resize(std::min(name.size(), TCPE_System::kSystemNameSize - 1));
   return name.empty() ? "trel host" : name;
+}
+
+Host_State::Selection TakeRange(Host_Arguments& arguments) {
+  const std::int64_t in = arguments.TakeTime("the in point");
+  const std::int64_t out = arguments.TakeTime("the out point");
+  if (out < in) {
+    throw Host_UsageError("the out point is before the in point");
+  }
+  return {.in = in, .out = out};
 }
 
 std::string OnOff(bool on) { return on ? "on" : "off"; }
@@ -89,13 +98,19 @@ bool Host_Node::StartEngine() {
     mEvents.Tell({.kind = "error", .text = failure});
     return false;
   }
-  const std::string notice = Trel_CommManager::GetInitializationReport();
+  std::string notice = Trel_CommManager::GetInitializationReport();
+  constexpr std::uint32_t kLoopback = 127; // first byte of its addresses
+  if (!notice.empty()) {
+    notice += "; choose one with --address";
+  } else if (mOptions.engine.address == 0 && Host_Link::OwnAddress() >> 24U == kLoopback) {
+    notice = "no network adaptor is up, so only systems on this machine can be reached: plug in a network cable";
+  }
   const std::string address = Sys_Socket::DecodeIPAddress(Host_Link::OwnAddress());
   const char* const role = RoleText(mOptions.isMaster ? eTCPE_SystemType_Master : eTCPE_SystemType_Satellite);
   mEvents.Tell({.kind = "ready",
-                .text = name + ", " + role + " at " + address + " port " +
+                .text = Printable(name) + ", " + role + " at " + address + " port " +
                         std::to_string(Trel_CommManager::GetCommunicationPort()) +
-                        (notice.empty() ? "" : "\n" + notice + "; choose one with --address") +
+                        (notice.empty() ? "" : "\n" + notice) +
                         (Host_Input::IsTerminal() ? "\nType help for the commands." : ""),
                 .fields = {{"role", role},
                            {"name", name},
@@ -111,7 +126,7 @@ bool Host_Node::StartEngine() {
 int Host_Node::Converse() {
   bool hasFailed = false;
   while (!mHasQuit) {
-    if (Host_Input::IsTerminal() && !mOptions.json) {
+    if (Host_Input::HasPrompt() && !mOptions.json) {
       mEvents.Tell({.kind = "prompt"});
     }
     std::string line;
@@ -216,10 +231,9 @@ std::vector<Host_Console::Command> Host_Node::Commands() {
       {"select", "IN OUT", "sets the selection on all systems",
        "IN and OUT are positions on the timeline, as times. Only the system in control may do it.",
        [this](Host_Arguments& arguments) {
-         const std::int64_t in = arguments.TakeTime("the in point");
-         const std::int64_t out = arguments.TakeTime("the out point");
+         const Host_State::Selection selection = TakeRange(arguments);
          arguments.ExpectEnd();
-         mMirror.SetSelection({.in = in, .out = out});
+         mMirror.SetSelection(selection);
          return Answer{};
        }},
       {"control", "", "asks for control: only the system in control can prime, start, stop, loop and select",
@@ -255,8 +269,8 @@ std::vector<Host_Console::Command> Host_Node::Commands() {
        "A satellite that leaves its master stays away until it is started anew; one that the master sends away may\n"
        "come back by itself.",
        member(&Host_Node::Disconnect)},
-      {"wait", "TIME|linked N|locked|primed|played|control [for TIME]", "waits; scripts need no sleep of their own",
-       "linked N  until N other systems are linked with this one\n"
+      {"wait", "TIME|linked [N]|locked|primed|played|control [for TIME]", "waits; scripts need no sleep of their own",
+       "linked N  until N other systems are linked with this one; without a number, 1\n"
        "locked    until the clocks are locked: this satellite's, on the master those of all satellites\n"
        "primed    until this system and those linked with it are primed\n"
        "played    until the last start is over and, on the master, all have reported it\n"
@@ -275,13 +289,14 @@ Host_Node::Answer Host_Node::ListSystems() const {
   nlohmann::json list = nlohmann::json::array();
   const auto others = mState.GetOthers();
   const std::uint32_t inControl = mLink.Session().GetSystemInControl();
-  text << std::left << std::setw(5) << "place"
-       << "  " << std::setw(15) << "address"
-       << "  " << std::setw(29) << "name"
-       << "  " << std::setw(9) << "role"
-       << "  " << std::setw(9) << "transport"
-       << "  " << std::setw(6) << "clock"
-       << "  link";
+  const auto row = [&text](const std::string& place, const std::string& address, const std::string& name,
+                           const std::string& role, const std::string& transport, const std::string& clock,
+                           const std::string& link) {
+    text << Watch_Text::Fit(place, 5) << "  " << Watch_Text::Fit(address, 15) << "  " << Watch_Text::Fit(name, 29)
+         << "  " << Watch_Text::Fit(role, 9) << "  " << Watch_Text::Fit(transport, 13) << "  "
+         << Watch_Text::Fit(clock, 6) << "  " << link;
+  };
+  row("place", "address", "name", "role", "transport", "clock", "link");
   for (const Trel_System& system : mLink.Session().GetSystems()) {
     const std::uint32_t address = system.GetIPAddress();
     const bool isOwn = address == Host_Link::OwnAddress();
@@ -307,12 +322,13 @@ Host_Node::Answer Host_Node::ListSystems() const {
       entry["video_reference"] = VideoReferenceText(known.videoReference);
     }
     list.push_back(entry);
-    text << '\n'
-         << std::setw(5) << system.GetOrderNumber() << "  " << std::setw(15) << Sys_Socket::DecodeIPAddress(address)
-         << "  " << std::setw(29) << system.GetSystemName() << "  " << std::setw(9) << RoleText(system.GetSystemType())
-         << "  " << std::setw(9) << (isKnown ? TransportText(known.transport) : "-") << "  " << std::setw(6)
-         << (isKnown ? (isLocked ? "locked" : "free") : "-") << "  " << (isKnown ? LinkStateText(known.link) : "-")
-         << (isOwn ? ", this system" : "") << (address == inControl ? ", in control" : "");
+    const std::int32_t place = system.GetOrderNumber();
+    text << '\n';
+    row(place != 0 ? std::to_string(place) : "-", Sys_Socket::DecodeIPAddress(address),
+        Printable(system.GetSystemName()), RoleText(system.GetSystemType()),
+        isKnown ? TransportText(known.transport) : "-", isKnown ? (isLocked ? "locked" : "free") : "-",
+        std::string(isKnown ? LinkStateText(known.link) : "-") + (isOwn ? ", this system" : "") +
+            (address == inControl ? ", in control" : ""));
   }
   return {.text = text.str(), .fields = {{"systems", list}}};
 }
@@ -332,7 +348,7 @@ Host_Node::Answer Host_Node::ShowState() const {
   const std::string name = Trel_CommManager::GetSystemName();
   const std::string address = Sys_Socket::DecodeIPAddress(Host_Link::OwnAddress());
   std::ostringstream text;
-  text << "this system      " << name << ", " << role << ", " << address << '\n'
+  text << "this system      " << Printable(name) << ", " << role << ", " << address << '\n'
        << "in control       "
        << (mLink.HasControl() ? "this system"
            : inControl != 0   ? mLink.NameOf(inControl)
@@ -348,7 +364,7 @@ Host_Node::Answer Host_Node::ShowState() const {
        << "link             " << LinkStateText(own.link) << '\n'
        << "solo " << OnOff(own.isSoloed) << ", record " << OnOff(own.isRecording) << ", online " << OnOff(own.isOnline)
        << ", video reference " << VideoReferenceText(own.videoReference)
-       << (own.dialog.empty() ? "" : ", dialog on screen: " + own.dialog);
+       << (own.dialog.empty() ? "" : ", dialog on screen: " + Printable(own.dialog));
   return {.text = text.str(),
           .fields = {{"role", role},
                      {"name", name},
@@ -373,8 +389,7 @@ Host_Node::Answer Host_Node::ShowState() const {
 Host_Node::Answer Host_Node::Prime(Host_Arguments& arguments) {
   Host_State::Selection range = mState.GetShared().selection;
   if (!arguments.IsEmpty()) {
-    range.in = arguments.TakeTime("the in point");
-    range.out = arguments.TakeTime("the out point");
+    range = TakeRange(arguments);
   }
   arguments.ExpectEnd();
   mTransport.Prime(range);
@@ -509,7 +524,7 @@ Host_Node::Answer Host_Node::Video(Host_Arguments& arguments) {
     }
     names += value == 0 ? "" : std::string(", ") + VideoReferenceText(format);
   }
-  throw Host_UsageError("there is no format \"" + name + "\"; there are " + names);
+  throw Host_UsageError("there is no format \"" + name + "\"; the formats are " + names);
 }
 
 Host_Node::Answer Host_Node::Disconnect(Host_Arguments& arguments) {
@@ -522,7 +537,7 @@ Host_Node::Answer Host_Node::Disconnect(Host_Arguments& arguments) {
 }
 
 Host_Node::Answer Host_Node::Wait(Host_Arguments& arguments) {
-  std::int32_t count = 0;
+  std::int32_t count = 1;
   std::int64_t time = 0;
   const bool isLinked = arguments.Skip("linked");
   const bool isLocked = arguments.Skip("locked");
@@ -530,8 +545,11 @@ Host_Node::Answer Host_Node::Wait(Host_Arguments& arguments) {
   const bool isPlayed = arguments.Skip("played");
   const bool isControl = arguments.Skip("control");
   const bool isTime = !isLinked && !isLocked && !isPrimed && !isPlayed && !isControl;
-  if (isLinked) {
+  if (isLinked && !arguments.IsEmpty() && !arguments.IsNext("for")) {
     count = arguments.TakeNumber("how many systems");
+    if (count < 0) {
+      throw Host_UsageError("there cannot be fewer than no systems");
+    }
   } else if (isTime) {
     time = arguments.TakeTime("what to wait for");
   }
@@ -551,8 +569,8 @@ Host_Node::Answer Host_Node::Wait(Host_Arguments& arguments) {
     while (Sys_Clock::RawMicroseconds() < end && mInput.Pause(std::min(kWaitPeriod, milliseconds(time / 1000 + 1)))) {
     }
   } else if (isLinked) {
-    WaitUntil("no " + std::to_string(count) + " systems are linked with this one", timeOut,
-              [&] { return mLink.Linked().size() >= static_cast<std::size_t>(std::max(count, 0)); });
+    WaitUntil("fewer systems than " + std::to_string(count) + " are linked with this one", timeOut,
+              [&] { return mLink.Linked().size() >= static_cast<std::size_t>(count); });
   } else if (isLocked) {
     WaitUntil("not all clocks are locked", timeOut, [&] {
       return mClock.IsLocked() &&

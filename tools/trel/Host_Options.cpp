@@ -23,19 +23,16 @@ void ParseMaster(const std::string& text, std::uint32_t& address) {
 
 void CheckName(const std::string& name) {
   if (name.empty() || name.size() >= TCPE_System::kSystemNameSize) {
-    throw CLI::ValidationError("--name",
-                               "a name has 1 to " + std::to_string(TCPE_System::kSystemNameSize - 1) + " characters");
+    throw CLI::ValidationError("--name", "a name has 1 to " + std::to_string(TCPE_System::kSystemNameSize - 1) +
+                                             " characters; letters with accents count as two");
   }
 }
 
 } // namespace
 
 void Host_Options::AddTo(CLI::App& command) {
-  CLI::Option_group* const role = command.add_option_group("role", "What this system is in the link; one of");
-  CLI::Option* const master = role->add_flag("--master", isMaster, "The master: the others link to it");
-  role->add_flag("--satellite", isSatellite, "A satellite: links to the master");
-  role->require_option(1);
-
+  command.add_flag("--master", isMaster, "Be the master: the others link to it. Either this or --satellite is needed");
+  command.add_flag("--satellite", isSatellite, "Be a satellite: link to the master");
   command
       .add_option_function<std::string>(
           "--name",
@@ -43,20 +40,23 @@ void Host_Options::AddTo(CLI::App& command) {
             CheckName(text);
             name = text;
           },
-          "Name of this system, at most 29 characters [the machine's name]")
+          "Name of this system, at most 29 characters (letters with accents count as two) [the machine's name]")
       ->type_name("NAME");
   command
       .add_option_function<std::string>(
-          "--connect", [this](const std::string& text) { ParseMaster(text, masterAddress); },
-          "Address of the master to link to; auto: search the network for it [auto]")
-      ->type_name("ADDRESS|auto")
-      ->excludes(master);
+          "--connect",
+          [this](const std::string& text) {
+            ParseMaster(text, masterAddress);
+            isConnectGiven = true;
+          },
+          "Satellite: address of the master to link to; auto: search the network for it [auto]")
+      ->type_name("ADDRESS|auto");
   engine.AddTo(command);
   command.add_option("--port", engine.port, "Port of all connections, the same on all systems")
       ->type_name("PORT")
       ->check(CLI::Range(1, kMaxPort))
       ->capture_default_str();
-  command.add_option("--max-satellites", maxSatellites, "Satellites that a master admits [11]")
+  command.add_option("--max-satellites", maxSatellites, "Master: satellites that it admits [11]")
       ->type_name("N")
       ->check(CLI::Range(1, kMostSatellites));
   command
@@ -64,7 +64,7 @@ void Host_Options::AddTo(CLI::App& command) {
                   "Number that no other system of the link has [a random one at each start]")
       ->type_name("N")
       ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
-  command.add_flag("--mesh", mesh, "Connect the satellites with each other too, not only with the master");
+  command.add_flag("--mesh", mesh, "Master: connects the satellites with each other too, not only with itself");
   command.add_flag("--legacy", engine.legacy, "Use the legacy command numbering; all systems need the same");
   command
       .add_option("--pcap", captureFile,
@@ -73,4 +73,17 @@ void Host_Options::AddTo(CLI::App& command) {
   command.add_flag("--json", json, "Write one JSON object for each event and answer");
   command.add_flag("--verbose", verbose, "Tell more");
   command.add_option("--record", recording, "Record what happens to a file, for trel report")->type_name("FILE");
+}
+
+void Host_Options::Check() const {
+  if (isMaster == isSatellite) {
+    throw CLI::ValidationError("say what this system is: either --master or --satellite");
+  }
+  const char* const wrong = isMaster && isConnectGiven          ? "--connect is for satellites; a master is linked to"
+                            : isSatellite && mesh               ? "--mesh is for the master; give it there"
+                            : isSatellite && maxSatellites != 0 ? "--max-satellites is for the master; give it there"
+                                                                : nullptr;
+  if (wrong != nullptr) {
+    throw CLI::ValidationError(wrong);
+  }
 }

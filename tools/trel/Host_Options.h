@@ -25,4 +25,9 @@ struct Host_Options {
   std::string recording; ///< file; empty: none
 
   void AddTo(CLI::App& command);
+  /// Throws CLI::ValidationError for what does not go together.
+  void Check() const;
+
+private:
+  bool isConnectGiven = false;
 };

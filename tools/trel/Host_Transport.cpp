@@ -23,6 +23,12 @@ constexpr std::int32_t kPlaySpeed = 1;
 constexpr std::int64_t kReportTimeOut = 2'000'000; // microseconds after the start
 constexpr std::int64_t kNoticeablyLate = 5000;     // microseconds
 
+/// A time that adds to and subtracts from any other of the link without an overflow. Peers may tell others.
+bool IsSane(std::int64_t runningTime) {
+  constexpr std::int64_t kLongest = std::int64_t{100} * 365 * 24 * 3600 * 1'000'000; // microseconds; a century
+  return runningTime >= -kLongest && runningTime <= kLongest;
+}
+
 std::string LateText(std::int64_t late) {
   return late < 0 ? std::to_string(-late) + " us early" : std::to_string(late) + " us late";
 }
@@ -283,7 +289,9 @@ void Host_Transport::OnPrime(Trel_Cmd_Prime& command) {
 
 void Host_Transport::OnStartPlayback(Trel_Cmd_StartPlayback& command) {
   const std::uint32_t from = command.GetIPAddressFrom();
-  if (mLink.MayConduct(from)) {
+  if (!IsSane(command.GetStartAtRunningTime())) {
+    mMirror.Refuse("start", from, "there is no such time");
+  } else if (mLink.MayConduct(from)) {
     TakeStart(command.GetStartAtRunningTime(), from);
   } else {
     mMirror.Refuse("start", from);
@@ -300,7 +308,9 @@ void Host_Transport::OnStopPlayback(Trel_Cmd_StopPlayback& command) {
 }
 
 void Host_Transport::OnReportPlayStartData(Trel_Cmd_ReportPlayStartData& command) {
-  AddReport(command.GetIPAddressFrom(), command.GetAudioPlayStartTimestamp());
+  if (IsSane(command.GetAudioPlayStartTimestamp())) {
+    AddReport(command.GetIPAddressFrom(), command.GetAudioPlayStartTimestamp());
+  }
 }
 
 void Host_Transport::OnGetPlayRange(Trel_Cmd_GetPlayRange& command) {

@@ -33,7 +33,7 @@ void Host_WordsSink::Take(const Host_Event& event) {
       std::cout << '[' << std::fixed << std::setprecision(3) << std::setw(8)
                 << static_cast<double>(event.rawTime - mStart) / kMicrosecondsOfSecond << " s] ";
     }
-    std::cout << Printable(event.text) << '\n';
+    std::cout << PrintableLines(event.text) << '\n';
   }
   std::cout << (mPrompts ? kPrompt : "") << std::flush;
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -76,7 +77,8 @@ int RunSecret(const std::string& file) {
             << "Copy this file to every system of the link by a safe way (scp, a USB stick), and there:\n"
             << "  chmod 600 " << file << "                    nobody else may read it\n"
             << "  trel host ... --secret-file " << file << "  trel uses it\n"
-            << "  SharedSecretFile = /path/to/" << file << "  so does a host that uses the library, with this line in\n"
+            << "  SharedSecretFile = " << std::filesystem::absolute(file).string()
+            << "  so does a host that uses the library, with this line in\n"
             << "                                              its options file\n"
             << "A system without the secret, or with another one, is refused.\n";
   return kExitSuccess;

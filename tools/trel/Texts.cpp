@@ -2,6 +2,34 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <string_view>
+
+namespace {
+
+bool IsContinuation(unsigned char byte) { return (byte & 0xc0U) == 0x80U; }
+
+/// Bytes of the UTF-8 character that a text begins with; 0 when it is no such character, or one that controls.
+std::size_t CharacterSize(std::string_view text) {
+  const auto byte = [text](std::size_t index) {
+    return index < text.size() ? static_cast<unsigned char>(text[index]) : static_cast<unsigned char>(0);
+  };
+  const unsigned char first = byte(0);
+  constexpr unsigned char kDelete = 0x7f;
+  if (first <= kDelete) {
+    return first < ' ' || first == kDelete ? 0 : 1;
+  }
+  // By the first byte; those left out would be overlong, or beyond the last character there is.
+  const std::size_t size = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
+  for (std::size_t index = 1; index < size; ++index) {
+    if (!IsContinuation(byte(index))) {
+      return 0;
+    }
+  }
+  const bool isControl = first == 0xc2 && byte(1) < 0xa0;
+  return isControl ? 0 : size;
+}
+
+} // namespace
 
 const char* NetworkErrorText(ETCPE_NetworkError error) {
   switch (error) {
@@ -110,21 +138,22 @@ const char* VideoReferenceText(ETrel_VideoReferenceFormat format) {
   return isFormat && names[index] != nullptr ? names[index] : "none";
 }
 
-std::string Printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(),
-      [](char character) {
-        constexpr char kDelete = 0x7f;
-        return (static_cast<unsigned char>(character) < ' ' && character != '\n') || character == kDelete;
-      },
-      '?');
-  // Terminals obey the control characters from U+0080 on, too.
-  constexpr char kLead = '\xc2';
-  constexpr unsigned char kFirstPrintable = 0xa0;
-  for (std::size_t index = 0; index + 1 < text.size(); ++index) {
-    if (text[index] == kLead && static_cast<unsigned char>(text[index + 1]) < kFirstPrintable) {
-      text.replace(index, 2, "??");
-    }
+std::string Printable(const std::string& text) {
+  std::string printable;
+  for (std::size_t index = 0; index < text.size();) {
+    const std::size_t size = CharacterSize(std::string_view(text).substr(index));
+    printable += size == 0 ? "?" : text.substr(index, size);
+    index += std::max<std::size_t>(size, 1);
   }
-  return text;
+  return printable;
+}
+
+std::string PrintableLines(const std::string& text) {
+  std::string printable;
+  std::size_t begin = 0;
+  for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
+    printable += Printable(text.substr(begin, end - begin)) + '\n';
+    begin = end + 1;
+  }
+  return printable + Printable(text.substr(begin));
 }

@@ -25,11 +25,10 @@ constexpr double kMicrosecondsOfSecond = 1e6;
 constexpr std::size_t kLabelWidth = 14;
 constexpr std::size_t kFewestRows = 3;
 
-/// Control characters have no place on the screen, and a line break would be one line too many.
-std::string Clean(const std::string& text) {
-  std::string clean = Printable(text);
-  std::replace(clean.begin(), clean.end(), '\n', ' ');
-  return clean;
+/// What has several lines becomes one.
+std::string Clean(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return Printable(text);
 }
 
 std::string Fixed(double value, int decimals) {

@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
       program.parse(argc, argv);
       // Not left to the parser, which would say this, and no more, of an unknown one.
       if (program.get_subcommands().empty()) {
-        throw CLI::RequiredError::Subcommand(1);
+        throw CLI::RequiredError("A command");
       }
     } catch (const CLI::ParseError& error) {
       return program.exit(error) == 0 ? kExitSuccess : kExitUsage;
