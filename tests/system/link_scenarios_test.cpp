@@ -105,6 +105,23 @@ double ProcessorSeconds(pid_t process) {
          static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+/// Of the time that all processors of the machine have had since it started: how much there was, and how much idle.
+struct MachineTime {
+  MachineTime() {
+    std::ifstream file("/proc/stat");
+    std::string name;
+    file >> name;
+    constexpr int kIdleField = 3;
+    std::int64_t value = 0;
+    for (int field = 0; field < 8 && file >> value; ++field) {
+      all += value;
+      idle += field == kIdleField ? value : 0;
+    }
+  }
+  std::int64_t all = 0;
+  std::int64_t idle = 0;
+};
+
 std::set<std::string> Discover(const Arguments& more) {
   HostProcess discover(OnOwnPorts(With({"discover"}, more)));
   EXPECT_EQ(discover.End(), 0) << discover.Text();
@@ -141,12 +158,22 @@ TEST(LinkScenario, AFullLinkComesTogetherAndIdles) {
   }
 
   constexpr std::chrono::seconds kIdleTime{4};
+  const MachineTime machineBefore;
   const double before = ProcessorSeconds(master.Id());
   std::this_thread::sleep_for(kIdleTime);
   const double used = ProcessorSeconds(master.Id()) - before;
   const auto perMille = static_cast<std::int64_t>(used / kIdleTime.count() * 1000);
-  if (kIsOptimised) {
+  const MachineTime machine;
+  const std::int64_t idlePercent = (machine.idle - machineBefore.idle) * 100 / (machine.all - machineBefore.all);
+  std::cout << "meanwhile the machine was idle for " << idlePercent << " % of the time\n";
+  constexpr std::int64_t kQuietPercent = 60; // the satellites on it are not idle either
+  if (kIsOptimised && idlePercent >= kQuietPercent) {
     ExpectWithin("processor use of the idle master, thousandths of a core", perMille, 20);
+  } else if (kIsOptimised) {
+    std::cout << "processor use of the idle master is not judged, because other programs keep the machine busy: "
+              << perMille << " thousandths of a core\n";
+  }
+  if (kIsOptimised) {
     ExpectWithin("memory of the master, KiB", PeakKiB(master.Id()), 64 * 1024);
   } else {
     std::cout << "this is no optimised build: memory (" << PeakKiB(master.Id()) << " KiB) and processor use ("
