@@ -86,7 +86,7 @@ public:
     if (Trel_CommManager::Initialize(&preferences, &Trel_LinkSession::OnNetworkError) != 0 || !session.Start()) {
       _exit(EXIT_FAILURE);
     }
-    for (Order order = Read<Order>(mOrders); order.kind != Order::Kind::end; order = Read<Order>(mOrders)) {
+    for (auto order = Read<Order>(mOrders); order.kind != Order::Kind::end; order = Read<Order>(mOrders)) {
       if (order.kind == Order::Kind::tell) {
         Write(mAnswers, View{session.IsLinked(), session.HasControl(), session.GetSystemInControl()});
       } else {
