@@ -237,7 +237,7 @@ TEST_F(Demo, SaysWhatIsWrongWithACommandLine) {
       {{"--help"}, 0, "demo"},
       {{"--version"}, 0, "trel "},
       {{"demo", "--help"}, 0, "--satellites"},
-      {{}, 2, "A subcommand is required"},
+      {{}, 2, "A command is required"},
       {{"nonsense"}, 2, "nonsense"},
       {{"demo", "--nonsense"}, 2, "--nonsense"},
       {{"demo", "--satellites", "0"}, 2, "--satellites"},
