@@ -17,6 +17,7 @@ constexpr std::int64_t kMostUnvouchedInRow = 8;
 // Microseconds.
 constexpr std::int64_t kShortestPause = 500'000;
 constexpr std::int64_t kLongestPause = 30'000'000;
+constexpr std::int64_t kLongestIntervalForMany = 2'000'000; // a clock counts as lost after 5 s without a measurement
 constexpr std::int64_t kPauseForTimeLost = 4;
 constexpr std::int64_t kLongFailure = 100'000;
 
@@ -48,8 +49,10 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
     }
   }
   std::sort(due.begin(), due.end());
-  const std::int64_t interval =
-      std::max(mSettings.mInterval, mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()));
+  const std::int64_t forMany =
+      std::min(mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()), kLongestIntervalForMany);
+  const std::int64_t interval = std::max(mSettings.mInterval, forMany);
+  const std::int64_t retryInterval = std::max(mSettings.mRetryInterval, forMany / 10);
 
   for (const auto& [failuresInRow, dueTime, address] : due) {
     Peer& peer = mPeers[address];
@@ -59,9 +62,12 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       peer.mFailuresInRow = 0;
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
       const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
-      peer.mDue = now + (outcome == Outcome::notVouched ? mSettings.mRetryInterval
-                         : isFull                       ? interval
-                                                        : mSettings.mFirstInterval);
+      const bool isVouched = outcome == Outcome::vouched;
+      if (isFull) {
+        peer.mDue = now + (isVouched ? interval : retryInterval);
+      } else {
+        peer.mDue = now + (isVouched ? mSettings.mFirstInterval : mSettings.mRetryInterval);
+      }
       continue;
     }
     ++peer.mStatus.mFailures;

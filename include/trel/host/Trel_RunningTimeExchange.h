@@ -39,9 +39,9 @@ public:
     std::int64_t mFirstInterval = 100'000; ///< until the peer's window of measurements is full
     std::int64_t mRetryInterval = 25'000;  ///< after an exchange that was not vouched for
     std::int64_t mInterval = 250'000;      ///< from then on; up to 500 ms keep the receiver at its strictest
-    /// Times the number of peers it is the least of mInterval, so that a full link costs the master no more than one of
-    /// 32 systems.
-    std::int64_t mIntervalForEachPeer = 15'000;
+    /// Times the number of peers, 2 s at the most, it is the least of mInterval, and a tenth of it that of
+    /// mRetryInterval: a full link costs the master little.
+    std::int64_t mIntervalForEachPeer = 30'000;
     std::int64_t mFirstMeasurements = 25; ///< vouched exchanges after which the window counts as full
   };
 
