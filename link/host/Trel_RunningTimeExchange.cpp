@@ -18,6 +18,7 @@ constexpr std::int64_t kMostUnvouchedInRow = 8;
 constexpr std::int64_t kShortestPause = 500'000;
 constexpr std::int64_t kLongestPause = 30'000'000;
 constexpr std::int64_t kLongestIntervalForMany = 2'000'000; // a clock counts as lost after 5 s without a measurement
+constexpr std::int64_t kGroups = 2;                         // that the peers of a large link are served in
 constexpr std::int64_t kPauseForTimeLost = 4;
 constexpr std::int64_t kLongFailure = 100'000;
 
@@ -52,7 +53,9 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
   const std::int64_t forMany =
       std::min(mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()), kLongestIntervalForMany);
   const std::int64_t interval = std::max(mSettings.mInterval, forMany);
-  const std::int64_t retryInterval = std::max(mSettings.mRetryInterval, forMany / 10);
+  const std::int64_t groupInterval = forMany > mSettings.mInterval ? forMany / kGroups : 1;
+  const std::int64_t groupTime = now - now % groupInterval;
+  const std::int64_t retryInterval = std::max(mSettings.mRetryInterval, groupInterval);
 
   for (const auto& [failuresInRow, dueTime, address] : due) {
     Peer& peer = mPeers[address];
@@ -64,7 +67,7 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
       const bool isVouched = outcome == Outcome::vouched;
       if (isFull) {
-        peer.mDue = now + (isVouched ? interval : retryInterval);
+        peer.mDue = groupTime + (isVouched ? interval : retryInterval);
       } else {
         peer.mDue = now + (isVouched ? mSettings.mFirstInterval : mSettings.mRetryInterval);
       }
@@ -78,6 +81,14 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       return;
     }
   }
+}
+
+std::int64_t Trel_RunningTimeExchange::NextDue() const {
+  std::int64_t next = kNone;
+  for (const auto& [address, peer] : mPeers) {
+    next = std::min(next, peer.mDue);
+  }
+  return next;
 }
 
 void Trel_RunningTimeExchange::Restart() { mPeers.clear(); }

@@ -2,8 +2,8 @@
 
 #include <trel/Sys_Clock.h>
 
+#include <algorithm>
 #include <chrono>
-#include <limits>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -275,14 +275,16 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
 }
 
 void TCPE_Network::CarryOut() {
-  bool connectionsChanged = mTimerArmedFor == 0;
+  TCPE_Time nearest = TCPE_Endpoint::kNever;
   while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(Now())) {
-    connectionsChanged = connectionsChanged || event->kind != TCPE_Endpoint::Event::Kind::frame;
     CarryOut(*event);
+    nearest = std::min(nearest, mEndpoint.DeadlineOf(event->id));
   }
-  // Frames only move deadlines away; the timer then comes too early and looks again.
-  if (connectionsChanged) {
-    ArmTimer();
+  // A deadline that has moved away is left to the timer, which then comes too early and looks again.
+  if (mTimerArmedFor == 0) {
+    ArmTimer(mEndpoint.NextDeadline());
+  } else if (nearest < mTimerArmedFor) {
+    ArmTimer(nearest);
   }
 }
 
@@ -331,17 +333,11 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   }
 }
 
-void TCPE_Network::ArmTimer() {
-  const TCPE_Time deadline = mEndpoint.NextDeadline();
-  if (deadline == mTimerArmedFor) {
+void TCPE_Network::ArmTimer(TCPE_Time deadline) {
+  if (deadline == TCPE_Endpoint::kNever) {
     return;
   }
   mTimerArmedFor = deadline;
-  if (deadline == std::numeric_limits<TCPE_Time>::max()) {
-    mTimerArmedFor = 0;
-    mTimer.cancel();
-    return;
-  }
   mTimer.expires_at(std::chrono::steady_clock::time_point(std::chrono::microseconds(deadline + 1)));
   mTimer.async_wait([this](const asio::error_code& error) {
     if (!error) {

@@ -84,7 +84,7 @@ private:
   void Read(const ConnectionPointer& connection);
   void CarryOut();
   void CarryOut(const TCPE_Endpoint::Event& event);
-  void ArmTimer();
+  void ArmTimer(TCPE_Time deadline);
   void OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) override;
   ConnectionPointer Add(TCPE_Endpoint::Id id, std::uint32_t address, asio::ip::tcp::socket socket);
   ConnectionPointer Find(TCPE_Endpoint::Id id) const;

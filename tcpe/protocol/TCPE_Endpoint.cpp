@@ -1,7 +1,6 @@
 #include "tcpe/protocol/TCPE_Endpoint.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t address, TCPE_Time now) {
@@ -97,18 +96,28 @@ void TCPE_Endpoint::End(Id id, ETCPE_NetworkError error, TCPE_Time now) {
 
 void TCPE_Endpoint::Tick(TCPE_Time now) {
   for (const auto& [id, connection] : mConnections) {
-    if (connection.session ? connection.session->NextDeadline() <= now : connection.deadline <= now) {
+    if (connection.session ? connection.session->NextDeadline() <= now + mConfig.limits.heartbeatEarly
+                           : connection.deadline <= now) {
       mToAdvance.push_back(id);
     }
   }
 }
 
 TCPE_Time TCPE_Endpoint::NextDeadline() const {
-  TCPE_Time deadline = std::numeric_limits<TCPE_Time>::max();
+  TCPE_Time deadline = kNever;
   for (const auto& [id, connection] : mConnections) {
-    deadline = std::min(deadline, connection.session ? connection.session->NextDeadline() : connection.deadline);
+    deadline = std::min(deadline, DeadlineOf(connection));
   }
   return deadline;
+}
+
+TCPE_Time TCPE_Endpoint::DeadlineOf(Id id) const {
+  const auto position = mConnections.find(id);
+  return position != mConnections.end() ? DeadlineOf(position->second) : kNever;
+}
+
+TCPE_Time TCPE_Endpoint::DeadlineOf(const Connection& connection) {
+  return connection.session ? connection.session->NextDeadline() : connection.deadline;
 }
 
 std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::NextEvent(TCPE_Time now) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -74,6 +75,8 @@ public:
     std::atomic<std::uint64_t> wrongTags = 0;  ///< connections ended by a frame that is not the peer's next one
   };
 
+  static constexpr TCPE_Time kNever = std::numeric_limits<TCPE_Time>::max();
+
   explicit TCPE_Endpoint(Config config) : mConfig(std::move(config)), mFailures(mConfig.limits) {}
 
   /// Begins an attempt: the owner opens a transport for the returned identifier. Nothing when one is under way already,
@@ -102,7 +105,9 @@ public:
   void Tick(TCPE_Time now);
   /// The next thing to carry out. Call after each call above until there is none.
   std::optional<Event> NextEvent(TCPE_Time now);
+  /// The deadline of all connections, or of one; kNever without one.
   TCPE_Time NextDeadline() const;
+  TCPE_Time DeadlineOf(Id id) const;
 
   std::size_t OpenConnections() const { return mOpen.size(); }
   std::size_t HalfOpenConnections() const;
@@ -127,6 +132,7 @@ private:
   };
   using Connections = std::map<Id, Connection>;
 
+  static TCPE_Time DeadlineOf(const Connection& connection);
   static bool IsOpen(const Connection& connection) { return connection.session && connection.session->IsOpen(); }
   Connection* Find(Id id);
   Id AttemptOf(std::uint32_t address) const;

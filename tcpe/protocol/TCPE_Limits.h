@@ -58,7 +58,9 @@ struct TCPE_Limits {
   TCPE_Time frame = 5'000'000;
   /// An idle connection sends a heartbeat this often ...
   TCPE_Time heartbeat = 1'000'000;
-  /// ... so that a peer that says nothing for this long is gone.
+  /// ... or so much earlier, together with that of another connection: a thread that is awake sends a second for less;
+  TCPE_Time heartbeatEarly = 125'000;
+  /// so a peer that says nothing for this long is gone.
   TCPE_Time silence = 3'000'000;
   /// How long a connection may leave a probe unanswered when its system connects anew.
   TCPE_Time probe = 1'000'000;

@@ -112,7 +112,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextTimedEvent(TCPE_Time now) {
     mProbeDeadline = 0;
     return Event{.kind = Event::Kind::probeUnanswered};
   }
-  if (now >= mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat) {
+  if (now >= mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat - mLimits.heartbeatEarly) {
     SendFrame(kTCPE_HeartbeatType, 0, 0, eTCPE_CommErr_None);
     NoteSent(now);
   }

@@ -5,6 +5,8 @@
 #include <trel/Trel_CorrelatedClockMgr.h>
 #include <trel/host/Trel_StartHelper.h>
 
+#include <algorithm>
+
 namespace {
 
 // Seldom enough that 64 satellites cost the master little, often enough to keep them at their strictest.
@@ -36,4 +38,8 @@ void Host_Clock::Tick(const std::set<std::uint32_t>& addresses) {
   if (mIsMaster) {
     mExchange.Tick(addresses, 0, mEpoch);
   }
+}
+
+std::chrono::microseconds Host_Clock::UntilDue() const {
+  return std::chrono::microseconds(std::max<std::int64_t>(mExchange.NextDue() - Sys_Clock::Microseconds(), 0));
 }

@@ -2,6 +2,7 @@
 
 #include <trel/host/Trel_RunningTimeExchange.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -20,6 +21,8 @@ public:
   bool WaitUntil(std::int64_t runningTime) const;
   /// The master's part in keeping the clocks of the others correlated; called often, on one thread.
   void Tick(const std::set<std::uint32_t>& addresses);
+  /// How long a Tick for the same systems has nothing to do; not negative.
+  std::chrono::microseconds UntilDue() const;
 
 private:
   bool mIsMaster;

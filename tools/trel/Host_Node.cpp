@@ -26,10 +26,10 @@
 
 namespace {
 
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kMasterIdlePeriod{20}; // about as often as an exchange of running times may be due
-constexpr milliseconds kSatelliteIdlePeriod{50};
+constexpr milliseconds kIdlePeriod{100};
 constexpr milliseconds kWaitPeriod{20};
 constexpr std::int64_t kWaitTimeOut = 30'000'000; // microseconds
 
@@ -148,7 +148,6 @@ int Host_Node::Converse() {
 }
 
 void Host_Node::Idle(const std::stop_token& stop) {
-  const milliseconds period = mOptions.isMaster ? kMasterIdlePeriod : kSatelliteIdlePeriod;
   std::mutex mutex;
   std::condition_variable_any never;
   while (!stop.stop_requested()) {
@@ -157,7 +156,7 @@ void Host_Node::Idle(const std::stop_token& stop) {
     mMirror.Tick();
     mTransport.Tick();
     std::unique_lock lock(mutex);
-    never.wait_for(lock, stop, period, [] { return false; });
+    never.wait_for(lock, stop, std::min<microseconds>(kIdlePeriod, mClock.UntilDue()), [] { return false; });
   }
 }
 

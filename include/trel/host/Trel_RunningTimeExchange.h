@@ -39,8 +39,9 @@ public:
     std::int64_t mFirstInterval = 100'000; ///< until the peer's window of measurements is full
     std::int64_t mRetryInterval = 25'000;  ///< after an exchange that was not vouched for
     std::int64_t mInterval = 250'000;      ///< from then on; up to 500 ms keep the receiver at its strictest
-    /// Times the number of peers, 2 s at the most, it is the least of mInterval, and a tenth of it that of
-    /// mRetryInterval: a full link costs the master little.
+    /// Times the number of peers, 2 s at the most: where that is longer than mInterval, it takes its place, and half of
+    /// it that of mRetryInterval. Peers with full windows are then served in two groups, because a thread that is awake
+    /// serves another one for less. So a full link costs the master little.
     std::int64_t mIntervalForEachPeer = 30'000;
     std::int64_t mFirstMeasurements = 25; ///< vouched exchanges after which the window counts as full
   };
@@ -67,6 +68,9 @@ public:
   ///        between reading the running time and calling; give both when they were read together.
   void Tick(const std::set<std::uint32_t>& addresses, std::int64_t runningTime,
             std::int64_t hostTime = Sys_Clock::Microseconds());
+
+  /// The host time before which a Tick for the same peers does nothing; the largest number without peers.
+  std::int64_t NextDue() const;
 
   /// Starts anew with every peer, as is due when running time has jumped and the peers' clocks have been reset.
   void Restart();

@@ -44,11 +44,16 @@ public:
   std::function<Ways(std::uint32_t address, bool isVoucher)> mWays = [](std::uint32_t, bool) { return Ways{}; };
   std::vector<Voucher> mVouchers; // for kPeer
   std::int64_t mLongestTick = 0;
+  int mBusyTicks = 0;
 
   void Run(std::int64_t duration, const std::set<std::uint32_t>& peers = {kPeer}) {
     for (const std::int64_t end = sNow + duration; sNow < end; sNow += kTick) {
       const std::int64_t begin = sNow;
+      const std::int64_t due = NextDue();
+      const bool isNew = std::any_of(peers.begin(), peers.end(), [this](auto peer) { return !GetStatus(peer); });
       Tick(peers, sNow + kRunningTimeAhead);
+      EXPECT_EQ(sNow > begin, isNew || due <= begin);
+      mBusyTicks += sNow > begin ? 1 : 0;
       mLongestTick = std::max(mLongestTick, sNow - begin);
     }
   }
@@ -188,16 +193,19 @@ TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
   EXPECT_GE(mExchange.mVouchers.size(), 180U);
 }
 
-TEST_F(Trel_RunningTimeExchangeTest, ManyPeersAreServedLessOften) {
+TEST_F(Trel_RunningTimeExchangeTest, ManyPeersAreServedLessOftenAndTogether) {
   std::set<std::uint32_t> peers;
   while (peers.size() < 64) {
     peers.insert(kPeer + static_cast<std::uint32_t>(peers.size()));
+    mExchange.Run(30'000, peers);
   }
   mExchange.Run(4'000'000, peers);
+  mExchange.mBusyTicks = 0;
   const std::size_t before = mExchange.mVouchers.size();
   EXPECT_GE(before, 25U);
   mExchange.Run(20'000'000, peers);
   EXPECT_NEAR(static_cast<double>(mExchange.mVouchers.size() - before), 10, 1); // at 64 times 30 ms
+  EXPECT_LE(mExchange.mBusyTicks, 22);
 }
 
 TEST_F(Trel_RunningTimeExchangeTest, TriesAgainAfterAPauseAndForgetsWhoIsGone) {
