@@ -3,6 +3,7 @@
 #include "Catalogue_Payload.h"
 #include "Catalogue_Values.h"
 #include "Commands.h"
+#include "CommonOptions.h"
 #include "ExitStatus.h"
 
 #include <trel/TCPE_CommManager.h>
@@ -103,12 +104,13 @@ CLI::App* AddPayloadCommand(CLI::App& program, int& exitStatus, const std::strin
   command->add_flag("--legacy", options->isLegacy, "Use the legacy command numbering");
   command->add_flag("--reply", options->payload.isReply, "The payload of the reply, not of the command");
   command->add_flag("--json", options->isJson, "Answer in JSON");
-  command
-      ->add_option_function<int>(
-          "--revision", [options](int revision) { options->payload.revision = static_cast<std::uint8_t>(revision); },
-          "Payload revision of the sender; without it, that of the command's class")
-      ->type_name("N")
-      ->check(CLI::Range(0, 255));
+  Limit(command
+            ->add_option_function<int>(
+                "--revision",
+                [options](int revision) { options->payload.revision = static_cast<std::uint8_t>(revision); },
+                "Payload revision of the sender, 0 to 255 [that of the command's class]")
+            ->type_name("N"),
+        0, 255);
   command->callback([options, run, &exitStatus] {
     TCPE_CommManager::SetSupportsMarlo11(!options->isLegacy);
     try {

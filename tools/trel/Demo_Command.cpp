@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "CommonOptions.h"
 #include "Demo_Coordinator.h"
 #include "Demo_Master.h"
 #include "Demo_NodeOptions.h"
@@ -63,14 +64,12 @@ void AddDemoCommand(CLI::App& program, int& exitStatus) {
   const auto reportFile = std::make_shared<std::string>();
   CLI::App* const demo = program.add_subcommand(
       "demo", "Shows several systems on this machine link, correlate their clocks and start together");
-  demo->add_option("--satellites", options->satellites, "Number of satellites")
-      ->check(CLI::Range(1, 64))
-      ->capture_default_str();
-  demo->add_option("--rounds", options->rounds, "How often they start together")
-      ->check(CLI::Range(1, 1000))
-      ->capture_default_str();
-  demo->add_option("--port", options->port, "Communication port [28282, or a free one when that is taken]")
-      ->check(CLI::Range(1, 65535));
+  Limit(demo->add_option("--satellites", options->satellites, "Number of satellites, 1 to 64 [3]")->type_name("N"), 1,
+        64);
+  Limit(demo->add_option("--rounds", options->rounds, "How often they start together, 1 to 1000 times [5]")
+            ->type_name("N"),
+        1, 1000);
+  AddPortOption(*demo, "--port", options->port, "Communication port [28282, or a free one when that is taken]");
   demo->add_flag("--legacy", options->legacy, "Use the legacy command numbering");
   demo->add_option("--pcap", options->captureFile,
                    "Write what the master sends and receives to a capture file for a network analyser")

@@ -1,6 +1,6 @@
 #include "Demo_NodeOptions.h"
 
-#include "AddressOption.h"
+#include "CommonOptions.h"
 
 #include <trel/Sys_Socket.h>
 

@@ -28,7 +28,7 @@ struct DiscoverOptions {
   bool json = false;
 };
 
-constexpr const char* kFooter =
+constexpr const char* kDiscoverFooter =
     "A system is listed while a host runs there: trel host, or a program that uses the library. One that has\n"
     "the same address as this command is not listed.\n"
     "\n"
@@ -142,6 +142,6 @@ void AddDiscoverCommand(CLI::App& program, int& exitStatus) {
   options->engine.AddTo(*discover);
   discover->add_flag("--legacy", options->engine.legacy, "Look for systems with the legacy command numbering");
   discover->add_flag("--json", options->json, "Print one JSON object for each system");
-  discover->footer(kFooter);
+  discover->footer(kDiscoverFooter);
   discover->callback([options, &exitStatus] { exitStatus = RunDiscover(*options); });
 }

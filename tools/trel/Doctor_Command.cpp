@@ -16,9 +16,7 @@ struct DoctorOptions {
   bool json = false;
 };
 
-constexpr std::int32_t kMaxPort = 65535;
-
-constexpr const char* kFooter =
+constexpr const char* kDoctorFooter =
     "Looks at the adaptors, the ports, broadcast, the other systems, the clock and the load of this machine, and\n"
     "says what to change. Start the hosts on the other systems first; a host may run here too.\n"
     "\n"
@@ -53,12 +51,9 @@ void AddDoctorCommand(CLI::App& program, int& exitStatus) {
   const auto options = std::make_shared<DoctorOptions>();
   CLI::App* const doctor = program.add_subcommand("doctor", "Finds out why systems do not link or start together");
   options->engine.AddTo(*doctor);
-  doctor->add_option("--port", options->engine.port, "Port of all connections, the same on all systems")
-      ->type_name("PORT")
-      ->check(CLI::Range(1, kMaxPort))
-      ->capture_default_str();
+  options->engine.AddPortTo(*doctor);
   doctor->add_flag("--legacy", options->engine.legacy, "The systems use the legacy command numbering");
   doctor->add_flag("--json", options->json, "Print one JSON object for each finding");
-  doctor->footer(kFooter);
+  doctor->footer(kDoctorFooter);
   doctor->callback([options, &exitStatus] { exitStatus = RunDoctor(*options); });
 }

@@ -1,6 +1,6 @@
 #include "EngineOptions.h"
 
-#include "AddressOption.h"
+#include "CommonOptions.h"
 #include "FreePort.h"
 #include "Texts.h"
 
@@ -14,8 +14,6 @@
 #include <system_error>
 
 namespace {
-
-constexpr std::int32_t kMaxPort = 65535;
 
 /// What somebody who gets a status can do about it.
 std::string AdviceFor(std::int32_t status) {
@@ -43,13 +41,16 @@ std::string AdviceFor(std::int32_t status) {
 void EngineOptions::AddTo(CLI::App& command) {
   AddAddressOption(command, "--address", address,
                    "Address of this machine to use [that of the first adaptor that is up]");
-  command
-      .add_option("--discovery-port", discoveryPort, "Port at which systems find each other, the same on all systems")
-      ->type_name("PORT")
-      ->check(CLI::Range(1, kMaxPort))
-      ->capture_default_str();
+  AddPortOption(command, "--discovery-port", discoveryPort,
+                "Port at which systems find each other, the same on all systems [" +
+                    std::to_string(kDefaultDiscoveryPort) + "]");
   command.add_option("--secret-file", secretFile, "File with the secret that all systems share; see trel secret")
       ->type_name("FILE");
+}
+
+void EngineOptions::AddPortTo(CLI::App& command) {
+  AddPortOption(command, "--port", port,
+                "Port of all connections, the same on all systems [" + std::to_string(kDefaultPort) + "]");
 }
 
 void EngineOptions::Prepare() const {

@@ -21,6 +21,8 @@ struct EngineOptions {
   bool legacy = false;
 
   void AddTo(CLI::App& command);
+  /// For a command that listens, or connects to systems that do.
+  void AddPortTo(CLI::App& command);
   /// Sets the start-up options and prepares the platform, which reads some of them: before anything else.
   void Prepare() const;
   /// For a command that only asks: takes a communication port that nobody has, and no discovery port, so that it runs

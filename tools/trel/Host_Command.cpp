@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr const char* kFooter =
+constexpr const char* kHostFooter =
     "Type commands, one a line; help lists them. They may come from a file or a pipe too: then lines that\n"
     "start with # are comments, the end of the input ends the program, and the exit status is 1 when a\n"
     "command could not be carried out. Ctrl-C leaves the link in good order.\n"
@@ -61,7 +61,7 @@ void AddHostCommand(CLI::App& program, int& exitStatus) {
   const auto options = std::make_shared<Host_Options>();
   CLI::App* const host = program.add_subcommand("host", "Runs a system of the link that you command by hand");
   options->AddTo(*host);
-  host->footer(kFooter);
+  host->footer(kHostFooter);
   host->callback([options, &exitStatus] {
     options->Check();
     exitStatus = RunHost(*options);

@@ -1,5 +1,7 @@
 #include "Host_Options.h"
 
+#include "CommonOptions.h"
+
 #include <trel/Sys_Socket.h>
 #include <trel/TCPE_System.h>
 
@@ -10,7 +12,6 @@
 
 namespace {
 
-constexpr std::int32_t kMaxPort = 65535;
 constexpr std::int32_t kMostSatellites = 128;
 
 void ParseMaster(const std::string& text, std::uint32_t& address) {
@@ -52,18 +53,17 @@ void Host_Options::AddTo(CLI::App& command) {
           "Satellite: address of the master to link to; auto: search the network for it [auto]")
       ->type_name("ADDRESS|auto");
   engine.AddTo(command);
-  command.add_option("--port", engine.port, "Port of all connections, the same on all systems")
-      ->type_name("PORT")
-      ->check(CLI::Range(1, kMaxPort))
-      ->capture_default_str();
-  command.add_option("--max-satellites", maxSatellites, "Master: satellites that it admits [11]")
-      ->type_name("N")
-      ->check(CLI::Range(1, kMostSatellites));
-  command
-      .add_option("--identifier", identifier,
-                  "Number that no other system of the link has [a random one at each start]")
-      ->type_name("N")
-      ->check(CLI::Range(1, std::numeric_limits<std::int32_t>::max()));
+  engine.AddPortTo(command);
+  Limit(command
+            .add_option("--max-satellites", maxSatellites,
+                        "Master: satellites that it admits, at most " + std::to_string(kMostSatellites) + " [11]")
+            ->type_name("N"),
+        1, kMostSatellites);
+  Limit(command
+            .add_option("--identifier", identifier,
+                        "Number above 0 that no other system of the link has [a random one at each start]")
+            ->type_name("N"),
+        1, std::numeric_limits<std::int32_t>::max());
   command.add_flag("--mesh", mesh, "Master: connects the satellites with each other too, not only with itself");
   command.add_flag("--legacy", engine.legacy, "Use the legacy command numbering; all systems need the same");
   command

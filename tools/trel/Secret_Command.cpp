@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t kSecretSize = 32; // bytes; as many as the key that is derived from it has
 constexpr mode_t kOwnerOnly = 0600;
 
-constexpr const char* kFooter =
+constexpr const char* kSecretFooter =
     "Systems that share a secret accept each other and nobody else. Make one secret, once, and give the\n"
     "same file to all systems of the link.\n"
     "\n"
@@ -91,6 +91,6 @@ void AddSecretCommand(CLI::App& program, int& exitStatus) {
   CLI::App* const secret = program.add_subcommand("secret", "Makes a secret that the systems of a link share");
   secret->add_option("FILE", *file,
                      "New file for the secret, which only you can read; without it the secret is printed");
-  secret->footer(kFooter);
+  secret->footer(kSecretFooter);
   secret->callback([file, &exitStatus] { exitStatus = RunSecret(*file); });
 }

@@ -1,5 +1,5 @@
-#include "AddressOption.h"
 #include "Commands.h"
+#include "CommonOptions.h"
 #include "ExitStatus.h"
 #include "Watch_Session.h"
 
@@ -12,7 +12,7 @@ namespace {
 constexpr double kShortestInterval = 0.25; // the host gives no more
 constexpr double kLongestInterval = 3600;
 
-constexpr const char* kFooter =
+constexpr const char* kWatchFooter =
     "Watches a trel host, or the systems of trel demo, that run on this machine as the same user. With several\n"
     "of them, choose one by address or process. q or Ctrl-C ends the screen.\n"
     "\n"
@@ -36,9 +36,9 @@ void AddWatchCommand(CLI::App& program, int& exitStatus) {
   watch->add_option("--pid", options->process, "Watch the host that is this process")->type_name("PROCESS");
   watch->add_flag("--once", options->once, "Show it once and end");
   watch->add_flag("--json", options->json, "Write one JSON object for each refresh");
-  watch->add_option("--interval", options->interval, "Seconds between two blocks or objects [1]")
+  watch->add_option("--interval", options->interval, "Seconds between two blocks or objects, 0.25 to 3600 [1]")
       ->type_name("SECONDS")
-      ->check(CLI::Range(kShortestInterval, kLongestInterval));
-  watch->footer(kFooter);
+      ->check(CLI::Range(kShortestInterval, kLongestInterval).description(""));
+  watch->footer(kWatchFooter);
   watch->callback([options, &exitStatus] { exitStatus = Watch_Session(*options).Run(); });
 }
