@@ -148,11 +148,11 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
     ASSERT_TRUE(program.ReadAll(kRunTimeOut));
     ASSERT_EQ(program.Status(), 0) << program.Output();
 
-    const nlohmann::json json = Json();
-    EXPECT_EQ(json.at("numbering"), numbering);
-    EXPECT_TRUE(json.at("failures").empty());
-    ASSERT_EQ(json.at("satellites").size(), 2U);
-    for (const auto& satellite : json.at("satellites")) {
+    const nlohmann::json results = Json();
+    EXPECT_EQ(results.at("numbering"), numbering);
+    EXPECT_TRUE(results.at("failures").empty());
+    ASSERT_EQ(results.at("satellites").size(), 2U);
+    for (const auto& satellite : results.at("satellites")) {
       const std::string address = satellite.at("address");
       EXPECT_NE(satellite.at("offset_us"), 0);
       EXPECT_NE(satellite.at("drift_ppm"), 0);
@@ -165,8 +165,8 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
       EXPECT_GE(error.at("max"), error.at("p99"));
       EXPECT_GT(satellite.at("error_bound_us").at("p50"), 0);
     }
-    ASSERT_EQ(json.at("starts").size(), 2U);
-    for (const auto& start : json.at("starts")) {
+    ASSERT_EQ(results.at("starts").size(), 2U);
+    for (const auto& start : results.at("starts")) {
       EXPECT_GT(start.at("agreed_running_time"), 0);
       std::vector<std::int64_t> late;
       for (const char* address : {"127.0.0.2", "127.0.0.3", "127.0.0.4"}) {
@@ -186,7 +186,7 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
       }
     }
     for (std::size_t round = 0; round < 2; ++round) {
-      EXPECT_EQ(page.at("starts").at(round).at("late"), json.at("starts").at(round).at("late_us"));
+      EXPECT_EQ(page.at("starts").at(round).at("late"), results.at("starts").at(round).at("late_us"));
     }
   }
 }
@@ -206,13 +206,13 @@ TEST_F(Demo, TheOthersGoOnWithoutAKilledOrHangingSatellite) {
     ASSERT_TRUE(program.ReadAll(kRunTimeOut));
     EXPECT_EQ(program.Status(), 1);
 
-    const nlohmann::json json = Json();
-    ASSERT_EQ(json.at("starts").size(), 3U);
-    for (const auto& start : json.at("starts")) {
+    const nlohmann::json results = Json();
+    ASSERT_EQ(results.at("starts").size(), 3U);
+    for (const auto& start : results.at("starts")) {
       EXPECT_TRUE(start.at("late_us").contains("127.0.0.3"));
     }
-    EXPECT_FALSE(json.at("starts").back().at("late_us").contains("127.0.0.4"));
-    EXPECT_NE(json.at("failures").dump().find("127.0.0.4"), std::string::npos);
+    EXPECT_FALSE(results.at("starts").back().at("late_us").contains("127.0.0.4"));
+    EXPECT_NE(results.at("failures").dump().find("127.0.0.4"), std::string::npos);
   }
 }
 

@@ -23,7 +23,7 @@ namespace {
 /// Values by the name of the field, without "trel.".
 using Packet = std::map<std::string, std::string>;
 
-const Capture::End kMaster{0x7f000002, 28282};
+const Capture::End kMasterEnd{0x7f000002, 28282};
 const Capture::End kDiscovery{0x7fffffff, 28283};
 const Capture::End kSatellite{0x7f000003, 40000};
 
@@ -122,7 +122,7 @@ void Show(const std::string& name, const Trel_FieldDescription& field, const Tre
 TEST_P(DissectorTest, NamesEveryFieldOfEveryCommand) {
   const auto numbering = IsCurrent() ? Trel_Numbering::current : Trel_Numbering::legacy;
   // On another port it is found by what it looks like.
-  const Capture::End host{kMaster.address, IsCurrent() ? kMaster.port : std::uint16_t{40001}};
+  const Capture::End host{kMasterEnd.address, IsCurrent() ? kMasterEnd.port : std::uint16_t{40001}};
   Capture capture(mFile);
   std::set<std::string> fields = {"command", "header.type", "response_in", "response_to", "response_time"};
   std::vector<std::string> expected;
@@ -234,7 +234,7 @@ TEST_P(DissectorTest, ShowsWhatElseTravelsAndWhatIsWrong) {
       const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() * segment / segments);
       const auto end = bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() * (segment + 1) / segments);
       if (way == tcp) {
-        capture.AddTcp(peer, kMaster, {begin, end});
+        capture.AddTcp(peer, kMasterEnd, {begin, end});
       } else {
         capture.AddUdp(way == query ? peer : kDiscovery, way == query ? kDiscovery : peer, {begin, end});
       }

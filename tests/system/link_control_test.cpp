@@ -24,8 +24,8 @@ namespace {
 
 using ControlAnswer = Trel_LinkSession::ControlAnswer;
 
-constexpr std::uint32_t kMaster = 0x7f000a02; // 127.0.10.2; the satellites follow
-constexpr int kSystems = 3;
+constexpr std::uint32_t kFirstAddress = 0x7f000a02; // 127.0.10.2, the master; the satellites follow
+constexpr int kLinked = 3;
 
 template <class Value>
 void Write(int file, const Value& value) {
@@ -71,7 +71,7 @@ public:
     SPSSetStartupOption("DiscoveryPort", std::to_string(port + 8000).c_str());
     Trel_LinkSession::Settings settings;
     settings.mIsMaster = mNumber == 0;
-    settings.mMasterAddress = mNumber == 0 ? 0 : kMaster;
+    settings.mMasterAddress = mNumber == 0 ? 0 : kFirstAddress;
     settings.mMayGiveControl = [this](std::uint32_t) {
       const std::int64_t now = Sys_Clock::RawMicroseconds();
       const std::lock_guard lock(mMutex);
@@ -81,7 +81,7 @@ public:
     };
     Trel_LinkSession session(settings);
     Trel_CommPreferences preferences;
-    preferences.SetLocalInterfaceAddress(kMaster + static_cast<std::uint32_t>(mNumber));
+    preferences.SetLocalInterfaceAddress(kFirstAddress + static_cast<std::uint32_t>(mNumber));
     preferences.SetCommunicationPort(port);
     if (Trel_CommManager::Initialize(&preferences, &Trel_LinkSession::OnNetworkError) != 0 || !session.Start()) {
       _exit(EXIT_FAILURE);
@@ -190,7 +190,7 @@ TEST_P(LinkControl, OneOfTwoThatAskTogetherGetsIt) {
   constexpr int kRounds = 1000;
   const std::int64_t begin = Sys_Clock::RawMicroseconds();
   std::deque<Process> processes;
-  for (int number = 0; number < kSystems; ++number) {
+  for (int number = 0; number < kLinked; ++number) {
     processes.emplace_back(number);
   }
   for (const Process& process : processes) {
@@ -212,7 +212,7 @@ TEST_P(LinkControl, OneOfTwoThatAskTogetherGetsIt) {
     const std::int64_t when = Sys_Clock::RawMicroseconds() + kLead;
     processes[1].Send({Order::Kind::ask, when});
     processes[2].Send({Order::Kind::ask, when + kStep * (round % kSteps - kSteps / 2)});
-    ControlAnswer answers[kSystems] = {};
+    ControlAnswer answers[kLinked] = {};
     for (const std::size_t asker : {1U, 2U}) {
       answers[asker] = processes[asker].Receive<ControlAnswer>();
     }
@@ -224,11 +224,11 @@ TEST_P(LinkControl, OneOfTwoThatAskTogetherGetsIt) {
       }
       return std::all_of(views.begin(), views.end(), [&](const View& view) {
         const auto number = static_cast<std::uint32_t>(&view - views.data());
-        return view.inControl == views[0].inControl && view.hasControl == (view.inControl == kMaster + number);
+        return view.inControl == views[0].inControl && view.hasControl == (view.inControl == kFirstAddress + number);
       });
     });
-    const std::uint32_t holder = views[0].inControl - kMaster;
-    ASSERT_TRUE(isAgreed && holder < kSystems) << "round " << round;
+    const std::uint32_t holder = views[0].inControl - kFirstAddress;
+    ASSERT_TRUE(isAgreed && holder < kLinked) << "round " << round;
     if (holder == 0) {
       ++bothBusy; // for the same reason
       ASSERT_TRUE(answers[1] == ControlAnswer::busy && answers[2] == ControlAnswer::busy) << "round " << round;

@@ -69,8 +69,6 @@ std::string OffsetIn(Trel_Numbering numbering, Fields fields, const Trel_FieldDe
   return "";
 }
 
-Fields EntryOf(const Trel_FieldDescription& list) { return {list.entry, list.entryFields}; }
-
 std::string WidthText(const Trel_FieldDescription& field) {
   if (field.kind != Trel_FieldKind::list) {
     return std::to_string(field.width);

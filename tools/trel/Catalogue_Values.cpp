@@ -101,10 +101,6 @@ std::int64_t NumberFromText(const Trel_FieldDescription& field, const std::strin
   return number;
 }
 
-std::span<const Trel_FieldDescription> EntryOf(const Trel_FieldDescription& list) {
-  return {list.entry, list.entryFields};
-}
-
 Trel_FieldValue ValueFromJson(const Trel_FieldDescription& field, const Json& json) {
   if (json.is_string()) {
     return ValueFromText(field, json.get<std::string>());
@@ -170,6 +166,10 @@ Json RecordToJson(const Trel_FieldDescription& list, const Trel_FieldValue::Reco
 }
 
 } // namespace
+
+std::span<const Trel_FieldDescription> EntryOf(const Trel_FieldDescription& list) {
+  return {list.entry, list.entryFields};
+}
 
 const char* KindName(Trel_FieldKind kind) {
   switch (kind) {

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <span>
 #include <string>
 
 // Values of fields as people and programs write them. A value that a field cannot have is a std::invalid_argument that
@@ -11,6 +12,9 @@
 
 /// Name of a kind, as the catalogue is listed: i64 i32 u32 u8 bool ipv4 port string list.
 const char* KindName(Trel_FieldKind kind);
+
+/// The fields of each entry of a list.
+std::span<const Trel_FieldDescription> EntryOf(const Trel_FieldDescription& list);
 
 /// Reads a value from a command line: a number, decimal or 0x..., or the display string of an enumeration; true, false,
 /// 1 or 0; an address as 10.0.0.1; a text; a list as a JSON array of objects.

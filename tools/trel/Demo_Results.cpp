@@ -9,10 +9,10 @@
 #include <ostream>
 #include <sstream>
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 // Stands beside its type, where the conversion looks for it.
-static void to_json(Json& json, const Demo_Percentiles& figures) {
+static void to_json(OrderedJson& json, const Demo_Percentiles& figures) {
   json = {{"p50", figures.p50}, {"p99", figures.p99}, {"max", figures.max}};
 }
 
@@ -27,14 +27,14 @@ std::vector<std::int64_t> LatenessOf(const Demo_Results::Start& start) {
 }
 
 template <class Value>
-Json ToJson(const std::optional<Value>& value) {
-  return value ? Json(*value) : Json();
+OrderedJson ToJson(const std::optional<Value>& value) {
+  return value ? OrderedJson(*value) : OrderedJson();
 }
 
-std::string Seconds(std::optional<double> milliseconds) {
+std::string Seconds(std::optional<double> time) {
   std::ostringstream text;
-  if (milliseconds) {
-    text << std::fixed << std::setprecision(3) << *milliseconds / 1000 << " s";
+  if (time) {
+    text << std::fixed << std::setprecision(3) << *time / 1000 << " s";
   } else {
     text << "never";
   }
@@ -96,10 +96,10 @@ void Demo_Results::PrintTable(std::ostream& out) const {
 }
 
 void Demo_Results::WriteJson(std::ostream& out) const {
-  Json json = {{"numbering", isLegacy ? "legacy" : "current"},
-               {"satellites", Json::array()},
-               {"starts", Json::array()},
-               {"failures", failures}};
+  OrderedJson json = {{"numbering", isLegacy ? "legacy" : "current"},
+                      {"satellites", OrderedJson::array()},
+                      {"starts", OrderedJson::array()},
+                      {"failures", failures}};
   for (const Satellite& satellite : satellites) {
     json["satellites"].push_back({{"address", Sys_Socket::DecodeIPAddress(satellite.address)},
                                   {"name", satellite.name},
@@ -111,7 +111,7 @@ void Demo_Results::WriteJson(std::ostream& out) const {
                                   {"error_bound_us", ToJson(satellite.errorBound)}});
   }
   for (const Start& start : starts) {
-    Json late = Json::object();
+    OrderedJson late = OrderedJson::object();
     for (const auto& [address, value] : start.late) {
       late[Sys_Socket::DecodeIPAddress(address)] = value;
     }

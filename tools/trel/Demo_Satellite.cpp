@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kLinkTimeOut{15};
+constexpr std::chrono::seconds kConnectTimeOut{15};
 constexpr std::chrono::milliseconds kLinkRetryPeriod{50};
 
 } // namespace
@@ -74,7 +74,7 @@ int Demo_Satellite::Run() {
 }
 
 bool Demo_Satellite::Link() {
-  const auto deadline = SteadyClock::now() + kLinkTimeOut;
+  const auto deadline = SteadyClock::now() + kConnectTimeOut;
   while (!Trel_CommManager::Connect(mOptions.master)) {
     // The master may not listen yet; but what it has refused once, it refuses again.
     IdleUntil(SteadyClock::now() + kLinkRetryPeriod, [this] { return mNetworkError.has_value(); });

@@ -10,7 +10,7 @@ using Json = Report_Collector::Json;
 // A recording may come from anywhere; a link has 129 systems.
 constexpr std::size_t kMostSystems = 256;
 constexpr std::size_t kMostStarts = 100'000;
-constexpr std::size_t kMostNotes = 10'000;
+constexpr std::size_t kMostNotesKept = 10'000;
 
 std::string TextOf(const Json& event, const char* name) {
   const auto value = event.find(name);
@@ -187,7 +187,7 @@ void Report_Collector::TakeStart(const std::string& address, const Json& event, 
 void Report_Collector::TakeNote(const Json& event, std::int64_t time, bool isFailure) {
   mData.failures += isFailure ? 1 : 0;
   const std::string text = TextOf(event, "text");
-  if (!text.empty() && mData.notes.size() < kMostNotes) {
+  if (!text.empty() && mData.notes.size() < kMostNotesKept) {
     mData.notes.push_back({time, text, isFailure});
   }
 }

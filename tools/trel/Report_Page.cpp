@@ -17,13 +17,13 @@ extern const char* const kReport_Template; // @NAME@ stands where something is t
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 using Sample = Report_Data::ClockSample;
 using System = Report_Data::System;
 
 constexpr std::size_t kMostSamples = 2'400; // of each curve, two for each of its pieces
 constexpr std::size_t kMostStates = 1'000;
-constexpr std::size_t kMostNotes = 500;
+constexpr std::size_t kMostNotesShown = 500;
 constexpr double kLeastGap = 1.0; // seconds without a sample that leave a hole in a curve
 
 std::string Escaped(const std::string& text) {
@@ -53,7 +53,9 @@ double Seconds(const Report_Data& data, std::int64_t time) {
   return std::round(static_cast<double>(time - data.begin) / 1e3) / 1e3;
 }
 
-Json Value(const std::optional<double>& value) { return value ? Json(std::round(*value * 10) / 10) : Json(); }
+OrderedJson Value(const std::optional<double>& value) {
+  return value ? OrderedJson(std::round(*value * 10) / 10) : OrderedJson();
+}
 
 /// The sample that matters most of a piece of the recording: that with the largest error, else with the largest bound.
 bool IsLess(const Sample& a, const Sample& b) {
@@ -98,17 +100,17 @@ std::string DataText(const Report_Data& data) {
   for (const System& system : data.systems) {
     curves.push_back(Thinned(system.clock));
   }
-  Json json = {{"duration", Seconds(data, data.end)},
-               {"gap", GapOf(data, curves)},
-               {"systems", Json::array()},
-               {"starts", Json::array()}};
+  OrderedJson json = {{"duration", Seconds(data, data.end)},
+                      {"gap", GapOf(data, curves)},
+                      {"systems", OrderedJson::array()},
+                      {"starts", OrderedJson::array()}};
   for (std::size_t i = 0; i < data.systems.size(); ++i) {
     const System& system = data.systems[i];
-    Json clock = Json::array();
+    OrderedJson clock = OrderedJson::array();
     for (const Sample& sample : curves[i]) {
       clock.push_back({Seconds(data, sample.time), Value(sample.error), Value(sample.bound), Value(sample.residual)});
     }
-    Json states = Json::array();
+    OrderedJson states = OrderedJson::array();
     for (const auto& change : system.states) {
       if (states.size() < kMostStates) {
         states.push_back({Seconds(data, change.time), change.state, change.reason});
@@ -120,13 +122,13 @@ std::string DataText(const Report_Data& data) {
                                {"clock", clock},
                                {"states", states},
                                {"end", Seconds(data, system.clock.empty() ? data.end : system.stateEnd)},
-                               {"roundTrips", Json(system.roundTrips)}});
+                               {"roundTrips", OrderedJson(system.roundTrips)}});
   }
   for (const auto& start : data.starts) {
     json["starts"].push_back({{"time", Seconds(data, start.time)}, {"late", start.late}});
   }
   // In a script element nothing but "<" could end it.
-  std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string text = json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
   for (std::size_t at = 0; (at = text.find('<', at)) != std::string::npos;) {
     text.replace(at, 1, "\\u003c");
   }
@@ -254,14 +256,14 @@ std::string Log(const Report_Data& data) {
   out << std::fixed << std::setprecision(3);
   std::size_t count = 0;
   for (const auto& note : data.notes) {
-    if (++count > kMostNotes && !note.isFailure) {
+    if (++count > kMostNotesShown && !note.isFailure) {
       continue;
     }
     out << "<li" << (note.isFailure ? " class=\"bad\"" : "") << "><time>" << std::setw(9) << Seconds(data, note.time)
         << " s</time>" << (note.isFailure ? "FAILED: " : "") << Escaped(note.text) << "</li>\n";
   }
   out << "</ol>";
-  if (data.notes.size() > kMostNotes) {
+  if (data.notes.size() > kMostNotesShown) {
     out << "<p>Of the later ones failures only.</p>";
   }
   out << "</details>";

@@ -20,7 +20,7 @@ using System = Status_Snapshot::System;
 enum class Style { plain, strong, faint, good, fair, bad };
 
 constexpr std::array kStyleCodes = {"", "1", "2", "1;32", "1;33", "1;31"};
-constexpr std::int64_t kLongSilence = 1'500'000; // microseconds; an idle connection is heard each second
+constexpr std::int64_t kLongSilenceOfSystem = 1'500'000; // microseconds; an idle connection is heard each second
 constexpr double kMicrosecondsOfSecond = 1e6;
 constexpr std::size_t kLabelWidth = 14;
 constexpr std::size_t kFewestRows = 3;
@@ -53,7 +53,7 @@ std::string OrDash(const std::optional<Value>& value, Text text) {
 bool IsMember(const System& system) { return system.isThis || system.order != 0 || system.isConnected; }
 
 bool IsInTrouble(const System& system) {
-  return !system.isLocked.value_or(true) || system.silence.value_or(0) > kLongSilence;
+  return !system.isLocked.value_or(true) || system.silence.value_or(0) > kLongSilenceOfSystem;
 }
 
 Style StyleOf(Status_Sync sync) {
@@ -130,7 +130,7 @@ Table::Table(const std::vector<System>& systems, const Cell& ownClock, std::size
     return Cell{system.silence  ? Fixed(static_cast<double>(*system.silence) / kMicrosecondsOfSecond, 1) + "s"
                 : system.isThis ? ""
                                 : "-",
-                system.silence.value_or(0) > kLongSilence ? Style::bad : Style::plain};
+                system.silence.value_or(0) > kLongSilenceOfSystem ? Style::bad : Style::plain};
   });
   Add(isWide ? "rtt 50%" : "rtt", true, 4,
       [duration](const System& system) { return Cell{duration(system, system.roundTripMedian)}; });
@@ -350,7 +350,7 @@ std::string Parts::NoteOf(const System& system) const {
     }
     return note;
   }
-  if (system.silence.value_or(0) > kLongSilence) {
+  if (system.silence.value_or(0) > kLongSilenceOfSystem) {
     add("has not been heard for " + DurationText(*system.silence));
   }
   if (system.losses != 0 && !system.isThis) {

@@ -31,11 +31,11 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kAnswerTimeOut = 1000;             // milliseconds
-constexpr std::int64_t kLongSilence = 1'500'000; // microseconds; a host tells something four times a second
+constexpr int kAnswerTimeOut = 1000;                   // milliseconds
+constexpr std::int64_t kLongSilenceOfHost = 1'500'000; // microseconds; a host tells something four times a second
 constexpr std::int64_t kScreenPeriod = 250'000;
 constexpr std::int64_t kUsualPeriod = 1'000'000;
-constexpr std::size_t kUsualWidth = 110; // of lines that are written to no terminal
+constexpr std::size_t kLineWidth = 110; // of lines that are written to no terminal
 
 /// Nothing when it makes no sense.
 bool Parse(const std::string& line, Status_Snapshot* snapshot) {
@@ -165,7 +165,7 @@ bool Watch_Session::Take() {
     }
     return true;
   case Status_Client::Outcome::timedOut:
-    if (now - mLastHeard > kLongSilence) {
+    if (now - mLastHeard > kLongSilenceOfHost) {
       mSnapshot.sync = Status_Sync::no;
       mSnapshot.verdict = "THE HOST DOES NOT ANSWER";
       mSnapshot.why = "it has told nothing for " + DurationText(now - mLastHeard) + "; what follows is from then";
@@ -194,7 +194,7 @@ void Watch_Session::Show() {
     mTerminal->Show(Watch_Screen::Lines(mSnapshot, layout));
     return;
   }
-  layout.width = Watch_Terminal::IsThere() ? Watch_Terminal::Width() : kUsualWidth;
+  layout.width = Watch_Terminal::IsThere() ? Watch_Terminal::Width() : kLineWidth;
   if (!mOptions.once) {
     std::cout << "--- " << TimeText() << '\n';
   }

@@ -32,7 +32,7 @@ struct Network {
   double loss; // of a packet, which is sent again after 200 ms
 };
 
-double sNow = 0; // true time, which the master's clock shows
+double sTrueTime = 0; // which the master's clock shows
 bool sIsAtSatellite = false;
 double sOffset = 0; // of the satellite's clock
 double sDrift = 0;  // 1e-6 is 1 ppm
@@ -44,7 +44,9 @@ double SatelliteTime(double time) {
   return time * (1 + sDrift) + sOffset + 0.2e-6 * kPeriod * std::sin(time / kPeriod + sPhase);
 }
 
-std::int64_t HostTime(double ahead = 0) { return static_cast<std::int64_t>(std::floor(SatelliteTime(sNow + ahead))); }
+std::int64_t HostTime(double ahead = 0) {
+  return static_cast<std::int64_t>(std::floor(SatelliteTime(sTrueTime + ahead)));
+}
 
 /// The exchange as a master does it, in virtual time; the clock manager of this process is the satellite's.
 class SimulatedMaster : public Trel_RunningTimeExchange {
@@ -53,15 +55,15 @@ public:
       : mRandom(seed), mNetwork(network) {
     Trel_CorrelatedClockMgr::Terminate();
     Trel_CorrelatedClockMgr::Initialize();
-    sNow = 1e6 * Uniform(1, 1'000'000);
+    sTrueTime = 1e6 * Uniform(1, 1'000'000);
     sOffset = 1e6 * Uniform(-1'000, 1'000'000);
     sDrift = 1e-6 * Uniform(-50, 50);
     sPhase = Uniform(0, 6);
   }
 
   void Run(double duration) {
-    for (const double end = sNow + duration; sNow < end; sNow += kTick) {
-      Tick({kSatellite}, static_cast<std::int64_t>(sNow));
+    for (const double end = sTrueTime + duration; sTrueTime < end; sTrueTime += kTick) {
+      Tick({kSatellite}, static_cast<std::int64_t>(sTrueTime));
     }
   }
   double Uniform(double least, double most) { return std::uniform_real_distribution(least, most)(mRandom); }
@@ -71,11 +73,11 @@ public:
 
 protected:
   bool Send(Trel_Command* command) override {
-    sNow += Delay(mNetwork.meanThere);
+    sTrueTime += Delay(mNetwork.meanThere);
     sIsAtSatellite = true;
     Trel_CorrelatedClockMgr::HandleTimingCommand(command);
     sIsAtSatellite = false;
-    sNow += Delay(mNetwork.meanBack);
+    sTrueTime += Delay(mNetwork.meanBack);
     return true;
   }
 
@@ -91,7 +93,8 @@ private:
 class Trel_ClockStatusTest : public testing::Test {
 protected:
   void SetUp() override {
-    Sys_Clock::SetSource([] { return static_cast<std::int64_t>(sIsAtSatellite ? SatelliteTime(sNow) : sNow); });
+    Sys_Clock::SetSource(
+        [] { return static_cast<std::int64_t>(sIsAtSatellite ? SatelliteTime(sTrueTime) : sTrueTime); });
   }
   void TearDown() override {
     Trel_CorrelatedClockMgr::Terminate();
@@ -135,7 +138,7 @@ TEST_F(Trel_ClockStatusTest, ErrorBoundHoldsAndIsNotMuchTooLarge) {
           Figures& those = figures[isFull ? 1 : 0][i];
           const std::int64_t hostTime = HostTime(kAhead[i]);
           const auto predicted = static_cast<double>(Trel_CorrelatedClockMgr::GetRunningTime(hostTime));
-          those.errors.push_back(std::abs(predicted - (sNow + kAhead[i])));
+          those.errors.push_back(std::abs(predicted - (sTrueTime + kAhead[i])));
           those.bounds.push_back(static_cast<double>(Trel_CorrelatedClockMgr::GetErrorBound(hostTime)));
           those.exceeded += those.errors.back() > those.bounds.back() ? 1 : 0;
         }
@@ -161,13 +164,13 @@ TEST_F(Trel_ClockStatusTest, ErrorBoundHoldsAndIsNotMuchTooLarge) {
 class Trel_ClockFaultsTest : public Trel_ClockStatusTest {
 protected:
   void Watch(double duration) {
-    for (const double end = sNow + duration;; mMaster.Run(kTick)) {
+    for (const double end = sTrueTime + duration;; mMaster.Run(kTick)) {
       mStatus = Trel_CorrelatedClockMgr::GetStatus(HostTime());
       const std::string told = std::string(mStatus.GetStateText()) + ": " + mStatus.GetReasonText();
       if (mTold.empty() || mTold.back() != told) {
         mTold.push_back(told);
       }
-      if (sNow >= end) {
+      if (sTrueTime >= end) {
         return;
       }
     }
@@ -191,7 +194,7 @@ TEST_F(Trel_ClockFaultsTest, BecomesStableAndIsLostWithoutItsMaster) {
   EXPECT_NEAR(static_cast<double>(mStatus.mSpan), 4.2e6, 1e6);
   EXPECT_LE(mStatus.mAge, 260'000);
   EXPECT_NEAR(mStatus.mRate, sDrift * 1e6, 1.0);
-  EXPECT_NEAR(mStatus.mOffset, SatelliteTime(sNow) - sNow, 10.0);
+  EXPECT_NEAR(mStatus.mOffset, SatelliteTime(sTrueTime) - sTrueTime, 10.0);
   EXPECT_TRUE(mStatus.mResidualDeviation > 0.5 && mStatus.mResidualDeviation < 8) << mStatus.mResidualDeviation;
   EXPECT_TRUE(mStatus.mSmallestRoundTrip >= 100 && mStatus.mSmallestRoundTrip < 105) << mStatus.mSmallestRoundTrip;
   EXPECT_TRUE(mStatus.mLastRoundTrip >= mStatus.mSmallestRoundTrip && mStatus.mLastRoundTrip < 140);
@@ -211,7 +214,7 @@ TEST_F(Trel_ClockFaultsTest, BecomesStableAndIsLostWithoutItsMaster) {
   EXPECT_EQ(mStatus.mReason, eTrel_ClockReason_NoExchange);
   EXPECT_GT(mStatus.mAge, 5'500'000);
 
-  sNow += 60e6; // and is back
+  sTrueTime += 60e6; // and is back
   mTold.clear();
   Watch(5e6);
   EXPECT_EQ(mTold, (Told{"lost: no running time comes from the master", mSettled[1], mSettled[3]}));
@@ -238,7 +241,7 @@ TEST_F(Trel_ClockFaultsTest, TellsAJumpOnceAndIsStableAgain) {
     sOffset += jump;
     for (int i = 0; i < 100; ++i) {
       Watch(100'000);
-      const auto error = static_cast<double>(Trel_CorrelatedClockMgr::GetRunningTime(HostTime())) - sNow;
+      const auto error = static_cast<double>(Trel_CorrelatedClockMgr::GetRunningTime(HostTime())) - sTrueTime;
       EXPECT_LE(std::abs(error),
                 mStatus.mJumps == jumps ? std::abs(jump) + 100 : static_cast<double>(mStatus.mErrorBound));
     }

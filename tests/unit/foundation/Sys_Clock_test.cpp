@@ -2,6 +2,7 @@
 #include <trel/Sys_Clock.h>
 
 #include "foundation/Sys_ClockScale.h"
+#include "tests/support/Times.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,6 @@
 
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000;
 constexpr std::int64_t kYear = kSecond * 3600 * 24 * 365;
 constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();

@@ -1,5 +1,6 @@
 #include "tests/support/Hex.h"
 #include "tests/support/SimulatedNetwork.h"
+#include "tests/support/Times.h"
 
 #include <gtest/gtest.h>
 
@@ -7,12 +8,10 @@
 
 namespace {
 
-constexpr TCPE_Time kSecond = 1'000'000;
-constexpr TCPE_Time kMillisecond = 1'000;
-
 /// Systems 0, 1 and 2 have the addresses 10, 20 and 30 and, unless told otherwise, the same secret; 0 is none.
-struct Systems : SimulatedNetwork {
-  explicit Systems(const std::string& secrets = "xxx", TCPE_Time failureTime = TCPE_Limits().authenticationFailure) {
+struct SystemsWithSecrets : SimulatedNetwork {
+  explicit SystemsWithSecrets(const std::string& secrets = "xxx",
+                              TCPE_Time failureTime = TCPE_Limits().authenticationFailure) {
     for (std::uint32_t i = 0; i < secrets.size(); ++i) {
       TCPE_Endpoint::Config config = Config(10 * (i + 1));
       config.key = secrets[i] != '0' ? Key(secrets[i]) : nullptr;
@@ -40,8 +39,8 @@ private:
   int mNonces = 0;
 };
 
-std::string Frame(TCPE_eCmd type, std::uint8_t flags = 0, const std::string& payload = {}) {
-  return Systems::Frame({.flags = flags, .type = type}, payload);
+std::string Command(TCPE_eCmd type, std::uint8_t flags = 0, const std::string& payload = {}) {
+  return SystemsWithSecrets::Frame({.flags = flags, .type = type}, payload);
 }
 constexpr char kHello[] = "5452454c 01 04 01 00 00*7 99 a0a1a2a3a4a5a6a7a8a9aaabacadaeaf";
 
@@ -57,7 +56,7 @@ TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
   for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
     for (const auto& test : cases) {
       SCOPED_TRACE(test.secrets);
-      Systems systems(test.secrets);
+      SystemsWithSecrets systems(test.secrets);
       systems.Chop(largestPiece, 0);
       EXPECT_EQ(systems.LogsOfConnecting(0, 1), test.logs);
       EXPECT_EQ(systems.IsMarked(0, 20), test.marked[0]);
@@ -65,8 +64,8 @@ TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
       if (systems.At(0).open.empty()) {
         continue;
       }
-      systems.Send(0, 20, Frame(7, 0, "ab") + Frame(7)); // both in one write
-      systems.Send(1, 10, Frame(8, 0, std::string(16384, 'x')));
+      systems.Send(0, 20, Command(7, 0, "ab") + Command(7)); // both in one write
+      systems.Send(1, 10, Command(8, 0, std::string(16384, 'x')));
       systems.Run(60 * kSecond); // through many heartbeats
       EXPECT_EQ(systems.Take(0), "frame 20 8 (16384)");
       EXPECT_EQ(systems.Take(1), "frame 10 7 (2), frame 10 7 (0)");
@@ -77,8 +76,8 @@ TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
 /// The bytes were calculated by another program, from the description of the protocol.
 TEST(TCPE_Authentication, TravelsAsDescribed) {
   SimulatedNetwork network;
-  TCPE_Endpoint::Config config = Systems::Config(10);
-  config.key = Systems::Key('x');
+  TCPE_Endpoint::Config config = SystemsWithSecrets::Config(10);
+  config.key = SystemsWithSecrets::Key('x');
   network.Add(config);
   auto& stranger = network.ConnectStranger(20, 0);
   network.Send(stranger, 1, FromHex(kHello));
@@ -100,7 +99,7 @@ TEST(TCPE_Authentication, TravelsAsDescribed) {
 }
 
 TEST(TCPE_Authentication, ARecordedHandshakeProvesNothing) {
-  Systems systems;
+  SystemsWithSecrets systems;
   std::string sides[2];
   systems.Record(sides);
   systems.LogsOfConnecting(1, 0);
@@ -129,18 +128,18 @@ TEST(TCPE_Authentication, EveryFrameIsThePeersNextOne) {
       {"replayed", [](Pieces& p) { p.insert(p.begin(), p[0]); }, "frame 10 1 (0), lost 10 6"},
       {"dropped", [](Pieces& p) { p.erase(p.begin() + 1); }, "frame 10 1 (0), lost 10 6"},
       {"reordered", [](Pieces& p) { std::swap(p[1], p[2]); }, "frame 10 1 (0), lost 10 6"},
-      {"untagged", [](Pieces& p) { p[1] = Frame(2); }, "frame 10 1 (0), lost 10 6"},
-      {"altered", [](Pieces& p) { p[1] = Systems::Frame({.flags = 4, .type = 4}) + p[1].substr(20); },
+      {"untagged", [](Pieces& p) { p[1] = Command(2); }, "frame 10 1 (0), lost 10 6"},
+      {"altered", [](Pieces& p) { p[1] = SystemsWithSecrets::Frame({.flags = 4, .type = 4}) + p[1].substr(20); },
        "frame 10 1 (0), lost 10 6"},
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(test.name);
-    Systems systems;
+    SystemsWithSecrets systems;
     systems.LogsOfConnecting(0, 1);
     Pieces pieces;
     systems.tamper = [&pieces](int, std::string& bytes) { pieces.push_back(std::exchange(bytes, {})); };
     for (const TCPE_eCmd type : {1, 2, 3}) {
-      systems.Send(0, 20, Frame(type));
+      systems.Send(0, 20, Command(type));
     }
     test.alter(pieces);
     systems.tamper = [&pieces](int, std::string& bytes) {
@@ -159,12 +158,12 @@ TEST(TCPE_Authentication, EveryFrameIsThePeersNextOne) {
 }
 
 TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
-  const auto talk = [](Systems& systems) {
+  const auto talk = [](SystemsWithSecrets& systems) {
     systems.Connect(0, 1);
     systems.Run(kSecond / 10);
     for (const int system : {0, 1}) {
       for (int i = 0; i < 2 && !systems.At(system).open.empty(); ++i) {
-        systems.Send(system, system == 0 ? 20 : 10, Frame(7, 0, "abc"));
+        systems.Send(system, system == 0 ? 20 : 10, Command(7, 0, "abc"));
       }
     }
     systems.Run(9 * kSecond);
@@ -185,7 +184,7 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
   constexpr std::size_t kFrame = TCPE_FrameHeader::kSize + 3 + kTag;
   for (const std::size_t side : {0U, 1U}) {
     for (std::size_t bit = 0; bit < 8 * (kBegun[side] + 2 * kFrame); ++bit) {
-      Systems systems("xx");
+      SystemsWithSecrets systems("xx");
       std::size_t sent = 0;
       systems.tamper = [&](int toSide, std::string& bytes) {
         if (toSide == static_cast<int>(side)) {
@@ -207,13 +206,13 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
 
 TEST(TCPE_Authentication, GuessesAreFewAndHinderNobodyElse) {
   const std::string hello = FromHex(kHello);
-  const std::string guess = Frame(4, 8, std::string(32, '?'));
+  const std::string guess = Command(4, 8, std::string(32, '?'));
   const struct {
     TCPE_Time failureTime;
     std::uint64_t examined;
   } cases[] = {{10 * kSecond, 1}, {kSecond, 5}};
   for (const auto& test : cases) {
-    Systems systems("xxx", test.failureTime);
+    SystemsWithSecrets systems("xxx", test.failureTime);
     std::vector<SimulatedNetwork::Transport*> atOnce;
     for (int i = 0; i < 4; ++i) {
       atOnce.push_back(&systems.ConnectStranger(30, 0));

@@ -1,5 +1,7 @@
 #include "tcpe/protocol/TCPE_DiscoveryResponder.h"
 
+#include "tests/support/Times.h"
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -7,7 +9,6 @@
 
 namespace {
 
-constexpr TCPE_Time kSecond = 1'000'000;
 constexpr std::uint32_t kOwnAddress = 0x0a000001;
 
 class TCPE_DiscoveryResponderTest : public testing::Test {

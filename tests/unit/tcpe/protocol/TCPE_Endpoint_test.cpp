@@ -2,15 +2,13 @@
 
 #include "tests/support/Hex.h"
 #include "tests/support/SimulatedNetwork.h"
+#include "tests/support/Times.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
 
 namespace {
-
-constexpr TCPE_Time kSecond = 1'000'000;
-constexpr TCPE_Time kMillisecond = 1'000;
 
 std::string Frame(TCPE_eCmd type, std::uint8_t flags = 0, std::uint32_t serial = 0, const std::string& payload = {},
                   std::uint16_t error = 0) {
