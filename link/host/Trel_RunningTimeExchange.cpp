@@ -17,8 +17,10 @@ constexpr std::int64_t kMostUnvouchedInRow = 8;
 // Microseconds.
 constexpr std::int64_t kShortestPause = 500'000;
 constexpr std::int64_t kLongestPause = 30'000'000;
-constexpr std::int64_t kLongestIntervalForMany = 2'000'000; // a clock counts as lost after 5 s without a measurement
-constexpr std::int64_t kGroups = 2;                         // that the peers of a large link are served in
+// A clock counts as lost after 5 s without a measurement.
+constexpr std::int64_t kLongestIntervalForMany = 2'000'000;
+constexpr std::int64_t kLongestUnvouched = 4'000'000;
+constexpr std::int64_t kGroups = 2; // that the peers of a large link are served in
 constexpr std::int64_t kPauseForTimeLost = 4;
 constexpr std::int64_t kLongFailure = 100'000;
 
@@ -53,16 +55,18 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
   const std::int64_t forMany =
       std::min(mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()), kLongestIntervalForMany);
   const std::int64_t interval = std::max(mSettings.mInterval, forMany);
-  const std::int64_t groupInterval = forMany > mSettings.mInterval ? forMany / kGroups : 1;
+  const std::int64_t groupInterval = forMany > mSettings.mInterval ? std::max<std::int64_t>(forMany / kGroups, 1) : 1;
   const std::int64_t groupTime = now - now % groupInterval;
   const std::int64_t retryInterval = std::max(mSettings.mRetryInterval, groupInterval);
 
   for (const auto& [failuresInRow, dueTime, address] : due) {
     Peer& peer = mPeers[address];
     const std::int64_t begin = Sys_Clock::Microseconds();
-    const Outcome outcome = Exchange(address, peer, runningTimeAtZero);
+    const bool isLastChance = begin + retryInterval > peer.mLastVouched + kLongestUnvouched;
+    const Outcome outcome = Exchange(address, peer, runningTimeAtZero, isLastChance);
     if (outcome != Outcome::failed) {
       peer.mFailuresInRow = 0;
+      peer.mLastVouched = outcome == Outcome::vouched || peer.mStatus.mVouched == 0 ? begin : peer.mLastVouched;
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
       const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
       const bool isVouched = outcome == Outcome::vouched;
@@ -76,6 +80,7 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
     ++peer.mStatus.mFailures;
     ++peer.mFailuresInRow;
     const std::int64_t end = Sys_Clock::Microseconds();
+    peer.mLastVouched = end; // it gets new chances
     peer.mDue = end + PauseAfter(end - begin, peer.mFailuresInRow);
     if (end - begin >= kLongFailure) {
       return;
@@ -124,7 +129,8 @@ bool Trel_RunningTimeExchange::IsGood(const Peer& peer, std::int64_t roundTrip) 
 }
 
 Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32_t address, Peer& peer,
-                                                                     std::int64_t runningTimeAtZero) {
+                                                                     std::int64_t runningTimeAtZero,
+                                                                     bool isLastChance) {
   const int least = peer.mStatus.mRoundTrips == 0 ? kRoundTripsToKnowAPeer : 1;
   const int most = least + kMostRepetitions;
   bool isGood = false;
@@ -134,7 +140,7 @@ Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32
     }
     isGood = IsGood(peer, peer.mStatus.mLastRoundTrip);
   }
-  if (!isGood && peer.mUnvouchedInRow < kMostUnvouchedInRow) {
+  if (!isGood && peer.mUnvouchedInRow < kMostUnvouchedInRow && !isLastChance) {
     return Outcome::notVouched;
   }
   return Vouch(address, peer) ? Outcome::vouched : Outcome::failed;

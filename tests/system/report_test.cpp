@@ -150,7 +150,7 @@ TEST_F(Report, HostsRecordTheirClockAndTheStarts) {
                                    [](const json& system) { return system.at("name") == "room"; });
     ASSERT_NE(room, data.at("systems").end());
     EXPECT_EQ(room->at("clock").size() > 2, name == "room");
-    EXPECT_EQ(room->at("roundTrips").empty(), name == "stage");
+    EXPECT_FALSE(room->at("roundTrips").empty()); // each side measures its own
     EXPECT_GE(room->at("states").size(), 1U);
     EXPECT_EQ(data.at("starts").size(), 1U);
   }

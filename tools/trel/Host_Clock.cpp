@@ -6,6 +6,7 @@
 #include <trel/host/Trel_StartHelper.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -40,6 +41,20 @@ void Host_Clock::Tick(const std::set<std::uint32_t>& addresses) {
   }
 }
 
-std::chrono::microseconds Host_Clock::UntilDue() const {
-  return std::chrono::microseconds(std::max<std::int64_t>(mExchange.NextDue() - Sys_Clock::Microseconds(), 0));
+std::map<std::uint32_t, std::int64_t> Host_Clock::TakeRoundTrips(const std::set<std::uint32_t>& addresses) {
+  std::erase_if(mVouched, [&](const auto& known) { return !addresses.contains(known.first); });
+  std::map<std::uint32_t, std::int64_t> roundTrips;
+  for (const std::uint32_t address : addresses) {
+    const auto status = mExchange.GetStatus(address);
+    if (status && std::exchange(mVouched[address], status->mVouched) < status->mVouched) {
+      roundTrips[address] = status->mLastVouchedRoundTrip;
+    }
+  }
+  return roundTrips;
+}
+
+std::chrono::microseconds Host_Clock::UntilDue(std::chrono::microseconds longest) const {
+  const std::int64_t now = Sys_Clock::Microseconds();
+  const std::int64_t due = mExchange.NextDue(); // perhaps the least or the largest number
+  return std::chrono::microseconds(due <= now ? 0 : std::min<std::int64_t>(due, now + longest.count()) - now);
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 
@@ -21,11 +22,14 @@ public:
   bool WaitUntil(std::int64_t runningTime) const;
   /// The master's part in keeping the clocks of the others correlated; called often, on one thread.
   void Tick(const std::set<std::uint32_t>& addresses);
-  /// How long a Tick for the same systems has nothing to do; not negative.
-  std::chrono::microseconds UntilDue() const;
+  /// The last round trip of each of these systems with which that has happened since the last call, microseconds.
+  std::map<std::uint32_t, std::int64_t> TakeRoundTrips(const std::set<std::uint32_t>& addresses);
+  /// How long a Tick for the same systems has nothing to do.
+  std::chrono::microseconds UntilDue(std::chrono::microseconds longest) const;
 
 private:
   bool mIsMaster;
   std::int64_t mEpoch; // host time of the master's running time 0
   Trel_RunningTimeExchange mExchange;
+  std::map<std::uint32_t, std::int64_t> mVouched; // by address, when its last round trip was taken
 };

@@ -14,5 +14,6 @@ struct Host_Event {
   nlohmann::json fields = nlohmann::json::object();
   bool isAnswer = false; ///< to a command that the user has given
   bool isDetail = false; ///< told to people only when they ask for more
+  bool isSample = false; ///< one of many measurements: for recordings only
   std::int64_t rawTime = Sys_Clock::RawMicroseconds();
 };

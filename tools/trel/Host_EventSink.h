@@ -12,4 +12,6 @@ public:
   Host_EventSink& operator=(const Host_EventSink&) = delete;
 
   virtual void Take(const Host_Event& event) = 0;
+  /// Whether it takes samples too.
+  virtual bool TakesSamples() const { return false; }
 };

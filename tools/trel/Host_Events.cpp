@@ -58,6 +58,8 @@ void Host_Events::Run() {
 
 void Host_Events::Take(const Host_Event& event) {
   for (const auto& sink : mSinks) {
-    sink->Take(event);
+    if (!event.isSample || sink->TakesSamples()) {
+      sink->Take(event);
+    }
   }
 }

@@ -26,7 +26,6 @@
 
 namespace {
 
-using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kIdlePeriod{100};
@@ -152,11 +151,23 @@ void Host_Node::Idle(const std::stop_token& stop) {
   std::condition_variable_any never;
   while (!stop.stop_requested()) {
     Trel_CommManager::DoIdle();
-    mClock.Tick(mLink.Linked());
+    const std::set<std::uint32_t> linked = mLink.Linked();
+    mClock.Tick(linked);
+    if (!mOptions.recording.empty()) {
+      TellRoundTrips(linked);
+    }
     mMirror.Tick();
     mTransport.Tick();
     std::unique_lock lock(mutex);
-    never.wait_for(lock, stop, std::min<microseconds>(kIdlePeriod, mClock.UntilDue()), [] { return false; });
+    never.wait_for(lock, stop, mClock.UntilDue(kIdlePeriod), [] { return false; });
+  }
+}
+
+void Host_Node::TellRoundTrips(const std::set<std::uint32_t>& linked) {
+  for (const auto& [address, roundTrip] : mClock.TakeRoundTrips(linked)) {
+    mEvents.Tell({.kind = "round_trip",
+                  .fields = {{"address", Sys_Socket::DecodeIPAddress(address)}, {"round_trip_us", roundTrip}},
+                  .isSample = true});
   }
 }
 
@@ -235,14 +246,16 @@ std::vector<Host_Console::Command> Host_Node::Commands() {
          mMirror.SetSelection(selection);
          return Answer{};
        }},
-      {"control", "", "asks for control: only the system in control can prime, start, stop, loop and select",
+      {"control", "", "asks for control: only the system in control can command the others (prime, start, stop, ...)",
        "The system that has control lets go, unless somebody else is asking for it at the same time.",
        plain([this] { return AskForControl(); })},
       {"name", "NAME", "gives this system another name", "At most 29 characters.", member(&Host_Node::SetName)},
       {"order", "ADDRESS N", "puts a system at a place of the list (master)",
        "The system that has the place gets the one that becomes free.", member(&Host_Node::SetOrder)},
       {"link", "on|off [ADDRESS|all]", "whether this system, or others, play when the rest does",
-       "A system that is off stays connected, but does not prime or start.", member(&Host_Node::SwitchLink)},
+       "A system that is off stays connected, but does not prime or start. Only the system in control, or the master,\n"
+       "may ask others.",
+       member(&Host_Node::SwitchLink)},
       {"online", "on|off [ADDRESS|all]", "says whether this system is on line, or asks others to go on line",
        "Only the system in control may ask others.", member(&Host_Node::SwitchOnline)},
       {"record", "on|off", "tells the others whether this system records", "",

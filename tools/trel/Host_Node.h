@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <stop_token>
 
 class Host_Events;
@@ -34,6 +35,7 @@ private:
   /// Carries out what the user types.
   int Converse();
   void Idle(const std::stop_token& stop);
+  void TellRoundTrips(const std::set<std::uint32_t>& linked);
   void LeaveLink();
   void OnLinked(std::uint32_t address, bool isLinked);
 

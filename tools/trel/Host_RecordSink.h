@@ -9,12 +9,14 @@
 #include <string>
 #include <thread>
 
-/// Records everything that a host tells, for a report, and on a satellite the clock four times a second.
+/// Records everything that a host tells, samples included, for a report, and on a satellite the clock four times a
+/// second.
 class Host_RecordSink : public Host_EventSink {
 public:
   /// Throws std::runtime_error when the file cannot be written.
   explicit Host_RecordSink(const std::string& file);
   void Take(const Host_Event& event) override;
+  bool TakesSamples() const override { return true; }
 
 private:
   void RecordClock(const std::stop_token& stop);

@@ -83,6 +83,8 @@ void Report_Collector::Take(const Json& event) {
     TakeSystem(*system, event);
     if (kind == "clock") {
       TakeClock(*system, event, *time);
+    } else if (kind == "round_trip") {
+      TakeRoundTrip(*system, event);
     } else if (kind == "started") {
       TakeStart(system->address, event, event.value("late_us", Json()), *time);
     } else if ((kind == "left" || kind == "lost") && system->clock.empty() && !system->states.empty()) {
@@ -133,13 +135,18 @@ void Report_Collector::TakeClock(Report_Data::System& system, const Json& event,
   const auto rate = NumberOf(event, "rate_ppm");
   system.ratePPM = rate ? rate : system.ratePPM;
   const std::int64_t accepted = WholeNumberOf(event, "accepted").value_or(system.accepted);
-  const auto roundTrip = WholeNumberOf(event, "round_trip_us");
-  if (roundTrip && accepted != system.accepted) {
-    ++system.roundTrips[Rounded(*roundTrip)];
+  if (accepted != system.accepted) {
+    TakeRoundTrip(system, event);
   }
   system.accepted = accepted;
   system.rejected = WholeNumberOf(event, "rejected_not_vouched_for").value_or(0) +
                     WholeNumberOf(event, "rejected_round_trip_too_long").value_or(0);
+}
+
+void Report_Collector::TakeRoundTrip(Report_Data::System& system, const Json& event) {
+  if (const auto roundTrip = WholeNumberOf(event, "round_trip_us")) {
+    ++system.roundTrips[Rounded(*roundTrip)];
+  }
 }
 
 void Report_Collector::TakeState(Report_Data::System& system, std::int64_t time, const std::string& state,

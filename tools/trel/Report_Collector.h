@@ -40,6 +40,7 @@ private:
   Report_Data::System* SystemOf(const Json& event);
   void TakeSystem(Report_Data::System& system, const Json& event);
   void TakeClock(Report_Data::System& system, const Json& event, std::int64_t time);
+  static void TakeRoundTrip(Report_Data::System& system, const Json& event);
   void TakeState(Report_Data::System& system, std::int64_t time, const std::string& state, const std::string& reason);
   void TakeStarts(const Json& event, std::int64_t time);
   void TakeStart(const std::string& address, const Json& event, const Json& late, std::int64_t time);

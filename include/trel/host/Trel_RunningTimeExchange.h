@@ -21,10 +21,10 @@ class Trel_Command;
 /// round trip of late is kept for each peer, and a good round trip is one that is not much longer: 30 % and 5 us. After
 /// a longer one the running time is sent again at once, up to three times. Only the last can be vouched for, because
 /// the receiver keeps no other. When all were too long, none is vouched for and the allowance doubles for the next
-/// time; the ninth time in a row the last is vouched for whatever it was, so a peer on a disturbed network is never
-/// starved. The shortest round trip is that of the last 40 to 80, so a network that has become slower is taken as it is
-/// after a while. A new peer is sent four running times before the first is vouched for, which makes its shortest round
-/// trip known.
+/// time; the ninth time in a row, or when the next would come more than four seconds after the one before, the last is
+/// vouched for whatever it was, so a peer on a disturbed network is never starved. The shortest round trip is that of
+/// the last 40 to 80, so a network that has become slower is taken as it is after a while. A new peer is sent four
+/// running times before the first is vouched for, which makes its shortest round trip known.
 ///
 /// A peer that does not answer is left in peace for half a second, or for four times as long as the failure took if
 /// that is longer, and twice as long each time again, 30 s at the most. Peers that answer come first in each Tick, and
@@ -90,6 +90,7 @@ private:
     std::int64_t mDue = std::numeric_limits<std::int64_t>::min(); // host time
     std::int64_t mFailuresInRow = 0;
     std::int64_t mUnvouchedInRow = 0;
+    std::int64_t mLastVouched = std::numeric_limits<std::int64_t>::max() / 2; // host time; before the first, the future
     // Shortest round trips of the last full era and of the present one.
     std::int64_t mShortestBefore = kNone;
     std::int64_t mShortestNow = kNone;
@@ -100,7 +101,7 @@ private:
 
   static void KeepRoundTrip(Peer& peer, std::int64_t roundTrip);
   static bool IsGood(const Peer& peer, std::int64_t roundTrip);
-  Outcome Exchange(std::uint32_t address, Peer& peer, std::int64_t runningTimeAtZero);
+  Outcome Exchange(std::uint32_t address, Peer& peer, std::int64_t runningTimeAtZero, bool isLastChance);
   bool MeasureRoundTrip(std::uint32_t address, Peer& peer, std::int64_t runningTimeAtZero);
   bool Vouch(std::uint32_t address, Peer& peer);
 

@@ -206,6 +206,10 @@ TEST_F(Trel_RunningTimeExchangeTest, ManyPeersAreServedLessOftenAndTogether) {
   mExchange.Run(20'000'000, peers);
   EXPECT_NEAR(static_cast<double>(mExchange.mVouchers.size() - before), 10, 1); // at 64 times 30 ms
   EXPECT_LE(mExchange.mBusyTicks, 22);
+  mExchange.mVouchers.clear();
+  mExchange.mWays = [](std::uint32_t, bool) { return Ways{.there = 250, .back = 250}; }; // five times slower than known
+  mExchange.Run(60'000'000, peers);
+  EXPECT_LT(LongestGap(mExchange.mVouchers), 4'500'000); // after 5 s the clock of the peer would be lost
 }
 
 TEST_F(Trel_RunningTimeExchangeTest, TriesAgainAfterAPauseAndForgetsWhoIsGone) {
