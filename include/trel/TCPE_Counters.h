@@ -10,6 +10,8 @@ struct TCPE_Counters {
   std::uint64_t queueOverflows = 0;     ///< commands that found the peer's queue full
   std::uint64_t lateReplies = 0;        ///< replies that nobody waited for any more
   std::uint64_t refusedConnections = 0; ///< connections turned away, and strangers without a valid handshake
+  std::uint64_t malformedFrames = 0;    ///< connections ended by bytes that are no frame, or by one out of place
+  std::uint64_t unfinishedFrames = 0;   ///< connections ended by a frame that was not complete in time
   std::uint64_t unprovedSecrets = 0;    ///< systems that did not prove the shared secret, on either side's connection
   std::uint64_t turnedAway = 0;         ///< connections from addresses where that had happened a short while before
   std::uint64_t wrongTags = 0;          ///< authenticated connections ended by a frame that was not the peer's next one

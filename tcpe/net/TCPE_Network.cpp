@@ -89,10 +89,11 @@ void TCPE_Network::SetLocalSystemType(std::uint8_t type) {
 
 void TCPE_Network::Connect(std::uint32_t address) {
   asio::post(mContext, [this, address] {
-    if (const std::optional<TCPE_Endpoint::Id> id = mEndpoint.BeginConnect(address, Now())) {
+    const std::optional<TCPE_Endpoint::Id> id = mEndpoint.BeginConnect(address, Now());
+    if (id) {
       OpenTransport(*id, address);
     }
-    CarryOut();
+    CarryOut(id);
   });
 }
 
@@ -241,7 +242,7 @@ void TCPE_Network::Accept() {
     if (id) {
       const ConnectionPointer connection = Add(*id, remote.address().to_v4().to_uint(), std::move(socket));
       connection->TransportOpened(true);
-      CarryOut();
+      CarryOut(id);
       Read(connection);
     } else {
       socket.close(gone);
@@ -274,8 +275,8 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
                                         });
 }
 
-void TCPE_Network::CarryOut() {
-  TCPE_Time nearest = TCPE_Endpoint::kNever;
+void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> newcomer) {
+  TCPE_Time nearest = newcomer ? mEndpoint.DeadlineOf(*newcomer) : TCPE_Endpoint::kNever;
   while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(Now())) {
     CarryOut(*event);
     nearest = std::min(nearest, mEndpoint.DeadlineOf(event->id));

@@ -82,7 +82,8 @@ private:
   void CloseAll(TCPE_Time deadline);
   void Accept();
   void Read(const ConnectionPointer& connection);
-  void CarryOut();
+  /// Everything that the endpoint wants done. `newcomer`: a connection that may have the nearest deadline.
+  void CarryOut(std::optional<TCPE_Endpoint::Id> newcomer = std::nullopt);
   void CarryOut(const TCPE_Endpoint::Event& event);
   void ArmTimer(TCPE_Time deadline);
   void OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) override;

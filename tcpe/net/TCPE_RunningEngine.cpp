@@ -193,6 +193,8 @@ TCPE_Counters TCPE_RunningEngine::GetCounters() const {
   counters.unprovedSecrets = counts.unproved;
   counters.turnedAway = counts.turnedAway;
   counters.wrongTags = counts.wrongTags;
+  counters.malformedFrames = counts.malformed;
+  counters.unfinishedFrames = counts.unfinished;
   for (const TCPE_DiscoveryCounters* side : {&mNetwork->DiscoveryCounters(), &mDiscoveryClient.Counters()}) {
     counters.malformedDatagrams += side->malformed;
     counters.otherNumberingDatagrams += side->otherNumbering;

@@ -269,7 +269,7 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     Lose(id, eNetworkError_ConnectionLost, now);
     break;
   case Kind::failed:
-    mCounts.wrongTags += event->networkError == eNetworkError_Authentication ? 1U : 0U;
+    Count(*event);
     if (mOpen.contains(connection->address) && mOpen.at(connection->address) == id) {
       Lose(id, event->networkError, now);
     } else if (connection->openedByPeer) {
@@ -284,6 +284,14 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
     break;
   }
   return std::nullopt;
+}
+
+void TCPE_Endpoint::Count(const TCPE_Session::Event& failure) {
+  if (failure.networkError == eNetworkError_Authentication) {
+    ++mCounts.wrongTags;
+  } else if (failure.networkError == eNetworkError_MalformedData) {
+    ++(failure.isUnfinished ? mCounts.unfinished : mCounts.malformed);
+  }
 }
 
 /// The address may have been marked since it connected: of several connections at once, one gets to offer a wrong

@@ -73,6 +73,8 @@ public:
     std::atomic<std::uint64_t> unproved = 0;   ///< systems that did not prove the secret
     std::atomic<std::uint64_t> turnedAway = 0; ///< connections from addresses that were marked for that
     std::atomic<std::uint64_t> wrongTags = 0;  ///< connections ended by a frame that is not the peer's next one
+    std::atomic<std::uint64_t> malformed = 0;  ///< connections ended by what is no frame, or one out of place
+    std::atomic<std::uint64_t> unfinished = 0; ///< connections ended by a frame that was not complete in time
   };
 
   static constexpr TCPE_Time kNever = std::numeric_limits<TCPE_Time>::max();
@@ -142,6 +144,7 @@ private:
   std::optional<Event> Advance(Id id, TCPE_Time now);
   void CheckDeadline(Id id, TCPE_Time now);
   void Examine(Id id, TCPE_Time now);
+  void Count(const TCPE_Session::Event& failure);
   void OnUnproved(Id id, TCPE_Time now);
   /// Marks an address, and tells of it unless it is marked already.
   void TellOfFailure(std::uint32_t address, TCPE_Time now);

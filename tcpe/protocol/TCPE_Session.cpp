@@ -106,7 +106,9 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextTimedEvent(TCPE_Time now) {
     return Fail(eNetworkError_ConnectionLost);
   }
   if (mFrameBegan != 0 && now >= mFrameBegan + mLimits.frame) {
-    return Fail(eNetworkError_MalformedData);
+    Event event = Fail(eNetworkError_MalformedData);
+    event.isUnfinished = true;
+    return event;
   }
   if (mProbeDeadline != 0 && now >= mProbeDeadline) {
     mProbeDeadline = 0;

@@ -62,6 +62,7 @@ public:
     std::span<const std::byte> payload{}; ///< valid until the session is called again
     TCPE_CommErr error = eTCPE_CommErr_None;
     ETCPE_NetworkError networkError = eNetworkError_None;
+    bool isUnfinished = false; ///< failed: the data is malformed because the rest of a frame did not come in time
   };
 
   TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms terms, TCPE_Time now);

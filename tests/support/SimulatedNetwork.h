@@ -97,6 +97,7 @@ public:
     return static_cast<int>(mSystems.size()) - 1;
   }
   System& At(int system) { return mSystems.at(static_cast<std::size_t>(system)); }
+  const TCPE_Endpoint::Counts& Counts(int system) { return At(system).endpoint->GetCounts(); }
   TCPE_Time Now() const { return mNow; }
   std::uint32_t Random(std::uint32_t bound) { return static_cast<std::uint32_t>(mRandom() % bound); }
   /// Largest size of a piece, 0 for whole writes; largest delay of a piece beyond the 100 microseconds that it takes.

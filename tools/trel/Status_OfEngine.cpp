@@ -21,6 +21,8 @@ constexpr Counter kCounters[] = {{"unknown_commands", &TCPE_Counters::unknownCom
                                  {"queue_overflows", &TCPE_Counters::queueOverflows},
                                  {"late_replies", &TCPE_Counters::lateReplies},
                                  {"refused_connections", &TCPE_Counters::refusedConnections},
+                                 {"malformed_frames", &TCPE_Counters::malformedFrames},
+                                 {"unfinished_frames", &TCPE_Counters::unfinishedFrames},
                                  {"unproved_secrets", &TCPE_Counters::unprovedSecrets},
                                  {"turned_away", &TCPE_Counters::turnedAway},
                                  {"wrong_tags", &TCPE_Counters::wrongTags},

@@ -29,7 +29,6 @@ struct SystemsWithSecrets : SimulatedNetwork {
   bool IsMarked(int system, std::uint32_t address) {
     return At(system).endpoint->HasAuthenticationFailed(address, Now());
   }
-  const TCPE_Endpoint::Counts& Counts(int system) { return At(system).endpoint->GetCounts(); }
   /// All that arrives at side 0 or 1, from now on.
   void Record(std::string (&sides)[2]) {
     tamper = [&sides](int toSide, std::string& bytes) { sides[toSide] += bytes; };

@@ -268,6 +268,7 @@ TEST(TCPE_Endpoint, AFrameIsCompleteWithinFiveSeconds) {
   const TCPE_Time begin = systems.Now();
   dribble(Frame(7, 0, 0, "abcdefghij"), 1, kSecond / 5);
   EXPECT_EQ(systems.Take(0), "lost 20 2");
+  EXPECT_EQ(systems.Counts(0).unfinished, 1U);
   EXPECT_EQ(systems.At(0).lastLogged, begin + 100 + 5 * kSecond);
   EXPECT_EQ(systems.Take(1), "lost 10 1");
 }
@@ -331,6 +332,7 @@ TEST(TCPE_Endpoint, EveryWrongHeaderFieldIsMalformedDataOnce) {
     systems.Run(kSecond / 2);
     EXPECT_EQ(systems.Take(0), log);
     EXPECT_EQ(systems.Take(1), log.starts_with("lost") ? "lost 10 1" : "");
+    EXPECT_EQ(systems.Counts(0).malformed, log.starts_with("lost") ? 1U : 0U);
   };
   const auto altered = [&good](std::size_t offset, int bits) {
     std::string frame = good;
