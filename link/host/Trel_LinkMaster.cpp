@@ -159,11 +159,11 @@ void Trel_LinkMaster::Refuse(const Trel_System& newcomer, const Trel_SystemRoste
     break;
   case Trel_SystemRoster::Verdict::full:
     reason = "as many satellites as allowed are linked, " + std::to_string(Trel_CommManager::GetMaxNumberSatellites()) +
-             ". Allow more, or unlink one.";
+             ". Allow more (MaxNumberSatellites; trel host: --max-satellites), or end the host of another satellite.";
     break;
   case Trel_SystemRoster::Verdict::identifierUsed:
     reason = "it has the identifier " + std::to_string(newcomer.GetUniqueID()) + ", which is already used by " +
-             Texts::Name(admission.mSystem) + ". Give one of them another identifier.";
+             Texts::Name(admission.mSystem) + ". Give one of them another identifier (trel host: --identifier).";
     // By a list without it the newcomer learns who the rival is.
     Trel_LinkCommands::ListSystems(newcomer.GetIPAddress(), {admission.mSystem});
     break;

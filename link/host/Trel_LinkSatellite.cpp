@@ -116,7 +116,9 @@ void Trel_LinkSatellite::Search() {
   if (chosen == nullptr) {
     if (!std::exchange(mHasToldNoMaster, true)) {
       Tell(Kind::noMaster, 0,
-           others.empty() ? "No master answers on the network. Start one, or give its address."
+           others.empty() ? "No master answers on the network. Start one, or give its address (trel host: --connect); "
+                            "masters that have a "
+                            "shared secret answer only those who have it too."
                           : "No master can be connected to: " + others + ". Allow satellites to connect there.");
     }
     Wait(mPause.Next(Sys_Umid::Random64()));
@@ -205,10 +207,13 @@ void Trel_LinkSatellite::TellRefusal() {
   const std::string master = Texts::Name(mMaster);
   Tell(Kind::refused, mMaster,
        isClash ? "Refused by " + master + ": identifier " + std::to_string(Trel_CommManager::GetUniqueID()) +
-                     " is already used by " + Texts::Name(listed.front()) + ". Give one of them another identifier."
+                     " is already used by " + Texts::Name(listed.front()) +
+                     ". Give one of them another identifier (trel host: --identifier)."
        : isOurs ? "The master at " + master + " ended the connection before this system was linked. It may be stopping."
                 : "Refused by " + master +
-                      ": it has as many satellites as it allows, or allows none now. Allow more there, or unlink one.");
+                      ": it has as many satellites as it allows, or allows none now. Allow more there "
+                      "(MaxNumberSatellites; trel host: --max-satellites), or end the host "
+                      "of another satellite.");
   EndLink();
   Wait(isClash ? mPause.Longest(Sys_Umid::Random64()) : mPause.Next(Sys_Umid::Random64()));
 }

@@ -62,7 +62,8 @@ bool Demo_Node::StartEngine() {
         sNode->OnNetworkError(error, address);
       });
   if (status != eTCPE_Status_Success) {
-    EmitFailure(std::string("cannot start the engine: ") + StatusText(status));
+    EmitFailure(std::string("cannot start the engine: ") + StatusText(status) +
+                (status == eTCPE_Status_PortInUse ? "; without --port a free one is taken" : ""));
   }
   return status == eTCPE_Status_Success;
 }

@@ -30,7 +30,7 @@ struct DiscoverOptions {
 
 constexpr const char* kDiscoverFooter =
     "A system is listed while a host runs there: trel host, or a program that uses the library. One that has\n"
-    "the same address as this command is not listed.\n"
+    "the same address as this command is not listed, nor are the systems of trel demo.\n"
     "\n"
     "Exit status: 0 something was found; 1 nothing was found, or the search failed; 2 wrong command line.\n"
     "\n"
@@ -40,7 +40,7 @@ constexpr const char* kDiscoverFooter =
     "Examples:\n"
     "  trel discover                                  who is on the network?\n"
     "  trel discover --masters --json                 for a script\n"
-    "  trel discover --address 127.0.0.99             the systems on this machine\n"
+    "  trel discover --address 127.0.0.99             those at 127.x addresses of this machine\n"
     "  trel discover --secret-file studio.secret      the systems that share this secret";
 
 std::string VersionOf(const Trel_System& system) {
@@ -86,19 +86,19 @@ void PrintTable(const Survey::Systems& systems) {
 std::string Advice(const EngineOptions& engine) {
   const TCPE_Counters counters = Trel_CommManager::GetSnapshot().counters;
   if (counters.unauthenticDatagrams != 0) {
-    return engine.secretFile.empty() ? "A system answered that wants a shared secret: give its file with --secret-file."
-                                     : "A system answered with another secret, or with none: all systems need the same "
-                                       "secret file.";
+    return engine.HasSecret() ? "A system answered with another secret, or with none: all systems need the same "
+                                "secret file."
+                              : "A system answered that wants a shared secret: give its file with --secret-file.";
   }
   if (counters.otherNumberingDatagrams != 0) {
     return "A system answered that uses the other command numbering: all systems need the same (--legacy).";
   }
   return "Check that a host runs on the other systems, that they are on the same network as " +
          Sys_Socket::DecodeIPAddress(Trel_CommManager::GetAdaptorIPAddress()) + " (else choose with --address),\n" +
-         "that they use the discovery port " + std::to_string(engine.discoveryPort) +
+         "that they use the discovery port " + std::to_string(Trel_CommManager::GetDiscoveryPort()) +
          ", and that no firewall stops UDP there.\n" +
-         (engine.secretFile.empty() ? "Systems that share a secret answer only with --secret-file"
-                                    : "With --secret-file only systems that share the secret answer") +
+         (engine.HasSecret() ? "With --secret-file only systems that share the secret answer"
+                             : "Systems that share a secret answer only with --secret-file") +
          ". trel doctor looks closer.";
 }
 

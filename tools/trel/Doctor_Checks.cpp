@@ -13,11 +13,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <limits>
+#include <sstream>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -144,21 +145,22 @@ std::optional<Sys_Adaptor> Doctor_Checks::CheckAdaptors() {
 }
 
 void Doctor_Checks::CheckPorts(std::uint32_t address) {
+  const auto discoveryPort = static_cast<std::uint16_t>(Trel_CommManager::GetDiscoveryPort());
   const auto communication = PortOwner::OfTCP(address, mPort);
-  const auto discovery = PortOwner::OfUDP(address, mOptions.discoveryPort);
+  const auto discovery = PortOwner::OfUDP(address, discoveryPort);
   const std::string communicationText = "communication port " + std::to_string(mPort) + " (TCP)";
   if (!communication) {
     mFindings.Well("ports", communicationText + " is free");
   } else if (discovery && communication->process == discovery->process) {
     // One program with both ports is a host of the link.
-    mFindings.Well("ports", communicationText + " and discovery port " + std::to_string(mOptions.discoveryPort) +
+    mFindings.Well("ports", communicationText + " and discovery port " + std::to_string(discoveryPort) +
                                 " (UDP) are used by a host that runs here: " + communication->Text());
     return;
   } else {
     mFindings.Problem("ports", communicationText + " is in use by " + communication->Text(),
                       "End that program, or have all systems use another port (--port).");
   }
-  const std::string discoveryText = "discovery port " + std::to_string(mOptions.discoveryPort) + " (UDP)";
+  const std::string discoveryText = "discovery port " + std::to_string(discoveryPort) + " (UDP)";
   if (discovery) {
     mFindings.Notice("ports", discoveryText + " is in use by " + discovery->Text(),
                      "If that is no host of the link, end it, or have all systems use another port "
@@ -197,8 +199,8 @@ void Doctor_Checks::CheckSystems() {
   const TCPE_Counters counters = Trel_CommManager::GetSnapshot().counters;
   if (counters.unauthenticDatagrams != 0) {
     mFindings.Problem("secret", "a system answers that has another shared secret, or none while this one has one",
-                      mOptions.secretFile.empty() ? "Give its secret file with --secret-file."
-                                                  : "Give all systems the same secret file; see trel secret.");
+                      mOptions.HasSecret() ? "Give all systems the same secret file; see trel secret."
+                                           : "Give its secret file with --secret-file.");
   }
   if (counters.otherNumberingDatagrams != 0) {
     mFindings.Problem("numbering", "a system answers that uses the other command numbering",
@@ -212,9 +214,10 @@ void Doctor_Checks::CheckSystems() {
     mFindings.Problem("systems", "nobody answers: this machine hears no other system",
                       "Check that a host runs on the others, that they are on the same network and use the discovery "
                       "port " +
-                          std::to_string(mOptions.discoveryPort) + ", and that their firewalls let UDP through. " +
-                          (mOptions.secretFile.empty() ? "Systems that share a secret answer only with --secret-file."
-                                                       : "Systems without this secret do not answer."));
+                          std::to_string(Trel_CommManager::GetDiscoveryPort()) +
+                          ", and that their firewalls let UDP through. " +
+                          (mOptions.HasSecret() ? "Systems without this secret do not answer."
+                                                : "Systems that share a secret answer only with --secret-file."));
     return;
   }
   if (masters.size() > 1) {
@@ -292,12 +295,15 @@ void Doctor_Checks::CheckLoad() {
   double load = 0;
   const unsigned processors = std::max(1U, std::thread::hardware_concurrency());
   if (getloadavg(&load, 1) == 1) {
-    const std::string text = std::to_string(std::lround(load)) + " programs want to run, on " +
-                             std::to_string(processors) + (processors == 1 ? " processor" : " processors");
+    std::ostringstream text;
+    text << "on average " << std::fixed << std::setprecision(1) << load
+         << " programs wanted to run in the last minute, on " << processors
+         << (processors == 1 ? " processor" : " processors");
     if (load > processors) {
-      mFindings.Notice("load", text, "Starts may be late while the machine is this busy: end what is not needed.");
+      mFindings.Notice("load", text.str(),
+                       "Starts may be late while the machine is this busy: end what is not needed.");
     } else {
-      mFindings.Well("load", text);
+      mFindings.Well("load", text.str());
     }
   }
   std::string governor;

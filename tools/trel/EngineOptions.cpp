@@ -42,8 +42,7 @@ void EngineOptions::AddTo(CLI::App& command) {
   AddAddressOption(command, "--address", address,
                    "Address of this machine to use [that of the first adaptor that is up]");
   AddPortOption(command, "--discovery-port", discoveryPort,
-                "Port at which systems find each other, the same on all systems [" +
-                    std::to_string(kDefaultDiscoveryPort) + "]");
+                "Port at which systems find each other, the same on all systems [28283]");
   command.add_option("--secret-file", secretFile, "File with the secret that all systems share; see trel secret")
       ->type_name("FILE");
 }
@@ -55,7 +54,7 @@ void EngineOptions::AddPortTo(CLI::App& command) {
 
 void EngineOptions::Prepare() const {
   // Options that are not given stay with the environment and the options file.
-  if (discoveryPort != kDefaultDiscoveryPort) {
+  if (discoveryPort != 0) {
     SPSSetStartupOption("DiscoveryPort", std::to_string(discoveryPort).c_str());
   }
   if (!secretFile.empty()) {
@@ -66,6 +65,8 @@ void EngineOptions::Prepare() const {
   }
   Trel_Init::Init();
 }
+
+bool EngineOptions::HasSecret() const { return !SPSStartupOptionText("SharedSecretFile", "").empty(); }
 
 void EngineOptions::OnlyAsk() {
   SPSSetStartupOption("AnswersDiscovery", "0");

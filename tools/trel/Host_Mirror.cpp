@@ -319,7 +319,7 @@ void Host_Mirror::TakeLoopPlay(bool on, std::uint32_t by) {
   nlohmann::json fields = mLink.FieldsOf(by);
   fields["on"] = on;
   mEvents.Tell({.kind = "loop",
-                .text = std::string("loop play is ") + (on ? "on" : "off") + ", set by " + mLink.NameOf(by),
+                .text = std::string("loop play is ") + (on ? "on" : "off") + ", told by " + mLink.NameOf(by),
                 .fields = std::move(fields)});
   if (mLink.IsMaster() || by == Host_Link::OwnAddress()) {
     SendToLinked([on](std::uint32_t address) { Trel_Messenger::SetLoopPlay(on, address); }, by);
@@ -335,7 +335,7 @@ void Host_Mirror::TakeSelection(const Host_State::Selection& selection, std::uin
   std::ostringstream text;
   constexpr double kMicrosecondsOfSecond = 1e6;
   text << "selection from " << static_cast<double>(selection.in) / kMicrosecondsOfSecond << " s to "
-       << static_cast<double>(selection.out) / kMicrosecondsOfSecond << " s, set by " << mLink.NameOf(by);
+       << static_cast<double>(selection.out) / kMicrosecondsOfSecond << " s, told by " << mLink.NameOf(by);
   nlohmann::json fields = mLink.FieldsOf(by);
   fields["in_us"] = selection.in;
   fields["out_us"] = selection.out;

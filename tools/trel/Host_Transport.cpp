@@ -112,7 +112,7 @@ void Host_Transport::TakePrime(const Host_State::Selection& range, std::uint32_t
   nlohmann::json fields = mLink.FieldsOf(by);
   fields["in_us"] = range.in;
   fields["out_us"] = range.out;
-  mEvents.Tell({.kind = "primed", .text = "primed by " + mLink.NameOf(by), .fields = std::move(fields)});
+  mEvents.Tell({.kind = "primed", .text = "primed, told by " + mLink.NameOf(by), .fields = std::move(fields)});
   mMirror.SetTransport(eTrel_State_PrimeCompleted);
 }
 
@@ -176,7 +176,7 @@ void Host_Transport::TakeStop(std::uint32_t by) {
     mRound.reset();
   }
   if (mState.GetOwn().transport != eTrel_State_Stop) {
-    mEvents.Tell({.kind = "stopped", .text = "stopped by " + mLink.NameOf(by), .fields = mLink.FieldsOf(by)});
+    mEvents.Tell({.kind = "stopped", .text = "stopped, told by " + mLink.NameOf(by), .fields = mLink.FieldsOf(by)});
     mMirror.SetTransport(eTrel_State_Stop);
   }
 }

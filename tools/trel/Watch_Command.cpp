@@ -13,7 +13,7 @@ constexpr double kShortestInterval = 0.25; // the host gives no more
 constexpr double kLongestInterval = 3600;
 
 constexpr const char* kWatchFooter =
-    "Watches a trel host, or the systems of trel demo, that run on this machine as the same user. With several\n"
+    "Watches a trel host, or the master of trel demo, that runs on this machine as the same user. With several\n"
     "of them, choose one by address or process. q or Ctrl-C ends the screen.\n"
     "\n"
     "When the output is no terminal, or with --interval, a block of lines is written every so often instead.\n"

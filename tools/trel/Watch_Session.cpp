@@ -109,7 +109,7 @@ bool Watch_Session::Choose() {
     std::cerr << (others.empty()
                       ? "trel: no host runs on this machine as this user. Start one with trel host; a host of another "
                         "user can only be watched by that user.\n"
-                      : "trel: no host has this address and process. There are:\n");
+                      : "trel: no host has this address or process. There are:\n");
   } else {
     std::cerr << "trel: several hosts run on this machine; choose one with --address or --pid:\n";
     others = std::move(meant);

@@ -1,10 +1,13 @@
 #include "Commands.h"
 #include "ExitStatus.h"
 
+#include <trel/Cmn_Assert.h>
+
 #include <CLI/CLI.hpp>
 
 #include <exception>
 #include <iostream>
+#include <string_view>
 
 namespace {
 
@@ -15,9 +18,16 @@ constexpr void (*kCommands[])(CLI::App& program, int& exitStatus) = {
 constexpr const char* kExitStatusHelp = "Exit status: 0 everything happened; 1 something failed, the output names it;\n"
                                         "2 wrong command line; 128 + n ended by signal n (130: Ctrl-C).";
 
+/// Where in the library a fault was found does not help who uses the program.
+void ReportFault(const char* text, std::int32_t /*line*/) {
+  const std::string_view whole(text);
+  std::cerr << "trel: " + std::string(whole.substr(0, whole.find("@$^$@"))) + '\n';
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+  Cmn_Assert::SetSink(&ReportFault);
   try {
     CLI::App program("Links audio workstations on one network so that they start together.", "trel");
     program.set_version_flag("--version", "trel " TREL_VERSION);
