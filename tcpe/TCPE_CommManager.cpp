@@ -438,6 +438,12 @@ TCPE_EngineSnapshot TCPE_CommManager::GetSnapshot() const {
   return caller ? caller->GetSnapshot() : TCPE_EngineSnapshot();
 }
 
+void TCPE_CommManager::SetPeerName(std::uint32_t address, const char* name) {
+  if (const Caller caller(*this); caller) {
+    caller->SetPeerName(address, name);
+  }
+}
+
 void TCPE_CommManager::SetCommandLog(CommandLogProc log) {
   mCommandLog = log;
   if (const Caller caller(*this); caller) {

@@ -146,6 +146,9 @@ public:
   /// What the engine knows of itself and its peers. Cheap enough for ten calls a second with 128 peers: it reads
   /// counters and takes each peer's locks for a moment. Allocates.
   TCPE_EngineSnapshot GetSnapshot() const;
+  /// Gives a peer the name that snapshots have, which the engine itself learns only from peers that connect to it. Does
+  /// nothing for an address that it has not been connected with.
+  void SetPeerName(std::uint32_t address, const char* name);
 
   /// Installs the command log, or removes it with null. The hook must not send synchronous commands.
   void SetCommandLog(CommandLogProc log);

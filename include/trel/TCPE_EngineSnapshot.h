@@ -34,7 +34,7 @@ struct TCPE_HandlerLoad {
 /// through all its connections; one that left the link long ago may have been forgotten, and begins anew.
 struct TCPE_PeerSnapshot {
   std::uint32_t address = 0; ///< host order
-  /// From the connect command of the peer; empty while only this system has opened connections.
+  /// From the connect command of the peer, or from SetPeerName, as a link session does for all systems of its link.
   std::string name;
   ETCPE_SystemType systemType = eTCPE_SystemType_None; ///< as the peer's last frame told
 

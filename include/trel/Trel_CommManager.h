@@ -56,6 +56,7 @@ public:
   static void NetworkErrorOccured(TCPE_CommManager::ENetworkError error, std::uint32_t address);
   static bool GetAuthenticationFailed(std::uint32_t address);
   static TCPE_EngineSnapshot GetSnapshot();
+  static void SetPeerName(std::uint32_t address, const char* name);
 
   /// Asks the network which master systems there are, and adds them with their availability: whether they allow
   /// satellites to connect and have room for one. For a satellite; any other system's list is left as it is, at once.

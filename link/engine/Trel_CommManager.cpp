@@ -246,6 +246,10 @@ bool Trel_CommManager::GetAuthenticationFailed(std::uint32_t address) {
 
 TCPE_EngineSnapshot Trel_CommManager::GetSnapshot() { return TCPEInterface()->GetSnapshot(); }
 
+void Trel_CommManager::SetPeerName(std::uint32_t address, const char* name) {
+  TCPEInterface()->SetPeerName(address, name);
+}
+
 void Trel_CommManager::GetMasterSystemsList(SystemList* list) {
   const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
   if (!engine->IsSatellite()) {

@@ -1,8 +1,13 @@
 #include "link/host/Trel_LinkView.h"
 
+#include <trel/Trel_CommManager.h>
+
 #include <utility>
 
 void Trel_LinkView::SetSystems(std::vector<Trel_System> systems, std::set<std::uint32_t> linked, bool isLinked) {
+  for (const Trel_System& system : systems) {
+    Trel_CommManager::SetPeerName(system.GetIPAddress(), system.GetSystemName());
+  }
   const std::lock_guard lock(mMutex);
   mSystems = std::move(systems);
   mLinked = std::move(linked);

@@ -64,6 +64,7 @@ public:
   virtual bool GetAuthenticationFailed(std::uint32_t address) const = 0;
   virtual TCPE_Counters GetCounters() const = 0;
   virtual TCPE_EngineSnapshot GetSnapshot() const = 0;
+  virtual void SetPeerName(std::uint32_t address, const char* name) = 0;
   virtual bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) = 0;
   virtual bool ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
                                      std::int32_t* remainingMilliseconds, TCPE_DiscoveryCodec::Reply* reply) = 0;

@@ -45,6 +45,7 @@ public:
   bool GetAuthenticationFailed(std::uint32_t address) const override;
   TCPE_Counters GetCounters() const override;
   TCPE_EngineSnapshot GetSnapshot() const override;
+  void SetPeerName(std::uint32_t address, const char* name) override { mHistory.SetName(address, name); }
   bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) override;
   bool ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::int32_t* remainingMilliseconds,
                              TCPE_DiscoveryCodec::Reply* reply) override;

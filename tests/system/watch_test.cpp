@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -62,7 +63,9 @@ TEST_F(WatchProgram, ShowsBothSidesOfALinkAndTheEndOfTheHost) {
   HostProcess watch({"watch", "--json", "--interval", "0.25", "--address", "127.0.8.3"});
   watch.Await({{"linked", true}});
   kill(master.Id(), SIGKILL);
-  watch.Await({{"linked", false}, {"verdict", "NOT LINKED"}});
+  Json alone = watch.Await({{"linked", false}, {"verdict", "NOT LINKED"}});
+  EXPECT_TRUE(std::any_of(alone["systems"].begin(), alone["systems"].end(),
+                          [](const Json& system) { return system["name"] == "Stage"; }));
   EXPECT_EQ(satellite.End(), 0);
   EXPECT_EQ(watch.End(), 1);
   EXPECT_THAT(watch.Text(), HasSubstr("the host has ended: One"));

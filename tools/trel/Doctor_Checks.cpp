@@ -80,10 +80,11 @@ Doctor_Checks::Doctor_Checks(const EngineOptions& options, Doctor_Findings& find
 void Doctor_Checks::Run() {
   const auto adaptor = CheckAdaptors();
   if (adaptor) {
+    mOptions.OnlyAsk();
+    const std::string failure = mOptions.Start(nullptr); // from then on the engine knows the discovery port
     CheckPorts(adaptor->address);
     CheckBroadcast(*adaptor);
-    mOptions.OnlyAsk();
-    if (const std::string failure = mOptions.Start(nullptr); !failure.empty()) {
+    if (!failure.empty()) {
       mFindings.Problem("engine", failure, "");
     } else {
       CheckSystems();
