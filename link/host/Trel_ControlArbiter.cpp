@@ -1,5 +1,11 @@
 #include "link/host/Trel_ControlArbiter.h"
 
+void Trel_ControlArbiter::SetMaster(std::uint32_t address) {
+  mHolder = mHolder == mMaster ? address : mHolder;
+  mAsker = mAsker == mMaster ? address : mAsker;
+  mMaster = address;
+}
+
 Trel_ControlArbiter::Verdict Trel_ControlArbiter::Request(std::uint32_t asker) {
   if (mPhase != Phase::settled) {
     return Verdict::busy;

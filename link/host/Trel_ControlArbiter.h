@@ -14,6 +14,9 @@ class Trel_ControlArbiter {
 public:
   explicit Trel_ControlArbiter(std::uint32_t master) : mMaster(master), mHolder(master) {}
 
+  /// The master has another address from now on.
+  void SetMaster(std::uint32_t address);
+
   enum class Verdict : std::uint8_t {
     busy,      ///< refused; nothing changes
     granted,   ///< the asker has control already; it is announced again

@@ -22,6 +22,9 @@ constexpr std::int64_t kLongestMeshSequence = 15'000'000; // two attempts to con
 constexpr std::int64_t kLongestCompletion = 20'000'000;
 // The two ends of a dead connection notice within the period of the heartbeat of each other.
 constexpr std::int64_t kLostHolderWait = 1'000'000;
+// ... but where this system has moved away, the other end notices by its silence alone.
+constexpr std::int64_t kLeftHolderWait = 3'000'000;
+constexpr std::int64_t kAddressCheck = 1'000'000; // as often as the engine looks
 
 } // namespace
 
@@ -73,7 +76,8 @@ void Trel_LinkMaster::End() {
 }
 
 std::int64_t Trel_LinkMaster::Tick(std::int64_t now) {
-  std::int64_t next = Trel_LinkWorker::kNever;
+  FollowAddress();
+  std::int64_t next = now + kAddressCheck;
   const auto isDue = [&](std::int64_t due) {
     next = due > now ? std::min(next, due) : next;
     return due <= now;
@@ -107,6 +111,35 @@ std::int64_t Trel_LinkMaster::Tick(std::int64_t now) {
   return next;
 }
 
+void Trel_LinkMaster::FollowAddress() {
+  const std::uint32_t address = Trel_CommManager::GetAdaptorIPAddress();
+  if (address == 0 || address == mAddress) {
+    return;
+  }
+  for (const Trel_System& system : WithLink([](Link& link) { return link.mRoster.GetSystems(); })) {
+    const std::uint32_t gone = system.GetIPAddress();
+    if (gone != mAddress) {
+      WithLink([gone](Link& link) { link.mArbiter.SystemGone(gone, true); });
+      Remove(gone, Kind::lost, Texts::Name(system) + " is lost, because the address of this system has changed.");
+    }
+  }
+  mAddress = address;
+  const bool hasControl = WithLink([this, address](Link& link) {
+    link.mRoster.SetMasterAddress(address);
+    link.mArbiter.SetMaster(address);
+    if (link.mArbiter.MustWait()) {
+      mWaitEnds = Sys_Clock::RawMicroseconds() + kLeftHolderWait;
+    }
+    return link.mArbiter.GetHolder() == address;
+  });
+  const std::uint32_t holder = hasControl ? address : 0;
+  mView.WithControl([holder, hasControl](Trel_ControlState& control) { control.Announce(holder, hasControl); });
+  Publish();
+  Tell(Kind::control, holder,
+       "The address of this system is now " + Texts::Name(address) + (hasControl ? ", and it is in control." : "."), 0,
+       hasControl ? Trel_CommManager::GetUniqueID() : 0);
+}
+
 // --- who comes ------------------------------------------------------------------------------------------------------
 
 void Trel_LinkMaster::OnConnect(const Trel_Cmd_Connect& command) {
@@ -130,6 +163,7 @@ void Trel_LinkMaster::OnConnect(const Trel_Cmd_Connect& command) {
 
 void Trel_LinkMaster::Admit(const Trel_System& newcomer) {
   const std::uint32_t address = newcomer.GetIPAddress();
+  FollowAddress(); // the engine admits at a new address before the next look at it
   Remove(address, Kind::lost, NameOf(address) + " has connected anew.");
   if (!Trel_CommManager::IsConnected(address)) {
     return; // the session was stopped meanwhile
@@ -349,7 +383,11 @@ Trel_LinkSession::ControlAnswer Trel_LinkMaster::RequestControl() {
 bool Trel_LinkMaster::HandOver(std::uint32_t asker) {
   using Arbiter = Trel_ControlArbiter;
   std::uint32_t holder = 0;
+  const std::uint32_t own = Trel_CommManager::GetAdaptorIPAddress();
   const auto verdict = WithLink([&](Link& link) {
+    if (own != 0) {
+      link.mArbiter.SetMaster(own); // the worker may not have followed yet
+    }
     const auto result = link.mArbiter.Request(asker);
     holder = link.mArbiter.GetHolder();
     return result;
@@ -360,7 +398,7 @@ bool Trel_LinkMaster::HandOver(std::uint32_t asker) {
   bool isGranted = verdict == Arbiter::Verdict::granted;
   if (verdict == Arbiter::Verdict::askHolder) {
     auto answer = Arbiter::Answer::none;
-    if (holder == Trel_CommManager::GetAdaptorIPAddress()) {
+    if (holder == own) {
       answer = LetGo(asker) ? Arbiter::Answer::agreed : Arbiter::Answer::refused;
     } else {
       switch (Trel_LinkCommands::RequestControl(holder)) {

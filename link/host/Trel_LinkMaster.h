@@ -45,6 +45,8 @@ private:
     std::int64_t mDeadline = 0;          ///< then it is told anyway; once told, then it has to be linked
   };
 
+  /// The engine may have moved to another address, where nobody is connected: so does the link.
+  void FollowAddress();
   void Admit(const Trel_System& newcomer);
   void Refuse(const Trel_System& newcomer, const Trel_SystemRoster::Admission& admission);
   void BeginSequence(const Trel_System& satellite);

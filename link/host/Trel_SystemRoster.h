@@ -15,6 +15,8 @@ public:
   /// The master itself has place 1.
   explicit Trel_SystemRoster(const Trel_System& master);
 
+  void SetMasterAddress(std::uint32_t address) { mMaster.SetIPAddress(address); }
+
   enum class Verdict : std::uint8_t { admitted, notAllowed, full, identifierUsed };
   struct Admission {
     Verdict mVerdict;

@@ -352,6 +352,10 @@ protected:
   static std::string AddressOf(int machine) { return "10.79.0." + std::to_string(machine + 1); }
   /// What is started from now on runs on that machine.
   void EnterMachine(int machine) { Enter(mMachines.at(static_cast<std::size_t>(machine))); }
+  void Configure(int machine, const std::string& commands) {
+    EnterMachine(machine);
+    ASSERT_TRUE(Run(commands));
+  }
   void Plug(int machine, bool isIn) const {
     Enter(mSwitch);
     ASSERT_TRUE(Run("ip link set port" + std::to_string(machine + 1) + (isIn ? " up" : " down")));
@@ -413,6 +417,20 @@ TEST_F(Bridged, APulledCableIsNoticedAndTheLinkComesBack) {
     EXPECT_EQ(Count(master, {{"event", "lost"}}), lossesOfMaster) << master.Text();
     EXPECT_EQ(Count(satellites[0], {{"event", "lost"}}), lossesOfFirst) << satellites[0].Text();
   }
+}
+
+TEST_F(Bridged, TheLinkFollowsChangedAddresses) {
+  Configure(0, "ip link set adaptor down");
+  HostProcess master(OnOwnPorts({"host", "--master"}));
+  master.Await({{"event", "ready"}, {"address", "127.0.0.1"}});
+  EnterMachine(1);
+  HostProcess satellite(OnOwnPorts({"host", "--satellite", "--connect", AddressOf(0)}));
+  Configure(0, "ip link set adaptor up");
+  satellite.Await({{"event", "linked"}, {"address", AddressOf(0)}});
+  satellite.Command("control");
+  master.Await({{"event", "control"}, {"address", AddressOf(1)}});
+  satellite.Command("wait locked");
+  EXPECT_EQ(Count(master, {{"event", "control"}, {"address", AddressOf(0)}}), 1);
 }
 
 } // namespace
