@@ -24,6 +24,9 @@ constexpr std::int64_t kLongestCompletion = 20'000'000;
 constexpr std::int64_t kLostHolderWait = 1'000'000;
 // ... but where this system has moved away, the other end notices by its silence alone.
 constexpr std::int64_t kLeftHolderWait = 3'000'000;
+// By then a dead system has been silent for too long, or a living one has said something.
+constexpr std::int64_t kLongestDoubt = 3'500'000;
+constexpr std::int64_t kRivalCheck = 100'000;
 constexpr std::int64_t kAddressCheck = 1'000'000; // as often as the engine looks
 
 } // namespace
@@ -69,6 +72,7 @@ void Trel_LinkMaster::End() {
   for (const std::uint32_t address : Trel_CommManager::GetConnectedAddresses()) {
     Trel_CommManager::Disconnect(address); // also who has not been admitted yet
   }
+  mApplicants.clear();
   mJoining.clear();
   mListsDue.reset();
   mWaitEnds.reset();
@@ -77,7 +81,10 @@ void Trel_LinkMaster::End() {
 
 std::int64_t Trel_LinkMaster::Tick(std::int64_t now) {
   FollowAddress();
-  std::int64_t next = now + kAddressCheck;
+  for (const auto& [address, applicant] : std::exchange(mApplicants, {})) {
+    Decide(applicant);
+  }
+  std::int64_t next = now + (mApplicants.empty() ? kAddressCheck : kRivalCheck);
   const auto isDue = [&](std::int64_t due) {
     next = due > now ? std::min(next, due) : next;
     return due <= now;
@@ -165,8 +172,15 @@ void Trel_LinkMaster::Admit(const Trel_System& newcomer) {
   const std::uint32_t address = newcomer.GetIPAddress();
   FollowAddress(); // the engine admits at a new address before the next look at it
   Remove(address, Kind::lost, NameOf(address) + " has connected anew.");
+  mApplicants.erase(address);
+  Decide({newcomer, Sys_Clock::RawMicroseconds()});
+}
+
+void Trel_LinkMaster::Decide(const Applicant& applicant) {
+  const Trel_System& newcomer = applicant.mSystem;
+  const std::uint32_t address = newcomer.GetIPAddress();
   if (!Trel_CommManager::IsConnected(address)) {
-    return; // the session was stopped meanwhile
+    return; // it has gone, or the session was stopped meanwhile
   }
   const bool isAllowed = Trel_CommManager::AllowSatellitesToConnectToMasterSystem();
   const std::int32_t most = Trel_CommManager::GetMaxNumberSatellites();
@@ -175,12 +189,28 @@ void Trel_LinkMaster::Admit(const Trel_System& newcomer) {
   if (!admission) {
     return;
   }
-  if (admission->mVerdict != Trel_SystemRoster::Verdict::admitted) {
+  using Verdict = Trel_SystemRoster::Verdict;
+  if (admission->mVerdict == Verdict::identifierUsed && MayBeDead(admission->mSystem, applicant.mSince)) {
+    mApplicants[address] = applicant;
+    return;
+  }
+  if (admission->mVerdict != Verdict::admitted) {
     Refuse(newcomer, *admission);
     return;
   }
   Tell(Kind::connected, address, Texts::Name(newcomer) + " has connected.", 0, newcomer.GetUniqueID());
   BeginSequence(admission->mSystem);
+}
+
+bool Trel_LinkMaster::MayBeDead(const Trel_System& rival, std::int64_t since) const {
+  const std::int64_t doubtFor = Sys_Clock::RawMicroseconds() - since;
+  if (rival.GetIPAddress() == mAddress || doubtFor >= kLongestDoubt) {
+    return false;
+  }
+  const std::vector<TCPE_PeerSnapshot> peers = Trel_CommManager::GetSnapshot().peers;
+  return std::none_of(peers.begin(), peers.end(), [&](const TCPE_PeerSnapshot& peer) {
+    return peer.address == rival.GetIPAddress() && peer.isConnected && peer.silentFor < doubtFor;
+  });
 }
 
 void Trel_LinkMaster::Refuse(const Trel_System& newcomer, const Trel_SystemRoster::Admission& admission) {

@@ -44,10 +44,20 @@ private:
     bool mIsTold = false;                ///< that all connections are complete
     std::int64_t mDeadline = 0;          ///< then it is told anyway; once told, then it has to be linked
   };
+  /// A satellite that has connected and is not admitted yet.
+  struct Applicant {
+    Trel_System mSystem;
+    std::int64_t mSince = 0; ///< raw time at which it came
+  };
 
   /// The engine may have moved to another address, where nobody is connected: so does the link.
   void FollowAddress();
   void Admit(const Trel_System& newcomer);
+  /// Admits, refuses, or puts it off: a rival with the same identifier may be the applicant itself, on a dead
+  /// connection from the address that it had before.
+  void Decide(const Applicant& applicant);
+  /// Whether a system has not been heard since, and may still be found to be lost.
+  bool MayBeDead(const Trel_System& rival, std::int64_t since) const;
   void Refuse(const Trel_System& newcomer, const Trel_SystemRoster::Admission& admission);
   void BeginSequence(const Trel_System& satellite);
   void Connected(std::uint32_t satellite, std::uint32_t to, bool success);
@@ -81,6 +91,7 @@ private:
 
   // The worker's own.
   std::uint32_t mAddress = 0;
+  std::map<std::uint32_t, Applicant> mApplicants; // that are put off
   std::map<std::uint32_t, Joining> mJoining;
   std::optional<std::int64_t> mListsDue;
   std::optional<std::int64_t> mWaitEnds; // for a lost system that was in control

@@ -308,6 +308,12 @@ TEST(LinkScenario, AnIdentifierIsNotUsedTwice) {
     EXPECT_EQ(master.Command("state").value("linked", Json::array()), Json::array({Address(0)})) << master.Text();
   }
   EXPECT_EQ(Count(first, {{"event", "lost"}}), 0);
+
+  kill(first.Id(), SIGSTOP); // as one whose address has changed: its old connection is silent
+  HostProcess heir(Satellite(Address(3), {"--identifier", "77"}));
+  master.Await({{"event", "lost"}, {"address", Address(0)}});
+  master.Await({{"event", "linked"}, {"address", Address(3)}});
+  EXPECT_EQ(Count(master, {{"event", "link_refused"}, {"address", Address(3)}}), 0) << master.Text();
 }
 
 // --- over a bridge --------------------------------------------------------------------------------------------------
@@ -431,6 +437,11 @@ TEST_F(Bridged, TheLinkFollowsChangedAddresses) {
   master.Await({{"event", "control"}, {"address", AddressOf(1)}});
   satellite.Command("wait locked");
   EXPECT_EQ(Count(master, {{"event", "control"}, {"address", AddressOf(0)}}), 1);
+
+  const std::string changed = AddressOf(kMachines);
+  Configure(1, "ip addr flush dev adaptor && ip addr add " + changed + "/24 broadcast + dev adaptor");
+  master.Await({{"event", "linked"}, {"address", changed}});
+  EXPECT_EQ(Count(master, {{"event", "link_refused"}}), 0) << master.Text();
 }
 
 } // namespace
