@@ -128,7 +128,7 @@ void Trel_LinkCore::Register(Handle /*handle*/, std::int32_t identifier) {
 
 void Trel_LinkCore::RegisterAll() {
   using Role = Trel_LinkRole;
-  Register<Trel_Cmd_Connect>([](auto& role, auto& command) { role.OnConnect(command); });
+  Register<Trel_Cmd_Connect>([](auto& role, auto& command) { role.TakeConnect(command); });
   Register<Trel_Cmd_Disconnect>(
       [](Role& role, Trel_Cmd_Disconnect& command) { role.OnDisconnect(command.GetIPAddressFrom()); },
       Trel_CommManager::GetSupportsMarlo11() ? eTrel_Cmd_Disconnect : eTrel_LegacyCmd_Disconnect);

@@ -6,6 +6,13 @@
 
 Trel_LinkRole::~Trel_LinkRole() = default;
 
+void Trel_LinkRole::TakeConnect(const Trel_Cmd_Connect& command) {
+  if (mSettings.mOnConnect) {
+    mSettings.mOnConnect(command.GetIPAddressFrom());
+  }
+  OnConnect(command);
+}
+
 void Trel_LinkRole::Tell(Kind kind, std::uint32_t address, const std::string& text, std::int64_t value,
                          std::int32_t uniqueID) const {
   if (mSettings.mOnEvent) {

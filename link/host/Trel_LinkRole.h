@@ -31,6 +31,8 @@ public:
   virtual std::int64_t Tick(std::int64_t now) = 0;
   virtual void End() = 0;
 
+  /// Tells the host of the connection, and the role.
+  void TakeConnect(const Trel_Cmd_Connect& command);
   virtual void OnConnect(const Trel_Cmd_Connect& /*command*/) {}
   virtual void OnDisconnect(std::uint32_t /*from*/) {}
   virtual void OnNetworkError(ETCPE_NetworkError /*error*/, std::uint32_t /*address*/) {}

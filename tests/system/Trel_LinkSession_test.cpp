@@ -294,6 +294,26 @@ TEST_P(LinkSessionTest, StartFromAnEventDoesNotWaitForStop) {
   EXPECT_TRUE(peer.Connect(kHostAddress));
 }
 
+TEST_P(LinkSessionTest, AConnectionIsToldBeforeItsFirstCommandWhateverTheSessionDoes) {
+  std::atomic<bool> mayGoOn = false;
+  std::atomic<int> connections = 0;
+  StartSession({.mIsMaster = true,
+                .mOnEvent =
+                    [&](const auto& event) {
+                      EXPECT_TRUE(event.mKind != Kind::connected || Eventually([&] { return mayGoOn.load(); }));
+                    },
+                .mOnConnect = [&](std::uint32_t address) { connections += address == kPeerAddress ? 1 : 0; }});
+  PeerSystem& peer = AddPeer(kPeerAddress, 8);
+  for (const int connection : {1, 2}) {
+    ASSERT_TRUE(peer.Connect(kHostAddress));
+    EXPECT_EQ(Send(peer, Trel_Cmd_GetSystemInformation()), eTCPE_CommErr_None);
+    EXPECT_EQ(connections, connection);
+    peer.Disconnect(kHostAddress);
+  }
+  mayGoOn = true;
+  mSession->Stop(); // before what its events use
+}
+
 TEST_P(LinkSessionTest, ThereIsOneSessionAtATime) {
   StartSession({.mIsMaster = true});
   ReportCollector reports;

@@ -68,20 +68,23 @@ bool TellsWhy(EventKind kind) {
 }
 
 Trel_LinkSession::Settings SettingsFor(const Host_Options& options,
-                                       std::function<void(const Trel_LinkSession::Event&)> onEvent) {
+                                       std::function<void(const Trel_LinkSession::Event&)> onEvent,
+                                       Host_Link::OnConnect onConnect) {
   Trel_LinkSession::Settings settings;
   settings.mIsMaster = options.isMaster;
   settings.mMasterAddress = options.masterAddress;
   settings.mWantsMesh = options.mesh;
   settings.mOnEvent = std::move(onEvent);
+  settings.mOnConnect = std::move(onConnect);
   return settings;
 }
 
 } // namespace
 
-Host_Link::Host_Link(const Host_Options& options, Host_Events& events, OnLinked onLinked)
+Host_Link::Host_Link(const Host_Options& options, Host_Events& events, OnLinked onLinked, OnConnect onConnect)
     : mIsMaster(options.isMaster), mEvents(events), mOnLinked(std::move(onLinked)),
-      mSession(SettingsFor(options, [this](const Trel_LinkSession::Event& event) { OnEvent(event); })) {}
+      mSession(SettingsFor(
+          options, [this](const Trel_LinkSession::Event& event) { OnEvent(event); }, std::move(onConnect))) {}
 
 std::uint32_t Host_Link::OwnAddress() { return Trel_CommManager::GetAdaptorIPAddress(); }
 
@@ -147,8 +150,8 @@ void Host_Link::OnEvent(const Trel_LinkSession::Event& event) {
   const bool isMeshPeer = !mIsMaster && event.mAddress != OwnAddress();
   if (event.mKind == EventKind::linked || (isMeshPeer && event.mKind == EventKind::meshConnected)) {
     mOnLinked(event.mAddress, true);
-  } else if (event.mKind == EventKind::left || event.mKind == EventKind::lost ||
-             (isMeshPeer && event.mKind == EventKind::meshFailed)) {
+  } else if (event.mKind == EventKind::left || event.mKind == EventKind::lost || event.mKind == EventKind::refused ||
+             event.mKind == EventKind::networkError || (isMeshPeer && event.mKind == EventKind::meshFailed)) {
     mOnLinked(event.mAddress, false);
   }
 }

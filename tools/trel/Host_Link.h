@@ -17,10 +17,13 @@ struct Host_Options;
 /// Who is linked with whom, who is in control, and what they are called: the link session in the host's words.
 class Host_Link {
 public:
-  /// Called when a system has been linked, and when it is linked no longer. On any thread; must not block.
+  /// Called when a system has been linked, and when it may be linked no longer. On any thread; must not block.
   using OnLinked = std::function<void(std::uint32_t address, bool isLinked)>;
 
-  Host_Link(const Host_Options& options, Host_Events& events, OnLinked onLinked);
+  /// Called when a system has opened a connection, before the first command of that connection. Must not block.
+  using OnConnect = std::function<void(std::uint32_t address)>;
+
+  Host_Link(const Host_Options& options, Host_Events& events, OnLinked onLinked, OnConnect onConnect);
 
   /// After the engine has started.
   bool Start() { return mSession.Start(); }

@@ -215,8 +215,16 @@ void Host_Mirror::Greet(std::uint32_t address) {
 }
 
 void Host_Mirror::Forget(std::uint32_t address) {
-  mState.Forget(address);
-  if (mLink.IsMaster()) {
+  ForgetIf(address, [] { return true; });
+}
+
+void Host_Mirror::ForgetUnlessConnected(std::uint32_t address) {
+  ForgetIf(address, [address] { return !Trel_CommManager::IsConnected(address); });
+}
+
+template <class Condition>
+void Host_Mirror::ForgetIf(std::uint32_t address, Condition condition) {
+  if (mState.ForgetIf(address, condition) && mLink.IsMaster()) {
     PassOn(&Host_State::System::isSoloed, &Trel_Messenger::TrackIsSoloed);
     PassOn(&Host_State::System::isRecording, &Trel_Messenger::UpdateRecordState);
   }

@@ -68,7 +68,10 @@ public:
 
   /// Tells a system that has just been linked how things stand.
   void Greet(std::uint32_t address);
+  /// What a system told on connections before the present one.
   void Forget(std::uint32_t address);
+  /// What a system told that has no connection any more. One that is back has been forgotten when it came.
+  void ForgetUnlessConnected(std::uint32_t address);
   /// Called often: what depends on the clock follows it.
   void Tick();
   /// Shows that somebody who may not do so has asked for something.
@@ -86,6 +89,8 @@ private:
                 const char* textOff);
   /// Changes and shows a flag of this system. False when it is so already.
   bool ChangeFlag(const char* kind, bool Host_State::System::*flag, bool on, const char* textOn, const char* textOff);
+  template <class Condition>
+  void ForgetIf(std::uint32_t address, Condition condition);
   /// Master: tells each satellite whether any other system has a flag set.
   void PassOn(bool Host_State::System::*flag, void (*send)(bool on, std::uint32_t address));
 

@@ -53,7 +53,9 @@ std::string OnOff(bool on) { return on ? "on" : "off"; }
 
 Host_Node::Host_Node(const Host_Options& options, Host_Events& events)
     : mOptions(options), mEvents(events), mClock(options.isMaster),
-      mLink(options, events, [this](std::uint32_t address, bool isLinked) { OnLinked(address, isLinked); }),
+      mLink(
+          options, events, [this](std::uint32_t address, bool isLinked) { OnLinked(address, isLinked); },
+          [this](std::uint32_t address) { mMirror.Forget(address); }),
       mMirror(mLink, mState, mClock, mSender, events), mTransport(mLink, mState, mClock, mMirror, events),
       mConsole(Commands(), events) {}
 
@@ -185,7 +187,7 @@ void Host_Node::OnLinked(std::uint32_t address, bool isLinked) {
   if (isLinked) {
     mMirror.Greet(address);
   } else {
-    mMirror.Forget(address);
+    mMirror.ForgetUnlessConnected(address);
   }
 }
 

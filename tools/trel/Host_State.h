@@ -61,9 +61,12 @@ public:
     const std::lock_guard lock(mMutex);
     return change(mOthers[address]);
   }
-  void Forget(std::uint32_t address) {
+  /// Forgets another system if a condition holds: nothing is taken in between the look and that. False when there was
+  /// nothing to forget.
+  template <class Condition>
+  bool ForgetIf(std::uint32_t address, Condition condition) {
     const std::lock_guard lock(mMutex);
-    mOthers.erase(address);
+    return condition() && mOthers.erase(address) != 0;
   }
 
 private:

@@ -27,8 +27,8 @@ class Trel_LinkCore;
 ///
 /// One thread of the session does what blocks: it connects, waits and calls mOnEvent. What the engine's handler threads
 /// bring is answered at once or handed to that thread. All operations may be called from any thread; Stop and the
-/// destructor not from mOnEvent, mMayGiveControl or a handler, RequestControl not from mOnEvent, which it would wait
-/// for. None is real-time-safe. IPv4 addresses are in host order, times microseconds.
+/// destructor not from mOnEvent, mOnConnect, mMayGiveControl or a handler, RequestControl not from mOnEvent, which it
+/// would wait for. None is real-time-safe. IPv4 addresses are in host order, times microseconds.
 class TREL_EXPORT Trel_LinkSession {
 public:
   enum class EventKind : std::uint8_t {
@@ -66,6 +66,10 @@ public:
     std::int64_t mFirstPause = 250'000;     ///< before it does; doubled each time ...
     std::int64_t mLongestPause = 5'000'000; ///< ... up to this; up to a quarter is taken off at random
     std::function<void(const Event&)> mOnEvent{};
+    /// A system has opened a connection to this one, which need not be linked: what it told on an earlier one does not
+    /// hold any more. Called on a handler thread, before the first command of that connection is handled. Must not
+    /// block.
+    std::function<void(std::uint32_t address)> mOnConnect{};
     /// Whether this system, in control, lets go when another system asks. `asker` is the address of the system that
     /// wants control, or, on a satellite, of the master that asks for it. Empty: always. Called on a handler thread or
     /// on that of RequestControl; answer within a second.
