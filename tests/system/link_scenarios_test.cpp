@@ -442,6 +442,13 @@ TEST_F(Bridged, TheLinkFollowsChangedAddresses) {
   Configure(1, "ip addr flush dev adaptor && ip addr add " + changed + "/24 broadcast + dev adaptor");
   master.Await({{"event", "linked"}, {"address", changed}});
   EXPECT_EQ(Count(master, {{"event", "link_refused"}}), 0) << master.Text();
+
+  master.Await({{"event", "control"}, {"address", AddressOf(0)}}); // the lost holder was waited for
+  satellite.Command("control");
+  const std::string moved = AddressOf(kMachines + 1);
+  Configure(0, "ip addr flush dev adaptor && ip addr add " + moved + "/24 broadcast + dev adaptor");
+  const Json lost = satellite.Await({{"event", "lost"}});
+  EXPECT_GE(TimeOf(master.Await({{"event", "control"}, {"address", moved}})), TimeOf(lost)) << "two had control";
 }
 
 } // namespace
