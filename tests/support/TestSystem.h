@@ -159,11 +159,12 @@ class RoundTrips {
 public:
   RoundTrips(TestSystem& from, std::uint32_t to)
       : mThread([this, &from, to](const std::stop_token& ends) {
-          for (; !ends.stop_requested(); ++mCount) {
+          do { // once even when the thread comes to run after the end of a short test
             const std::int64_t begin = Sys_Clock::RawMicroseconds();
             mFailures += from.Query(to) != eTCPE_CommErr_None ? 1 : 0;
             mWorst = std::max(mWorst, Sys_Clock::RawMicroseconds() - begin);
-          }
+            ++mCount;
+          } while (!ends.stop_requested());
         }) {}
 
   std::int64_t Count() const { return mCount; }
@@ -172,7 +173,6 @@ public:
     mThread.request_stop();
     mThread.join();
     std::cout << mCount << " round trips\n";
-    EXPECT_GT(mCount, 0);
     EXPECT_EQ(mFailures, 0);
     ExpectWithin("worst of them, us", mWorst, 1'000'000);
   }
