@@ -145,7 +145,8 @@ std::int32_t SPSStartupOptionSInt32(const char* name, std::int32_t defaultValue)
   const char* const end = text->data() + text->size();
   const auto [parsedEnd, error] = std::from_chars(text->data(), end, number);
   if (error != std::errc() || parsedEnd != end) {
-    Report(std::string("start-up option ") + name + ": \"" + *text + "\" is no 32-bit number, using the default", __LINE__);
+    Report(std::string("start-up option ") + name + ": \"" + *text + "\" is no 32-bit number, using the default",
+           __LINE__);
     return defaultValue;
   }
   return number;
