@@ -261,6 +261,7 @@ TEST(TCPE_Handlers, CommandLogTellsWhatIsSentReceivedAndReplied) {
   EXPECT_EQ(a.Send(Trel_Cmd_GetCurrentRunningTime(), b.Address()), eTCPE_CommErr_None); // not logged
   a.SendTime(5, b.Address());
   EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
+  EXPECT_TRUE(Eventually([&] { return linesWith("replied").size() == 1; })); // logged after the reply has gone
   a.SetCommandLog(nullptr);
   a.SendTime(6, b.Address());
   EXPECT_TRUE(Eventually([&] { return linesWith("127.0.0.10").size() == 5; }));
