@@ -4,21 +4,11 @@
 // Where the scheduler puts the processes changes both figures tenfold, so each placement is measured by itself: the two
 // on a core each, as systems on machines of their own would be, and both on one core, where a wake-up is a mere switch.
 
-#include <trel/Sys_Socket.h>
-#include <trel/Trel.h>
+#include "bench_support.h"
 
-#include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sched.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,64 +23,17 @@ constexpr std::size_t kReplyBytes = 20;
 constexpr int kRounds = 21;
 constexpr int kTripsPerRound = 2000;
 
-[[noreturn]] void Fail(const char* what) {
-  std::perror(what);
-  std::exit(EXIT_FAILURE);
-}
-
-sockaddr_in AddressOf(std::uint32_t address, std::uint16_t port) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_addr.s_addr = htonl(address);
-  result.sin_port = htons(port);
-  return result;
-}
-
-void WithoutDelay(int socket) {
-  const int on = 1;
-  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-void RunOn(int core) {
-  cpu_set_t cores;
-  CPU_ZERO(&cores);
-  CPU_SET(static_cast<std::size_t>(core), &cores);
-  if (sched_setaffinity(0, sizeof cores, &cores) != 0) {
-    Fail("choosing a core");
-  }
-}
-
-bool ReadWhole(int socket, void* buffer, std::size_t size) {
-  return recv(socket, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
-}
-
-void StartEngine(std::uint32_t address) {
-  Trel_Init::Init();
-  Trel_CommPreferences::Inst()->SetLocalInterfaceAddress(address);
-  Trel_CommPreferences::Inst()->SetCommunicationPort(kPort);
-  if (Trel_CommManager::Initialize(Trel_CommPreferences::Inst(), nullptr) != eTCPE_Status_Success) {
-    std::fprintf(stderr, "the engine does not start on %s\n", Sys_Socket::DecodeIPAddress(address).c_str());
-    std::exit(EXIT_FAILURE);
-  }
-}
-
 /// The peer: an engine, and a thread that answers raw messages until the other process is gone.
 [[noreturn]] void RunPeer(int ready) {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  const int on = 1;
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const sockaddr_in address = AddressOf(kThere, kRawPort);
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(listener, 1) != 0) {
-    Fail("raw listener");
-  }
-  StartEngine(kThere);
+  const int listener = bench::ListenAt(kThere, kRawPort);
+  bench::StartEngine(kThere, kPort);
   if (write(ready, "r", 1) != 1) {
-    Fail("pipe");
+    bench::Fail("pipe");
   }
   const int raw = accept(listener, nullptr, nullptr);
-  WithoutDelay(raw);
+  bench::WithoutDelay(raw);
   std::array<char, kCommandBytes> message{};
-  while (ReadWhole(raw, message.data(), kCommandBytes)) {
+  while (bench::ReadWhole(raw, message.data(), kCommandBytes)) {
     if (send(raw, message.data(), kReplyBytes, 0) != static_cast<ssize_t>(kReplyBytes)) {
       break;
     }
@@ -112,33 +55,23 @@ double MedianMicroseconds(Trip trip) {
   return *middle;
 }
 
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 int Measure(const char* placement, int ownCore, int peerCore) {
   std::array<int, 2> ready{};
   if (pipe(ready.data()) != 0) {
-    Fail("pipe");
+    bench::Fail("pipe");
   }
   const pid_t peer = fork();
   if (peer == 0) {
-    RunOn(peerCore);
+    bench::RunOn(peerCore);
     RunPeer(ready[1]);
   }
-  RunOn(ownCore);
+  bench::RunOn(ownCore);
   char word = 0;
   if (peer < 0 || read(ready[0], &word, 1) != 1) {
-    Fail("peer");
+    bench::Fail("peer");
   }
-  const int raw = socket(AF_INET, SOCK_STREAM, 0);
-  const sockaddr_in address = AddressOf(kThere, kRawPort);
-  if (connect(raw, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    Fail("raw connection");
-  }
-  WithoutDelay(raw);
-  StartEngine(kHere);
+  const int raw = bench::ConnectTo(kThere, kRawPort);
+  bench::StartEngine(kHere, kPort);
   if (!Trel_CommManager::Connect(kThere)) {
     std::fprintf(stderr, "the peer does not answer\n");
     return EXIT_FAILURE;
@@ -148,7 +81,7 @@ int Measure(const char* placement, int ownCore, int peerCore) {
   const auto rawTrip = [&] {
     std::array<char, kCommandBytes> message{};
     failures += send(raw, message.data(), kCommandBytes, 0) != static_cast<ssize_t>(kCommandBytes) ||
-                !ReadWhole(raw, message.data(), kReplyBytes);
+                !bench::ReadWhole(raw, message.data(), kReplyBytes);
   };
   const auto commandTrip = [&] {
     Trel_Cmd_UpdateRunningTime command(0);
@@ -170,8 +103,8 @@ int Measure(const char* placement, int ownCore, int peerCore) {
   Trel_CommManager::Terminate();
   waitpid(peer, nullptr, 0);
 
-  std::printf("%-22s raw %7.2f us   command %7.2f us   median of ratios %6.3f\n", placement, Median(rawTimes),
-              Median(commandTimes), Median(ratios));
+  std::printf("%-22s raw %7.2f us   command %7.2f us   median of ratios %6.3f\n", placement, bench::Median(rawTimes),
+              bench::Median(commandTimes), bench::Median(ratios));
   if (failures != 0) {
     std::printf("%d round trips failed\n", failures);
     return EXIT_FAILURE;

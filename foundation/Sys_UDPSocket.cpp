@@ -1,3 +1,5 @@
+#include "foundation/Sys_NativeSocket.h"
+
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_UDPSocket.h>
 
@@ -48,12 +50,11 @@ bool Sys_UDPSocket::Register() {
   if (IsRegistered()) {
     return false;
   }
-  mDescriptor = socket(AF_INET, SOCK_DGRAM, 0);
+  mDescriptor = Sys_NativeSocket::Open(SOCK_DGRAM);
   if (!IsRegistered()) {
     return false;
   }
-  if (fcntl(mDescriptor, F_SETFD, FD_CLOEXEC) != 0 || fcntl(mDescriptor, F_SETFL, O_NONBLOCK) != 0 ||
-      !SetOption(SO_BROADCAST, true)) {
+  if (fcntl(mDescriptor, F_SETFL, O_NONBLOCK) != 0 || !SetOption(SO_BROADCAST, true)) {
     close(mDescriptor);
     mDescriptor = -1;
   }

@@ -8,12 +8,15 @@
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
 
+#include "foundation/Cmn_HostCall.h"
+#include "foundation/Sys_Process.h"
 #include "foundation/Sys_SecretFile.h"
 #include "tcpe/TCPE_AdaptorChoice.h"
 #include "tcpe/net/TCPE_ByteTap.h"
 #include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
+#include "tcpe/protocol/TCPE_Numbering.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,12 +27,21 @@
 
 namespace {
 
-std::atomic<bool> sSupportsMarlo11 = true;
-std::atomic<bool> sNumberingIsOverridden = false;
-std::atomic<std::int32_t> sNumberingHolds = 0;
+/// The numbering, whether it has been overridden, and how many hold it: one word, because it must not change between
+/// looking for holders and changing it.
+constexpr std::uint32_t kIsCurrentNumbering = 1;
+constexpr std::uint32_t kIsOverridden = 2;
+constexpr std::uint32_t kHold = 4;
+std::atomic<std::uint32_t> sNumbering = kIsCurrentNumbering;
 
-/// The error type of both numberings, for when there is no task to tell its identifier.
-constexpr TCPE_eCmd kErrorType = -1;
+/// Changes the numbering unless it is held, or has been overridden and this is no override; tells whether it is held.
+bool ChangeNumbering(bool isCurrent, std::uint32_t override) {
+  std::uint32_t before = sNumbering;
+  while (before < kHold && (before & kIsOverridden) <= override &&
+         !sNumbering.compare_exchange_weak(before, (isCurrent ? kIsCurrentNumbering : 0) | override)) {
+  }
+  return before >= kHold;
+}
 
 /// The discovery port that the start-up option asks for; 0 when it does not.
 std::uint16_t DiscoveryPortOption() {
@@ -61,17 +73,34 @@ ETCPE_Status MakeKey(std::shared_ptr<const TCPE_AuthenticationKey>* key, std::st
   return eTCPE_Status_Success;
 }
 
+/// Scopes of this thread within which nobody waits.
+thread_local std::int32_t sNeverWaits = 0;
+
 } // namespace
+
+TCPE_CommManager::NeverWaits::NeverWaits() { ++sNeverWaits; }
+
+TCPE_CommManager::NeverWaits::~NeverWaits() { --sNeverWaits; }
+
+bool TCPE_CommManager::NeverWaits::IsInForce() { return sNeverWaits != 0; }
 
 /// A caller that is inside: the engine stays, and Terminate waits for it to leave.
 class TCPE_CommManager::Caller {
 public:
-  explicit Caller(const TCPE_CommManager& manager) : mManager(manager) {
+  enum class Finds : std::uint8_t { running, endingToo };
+  explicit Caller(const TCPE_CommManager& manager, Finds finds = Finds::running)
+      : mManager(manager), mIsInside(!manager.IsInherited()) {
+    if (!mIsInside) {
+      return;
+    }
     const std::lock_guard lock(manager.mMutex);
     ++manager.mCallers;
-    mEngine = manager.mEngine;
+    mEngine = !manager.mEngine && finds == Finds::endingToo ? manager.mEndingEngine : manager.mEngine;
   }
   ~Caller() {
+    if (!mIsInside) {
+      return;
+    }
     mEngine.reset();
     const std::lock_guard lock(mManager.mMutex);
     if (--mManager.mCallers == 0) {
@@ -86,6 +115,7 @@ public:
 
 private:
   const TCPE_CommManager& mManager;
+  const bool mIsInside;
   std::shared_ptr<TCPE_Engine> mEngine;
 };
 
@@ -94,8 +124,17 @@ TCPE_CommManager::TCPE_CommManager() : mByteTap(std::make_shared<TCPE_ByteTap>()
 }
 
 TCPE_CommManager::~TCPE_CommManager() {
+  if (IsInherited()) {
+    Sys_Process::Abandon(std::move(mEngine));
+    Sys_Process::Abandon(std::move(mEndingEngine));
+  }
   // The subclass is gone by now: whoever has one terminates before destroying it.
   Terminate();
+}
+
+bool TCPE_CommManager::IsInherited() const {
+  const std::int64_t process = mProcess;
+  return process != 0 && process != Sys_Process::Identifier();
 }
 
 std::int32_t TCPE_CommManager::InitializeSubclass() { return 0; }
@@ -126,28 +165,28 @@ bool TCPE_CommManager::IsAvailable() {
                        : AllowSatellitesToConnectToMasterSystem() && !caller->IsFull();
 }
 
-bool TCPE_CommManager::GetSupportsMarlo11() { return sSupportsMarlo11.load(std::memory_order_relaxed); }
+void TCPE_CommManager::PeerConnected(std::uint32_t /*address*/, std::uint64_t /*instance*/, ETCPE_SystemType /*type*/) {
+}
+
+bool TCPE_CommManager::GetSupportsMarlo11() {
+  return (sNumbering.load(std::memory_order_relaxed) & kIsCurrentNumbering) != 0;
+}
 
 void TCPE_CommManager::SetSupportsMarlo11(bool supports) {
-  const bool isFree = sNumberingHolds == 0;
-  Cmn_Assert::HandleMagicAssert(isFree, "sNumberingHolds == 0@$^$@..\\TCPE_CommManager", __LINE__);
-  if (isFree) {
-    sNumberingIsOverridden = true;
-    sSupportsMarlo11 = supports;
-  }
+  const bool isHeld = ChangeNumbering(supports, kIsOverridden);
+  Cmn_Assert::HandleMagicAssert(!isHeld, "! isHeld@$^$@..\\TCPE_CommManager", __LINE__);
 }
 
-void TCPE_CommManager::ReadNumberingOption() {
-  if (!sNumberingIsOverridden && sNumberingHolds == 0) {
-    sSupportsMarlo11 = SPSStartupOptionSInt32("SupportsMarlo11", 1) != 0;
-  }
-}
+void TCPE_CommManager::ReadNumberingOption() { ChangeNumbering(SPSStartupOptionSInt32("SupportsMarlo11", 1) != 0, 0); }
 
-void TCPE_CommManager::HoldNumbering() { ++sNumberingHolds; }
+void TCPE_CommManager::HoldNumbering() { sNumbering += kHold; }
 
-void TCPE_CommManager::ReleaseNumbering() { --sNumberingHolds; }
+void TCPE_CommManager::ReleaseNumbering() { sNumbering -= kHold; }
 
 std::int32_t TCPE_CommManager::Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError) {
+  if (IsInherited()) {
+    return eTCPE_Status_AlreadyInitialized;
+  }
   const std::lock_guard lifecycle(mLifecycleMutex);
   std::string report;
   const std::int32_t status = Start(preferences, onNetworkError, &report);
@@ -178,8 +217,11 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
   const auto discoveryPort = static_cast<std::uint16_t>(GetDiscoveryPort());
 
   HoldNumbering();
-  InitializeSubclass();
-  std::unique_ptr<TCPE_CommTask> task(CreateCommTask(communicationPort, discoveryPort, &mLocalSystem));
+  std::unique_ptr<TCPE_CommTask> task;
+  Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] {
+    InitializeSubclass();
+    task.reset(CreateCommTask(communicationPort, discoveryPort, &mLocalSystem));
+  });
   ETCPE_Status status = eTCPE_Status_NoCommTask;
   if (task) {
     SetUpLocalSystem(adaptor.address, communicationPort, *task);
@@ -206,10 +248,13 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
                            .key = std::move(key),
                            .onNetworkError = onNetworkError,
                            .byteTap = mByteTap,
-                           .isHostPumped = mHostPumped,
                            .answersDiscovery = SPSStartupOptionSInt32("AnswersDiscovery", 1) != 0});
-    engine->SetCommandLog(mCommandLog);
     const std::lock_guard lock(mMutex); // a handler that runs before Start returns waits here until it finds the engine
+    mProcess = Sys_Process::Identifier();
+    // Taken here, from where on who sets them finds the engine.
+    engine->SetCommandLog(mCommandLog);
+    engine->SetLocalSystemType(mLocalSystem.GetSystemType());
+    engine->SetHostPumpedDelivery(mHostPumped);
     status = engine->Start();
     if (status == eTCPE_Status_Success) {
       mPreferredAddress = preferred;
@@ -218,6 +263,7 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
       mEngine = engine;
       return status;
     }
+    mProcess = 0;
   }
   switch (status) {
   case eTCPE_Status_PortInUse:
@@ -234,7 +280,7 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
               ", TCP port " + Cmn_UInt32ToString(communicationPort) + ", UDP port " + Cmn_UInt32ToString(discoveryPort);
   }
   mAdaptorIPAddress = 0;
-  TerminateSubclass();
+  Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [this] { TerminateSubclass(); });
   ReleaseNumbering();
   return status;
 }
@@ -245,11 +291,17 @@ std::string TCPE_CommManager::GetInitializationReport() const {
 }
 
 bool TCPE_CommManager::IsInitialized() const {
+  if (IsInherited()) {
+    return false;
+  }
   const std::lock_guard lock(mMutex);
   return mEngine != nullptr;
 }
 
 void TCPE_CommManager::Terminate() {
+  if (IsInherited()) {
+    return;
+  }
   std::shared_ptr<TCPE_Engine> engine;
   {
     const std::lock_guard lock(mMutex);
@@ -276,9 +328,10 @@ void TCPE_CommManager::Terminate() {
     std::unique_lock lock(mMutex);
     mCallersHaveLeft.wait_for(lock, kPatience, [this] { return mCallers == 0; });
     mEndingEngine.reset();
+    mProcess = 0;
   }
   mAdaptorIPAddress = 0;
-  TerminateSubclass();
+  Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [this] { TerminateSubclass(); });
   ReleaseNumbering();
 }
 
@@ -333,6 +386,21 @@ std::set<std::uint32_t> TCPE_CommManager::GetConnectedAddresses() const {
   return caller ? caller->GetConnectedAddresses() : std::set<std::uint32_t>();
 }
 
+std::uint64_t TCPE_CommManager::GetPeerInstance(std::uint32_t address) const {
+  const Caller caller(*this);
+  return caller ? caller->GetPeerInstance(address) : 0;
+}
+
+std::uint64_t TCPE_CommManager::GetConnection(std::uint32_t address) const {
+  const Caller caller(*this);
+  return caller ? caller->GetConnection(address) : 0;
+}
+
+std::map<std::uint32_t, std::uint64_t> TCPE_CommManager::GetConnections() const {
+  const Caller caller(*this);
+  return caller ? caller->GetConnections() : std::map<std::uint32_t, std::uint64_t>();
+}
+
 void TCPE_CommManager::SendCommand(TCPE_Command* command) {
   if (command == nullptr) {
     return;
@@ -343,9 +411,19 @@ void TCPE_CommManager::SendCommand(TCPE_Command* command) {
   } else {
     command->SetError(eTCPE_CommErr_NotInitialized);
     if (command->IsSynchronous()) {
-      command->SetCommandType(kErrorType);
+      command->SetCommandType(GetSupportsMarlo11() ? kTCPE_CurrentErrorIdentifier : kTCPE_LegacyErrorIdentifier);
     }
   }
+}
+
+std::vector<TCPE_CommErr> TCPE_CommManager::SendCommandToAll(TCPE_Command* command,
+                                                             std::span<const std::uint32_t> addresses,
+                                                             const ReplyProc& onReply) {
+  const Caller caller(*this);
+  if (command == nullptr || !caller) {
+    return std::vector<TCPE_CommErr>(addresses.size(), eTCPE_CommErr_NotInitialized);
+  }
+  return caller->SendCommandToAll(*command, addresses, onReply);
 }
 
 TCPE_Command* TCPE_CommManager::TakeCommand() {
@@ -354,7 +432,7 @@ TCPE_Command* TCPE_CommManager::TakeCommand() {
 }
 
 void TCPE_CommManager::DisposeCommand(TCPE_Command* command) {
-  if (const Caller caller(*this); caller) {
+  if (const Caller caller(*this, Caller::Finds::endingToo); caller) {
     caller->DisposeCommand(command);
   } else {
     TCPE_Engine::DisposeOrphan(command);
@@ -363,7 +441,10 @@ void TCPE_CommManager::DisposeCommand(TCPE_Command* command) {
 
 void TCPE_CommManager::PreProcessConnectionCommands(TCPE_Command* /*command*/) {}
 
-void TCPE_CommManager::SetHostPumpedDelivery(bool hostPumped) { mHostPumped = hostPumped; }
+void TCPE_CommManager::SetHostPumpedDelivery(bool hostPumped) {
+  const std::lock_guard lock(mMutex);
+  mHostPumped = hostPumped;
+}
 
 void TCPE_CommManager::NetworkErrorOccured(ENetworkError error, std::uint32_t address) {
   if (const Caller caller(*this); caller) {
@@ -445,9 +526,10 @@ void TCPE_CommManager::SetPeerName(std::uint32_t address, const char* name) {
 }
 
 void TCPE_CommManager::SetCommandLog(CommandLogProc log) {
+  const std::lock_guard lock(mMutex);
   mCommandLog = log;
-  if (const Caller caller(*this); caller) {
-    caller->SetCommandLog(log);
+  if (mEngine && !IsInherited()) {
+    mEngine->SetCommandLog(log);
   }
 }
 
@@ -459,18 +541,17 @@ ETCPE_SystemType TCPE_CommManager::GetSystemType() const {
 }
 
 void TCPE_CommManager::SetSystemType(ETCPE_SystemType type) {
-  {
-    const std::lock_guard lock(mMutex);
-    mLocalSystem.SetSystemType(type);
-  }
-  if (const Caller caller(*this); caller) {
-    caller->SetLocalSystemType(type);
+  const std::lock_guard lock(mMutex);
+  mLocalSystem.SetSystemType(type);
+  if (mEngine && !IsInherited()) {
+    mEngine->SetLocalSystemType(type);
   }
 }
 
 const char* TCPE_CommManager::GetSystemName() const {
-  thread_local TCPE_System copy;
-  copy = CopyLocalSystem();
+  const std::lock_guard lock(mMutex);
+  TCPE_System& copy = mHandedOut[std::this_thread::get_id()];
+  copy.SetSystemName(mLocalSystem.GetSystemName());
   return copy.GetSystemName();
 }
 
@@ -496,6 +577,8 @@ TCPE_System TCPE_CommManager::CopyLocalSystem() const {
 
 void TCPE_CommManager::SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task) {
   const std::string hostName = Sys_Socket::GetHostName();
+  const std::uint8_t majorVersion = task.GetCurrentProtocolMajorVersion();
+  const std::uint8_t minorVersion = task.GetCurrentProtocolMinorVersion();
   const std::lock_guard lock(mMutex);
   mLocalSystem.SetHostName(hostName.c_str());
   if (mLocalSystem.GetSystemName()[0] == '\0') {
@@ -503,6 +586,6 @@ void TCPE_CommManager::SetUpLocalSystem(std::uint32_t address, std::uint16_t por
   }
   mLocalSystem.SetIPAddress(address);
   mLocalSystem.SetPort(port);
-  mLocalSystem.SetMajorVersion(task.GetCurrentProtocolMajorVersion());
-  mLocalSystem.SetMinorVersion(task.GetCurrentProtocolMinorVersion());
+  mLocalSystem.SetMajorVersion(majorVersion);
+  mLocalSystem.SetMinorVersion(minorVersion);
 }

@@ -34,8 +34,9 @@ std::uint8_t TCPE_CommTask::GetCurrentProtocolMinorVersion() { return 0; }
 bool TCPE_CommTask::HasHandler(const TCPE_Command* /*command*/) { return true; }
 
 TCPE_CommErr TCPE_CommTask::PrepareToSend(TCPE_Command* command) {
-  return command->GetCommandType() != TCPE_Command::GetInvalidCommandID() ? eTCPE_CommErr_None
-                                                                          : eTCPE_CommErr_NoIdentifier;
+  const TCPE_eCmd type = command->GetCommandType();
+  return type != TCPE_Command::GetInvalidCommandID() && type != GetErrorCommandID() ? eTCPE_CommErr_None
+                                                                                    : eTCPE_CommErr_NoIdentifier;
 }
 
 void TCPE_CommTask::FillConnectCommand(TCPE_Command* /*command*/, const TCPE_System& /*localSystem*/) {}

@@ -38,6 +38,14 @@ TCPE_CommErr TCPE_CommandCodec::EncodeCommand(TCPE_CommTask& task, TCPE_Command&
   return Encode(task, command, stamp, [&command](char** cursor) { command.PrepareTransmitCommand(cursor); });
 }
 
+void TCPE_CommandCodec::SetReceiver(std::uint32_t serial, ETCPE_SystemType remoteSystemType) {
+  TCPE_FrameHeader header = TCPE_FrameHeader::Read(mBuffer.data());
+  header.serial = serial;
+  header.receiverSystemType = static_cast<std::uint8_t>(remoteSystemType);
+  header.Write(mBuffer.data());
+  TCPE_SealFrame(std::span(mBuffer).first(mSize));
+}
+
 TCPE_CommErr TCPE_CommandCodec::EncodeReply(TCPE_CommTask& task, TCPE_Command& command, const Stamp& stamp) {
   command.SetIsReply(true);
   return Encode(task, command, stamp, [&command](char** cursor) {

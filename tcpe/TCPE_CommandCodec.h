@@ -29,6 +29,8 @@ public:
   TCPE_CommErr EncodeCommand(TCPE_CommTask& task, TCPE_Command& command, const Stamp& stamp);
   /// Encodes the reply to a received command; without a payload when the command's error is set.
   TCPE_CommErr EncodeReply(TCPE_CommTask& task, TCPE_Command& command, const Stamp& stamp);
+  /// Readdresses the frame.
+  void SetReceiver(std::uint32_t serial, ETCPE_SystemType remoteSystemType);
   std::span<const std::byte> Frame() const { return std::span(mBuffer).first(mSize); }
 
   /// Fill a command from a payload; false when the payload was too short or did not make sense.

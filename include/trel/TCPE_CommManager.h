@@ -10,11 +10,17 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
+#include <thread>
+#include <vector>
 
 class Sys_UDPSocket;
 class TCPE_ByteTap;
@@ -29,6 +35,13 @@ class TCPE_Engine;
 /// All operations are thread-safe unless they say otherwise, none is real-time-safe, and before Initialize connections
 /// are refused, commands are dropped with an error, and lists are empty.
 ///
+/// What a handler, callback, hook, log or tap of the host throws goes no further: it is reported as an assertion (of a
+/// byte tap alone it is not), the first time and whenever it has happened twice as often, and counted
+/// (TCPE_EngineSnapshot::hostFailures). Who asked gets an error; a hook that throws has said no.
+///
+/// In a process that was forked from the one that initialised the engine, the engine counts as not initialised, cannot
+/// be initialised, and Terminate does nothing: the child leaves the sockets and threads of its parent alone.
+///
 /// The base has no virtual destructor: destroy an object through its exact type, and terminate a subclass before.
 class TREL_EXPORT TCPE_CommManager {
 public:
@@ -36,11 +49,16 @@ public:
   /// Told once when a connection is lost, or when a peer refuses one; runs on a handler thread, after the handlers of
   /// the commands that came before from that peer. `address` is the peer's, host order.
   ///
+  /// So a handler that takes long holds it up, and the peer may be connected anew by then. An end is never that of the
+  /// connection which stands: a host that keeps a picture of the link asks IsConnected, under a lock of its own, both
+  /// when it is told of an end and when it notes that Connect has succeeded.
+  ///
   /// With eNetworkError_Authentication also told when a system that wants to connect to this one does not prove the
   /// shared secret, or requires one and this system has none; then at most once in the time for which a failure marks
   /// an address (see GetAuthenticationFailed), so that attempts cannot flood the host.
   using NetworkErrorProc = void (*)(ENetworkError error, std::uint32_t address);
-  /// Gets one line for each command sent, received and replied to; runs on the thread that does it.
+  /// Gets one line for each command sent, received and replied to, and for each connection that is lost; runs on the
+  /// thread that does it.
   using CommandLogProc = void (*)(const char* line);
 
   TCPE_CommManager();
@@ -65,6 +83,9 @@ public:
   /// What this system answers to those who look for systems: a satellite whether it is free to be linked, that is not
   /// connected; any other system whether it allows satellites to connect and has room for one.
   virtual bool IsAvailable();
+  /// A connection has been made, by either side: told before it counts as connected and before its first command.
+  /// `instance` is the number that the peer's engine drew when it was initialised.
+  virtual void PeerConnected(std::uint32_t address, std::uint64_t instance, ETCPE_SystemType type);
 
   /// True: current numbering; false: legacy numbering. Real-time-safe.
   static bool GetSupportsMarlo11();
@@ -86,8 +107,8 @@ public:
   std::string GetInitializationReport() const;
   bool IsInitialized() const;
   /// Ends the engine: tells the peers, fails waiting senders, waits until callers have left. Returns within a second
-  /// also with calls in flight; a handler that is still running then is left to end by itself. From a handler or
-  /// callback it reports an assertion and does nothing.
+  /// also with calls in flight; a handler that is still running then is left to end by itself, and a command that was
+  /// taken can be given back later. From a handler thread or a callback it reports an assertion and does nothing.
   void Terminate();
   /// Periodic work of the engine; the host calls it from its idle loop. Looks once a second whether the adaptor in use
   /// still has its address. If not, the connections that depended on it are lost, and the engine moves to the address
@@ -101,11 +122,48 @@ public:
   bool Disconnect(std::uint32_t address);
   bool IsConnected(std::uint32_t address) const;
   std::set<std::uint32_t> GetConnectedAddresses() const;
+  /// Which instance of an engine is connected at an address: the random number that it drew when it was initialised.
+  /// As long as the number is the same, so is the process, and its running time goes on. 0 when not connected.
+  std::uint64_t GetPeerInstance(std::uint32_t address) const;
+  /// The number of the connection with a system, which no other connection since Initialize has; 0 without one. What is
+  /// told of a system may be of the past: TCPE_Command::GetConnection says which connection a command came on.
+  std::uint64_t GetConnection(std::uint32_t address) const;
+  /// The connected addresses, each with the number of its connection.
+  std::map<std::uint32_t, std::uint64_t> GetConnections() const;
 
   /// Sends a command to its destination address. The command is encoded before the call returns and stays the caller's.
+  ///
+  /// An asynchronous one reaches its handler after all that were sent to this peer before, or the connection ends. When
+  /// the peer has not finished 1024 of them, or takes nothing, the call waits, first come first served, for 3 s without
+  /// any progress of the peer at the most: then the connection ends (eNetworkError_PeerTooSlow, at both systems) and
+  /// GetError() is eTCPE_CommErr_ConnectionLost. A handler that waits lets the peer's next command start. Hooks on the
+  /// network thread, and threads that pump, do not wait but get eTCPE_CommErr_QueueFull.
   /// A synchronous one returns when it has ended, once: with the reply in the command, or with the task's error
   /// identifier as its type, GetError() telling why, and no field changed.
   void SendCommand(TCPE_Command* command);
+  /// Told of a reply: the place of its address among those that the command was sent to, and the command with the reply
+  /// in it, which is there for this call.
+  using ReplyProc = std::function<void(std::size_t place, const TCPE_Command& reply)>;
+  /// Sends one command to several addresses, encoded once; its own address is not looked at. What became of it is told
+  /// for each address, as GetError() would.
+  ///
+  /// An asynchronous one is kept for who cannot take it now, as within NeverWaits, and the call does not wait. A
+  /// synchronous one waits for all replies together, as long as for one; then `onReply` is called on this thread for
+  /// each that came, in the order of the addresses. The command itself stays as it was.
+  std::vector<TCPE_CommErr> SendCommandToAll(TCPE_Command* command, std::span<const std::uint32_t> addresses,
+                                             const ReplyProc& onReply = nullptr);
+  /// While one lives, asynchronous sends of its thread never wait: a command for which there is no room is kept for its
+  /// peer, and goes when there is. 1024 commands, or 128 KiB, are kept; a peer for which more would have to be is too
+  /// slow, and its connection ends. For threads that must go on. Calls nest.
+  class TREL_EXPORT NeverWaits {
+  public:
+    NeverWaits();
+    ~NeverWaits();
+    NeverWaits(const NeverWaits&) = delete;
+    NeverWaits& operator=(const NeverWaits&) = delete;
+    /// Whether one lives on this thread.
+    static bool IsInForce();
+  };
   /// With host-pumped delivery: the next received command, or null. The caller executes it and gives it back with
   /// DisposeCommand, which sends the reply. A network error that is due is reported from within this call. Null without
   /// host-pumped delivery.
@@ -114,7 +172,8 @@ public:
   /// Part of the sequence of a host that pumps: TakeCommand, this, execution, DisposeCommand. The engine has acted on
   /// connect and disconnect commands before they can be taken, so nothing is left to do here.
   void PreProcessConnectionCommands(TCPE_Command* command);
-  /// Delivers commands through TakeCommand in place of the handler threads. Before Initialize; later calls are ignored.
+  /// Delivers commands through TakeCommand in place of the handler threads. An engine that is running goes on as it was
+  /// initialised.
   void SetHostPumpedDelivery(bool hostPumped);
   /// Reports a network error of a peer: the connection, if there is one, is closed and the host's callback is told.
   void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
@@ -166,9 +225,9 @@ public:
   ETCPE_SystemType GetSystemType() const;
   /// 0..255.
   void SetSystemType(ETCPE_SystemType type);
-  /// The text stays valid until this thread asks again.
+  /// The text stays valid until this thread asks this manager again, or the manager is gone.
   const char* GetSystemName() const;
-  /// At most 29 characters; a longer name is cut.
+  /// At most 29 characters; a longer name is cut. A command that carries one says "Unknown System Name" in its place.
   void SetSystemName(const char* name);
   /// A random positive number unless the host sets one; 0 is none.
   std::int32_t GetUniqueID() const;
@@ -200,6 +259,8 @@ private:
   class Caller;
 
   std::int32_t Start(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError, std::string* report);
+  /// In a process forked from the one in which the engine runs.
+  bool IsInherited() const;
   void LookAfterAdaptor();
   bool ReceiveDiscoveryReply(bool ofMaster, Sys_UDPSocket* socket, std::int32_t* remainingMilliseconds,
                              std::string* hostName, std::string* systemName, std::uint32_t* address,
@@ -207,20 +268,25 @@ private:
                              bool* isAvailable);
   void SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task);
 
-  mutable std::mutex mMutex; // guards the engine pointer, the number of callers, the report and the local record
+  mutable std::mutex mMutex; // guards the engine pointer, the number of callers, the report, the local record and its
+                             // name as handed out, the log and the way of delivery
   mutable std::condition_variable mCallersHaveLeft;
   mutable std::int32_t mCallers = 0;
   std::mutex mLifecycleMutex; // guards what follows, and starting and ending
   std::uint32_t mPreferredAddress = 0;
   std::uint32_t mBroadcastAddress = 0;
   std::atomic<std::int64_t> mAdaptorCheckIsDue = 0; // raw time
+  std::atomic<std::int64_t> mProcess = 0;           // in which the engine runs; 0: none does
   std::shared_ptr<TCPE_Engine> mEngine;
   std::shared_ptr<TCPE_Engine> mEndingEngine; // while Terminate waits for it
   TCPE_System mLocalSystem;
+  /// The name as each thread has got it, which reads it while another one may set it. Not of the thread's own storage:
+  /// a destructor there keeps a library from being unloaded.
+  mutable std::map<std::thread::id, TCPE_System> mHandedOut;
   std::string mInitializationReport;
-  std::atomic<CommandLogProc> mCommandLog = nullptr;
+  CommandLogProc mCommandLog = nullptr;
   const std::shared_ptr<TCPE_ByteTap> mByteTap;
-  std::atomic<bool> mHostPumped = false;
+  bool mHostPumped = false;
   std::atomic<bool> mIsSatellite = false;
   std::atomic<bool> mAllowSatellites = false;
   std::atomic<bool> mIsMasterClock = false;

@@ -46,7 +46,8 @@ public:
   /// Whether DoCommand would do anything with this command; a synchronous one that nobody handles is answered with an
   /// error at once.
   virtual bool HasHandler(const TCPE_Command* command);
-  /// Gives a command without a type its identifier, or says why it cannot be sent.
+  /// Gives a command its identifier that has no type, or the error identifier from a failed send, or says why it cannot
+  /// be sent.
   virtual TCPE_CommErr PrepareToSend(TCPE_Command* command);
   /// Puts the local system into a fresh connect command.
   virtual void FillConnectCommand(TCPE_Command* command, const TCPE_System& localSystem);

@@ -81,6 +81,10 @@ public:
   void SetChecksum(std::uint16_t checksum) { mChecksum = checksum; }
   std::uint32_t GetSerialNumber() const { return mSerialNumber; }
   void SetSerialNumber(std::uint32_t serial) { mSerialNumber = serial; }
+  /// The number of the connection on which a received command came, as in TCPE_CommManager::GetConnection; 0 for
+  /// others.
+  std::uint64_t GetConnection() const { return mConnection; }
+  void SetConnection(std::uint64_t connection) { mConnection = connection; }
   bool GetReplyWanted() const { return mReplyWanted; }
   void SetReplyWanted(bool wanted) { mReplyWanted = wanted; }
 
@@ -166,7 +170,12 @@ private:
     return BigEndian(wire);
   }
   bool HasRoom(const char* cursor, std::uint32_t width) {
-    if (mPayloadEnd == nullptr || mPayloadEnd - cursor >= static_cast<std::int64_t>(width)) [[likely]] {
+    // Numbers, because without a bound there is nothing to subtract from; asked for first, because the engine sets one.
+    const auto end = reinterpret_cast<std::intptr_t>(static_cast<const char*>(mPayloadEnd));
+    if (end - reinterpret_cast<std::intptr_t>(cursor) >= static_cast<std::int64_t>(width)) [[likely]] {
+      return true;
+    }
+    if (end == 0) {
       return true;
     }
     SetPayloadFault(cursor);
@@ -194,6 +203,7 @@ private:
   // Ordered for size: a received command of any class is built in a block of 616 bytes.
   OwnPointer<TCPE_Command> mSelf;
   OwnPointer<const char> mPayloadEnd;
+  std::uint64_t mConnection = 0;
   TCPE_eCmd mCommandType;
   std::uint32_t mSerialNumber = 0;
   std::uint32_t mIPAddressTo = 0;

@@ -12,7 +12,8 @@
 /// through TCPE_CommManager's setters.
 class TREL_EXPORT TCPE_System {
 public:
-  /// Sizes of the text buffers, terminators included. A longer text is cut.
+  /// Sizes of the text buffers, terminators included. A longer text is cut here; the setters of commands replace it by
+  /// "Unknown System Name" or "Unknown Host Name".
   static constexpr std::size_t kSystemNameSize = 30;
   static constexpr std::size_t kHostNameSize = 256;
 

@@ -28,5 +28,5 @@ struct TCPE_TappedBytes {
 /// A byte tap. It is told of everything that the engine sends and receives, in one order: of a connection every byte
 /// once and in its place, of UDP every datagram as a whole, and what was sent before what it brought about. One call at
 /// a time, on the thread that sends or receives, which waits until it returns, as does everybody else who has something
-/// to send or receive. So it must be quick, must not throw, and must not call the engine.
+/// to send or receive. So it must be quick and must not call the engine; what it throws is only counted.
 using TCPE_ByteTapProc = void (*)(const TCPE_TappedBytes& tapped, void* context);

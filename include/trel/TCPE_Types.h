@@ -49,7 +49,7 @@ enum ETCPE_NetworkError : std::int32_t {
   eNetworkError_OtherNumbering = 5,   ///< the peer uses the other command numbering
   eNetworkError_Authentication = 6,   ///< the shared secret was not proved
   eNetworkError_DuplicateAddress = 7, ///< the peer is linked with another live system of this address
-  eNetworkError_PeerTooSlow = 8,      ///< the peer did not take what was sent to it
+  eNetworkError_PeerTooSlow = 8,      ///< one of the two did not take, or not finish, what the other one sent
 };
 
 /// What TCPE_CommManager::Initialize answers.

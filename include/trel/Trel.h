@@ -6,6 +6,7 @@
 #include <trel/Cmn_Assert.h>
 #include <trel/Cmn_FeatureAuthorization.h>
 #include <trel/Cmn_NumberToText.h>
+#include <trel/Cmn_Printable.h>
 #include <trel/SPSStartupOption.h>
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Init.h>
@@ -18,6 +19,7 @@
 #include <trel/TCPE_CommTask.h>
 #include <trel/TCPE_Command.h>
 #include <trel/TCPE_ConnectionID.h>
+#include <trel/TCPE_ErrorText.h>
 #include <trel/TCPE_System.h>
 #include <trel/Trel_ClockStatus.h>
 #include <trel/Trel_Cmd_Clock.h>
@@ -43,3 +45,8 @@
 #include <trel/Trel_Messenger.h>
 #include <trel/Trel_System.h>
 #include <trel/Trel_TCPEInterface.h>
+#include <trel/host/Trel_LinkEvent.h>
+#include <trel/host/Trel_LinkSession.h>
+#include <trel/host/Trel_LinkState.h>
+#include <trel/host/Trel_RunningTimeExchange.h>
+#include <trel/host/Trel_StartHelper.h>

@@ -43,33 +43,33 @@ struct TREL_EXPORT Trel_ClockStatus {
   /// A bound on the error that nobody can give.
   static constexpr std::int64_t kNoErrorBound = std::numeric_limits<std::int64_t>::max();
 
-  ETrel_ClockState mState = eTrel_ClockState_NoClock;
-  ETrel_ClockReason mReason = eTrel_ClockReason_NoExchange;
-  bool mIsLocked = false; ///< what IsLocked answers: the measurements correlate. It says nothing about accuracy.
+  ETrel_ClockState state = eTrel_ClockState_NoClock;
+  ETrel_ClockReason reason = eTrel_ClockReason_NoExchange;
+  bool isLocked = false; ///< what IsLocked answers: the measurements correlate. It says nothing about accuracy.
 
-  std::int64_t mHostTime = 0; ///< of this status
-  /// How wrong the running time predicted for mHostTime may be, apart from a constant difference between the ways of
-  /// the two directions; that can add up to half of mSmallestRoundTrip and cannot be seen from here.
-  std::int64_t mErrorBound = kNoErrorBound;
-  double mOffset = 0.0; ///< host time minus predicted running time, at mHostTime
-  double mRate = 0.0;   ///< how much faster the local clock runs than the master's, ppm
+  std::int64_t hostTime = 0; ///< of this status
+  /// How wrong the running time predicted for hostTime may be, apart from a constant difference between the ways of
+  /// the two directions; that can add up to half of smallestRoundTrip and cannot be seen from here.
+  std::int64_t errorBound = kNoErrorBound;
+  double offset = 0.0; ///< host time minus predicted running time, at hostTime
+  double rate = 0.0;   ///< how much faster the local clock runs than the master's, ppm
 
-  std::int64_t mMeasurements = 0;  ///< in the window
-  std::int64_t mSpan = 0;          ///< from the oldest measurement in the window to the newest
-  std::int64_t mAge = 0;           ///< of the newest measurement at mHostTime; 0 without one
-  double mResidualDeviation = 0.0; ///< standard deviation of the measurements from the line; 0 for fewer than three
+  std::int64_t measurements = 0;  ///< in the window
+  std::int64_t span = 0;          ///< from the oldest measurement in the window to the newest
+  std::int64_t age = 0;           ///< of the newest measurement at hostTime; 0 without one
+  double residualDeviation = 0.0; ///< standard deviation of the measurements from the line; 0 for fewer than three
 
-  std::int64_t mLastRoundTrip = 0;     ///< of the last exchange that was vouched for, accepted or not
-  std::int64_t mSmallestRoundTrip = 0; ///< of the last 100 accepted exchanges since the clock was reset; 0 without one
-  std::int64_t mRoundTripLimit = 0;    ///< that applied to the last voucher
+  std::int64_t lastRoundTrip = 0;     ///< of the last exchange that was vouched for, accepted or not
+  std::int64_t smallestRoundTrip = 0; ///< of the last 100 accepted exchanges since the clock was reset; 0 without one
+  std::int64_t roundTripLimit = 0;    ///< that applied to the last voucher
 
-  std::int64_t mAccepted = 0; ///< measurements taken
-  std::int64_t mRejectedNotVouchedFor = 0;
-  std::int64_t mRejectedRoundTripTooLong = 0;
-  ETrel_ClockRejection mLastRejection = eTrel_ClockRejection_None;
+  std::int64_t accepted = 0; ///< measurements taken
+  std::int64_t rejectedNotVouchedFor = 0;
+  std::int64_t rejectedRoundTripTooLong = 0;
+  ETrel_ClockRejection lastRejection = eTrel_ClockRejection_None;
 
-  std::int64_t mJumps = 0;    ///< of one clock against the other, which no delay in the network explains
-  std::int64_t mLastJump = 0; ///< how far the local clock jumped ahead; a jump of the master's back looks the same
+  std::int64_t jumps = 0;    ///< of one clock against the other, which no delay in the network explains
+  std::int64_t lastJump = 0; ///< how far the local clock jumped ahead; a jump of the master's back looks the same
 
   /// State and reason in words, for logs and displays; never null. Thread-safe and real-time-safe.
   const char* GetStateText() const;

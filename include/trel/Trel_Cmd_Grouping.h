@@ -17,7 +17,9 @@ class TREL_EXPORT Trel_Cmd_UpdateGrouping : public Trel_DescribedCommand<Trel_Cm
   TREL_FIELD_WITHOUT_ACCESSORS(Grid, System, "grid of 4 rows by 4 columns, row by row; 0 on the wire")
   static constexpr Trel_Payload kCommand{kSystem};
 
-  /// Sets a place of the grid; one outside is ignored. Group n has the row n - 1, eTrel_Group_All has none.
+  /// Sets a place of the grid; one outside is ignored. Mind the type of the first argument: a number is the row, 0..3;
+  /// an enumerator is a group, and group n has the row n - 1. So `1` and `eTrel_Group_1` are different rows, and
+  /// eTrel_Group_All has none.
   void SetSystem(std::size_t row, std::size_t column, std::uint32_t system);
   void SetSystem(ETrel_Group group, std::size_t column, std::uint32_t system);
   /// Gets a place of the grid; 0 outside.

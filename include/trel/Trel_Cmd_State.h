@@ -19,11 +19,7 @@ class TREL_EXPORT Trel_Cmd_SendState : public Trel_DescribedCommand<Trel_Cmd_Sen
   explicit Trel_Cmd_SendState(ETrel_State state) : mState(state) {}
 
   /// The state's name for 0..6; nothing for other values, eTrel_State_FFRew among them.
-  void GetSendDebugInfo(std::ostream& out) const override {
-    if (mState >= eTrel_State_Stopping && mState <= eTrel_State_Play) {
-      out << ETrel_State_String[mState];
-    }
-  }
+  void GetSendDebugInfo(std::ostream& out) const override;
 };
 
 /// Reports whether a satellite can be linked, and is.

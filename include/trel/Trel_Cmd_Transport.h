@@ -2,7 +2,8 @@
 
 #include <trel/Trel_DescribedCommand.h>
 
-/// Commands that move the transport. All times are microseconds; those called running time are on the master's scale.
+/// Commands that move the transport. Running times are microseconds on the master's scale. Timeline positions and
+/// speeds are in units of the host, which the link carries unchanged.
 
 /// Asks a system to get ready to play a range.
 class TREL_EXPORT Trel_Cmd_Prime : public Trel_DescribedCommand<Trel_Cmd_Prime> {
@@ -46,12 +47,12 @@ class TREL_EXPORT Trel_Cmd_GetStartDelay : public Trel_DescribedCommand<Trel_Cmd
   TREL_REPLY_FIELD(Trel_U32, StartDelay, "time from start command to playback, us")
 };
 
-/// Reports when playback began.
+/// Reports when playback began, in running time.
 class TREL_EXPORT Trel_Cmd_ReportPlayStartData : public Trel_DescribedCommand<Trel_Cmd_ReportPlayStartData> {
   TREL_COMMAND(ReportPlayStartData, .synchronous = false)
-  TREL_FIELD(Trel_I64, AudioPlayStartTimestamp, "actual start of audio, us")
-  TREL_FIELD(Trel_I64, VideoPlayStartTimestamp, "actual start of video, us")
-  TREL_FIELD(Trel_I64, FrameEdgeTimestamp, "a frame edge, us")
+  TREL_FIELD(Trel_I64, AudioPlayStartTimestamp, "running time of the actual start of audio, us")
+  TREL_FIELD(Trel_I64, VideoPlayStartTimestamp, "running time of the actual start of video, us")
+  TREL_FIELD(Trel_I64, FrameEdgeTimestamp, "running time of a frame edge, us")
   static constexpr Trel_Payload kCommand{kAudioPlayStartTimestamp, kVideoPlayStartTimestamp, kFrameEdgeTimestamp};
 
   Trel_Cmd_ReportPlayStartData(std::int64_t audioPlayStart, std::int64_t videoPlayStart, std::int64_t frameEdge)

@@ -8,14 +8,16 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <span>
 #include <string>
+#include <vector>
 
 /// The host's door to the link engine: start and stop, connections, commands, roles and limits.
 ///
 /// The one engine object behind it is created on first use and lives until Terminate; what is set before Initialize
 /// (roles, names, identifier, host-pumped delivery, command log, byte tap) holds for it, and is gone with it. A call
 /// that is under way on another thread while Terminate runs ends in good order. Unloading the library terminates the
-/// engine.
+/// engine, and so does the end of the process; not on Windows, where a host must call Terminate.
 ///
 /// Unless they say otherwise the operations are thread-safe, do what TCPE_CommManager's operation of the same name
 /// does, and, not initialised, behave as described there. None is real-time-safe: each takes a short lock, and the
@@ -44,9 +46,14 @@ public:
   static bool Disconnect(std::uint32_t address);
   static bool IsConnected(std::uint32_t address);
   static std::set<std::uint32_t> GetConnectedAddresses();
+  static std::uint64_t GetPeerInstance(std::uint32_t address);
+  static std::uint64_t GetConnection(std::uint32_t address);
 
   /// The command stays the caller's. Blocks for one round trip when the command is synchronous.
   static void SendCommand(TCPE_Command* command);
+  /// One command to several systems; a synchronous one waits once for all replies. See TCPE_CommManager.
+  static std::vector<TCPE_CommErr> SendCommandToAll(TCPE_Command* command, std::span<const std::uint32_t> addresses,
+                                                    const TCPE_CommManager::ReplyProc& onReply = nullptr);
   static TCPE_Command* TakeCommand();
   static void DisposeCommand(TCPE_Command* command);
   static void PreProcessConnectionCommands(TCPE_Command* command);
@@ -78,9 +85,9 @@ public:
   static void SetIsMasterClock(bool isMasterClock);
   static ETCPE_SystemType GetSystemType();
   static void SetSystemType(ETCPE_SystemType type);
-  /// The text stays valid until the name is set again or the engine is terminated.
+  /// The text stays valid until this thread asks again or the engine is terminated.
   static const char* GetSystemName();
-  /// At most 29 characters; a longer name is cut.
+  /// At most 29 characters; a longer name is cut. A command that carries one says "Unknown System Name" in its place.
   static void SetSystemName(const char* name);
   static std::int32_t GetUniqueID();
   static void SetUniqueID(std::int32_t identifier);

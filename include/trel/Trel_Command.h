@@ -1,11 +1,12 @@
 #pragma once
 
 #include <trel/TCPE_Command.h>
-#include <trel/Trel_CommandDescription.h>
 #include <trel/Trel_Export.h>
 #include <trel/Trel_Identifiers.h>
 
 #include <cstdint>
+
+struct Trel_CommandDescription;
 
 /// Base of all link commands: numbering, validation, handler and data tables, factory.
 ///
@@ -15,7 +16,7 @@
 class TREL_EXPORT Trel_Command : public TCPE_Command {
 public:
   /// Handles one received command; runs on a handler thread of the engine, or on the host's own when it pumps. What it
-  /// throws is discarded. The command is gone when it returns.
+  /// throws goes no further and is reported (see TCPE_CommManager). The command is gone when it returns.
   using DoItProc = void (*)(TCPE_Command* command);
 
   /// Slots of both tables: types 0..80 in the current numbering, -6..76 (plus 6) in the legacy one.
@@ -24,7 +25,7 @@ public:
   static constexpr std::uint32_t kMaxCommandSize = 616;
 
   /// `revision` is the payload revision of the class.
-  Trel_Command(std::int32_t identifier, std::uint8_t revision);
+  Trel_Command(Trel_eCmd identifier, std::uint8_t revision);
   Trel_Command(const Trel_Command& other);
   Trel_Command& operator=(const Trel_Command& other);
   ~Trel_Command() override;
@@ -34,7 +35,7 @@ public:
   std::int32_t GetMaxNumberCommands() const override;
   /// The handler registered for an identifier, which is taken as it is, without translation; one out of range reads the
   /// slot of identifier 0.
-  virtual DoItProc GetDoItCommand(std::int32_t identifier) const;
+  virtual DoItProc GetDoItCommand(Trel_eCmd identifier) const;
   /// The datum in the slot of this command's own type; a type out of range reads the slot of identifier 0.
   virtual void* GetAppDataPtr() const;
   /// What the class is, field by field; null in the base.
@@ -53,13 +54,16 @@ public:
   static std::uint8_t GetCurrentProtocolMinorVersion();
   static std::uint32_t GetMaxCommandSize();
 
-  /// Calls the handler registered for the command's type; without one nothing happens.
+  /// Calls the handler registered for the command's type; without one, and for null, nothing happens.
   static void DoIt(TCPE_Command* command);
   /// Whether DoIt would find a handler.
   static bool HasHandler(const TCPE_Command* command);
-  /// Registers a handler, or removes it with null. An identifier out of range is ignored.
+  /// Registers a handler, or removes it with null. The identifier is one of the numbering in force, as the class's
+  /// GetCommandID() gives it: `eTrel_Cmd_<Name>` is right in the current numbering alone. One out of range is ignored
+  /// on purpose: no such command is ever received (ConnectionFailed in the current numbering).
   static void SetDoItCommand(std::int32_t identifier, DoItProc handler);
-  /// Stores a datum for a command; the identifier is not translated. Out of range is ignored.
+  /// Stores a datum for a command, by an identifier of the numbering in force, which is not translated: in the legacy
+  /// one the commands of the engine (1, 2, 3, 18, 19, 27) do not find it. Out of range is ignored on purpose.
   static void SetAppDataPtr(std::int32_t identifier, void* datum);
 
   /// Builds the command class of an identifier of the numbering in force in `block`, which is aligned for any type and

@@ -1,19 +1,11 @@
 #pragma once
 
+#include <trel/Trel_DescribedCommand.h>
 #include <trel/Trel_FieldValue.h>
-#include <trel/Trel_Identifiers.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
-
-class Trel_Command;
-
-/// How a field is encoded in a payload.
-enum class Trel_FieldKind : std::uint8_t { i64, i32, u32, u8, boolean, ipv4, port, string, list };
-
-/// In which numbering a field, or a command, exists.
-enum class Trel_Numbering : std::uint8_t { both, current, legacy };
 
 /// How to reach a field in a command of its class. Nothing is checked here: see Trel_CommandCatalogue.
 struct Trel_FieldAccess {
@@ -36,15 +28,6 @@ struct Trel_FieldDescription {
   /// What one entry of a list is made of, in wire order. A list is a count, i32, and that many entries.
   const Trel_FieldDescription* entry;
   std::size_t entryFields;
-};
-
-/// What is particular to a command class, beside its fields.
-struct Trel_CommandTraits {
-  std::uint8_t revision = 0; ///< payload revision of the frames that this class is sent in
-  bool synchronous = false;  ///< the sender waits for a reply
-  bool logged = true;
-  bool currentOnly = false; ///< exists in the current numbering alone
-  bool numbered = true;     ///< false: the constructor sets no type, the engine does when it sends
 };
 
 /// A command class as it is compiled in.

@@ -20,8 +20,9 @@ enum ETrel_ClockWait : std::int32_t {
 ///
 /// All times are signed microseconds. Every operation may be called from any thread. GetRunningTime, GetHostTime and
 /// IsLocked are wait-free and real-time-safe once the manager is initialised; the others take a lock and may allocate.
-/// The engine initialises the manager; an operation that needs it before that, or after Terminate, initialises it first
-/// (which takes the lock, allocates and clears the latency maximum).
+/// The engine initialises the manager; before that, or after Terminate, whatever changes the measurements initialises
+/// it first (which allocates and clears the latency maximum), and the three queries answer as without a measurement,
+/// take the lock and clear the latency maximum.
 class TREL_EXPORT Trel_CorrelatedClockMgr {
 public:
   Trel_CorrelatedClockMgr() = delete;
@@ -64,7 +65,7 @@ public:
   /// is no clock and nothing is initialised. The system that supplies the master clock has no measurements either.
   static Trel_ClockStatus GetStatus(std::int64_t hostTime = Sys_Clock::Microseconds());
 
-  /// How wrong GetRunningTime for this host time may be, as Trel_ClockStatus::mErrorBound says. The same call for
+  /// How wrong GetRunningTime for this host time may be, as Trel_ClockStatus::errorBound says. The same call for
   /// the host time of an agreed start tells how well the systems will start together, as far as is known by now.
   /// Trel_ClockStatus::kNoErrorBound when the clock is not locked or not initialised. Not real-time-safe.
   static std::int64_t GetErrorBound(std::int64_t hostTime);

@@ -1,14 +1,23 @@
 #pragma once
 
 #include <trel/Trel_Command.h>
+#include <trel/Trel_Export.h>
 #include <trel/Trel_Field.h>
 
-#include <cstddef>
-#include <ostream>
-#include <tuple>
-#include <type_traits>
+#include <cstdint>
+#include <iosfwd>
 
-/// Makes a command class from its description: name, identifiers, payload hooks and debug text.
+/// What is particular to a command class, beside its fields.
+struct Trel_CommandTraits {
+  std::uint8_t revision = 0; ///< payload revision of the frames that this class is sent in
+  bool synchronous = false;  ///< the sender waits for a reply
+  bool logged = true;
+  bool currentOnly = false; ///< exists in the current numbering alone
+  bool numbered = true;     ///< false: the constructor sets no type, the engine does when it sends
+};
+
+/// Makes a command class from its description: name, identifiers, payload hooks and debug text. All of that stands in
+/// the library, so that what travels is as the library has it, and not as it was when a host was compiled.
 ///
 /// `Derived` states TREL_COMMAND, and its fields: one that is a whole payload with TREL_COMMAND_FIELD or
 /// TREL_REPLY_FIELD, others with TREL_FIELD, and then the payloads that they make up as `kCommand` and `kReply`:
@@ -25,7 +34,7 @@
 ///       static constexpr Trel_Payload kReply{kStart, kLength};
 ///     };
 template <class Derived>
-class Trel_DescribedCommand : public Trel_Command {
+class TREL_EXPORT Trel_DescribedCommand : public Trel_Command {
 public:
   using Self = Derived;
 
@@ -33,97 +42,28 @@ public:
   static constexpr Trel_Payload<> kReply{};
 
   /// The class's identifier in the numbering in force, asked anew at each call.
-  static Trel_eCmd GetCommandID() {
-    return IsCurrentNumbering() ? Derived::kIdentifiers.current : Derived::kIdentifiers.legacy;
-  }
+  static Trel_eCmd GetCommandID();
 
-  const char* GetCommandName() const override { return Derived::kIdentifiers.name; }
-  bool IsSynchronous() const override { return Derived::kTraits.synchronous; }
-  bool DontLogCommand() const override { return !Derived::kTraits.logged; }
-  void PrepareTransmitCommand(char** cursor) override { Write<Derived::kCommand>(cursor); }
-  void PrepareReceiveCommand(char** cursor) override { Read<Derived::kCommand>(cursor); }
-  void PrepareTransmitReply(char** cursor) override { Write<Derived::kReply>(cursor); }
-  void PrepareReceiveReply(char** cursor) override { Read<Derived::kReply>(cursor); }
-  void GetSendDebugInfo(std::ostream& out) const override { Print<Derived::kCommand>(out); }
-  void GetReplyDebugInfo(std::ostream& out) const override { Print<Derived::kReply>(out); }
+  const char* GetCommandName() const override;
+  bool IsSynchronous() const override;
+  bool DontLogCommand() const override;
+  void PrepareTransmitCommand(char** cursor) override;
+  void PrepareReceiveCommand(char** cursor) override;
+  void PrepareTransmitReply(char** cursor) override;
+  void PrepareReceiveReply(char** cursor) override;
+  void GetSendDebugInfo(std::ostream& out) const override;
+  void GetReplyDebugInfo(std::ostream& out) const override;
 
-  const Trel_CommandDescription* GetDescription() const override { return &Describe(); }
-  static const Trel_CommandDescription& Describe() {
-    static constexpr auto command = DescribePayload<Derived::kCommand>();
-    static constexpr auto reply = DescribePayload<Derived::kReply>();
-    static constexpr Trel_CommandDescription description{Derived::kIdentifiers, Derived::kTraits, command, reply};
-    return description;
-  }
+  const Trel_CommandDescription* GetDescription() const override;
+  static const Trel_CommandDescription& Describe();
 
 protected:
-  Trel_DescribedCommand()
-      : Trel_Command(Derived::kTraits.currentOnly || !Derived::kTraits.numbered ? eTrel_Cmd_Invalid
-                                                                                : Derived::kIdentifiers.legacy,
-                     Derived::kTraits.revision) {
-    if (Derived::kTraits.numbered && (Derived::kTraits.currentOnly || IsCurrentNumbering())) {
-      SetCommandType(Derived::kIdentifiers.current);
-    }
-  }
-
-  template <const auto& Payload>
-  void Write(char** cursor) {
-    char* position = *cursor;
-    ForEachInForce<Payload>([&](const auto& field) { field.Write(*this, ThisDerived(), &position); });
-    *cursor = position;
-  }
-  template <const auto& Payload>
-  void Read(char** cursor) {
-    char* position = *cursor;
-    ForEachInForce<Payload>([&](const auto& field) {
-      if (GetReceivedRevision() >= field.since) {
-        field.Read(*this, ThisDerived(), &position);
-      } else if constexpr (requires { field.otherwise; }) {
-        std::remove_cvref_t<decltype(field)>::Codec::Set(ThisDerived().*field.member, field.otherwise);
-      }
-    });
-    *cursor = position;
-  }
-  template <const auto& Payload>
-  void Print(std::ostream& out) const {
-    const char* separator = "";
-    ForEachInForce<Payload>([&](const auto& field) {
-      field.Print(static_cast<const Derived&>(*this), out << separator);
-      separator = " ";
-    });
-  }
-
-private:
-  template <const auto& Payload>
-  static constexpr auto DescribePayload() {
-    return Payload.Describe([]<std::size_t Index>(std::integral_constant<std::size_t, Index>) {
-      return Trel_FieldAccess{&GetGeneral<Payload, Index>, &SetGeneral<Payload, Index>};
-    });
-  }
-  template <const auto& Payload, std::size_t Index>
-  static Trel_FieldValue GetGeneral(const Trel_Command& command, std::size_t element) {
-    return std::get<Index>(Payload.fields).GetGeneral(static_cast<const Derived&>(command), element);
-  }
-  template <const auto& Payload, std::size_t Index>
-  static bool SetGeneral(Trel_Command& command, std::size_t element, const Trel_FieldValue& value) {
-    return std::get<Index>(Payload.fields).SetGeneral(static_cast<Derived&>(command), element, value);
-  }
-
-  Derived& ThisDerived() { return static_cast<Derived&>(*this); }
-
-  template <const auto& Payload, class Action>
-  static void ForEachInForce(Action action) {
-    [[maybe_unused]] Trel_Numbering other = Trel_Numbering::legacy;
-    if constexpr (Payload.DependsOnNumbering()) {
-      other = IsCurrentNumbering() ? Trel_Numbering::legacy : Trel_Numbering::current;
-    }
-    [[maybe_unused]] const auto visit = [&](const auto& field) {
-      if (field.numbering == Trel_Numbering::both || field.numbering != other) {
-        action(field);
-      }
-    };
-    Payload.ForEach(visit);
-  }
+  Trel_DescribedCommand();
 };
+
+#define TREL_ROW(Name, Current, Legacy) extern template class Trel_DescribedCommand<class Trel_Cmd_##Name>;
+TREL_COMMAND_TABLE(TREL_ROW)
+#undef TREL_ROW
 
 /// Names the class and says what is particular to it, as designated initialisers of Trel_CommandTraits.
 #define TREL_COMMAND(Name, ...)                                                                                        \
@@ -131,4 +71,9 @@ public:                                                                         
   static constexpr Trel_CommandIdentifiers kIdentifiers = Trel_Identifiers::Name;                                      \
   static constexpr Trel_CommandTraits kTraits{__VA_ARGS__};                                                            \
   /** Numbers 0, flags false, texts empty. */                                                                          \
-  Trel_Cmd_##Name() = default;
+  Trel_Cmd_##Name() = default;                                                                                         \
+  Trel_Cmd_##Name(const Trel_Cmd_##Name& other) = default;                                                             \
+  Trel_Cmd_##Name(Trel_Cmd_##Name&& other) = default;                                                                  \
+  Trel_Cmd_##Name& operator=(const Trel_Cmd_##Name& other) = default;                                                  \
+  Trel_Cmd_##Name& operator=(Trel_Cmd_##Name&& other) = default;                                                       \
+  ~Trel_Cmd_##Name() override;

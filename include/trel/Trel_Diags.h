@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-/// When one system began to play, as Trel_Cmd_ReportPlayStartData tells it. Microseconds, on whatever scale the
-/// reporting systems share.
+/// When one system began to play, as Trel_Cmd_ReportPlayStartData tells it: running times, microseconds.
 struct PlayStartData_t {
   std::int64_t mAudioPlayStart;
   std::int64_t mVideoPlayStart;

@@ -84,7 +84,9 @@
   ROW(GetIsMasterClock, 80, 80)                                                                                        \
   ROW(ConnectionFailed, 666, 51)
 
-/// Command identifiers: `eTrel_Cmd_<Name>` in the current numbering, `eTrel_LegacyCmd_<Name>` in the legacy one.
+/// Command identifiers: `eTrel_Cmd_<Name>` in the current numbering, `eTrel_LegacyCmd_<Name>` in the legacy one, where
+/// the same number is another command. Whoever registers handlers or compares types uses what the class's
+/// GetCommandID() answers, the identifier of the numbering in force, and none of these constants.
 enum Trel_eCmd : std::int32_t {
   eTrel_Cmd_Invalid = 0,
 #define TREL_ROW(Name, Current, Legacy) eTrel_Cmd_##Name = (Current), eTrel_LegacyCmd_##Name = (Legacy),

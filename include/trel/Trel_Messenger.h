@@ -109,7 +109,7 @@ public:
   static void StopPlayback(std::uint32_t address);
   /// Asks how long a system takes from the start command to playback, us; waits.
   static void GetStartDelay(std::uint32_t* startDelay, std::uint32_t address);
-  /// Reports when playback began; three times in us.
+  /// Reports when playback began: three running times, us.
   static void ReportPlayStartData(std::int64_t audioPlayStartTimestamp, std::int64_t videoPlayStartTimestamp,
                                   std::int64_t frameEdgeTimestamp, std::uint32_t address);
   /// Asks for the range that a system is set to play; waits. Writes all seven targets or none.

@@ -2,6 +2,8 @@
 
 #include <trel/TCPE_CommManager.h>
 
+#include <mutex>
+
 /// The communication engine as the link uses it: default ports, admission, and the commands that the link answers
 /// itself. Trel_CommManager owns the one of the host; another one in the same process is a system of its own, but
 /// shares the satellite limits and the clock with it.
@@ -30,4 +32,16 @@ public:
   bool AllowConnect(std::uint32_t address) override;
   /// As the engine's answer; a master that has the number of satellites that it admits has no room either.
   bool IsAvailable() override;
+  /// Empties the clock correlation when it comes from another instance of the system at this address or, this one being
+  /// a master, from another system that is not connected any more: nobody's start may be made by its running time.
+  void PeerConnected(std::uint32_t address, std::uint64_t instance, ETCPE_SystemType type) override;
+
+private:
+  struct Instance {
+    std::uint32_t mAddress = 0;
+    std::uint64_t mNumber = 0;
+    bool operator==(const Instance&) const = default;
+  };
+  std::mutex mClockMutex;
+  Instance mClockSupplier; // who sent the last timing command; guarded
 };

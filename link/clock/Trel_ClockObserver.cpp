@@ -27,8 +27,8 @@ std::int64_t ToBound(double bound) {
 
 void Trel_ClockObserver::RunningTimeArrived(std::int64_t hostTime) {
   if (mAwaitsVoucher) {
-    ++mCounts.mRejectedNotVouchedFor;
-    mCounts.mLastRejection = eTrel_ClockRejection_NotVouchedFor;
+    ++mCounts.rejectedNotVouchedFor;
+    mCounts.lastRejection = eTrel_ClockRejection_NotVouchedFor;
     mSinceNewest = eTrel_ClockReason_NotVouchedFor;
   }
   mAwaitsVoucher = true;
@@ -37,15 +37,15 @@ void Trel_ClockObserver::RunningTimeArrived(std::int64_t hostTime) {
 
 void Trel_ClockObserver::RoundTripTooLong(std::int64_t roundTripTime, std::int64_t limit) {
   RoundTripAccepted(roundTripTime, limit);
-  ++mCounts.mRejectedRoundTripTooLong;
-  mCounts.mLastRejection = eTrel_ClockRejection_RoundTripTooLong;
+  ++mCounts.rejectedRoundTripTooLong;
+  mCounts.lastRejection = eTrel_ClockRejection_RoundTripTooLong;
   mSinceNewest = eTrel_ClockReason_RoundTripsTooLong;
 }
 
 void Trel_ClockObserver::RoundTripAccepted(std::int64_t roundTripTime, std::int64_t limit) {
   mAwaitsVoucher = false;
-  mCounts.mLastRoundTrip = roundTripTime;
-  mCounts.mRoundTripLimit = limit;
+  mCounts.lastRoundTrip = roundTripTime;
+  mCounts.roundTripLimit = limit;
 }
 
 void Trel_ClockObserver::MeasurementAdded(std::int64_t hostTime, std::int64_t runningTime,
@@ -64,13 +64,13 @@ void Trel_ClockObserver::MeasurementAdded(std::int64_t hostTime, std::int64_t ru
   FitErrorBound();
 
   mWasLocked = line.mIsCorrelated;
-  mState.Add({.mHostTime = hostTime,
-              .mErrorBoundBefore = errorBoundBefore,
-              .mErrorBound = GetErrorBound(hostTime),
-              .mMeasurements = static_cast<std::int64_t>(WindowSize()),
-              .mIsLocked = line.mIsCorrelated,
-              .mHoldsJump = mHasJumped && mSinceJump < WindowSize()});
-  ++mCounts.mAccepted;
+  mState.Add({.hostTime = hostTime,
+              .errorBoundBefore = errorBoundBefore,
+              .errorBound = GetErrorBound(hostTime),
+              .measurements = static_cast<std::int64_t>(WindowSize()),
+              .isLocked = line.mIsCorrelated,
+              .holdsJump = mHasJumped && mSinceJump < WindowSize()});
+  ++mCounts.accepted;
   mSinceNewest = eTrel_ClockReason_NoExchange;
 }
 
@@ -85,26 +85,26 @@ void Trel_ClockObserver::Reset() {
 
 Trel_ClockStatus Trel_ClockObserver::GetStatus(std::int64_t hostTime, const Line& line) const {
   Trel_ClockStatus status = mCounts;
-  status.mHostTime = hostTime;
-  status.mIsLocked = line.mIsCorrelated;
-  status.mErrorBound = GetErrorBound(hostTime);
-  const Trel_ClockState::Verdict verdict = mState.At(hostTime, status.mErrorBound);
-  status.mState = verdict.mState;
-  status.mReason = verdict.mReason;
-  if (verdict.mReason == eTrel_ClockReason_NoExchange && mLastArrival &&
+  status.hostTime = hostTime;
+  status.isLocked = line.mIsCorrelated;
+  status.errorBound = GetErrorBound(hostTime);
+  const Trel_ClockState::Verdict verdict = mState.At(hostTime, status.errorBound);
+  status.state = verdict.state;
+  status.reason = verdict.reason;
+  if (verdict.reason == eTrel_ClockReason_NoExchange && mLastArrival &&
       Trel_ClockState::Age(*mLastArrival, hostTime) <= Trel_ClockState::kAgeOfLoss) {
-    status.mReason = mSinceNewest;
+    status.reason = mSinceNewest;
   }
   if (mRecords.empty()) {
     return status;
   }
-  status.mOffset = static_cast<double>(hostTime) * (1.0 - line.mSlope) - line.mOffset;
-  status.mRate = (1.0 / line.mSlope - 1.0) * 1e6;
-  status.mMeasurements = static_cast<std::int64_t>(WindowSize());
-  status.mSpan = Trel_ClockState::Age(mRecords[mRecords.size() - WindowSize()].mHostTime, mRecords.back().mHostTime);
-  status.mAge = Trel_ClockState::Age(mRecords.back().mHostTime, hostTime);
-  status.mResidualDeviation = mErrorBound.ResidualDeviation();
-  status.mSmallestRoundTrip = SmallestRoundTrip();
+  status.offset = static_cast<double>(hostTime) * (1.0 - line.mSlope) - line.mOffset;
+  status.rate = (1.0 / line.mSlope - 1.0) * 1e6;
+  status.measurements = static_cast<std::int64_t>(WindowSize());
+  status.span = Trel_ClockState::Age(mRecords[mRecords.size() - WindowSize()].mHostTime, mRecords.back().mHostTime);
+  status.age = Trel_ClockState::Age(mRecords.back().mHostTime, hostTime);
+  status.residualDeviation = mErrorBound.ResidualDeviation();
+  status.smallestRoundTrip = SmallestRoundTrip();
   return status;
 }
 
@@ -139,8 +139,8 @@ void Trel_ClockObserver::FindJump(const Record& record) {
   if (!(std::abs(jump) > explained)) {
     return;
   }
-  ++mCounts.mJumps;
-  mCounts.mLastJump = std::abs(jump) < kLargestBound ? std::llround(jump) : 0;
+  ++mCounts.jumps;
+  mCounts.lastJump = std::abs(jump) < kLargestBound ? std::llround(jump) : 0;
   mHasJumped = true;
   mSinceJump = 0;
   for (Record& before : mRecords) {

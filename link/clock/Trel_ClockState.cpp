@@ -10,42 +10,42 @@ std::int64_t Trel_ClockState::Age(std::int64_t from, std::int64_t to) {
 }
 
 void Trel_ClockState::Add(const Measurement& measurement) {
-  if (At(measurement.mHostTime, measurement.mErrorBoundBefore).mState == eTrel_ClockState_Lost) {
+  if (At(measurement.hostTime, measurement.errorBoundBefore).state == eTrel_ClockState_Lost) {
     mSinceLoss = 0;
   }
   ++mSinceLoss;
-  mNewest = measurement.mHostTime;
+  mNewest = measurement.hostTime;
   mVerdict = Judge(measurement);
 }
 
 Trel_ClockState::Verdict Trel_ClockState::At(std::int64_t hostTime, std::int64_t errorBound) const {
-  if (mVerdict.mState == eTrel_ClockState_NoClock) {
+  if (mVerdict.state == eTrel_ClockState_NoClock) {
     return mVerdict;
   }
   if (Age(mNewest, hostTime) > kAgeOfLoss) {
     return {eTrel_ClockState_Lost, eTrel_ClockReason_NoExchange};
   }
-  if (mVerdict.mState == eTrel_ClockState_Stable && errorBound > kLargeError) {
+  if (mVerdict.state == eTrel_ClockState_Stable && errorBound > kLargeError) {
     return {eTrel_ClockState_Locked, eTrel_ClockReason_ErrorTooLarge};
   }
   return mVerdict;
 }
 
 Trel_ClockState::Verdict Trel_ClockState::Judge(const Measurement& measurement) {
-  const std::int64_t errorBound = std::max(measurement.mErrorBoundBefore, measurement.mErrorBound);
-  const bool wasStable = mVerdict.mState == eTrel_ClockState_Stable;
+  const std::int64_t errorBound = std::max(measurement.errorBoundBefore, measurement.errorBound);
+  const bool wasStable = mVerdict.state == eTrel_ClockState_Stable;
   const bool isStable = wasStable && errorBound <= kLargeError;
-  mSmallInARow = measurement.mErrorBound <= kSmallError && (!wasStable || isStable) ? mSmallInARow + 1 : 0;
+  mSmallInARow = measurement.errorBound <= kSmallError && (!wasStable || isStable) ? mSmallInARow + 1 : 0;
 
-  if (measurement.mHoldsJump) {
+  if (measurement.holdsJump) {
     mSmallInARow = 0;
     return {eTrel_ClockState_Acquiring, eTrel_ClockReason_ClockJumped};
   }
-  if (!measurement.mIsLocked) {
-    const bool wasLocked = mVerdict.mState >= eTrel_ClockState_Locked;
+  if (!measurement.isLocked) {
+    const bool wasLocked = mVerdict.state >= eTrel_ClockState_Locked;
     return {wasLocked ? eTrel_ClockState_Lost : eTrel_ClockState_Acquiring,
-            measurement.mMeasurements < kMeasurementsToLock ? eTrel_ClockReason_TooFewMeasurements
-                                                            : eTrel_ClockReason_NotOnALine};
+            measurement.measurements < kMeasurementsToLock ? eTrel_ClockReason_TooFewMeasurements
+                                                           : eTrel_ClockReason_NotOnALine};
   }
   if (mSinceLoss < kMeasurementsToLock) {
     return {eTrel_ClockState_Acquiring, eTrel_ClockReason_TooFewMeasurements};

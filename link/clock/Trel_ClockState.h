@@ -18,18 +18,18 @@ public:
 
   /// What is known after one more measurement.
   struct Measurement {
-    std::int64_t mHostTime;
-    std::int64_t mErrorBoundBefore; ///< at its host time, just before it was taken
-    std::int64_t mErrorBound;       ///< at its host time, now
-    std::int64_t mMeasurements;     ///< in the window
-    bool mIsLocked;
-    bool mHoldsJump; ///< the window does
+    std::int64_t hostTime;
+    std::int64_t errorBoundBefore; ///< at its host time, just before it was taken
+    std::int64_t errorBound;       ///< at its host time, now
+    std::int64_t measurements;     ///< in the window
+    bool isLocked;
+    bool holdsJump; ///< the window does
   };
 
   /// A loss for want of measurements has the reason eTrel_ClockReason_NoExchange; who knows what came instead says it.
   struct Verdict {
-    ETrel_ClockState mState = eTrel_ClockState_NoClock;
-    ETrel_ClockReason mReason = eTrel_ClockReason_NoExchange;
+    ETrel_ClockState state = eTrel_ClockState_NoClock;
+    ETrel_ClockReason reason = eTrel_ClockReason_NoExchange;
   };
 
   /// From one host time to another; 0 when that is not later.

@@ -1,7 +1,7 @@
 #include <trel/Trel_ClockStatus.h>
 
 const char* Trel_ClockStatus::GetStateText() const {
-  switch (mState) {
+  switch (state) {
   case eTrel_ClockState_NoClock:
     return "no clock";
   case eTrel_ClockState_Acquiring:
@@ -17,7 +17,7 @@ const char* Trel_ClockStatus::GetStateText() const {
 }
 
 const char* Trel_ClockStatus::GetReasonText() const {
-  switch (mReason) {
+  switch (reason) {
   case eTrel_ClockReason_NoExchange:
     return "no running time comes from the master";
   case eTrel_ClockReason_NotVouchedFor:

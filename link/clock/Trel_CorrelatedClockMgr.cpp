@@ -81,18 +81,24 @@ void AddMeasurementLocked(State& state, std::int64_t runningTime, std::int64_t h
 
 Trel_ClockStatus StatusLocked(State& state, std::int64_t hostTime) {
   if (!state.mLinearCorrelator) {
-    return {.mHostTime = hostTime};
+    return {.hostTime = hostTime};
   }
   return state.mObserver.GetStatus(hostTime, state.mLinearCorrelator->GetLine());
 }
 
+// Without a correlator a query has the effects that making one has on its results, but makes none: whoever waits for
+// the lock of a terminated manager would wait for nothing.
 Trel_LinearCorrelator::Line LineInForce() {
   if (const auto line = sPublishedLine.Read()) {
     return *line;
   }
   State& state = TheState();
   const std::lock_guard lock(state.mMutex);
-  return CorrelatorLocked(state).GetLine();
+  if (state.mLinearCorrelator) {
+    return state.mLinearCorrelator->GetLine();
+  }
+  sMaxNetworkLatencyForNonMaster.store(0, std::memory_order_relaxed);
+  return {};
 }
 
 std::int64_t RoundTripLimitLocked(const State& state) {
@@ -242,8 +248,8 @@ ETrel_ClockWait Trel_CorrelatedClockMgr::WaitUntilLocked(std::int64_t maxErrorBo
       return true;
     }
     const Trel_ClockStatus status = StatusLocked(state, Sys_Clock::Microseconds());
-    const bool isLocked = status.mState == eTrel_ClockState_Locked || status.mState == eTrel_ClockState_Stable;
-    if (isLocked && status.mErrorBound < maxErrorBound) {
+    const bool isLocked = status.state == eTrel_ClockState_Locked || status.state == eTrel_ClockState_Stable;
+    if (isLocked && status.errorBound < maxErrorBound) {
       result = eTrel_ClockWait_Locked;
     }
     return result == eTrel_ClockWait_Locked;

@@ -70,6 +70,7 @@ void Trel_Trace::Bind(const Resolver& resolve) {
   }
   mFacilityOn = reinterpret_cast<FacilityOnFunc>(functions[kFacilityOn]);
   mFormat = reinterpret_cast<FormatFunc>(functions[kFormat]);
-  const int answer = reinterpret_cast<IsActiveFunc>(functions[kIsActive])();
+  const int answer =
+      Cmn_HostCall::Ask(Cmn_HostCall::Kind::trace, 0, reinterpret_cast<IsActiveFunc>(functions[kIsActive]));
   mUsable.store((static_cast<unsigned>(answer) & 0xffU) != 0, std::memory_order_release);
 }

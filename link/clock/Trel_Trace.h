@@ -1,5 +1,6 @@
 #pragma once
 
+#include "foundation/Cmn_HostCall.h"
 #include "foundation/Sys_DynamicLibrary.h"
 
 #include <atomic>
@@ -29,8 +30,12 @@ public:
   /// thread, so call it outside every lock. Arguments that cost something are guarded by IsUsable().
   template <class... Arguments>
   static void Line(const char* format, Arguments... arguments) {
-    if (IsUsable() && mFacilityOn(kCategory)) {
-      mFormat(kCategory, format, arguments...);
+    if (IsUsable()) {
+      Cmn_HostCall::Run(Cmn_HostCall::Kind::trace, [&] {
+        if (mFacilityOn(kCategory)) {
+          mFormat(kCategory, format, arguments...);
+        }
+      });
     }
   }
 

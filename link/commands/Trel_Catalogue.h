@@ -1,6 +1,6 @@
 #pragma once
 
-#include <trel/Trel_Command.h>
+#include <trel/Trel_CommandDescription.h>
 
 #include <memory>
 #include <span>

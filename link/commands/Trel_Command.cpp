@@ -2,6 +2,7 @@
 #include <trel/Trel_CommManager.h>
 #include <trel/Trel_Command.h>
 
+#include "foundation/Cmn_HostCall.h"
 #include "link/commands/Trel_Catalogue.h"
 
 #include <atomic>
@@ -32,6 +33,9 @@ Pointer Exchange(Pointer& slot, Pointer value) {
 }
 
 Trel_Command::DoItProc FindHandler(const TCPE_Command* command) {
+  if (command == nullptr) {
+    return nullptr;
+  }
   const std::int32_t type = Trel_Command::GetTCPECommandType(command->GetCommandType());
   const TypeRange range = TypeRange::InForce();
   return range.Contains(type) ? Load(Trel_Command::mDoItProcPtrArray[range.Slot(type)]) : nullptr;
@@ -47,7 +51,7 @@ Trel_Command::DoItProc Trel_Command::mDoItProcPtrArray[kNumberOfSlots] = {};
 void* Trel_Command::mAppDataPtrArray[kNumberOfSlots] = {};
 std::uint32_t Trel_Command::mMaxCommandSize = 0;
 
-Trel_Command::Trel_Command(std::int32_t identifier, std::uint8_t revision)
+Trel_Command::Trel_Command(Trel_eCmd identifier, std::uint8_t revision)
     : TCPE_Command(Trel_CommManager::GetLocalSystem(), identifier, revision) {}
 
 Trel_Command::Trel_Command(const Trel_Command& other) = default;
@@ -60,7 +64,7 @@ const char* Trel_Command::GetCommandName() const { return "Trel_Command base cla
 
 std::int32_t Trel_Command::GetMaxNumberCommands() const { return TypeRange::InForce().last + 1; }
 
-Trel_Command::DoItProc Trel_Command::GetDoItCommand(std::int32_t identifier) const {
+Trel_Command::DoItProc Trel_Command::GetDoItCommand(Trel_eCmd identifier) const {
   return Load(mDoItProcPtrArray[TypeRange::InForce().SlotOrInvalid(identifier)]);
 }
 
@@ -108,9 +112,8 @@ std::uint32_t Trel_Command::GetMaxCommandSize() {
 
 void Trel_Command::DoIt(TCPE_Command* command) {
   if (const DoItProc handler = FindHandler(command)) {
-    try {
-      handler(command);
-    } catch (...) { // NOLINT(bugprone-empty-catch): a handler's failure must not take the engine down
+    if (!Cmn_HostCall::Run(Cmn_HostCall::Kind::handler, [&] { handler(command); })) {
+      command->SetError(eTCPE_CommErr_HandlerFailed); // its sender is told
     }
   }
 }
@@ -118,16 +121,18 @@ void Trel_Command::DoIt(TCPE_Command* command) {
 bool Trel_Command::HasHandler(const TCPE_Command* command) { return FindHandler(command) != nullptr; }
 
 void Trel_Command::SetDoItCommand(std::int32_t identifier, DoItProc handler) {
+  // Every registered handler holds the numbering: its slot means another command in the other one. Held already while
+  // the slot is looked for.
+  TCPE_CommManager::HoldNumbering();
+  bool isRegistered = false;
   const std::int32_t type = GetTCPECommandType(identifier);
-  const TypeRange range = TypeRange::InForce();
-  if (!range.Contains(type)) {
-    return;
+  if (const TypeRange range = TypeRange::InForce(); range.Contains(type)) {
+    if (Exchange(mDoItProcPtrArray[range.Slot(type)], handler) != nullptr) {
+      TCPE_CommManager::ReleaseNumbering();
+    }
+    isRegistered = handler != nullptr;
   }
-  // Every registered handler holds the numbering: its slot means another command in the other one.
-  if (handler != nullptr) {
-    TCPE_CommManager::HoldNumbering();
-  }
-  if (Exchange(mDoItProcPtrArray[range.Slot(type)], handler) != nullptr) {
+  if (!isRegistered) {
     TCPE_CommManager::ReleaseNumbering();
   }
 }

@@ -1,6 +1,8 @@
 #include <trel/Trel_CommManager.h>
 
+#include "foundation/Sys_Process.h"
 #include "link/clock/Trel_Trace.h"
+#include "link/engine/Trel_ClockLockReport.h"
 
 #include <trel/Cmn_Assert.h>
 #include <trel/SPSStartupOption.h>
@@ -15,26 +17,20 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 
 namespace {
 
 constexpr std::int32_t kMostSatellites = 128;
-
-enum EClockLockedState : std::uint8_t {
-  eClockLockedState_Unknown = 0,
-  eClockLockedState_Locked = 1,
-  eClockLockedState_Unlocked = 2,
-};
 
 struct State {
   std::mutex mMutex; // guards the engine object's pointer and the count; held for no call that can wait
   // Every call holds a reference of its own, so that the object outlives a Terminate on another thread.
   std::shared_ptr<Trel_TCPEInterface> sTCPEInterface;
   std::int32_t mInitializing = 0;
+  std::atomic<std::int64_t> mProcess = 0; // that has initialised it; 0: none yet
 
-  std::mutex mReportMutex; // guards what was last reported
-  EClockLockedState mLastClockLockedState = eClockLockedState_Unknown;
-  std::set<std::uint32_t> mLastClockLockedStateAddressSet;
+  Trel_ClockLockReport mClockLockReport;
 };
 
 // Never destroyed, so that threads which outlive the static objects find it whole.
@@ -48,14 +44,24 @@ constinit std::atomic<TCPE_System*> sLocalSystem{nullptr};
 constinit std::atomic<std::int32_t> mMaxNumberSatellites{11};
 constinit std::atomic<std::int32_t> mMaxNumberSatellitesSupported{kMostSatellites};
 
-// Made outside the lock, because an assertion that is reported meanwhile may call back.
-void CreateTCPEInterface(State& state) {
+void AssertThereIs(const std::shared_ptr<Trel_TCPEInterface>& sTCPEInterface, std::int32_t line) {
+  Cmn_Assert::HandleMagicAssert(sTCPEInterface != nullptr, R"(sTCPEInterface != 0@$^$@..\Trel_CommManager)", line);
+}
+
+// Made, and thrown away when another thread was faster, outside the lock.
+std::shared_ptr<Trel_TCPEInterface> CreateTCPEInterface(State& state) {
   const std::shared_ptr<Trel_TCPEInterface> made(new (std::nothrow) Trel_TCPEInterface);
-  const std::lock_guard lock(state.mMutex);
-  if (made && !state.sTCPEInterface) {
-    state.sTCPEInterface = made;
-    sLocalSystem.store(state.sTCPEInterface->GetLocalSystem(), std::memory_order_release);
+  std::shared_ptr<Trel_TCPEInterface> sTCPEInterface;
+  {
+    const std::lock_guard lock(state.mMutex);
+    if (made && !state.sTCPEInterface) {
+      state.sTCPEInterface = made;
+      sLocalSystem.store(made->GetLocalSystem(), std::memory_order_release);
+    }
+    sTCPEInterface = state.sTCPEInterface;
   }
+  AssertThereIs(sTCPEInterface, __LINE__);
+  return sTCPEInterface;
 }
 
 // With the mutex held.
@@ -66,15 +72,15 @@ void FreeTCPEInterface(State& state) {
 
 std::shared_ptr<Trel_TCPEInterface> TCPEInterface() {
   State& state = TheState();
-  std::unique_lock lock(state.mMutex);
-  if (!state.sTCPEInterface) {
-    lock.unlock();
-    CreateTCPEInterface(state);
-    lock.lock();
+  std::shared_ptr<Trel_TCPEInterface> sTCPEInterface;
+  {
+    const std::lock_guard lock(state.mMutex);
+    sTCPEInterface = state.sTCPEInterface;
   }
-  std::shared_ptr<Trel_TCPEInterface> sTCPEInterface = state.sTCPEInterface;
-  lock.unlock();
-  Cmn_Assert::HandleMagicAssert(sTCPEInterface != nullptr, R"(sTCPEInterface != 0@$^$@..\Trel_CommManager)", __LINE__);
+  if (!sTCPEInterface) {
+    sTCPEInterface = CreateTCPEInterface(state);
+    AssertThereIs(sTCPEInterface, __LINE__);
+  }
   return sTCPEInterface;
 }
 
@@ -98,8 +104,12 @@ private:
 
 /// Terminates the engine when the library is unloaded or the process ends.
 struct Terminator {
-  Terminator() = default;
-  ~Terminator() { Trel_CommManager::Terminate(); }
+  Terminator() { Sys_Process::ThreadsHaveStarted(); }
+  ~Terminator() {
+    if (Sys_Process::CanJoinWhenUnloaded()) {
+      Trel_CommManager::Terminate();
+    }
+  }
   Terminator(const Terminator&) = delete;
   Terminator& operator=(const Terminator&) = delete;
 };
@@ -158,15 +168,14 @@ void TraceFlag(const char* format, bool flag) { Trel_Trace::Line(format, flag ? 
 std::int32_t Trel_CommManager::Initialize(Trel_CommPreferences* prefs,
                                           TCPE_CommManager::NetworkErrorProc onNetworkError) {
   Trel_Trace::Line("Trel_CommManager::Initialize\n");
-  State& state = TheState();
-  {
-    const std::lock_guard lock(state.mReportMutex);
-    state.mLastClockLockedState = eClockLockedState_Unknown;
-  }
+  TheState().mClockLockReport.Forget();
   SetMaxNumberSatellites(SPSStartupOptionSInt32("MaxNumberSatellites", 11));
   const Initializing initializing;
   const std::int32_t status =
       TCPEInterface()->Initialize(prefs != nullptr ? prefs : Trel_CommPreferences::Inst(), onNetworkError);
+  if (status == eTCPE_Status_Success) {
+    TheState().mProcess = Sys_Process::Identifier();
+  }
   // Made when everything that the engine uses has been, so that it goes before any of that does.
   static const Terminator terminator;
   return status;
@@ -177,9 +186,12 @@ std::string Trel_CommManager::GetInitializationReport() { return TCPEInterface()
 bool Trel_CommManager::IsInitialized() { return TCPEInterface()->IsInitialized(); }
 
 void Trel_CommManager::Terminate() {
+  State& state = TheState();
+  if (const std::int64_t process = state.mProcess; process != 0 && process != Sys_Process::Identifier()) {
+    return; // the engine of another process: not even its locks can be trusted here
+  }
   const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
   engine->Terminate();
-  State& state = TheState();
   const std::lock_guard lock(state.mMutex);
   // It stays when the engine refused to terminate, and when another thread initialises it again.
   if (state.sTCPEInterface == engine && state.mInitializing == 0 && !engine->IsInitialized()) {
@@ -192,24 +204,18 @@ void Trel_CommManager::DoIdle() {
   if (engine->IsInitialized()) {
     engine->DoIdle();
   }
-  if (engine->IsMasterClock()) {
-    return;
-  }
-  const bool locked = Trel_CorrelatedClockMgr::IsLocked();
-  const EClockLockedState lockedState = locked ? eClockLockedState_Locked : eClockLockedState_Unlocked;
-  const std::set<std::uint32_t> addresses = engine->GetConnectedAddresses();
-  State& state = TheState();
-  {
-    const std::lock_guard lock(state.mReportMutex);
-    if (lockedState == state.mLastClockLockedState && addresses == state.mLastClockLockedStateAddressSet) {
-      return;
-    }
-    state.mLastClockLockedState = lockedState;
-    state.mLastClockLockedStateAddressSet = addresses;
-  }
-  for (const std::uint32_t address : addresses) {
-    Trel_Messenger::ClockLockState(locked, address);
-  }
+  const TCPE_CommManager::NeverWaits neverWaits;
+  TheState().mClockLockReport.Run(
+      [&engine]() -> std::optional<Trel_ClockLockReport::State> {
+        if (engine->IsMasterClock()) {
+          return std::nullopt;
+        }
+        // In this order: who connects meanwhile may empty the clock, and is not told of a lock that was another's.
+        Trel_ClockLockReport::State state{.connections = engine->GetConnections()};
+        state.isLocked = Trel_CorrelatedClockMgr::IsLocked();
+        return state;
+      },
+      &Trel_Messenger::ClockLockState);
 }
 
 bool Trel_CommManager::Connect(std::uint32_t address) { return TCPEInterface()->Connect(address); }
@@ -220,7 +226,19 @@ bool Trel_CommManager::IsConnected(std::uint32_t address) { return TCPEInterface
 
 std::set<std::uint32_t> Trel_CommManager::GetConnectedAddresses() { return TCPEInterface()->GetConnectedAddresses(); }
 
+std::uint64_t Trel_CommManager::GetPeerInstance(std::uint32_t address) {
+  return TCPEInterface()->GetPeerInstance(address);
+}
+
+std::uint64_t Trel_CommManager::GetConnection(std::uint32_t address) { return TCPEInterface()->GetConnection(address); }
+
 void Trel_CommManager::SendCommand(TCPE_Command* command) { TCPEInterface()->SendCommand(command); }
+
+std::vector<TCPE_CommErr> Trel_CommManager::SendCommandToAll(TCPE_Command* command,
+                                                             std::span<const std::uint32_t> addresses,
+                                                             const TCPE_CommManager::ReplyProc& onReply) {
+  return TCPEInterface()->SendCommandToAll(command, addresses, onReply);
+}
 
 TCPE_Command* Trel_CommManager::TakeCommand() { return TCPEInterface()->TakeCommand(); }
 

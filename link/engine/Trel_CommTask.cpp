@@ -2,7 +2,16 @@
 
 #include <trel/TCPE_CommManager.h>
 #include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_CommandDescription.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
+
+namespace {
+
+/// Besides 0 the error identifiers of both numberings: an object whose last reply was invalid carries one, and the
+/// numbering may have changed since.
+bool IsTypeOfNoClass(TCPE_eCmd type) { return -1 <= type && type <= 1; }
+
+} // namespace
 
 Trel_CommTask::Trel_CommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort, TCPE_System* localSystem,
                              std::uint16_t maxSatellites, TCPE_CommManager* manager)
@@ -49,9 +58,7 @@ TCPE_CommErr Trel_CommTask::PrepareToSend(TCPE_Command* command) {
   if (description != nullptr && description->traits.currentOnly && !isCurrentNumbering) {
     return eTCPE_CommErr_NotInThisNumbering;
   }
-  // An object whose last reply was invalid carries the error identifier, which never travels.
-  if (command->GetCommandType() == TCPE_Command::GetInvalidCommandID() ||
-      command->GetCommandType() == GetErrorCommandID()) {
+  if (IsTypeOfNoClass(command->GetCommandType())) {
     if (description == nullptr) {
       return eTCPE_CommErr_NoIdentifier;
     }

@@ -48,7 +48,12 @@ bool Trel_TCPEInterface::HandleSyncCommand(TCPE_Command* inCommand) {
   if (inCommand == nullptr) {
     return false;
   }
-  if (!Trel_CorrelatedClockMgr::HandleTimingCommand(dynamic_cast<Trel_Command*>(inCommand))) {
+  if (Trel_CorrelatedClockMgr::HandleTimingCommand(dynamic_cast<Trel_Command*>(inCommand))) {
+    const std::uint32_t from = inCommand->GetIPAddressFrom();
+    const Instance supplier{.mAddress = from, .mNumber = GetPeerInstance(from)};
+    const std::lock_guard lock(mClockMutex);
+    mClockSupplier = supplier;
+  } else {
     const TCPE_eCmd type = inCommand->GetCommandType();
     if (type == Trel_Cmd_GetMaxSatellites::GetCommandID()) {
       if (auto* command = dynamic_cast<Trel_Cmd_GetMaxSatellites*>(inCommand)) {
@@ -80,6 +85,20 @@ bool Trel_TCPEInterface::HandleAsyncCommand(TCPE_Command* inCommand) {
 }
 
 bool Trel_TCPEInterface::AllowConnect(std::uint32_t address) { return !GetAuthenticationFailed(address); }
+
+void Trel_TCPEInterface::PeerConnected(std::uint32_t address, std::uint64_t instance, ETCPE_SystemType type) {
+  {
+    const Instance peer{.mAddress = address, .mNumber = instance};
+    const std::lock_guard lock(mClockMutex);
+    const bool takesItsPlace = mClockSupplier.mAddress == address ||
+                               (type == eTCPE_SystemType_Master && !IsConnected(mClockSupplier.mAddress));
+    if (mClockSupplier == Instance() || mClockSupplier == peer || !takesItsPlace) {
+      return;
+    }
+    mClockSupplier = {};
+  }
+  Trel_CorrelatedClockMgr::ResetClock();
+}
 
 bool Trel_TCPEInterface::IsAvailable() {
   const auto connected = static_cast<std::int64_t>(GetConnectedAddresses().size());

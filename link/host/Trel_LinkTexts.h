@@ -1,21 +1,28 @@
 #pragma once
 
 #include <trel/TCPE_Types.h>
-#include <trel/Trel_System.h>
+#include <trel/host/Trel_LinkEvent.h>
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 /// What a session says to the user. Thread-safe.
 class Trel_LinkTexts {
 public:
-  /// "Studio B at 10.0.0.5", or the address alone.
-  static std::string Name(const Trel_System& system);
-  static std::string Name(std::uint32_t address);
-  /// One line, whatever the names in it are: each control character becomes a question mark.
-  static std::string Harmless(std::string text);
-  /// "0.5 s"
-  static std::string Seconds(std::int64_t microseconds);
-  /// Why a system refused this one, or a connection is gone, and what to do about it; a sentence about `who`.
-  static std::string NetworkError(ETCPE_NetworkError error, const std::string& who);
+  /// The line of an event, on a master or on a satellite.
+  static std::string Describe(const Trel_LinkEvent& event, bool isMaster);
+  /// Why something is not done that the host wants. `holder` is who is in control.
+  static std::string Describe(Trel_LinkRefusal refusal, const std::string& holder);
+
+private:
+  static std::string Name(const Trel_LinkEvent::System& system);
+  static std::string Refusal(const Trel_LinkEvent& event, bool isMaster);
+  static std::string Mesh(const Trel_LinkEvent& event, bool isMaster);
+  static std::string Link(const Trel_LinkEvent& event, bool isMaster);
+  static std::string Playing(const Trel_LinkEvent& event);
+  static std::string StartFailed(const Trel_LinkEvent& event);
+  static std::string Together(const Trel_StartOutcome& outcome, const std::vector<Trel_LinkEvent::System>& systems);
+  static std::string State(const Trel_LinkEvent& event);
+  static std::string Refused(const Trel_LinkEvent& event);
 };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -13,6 +14,7 @@ constexpr int kMostRepetitions = 3;
 constexpr int kRoundTripsToKnowAPeer = 4;
 constexpr std::int64_t kRoundTripsOfAnEra = 40;
 constexpr std::int64_t kMostUnvouchedInRow = 8;
+constexpr std::size_t kMostAbsent = 128;
 
 // Microseconds.
 constexpr std::int64_t kShortestPause = 500'000;
@@ -23,6 +25,7 @@ constexpr std::int64_t kLongestUnvouched = 4'000'000;
 constexpr std::int64_t kGroups = 2; // that the peers of a large link are served in
 constexpr std::int64_t kPauseForTimeLost = 4;
 constexpr std::int64_t kLongFailure = 100'000;
+constexpr std::int64_t kLongestAbsence = 10'000'000;
 
 std::int64_t PauseAfter(std::int64_t timeLost, std::int64_t failuresInRow) {
   const std::int64_t first = std::max(kShortestPause, kPauseForTimeLost * timeLost);
@@ -43,7 +46,7 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
   const std::int64_t now = Sys_Clock::Microseconds();
   const std::int64_t runningTimeAtZero = runningTime - hostTime;
 
-  std::erase_if(mPeers, [&](const auto& peer) { return !addresses.contains(peer.first); });
+  LookWhoIsThere(addresses, now);
   std::vector<std::tuple<std::int64_t, std::int64_t, std::uint32_t>> due; // in the order in which they are served
   for (const std::uint32_t address : addresses) {
     const Peer& peer = mPeers[address];
@@ -53,11 +56,11 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
   }
   std::sort(due.begin(), due.end());
   const std::int64_t forMany =
-      std::min(mSettings.mIntervalForEachPeer * static_cast<std::int64_t>(addresses.size()), kLongestIntervalForMany);
-  const std::int64_t interval = std::max(mSettings.mInterval, forMany);
-  const std::int64_t groupInterval = forMany > mSettings.mInterval ? std::max<std::int64_t>(forMany / kGroups, 1) : 1;
+      std::min(mSettings.intervalForEachPeer * static_cast<std::int64_t>(addresses.size()), kLongestIntervalForMany);
+  const std::int64_t interval = std::max(mSettings.interval, forMany);
+  const std::int64_t groupInterval = forMany > mSettings.interval ? std::max<std::int64_t>(forMany / kGroups, 1) : 1;
   const std::int64_t groupTime = now - now % groupInterval;
-  const std::int64_t retryInterval = std::max(mSettings.mRetryInterval, groupInterval);
+  const std::int64_t retryInterval = std::max(mSettings.retryInterval, groupInterval);
 
   for (const auto& [failuresInRow, dueTime, address] : due) {
     Peer& peer = mPeers[address];
@@ -65,20 +68,22 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
     const bool isLastChance = begin + retryInterval > peer.mLastVouched + kLongestUnvouched;
     const Outcome outcome = Exchange(address, peer, runningTimeAtZero, isLastChance);
     if (outcome != Outcome::failed) {
+      peer.mAbsentSince = kNone;
       peer.mFailuresInRow = 0;
-      peer.mLastVouched = outcome == Outcome::vouched || peer.mStatus.mVouched == 0 ? begin : peer.mLastVouched;
+      peer.mLastVouched = outcome == Outcome::vouched || peer.mStatus.vouched == 0 ? begin : peer.mLastVouched;
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
-      const bool isFull = peer.mStatus.mVouched >= mSettings.mFirstMeasurements;
+      const bool isFull = peer.mStatus.vouched >= mSettings.firstMeasurements;
       const bool isVouched = outcome == Outcome::vouched;
       if (isFull) {
         peer.mDue = groupTime + (isVouched ? interval : retryInterval);
       } else {
-        peer.mDue = now + (isVouched ? mSettings.mFirstInterval : mSettings.mRetryInterval);
+        peer.mDue = now + (isVouched ? mSettings.firstInterval : mSettings.retryInterval);
       }
       continue;
     }
-    ++peer.mStatus.mFailures;
+    ++peer.mStatus.failures;
     ++peer.mFailuresInRow;
+    peer.mAbsentSince = std::min(peer.mAbsentSince, begin);
     const std::int64_t end = Sys_Clock::Microseconds();
     peer.mLastVouched = end; // it gets new chances
     peer.mDue = end + PauseAfter(end - begin, peer.mFailuresInRow);
@@ -98,14 +103,56 @@ std::int64_t Trel_RunningTimeExchange::NextDue() const {
 
 void Trel_RunningTimeExchange::Restart() { mPeers.clear(); }
 
+void Trel_RunningTimeExchange::Forget(std::uint32_t address) { mPeers.erase(address); }
+
 std::optional<Trel_RunningTimeExchange::Status> Trel_RunningTimeExchange::GetStatus(std::uint32_t address) const {
   const auto peer = mPeers.find(address);
-  return peer != mPeers.end() ? std::optional(peer->second.mStatus) : std::nullopt;
+  return peer != mPeers.end() && peer->second.mIsNamed ? std::optional(peer->second.mStatus) : std::nullopt;
 }
 
 bool Trel_RunningTimeExchange::Send(Trel_Command* command) {
+  const TCPE_CommManager::NeverWaits neverWaits; // one peer must not cost the others their measurements
   Trel_CommManager::SendCommand(command);
   return Trel_Command::GetTCPECommandType(command->GetCommandType()) != -1;
+}
+
+std::uint64_t Trel_RunningTimeExchange::PeerInstance(std::uint32_t address) {
+  return Trel_CommManager::GetPeerInstance(address);
+}
+
+void Trel_RunningTimeExchange::LookWhoIsThere(const std::set<std::uint32_t>& addresses, std::int64_t now) {
+  const auto isAwayLong = [now](const Peer& peer) {
+    return peer.mAbsentSince != kNone && now - peer.mAbsentSince >= kLongestAbsence;
+  };
+  for (const std::uint32_t address : addresses) {
+    const std::uint64_t instance = PeerInstance(address);
+    Peer& peer = mPeers.try_emplace(address, Peer{.mInstance = instance}).first->second;
+    if (instance != 0 && instance != peer.mInstance) {
+      peer = {.mInstance = instance};
+    } else if (!peer.mIsNamed) {
+      peer = {.mInstance = peer.mInstance, .mIsReset = peer.mIsReset, .mAbsentSince = peer.mAbsentSince};
+    }
+    peer.mIsReset = peer.mIsReset && !isAwayLong(peer);
+  }
+  for (auto& [address, peer] : mPeers) {
+    if (!addresses.contains(address)) {
+      peer = {.mDue = kNone,
+              .mInstance = peer.mInstance,
+              .mIsReset = peer.mIsReset,
+              .mAbsentSince = std::min(peer.mAbsentSince, now),
+              .mIsNamed = false};
+    }
+  }
+  std::erase_if(mPeers, [&isAwayLong](const auto& known) {
+    const Peer& peer = known.second;
+    return !peer.mIsNamed && (!peer.mIsReset || isAwayLong(peer));
+  });
+  while (mPeers.size() > addresses.size() + kMostAbsent) { // the longest absent one goes
+    mPeers.erase(std::min_element(mPeers.begin(), mPeers.end(), [](const auto& one, const auto& other) {
+      return std::pair(one.second.mIsNamed, one.second.mAbsentSince) <
+             std::pair(other.second.mIsNamed, other.second.mAbsentSince);
+    }));
+  }
 }
 
 void Trel_RunningTimeExchange::KeepRoundTrip(Peer& peer, std::int64_t roundTrip) {
@@ -116,13 +163,13 @@ void Trel_RunningTimeExchange::KeepRoundTrip(Peer& peer, std::int64_t roundTrip)
   }
   ++peer.mRoundTripsNow;
   peer.mShortestNow = std::min(peer.mShortestNow, roundTrip);
-  ++peer.mStatus.mRoundTrips;
-  peer.mStatus.mLastRoundTrip = roundTrip;
-  peer.mStatus.mSmallestRoundTrip = std::min(peer.mShortestBefore, peer.mShortestNow);
+  ++peer.mStatus.roundTrips;
+  peer.mStatus.lastRoundTrip = roundTrip;
+  peer.mStatus.smallestRoundTrip = std::min(peer.mShortestBefore, peer.mShortestNow);
 }
 
 bool Trel_RunningTimeExchange::IsGood(const Peer& peer, std::int64_t roundTrip) {
-  const std::int64_t shortest = peer.mStatus.mSmallestRoundTrip;
+  const std::int64_t shortest = peer.mStatus.smallestRoundTrip;
   const std::int64_t allowance = shortest * 3 / 10 + 5;
   return roundTrip - shortest <= allowance
                                      << static_cast<unsigned>(std::min(peer.mUnvouchedInRow, kMostUnvouchedInRow));
@@ -131,19 +178,29 @@ bool Trel_RunningTimeExchange::IsGood(const Peer& peer, std::int64_t roundTrip) 
 Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32_t address, Peer& peer,
                                                                      std::int64_t runningTimeAtZero,
                                                                      bool isLastChance) {
-  const int least = peer.mStatus.mRoundTrips == 0 ? kRoundTripsToKnowAPeer : 1;
+  peer.mIsReset = peer.mIsReset || ResetClock(address);
+  if (!peer.mIsReset) {
+    return Outcome::failed;
+  }
+  const int least = peer.mStatus.roundTrips == 0 ? kRoundTripsToKnowAPeer : 1;
   const int most = least + kMostRepetitions;
   bool isGood = false;
   for (int count = 1; count <= most && (count <= least || !isGood); ++count) {
     if (!MeasureRoundTrip(address, peer, runningTimeAtZero)) {
       return Outcome::failed;
     }
-    isGood = IsGood(peer, peer.mStatus.mLastRoundTrip);
+    isGood = IsGood(peer, peer.mStatus.lastRoundTrip);
   }
   if (!isGood && peer.mUnvouchedInRow < kMostUnvouchedInRow && !isLastChance) {
     return Outcome::notVouched;
   }
   return Vouch(address, peer) ? Outcome::vouched : Outcome::failed;
+}
+
+bool Trel_RunningTimeExchange::ResetClock(std::uint32_t address) {
+  Trel_Cmd_ResetClock command;
+  command.SetIPAddressTo(address);
+  return Send(&command);
 }
 
 bool Trel_RunningTimeExchange::MeasureRoundTrip(std::uint32_t address, Peer& peer, std::int64_t runningTimeAtZero) {
@@ -161,11 +218,11 @@ bool Trel_RunningTimeExchange::MeasureRoundTrip(std::uint32_t address, Peer& pee
 bool Trel_RunningTimeExchange::Vouch(std::uint32_t address, Peer& peer) {
   Trel_Cmd_LastUpdateRunningTimeValid command;
   command.SetIPAddressTo(address);
-  command.SetRoundTripTime(peer.mStatus.mLastRoundTrip);
+  command.SetRoundTripTime(peer.mStatus.lastRoundTrip);
   if (!Send(&command)) {
     return false;
   }
-  ++peer.mStatus.mVouched;
-  peer.mStatus.mLastVouchedRoundTrip = peer.mStatus.mLastRoundTrip;
+  ++peer.mStatus.vouched;
+  peer.mStatus.lastVouchedRoundTrip = peer.mStatus.lastRoundTrip;
   return true;
 }

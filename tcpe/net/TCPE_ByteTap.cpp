@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_ByteTap.h"
 
+#include "foundation/Cmn_HostCall.h"
+
 #include <trel/Sys_Clock.h>
 
 void TCPE_ByteTap::Set(TCPE_ByteTapProc proc, void* context) {
@@ -23,7 +25,7 @@ TCPE_ByteTap::Turn::Turn(TCPE_ByteTap& tap) : mTap(tap) {
 
 void TCPE_ByteTap::Turn::Tell(TCPE_TappedBytes tapped) const {
   tapped.rawTime = mBegin;
-  mTap.mProc(tapped, mTap.mContext);
+  Cmn_HostCall::Run(Cmn_HostCall::Kind::byteTap, [&] { mTap.mProc(tapped, mTap.mContext); });
 }
 
 void TCPE_ByteTap::Turn::TellDatagram(TCPE_TappedBytes::Event event, const End& local, const End& peer,

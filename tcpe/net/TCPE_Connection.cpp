@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_Connection.h"
 
+#include "tcpe/net/TCPE_HandlerPool.h"
+
 #include <trel/Sys_Clock.h>
 
 #include <array>
@@ -15,13 +17,16 @@ namespace {
 /// Two writes within this time are a burst: what follows is gathered, so that it leaves in few packets.
 constexpr TCPE_Time kBurst = 100;
 
+/// Room that is left for heartbeats and farewell, bytes.
+constexpr std::size_t kLastWords = 4096;
+
 } // namespace
 
 TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner,
                                  const TCPE_Limits& limits, TCPE_ByteTap& tap, TCPE_Endpoint::Id id,
                                  std::uint32_t address)
     : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
-      mCalls(limits), mTap(tap) {}
+      mCalls(limits), mTap(tap), mCredits(limits) {}
 
 void TCPE_Connection::TransportOpened(bool openedByPeer) {
   asio::error_code gone;
@@ -43,48 +48,247 @@ void TCPE_Connection::CountIn(std::shared_ptr<TCPE_PeerTraffic> traffic) {
   TCPE_PeerTraffic::Add(mTraffic->sent.bytes, mEarlySent);
 }
 
-TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> frame, Urgency urgency) {
+TCPE_CommErr TCPE_Connection::Send(std::span<const std::byte> frame, Kind kind) {
   const std::lock_guard lock(mMutex);
-  if (mAnswerIsDue) {
-    const std::size_t size = frame.size() + (Tagger() != nullptr ? kTCPE_TagSize : 0);
-    if (mHeldBackSize + size > mLimits.maxOutboundBytes) {
-      return eTCPE_CommErr_QueueFull;
+  const std::size_t limit = kind == Kind::farewell ? mLimits.maxOutboundBytes : mLimits.maxOutboundBytes - kLastWords;
+  const TCPE_CommErr error = SendOrHoldBack(frame, Urgency::now, limit);
+  if (error == eTCPE_CommErr_QueueFull && kind == Kind::reply) {
+    ReportTooSlow();
+  } else if (error == eTCPE_CommErr_None && kind == Kind::query) {
+    TCPE_PeerTraffic::Add(mTraffic->sent.commands, 1);
+  }
+  return error;
+}
+
+std::optional<TCPE_CommErr> TCPE_Connection::TrySendCommand(std::span<const std::byte> frame, Keeping keeping,
+                                                            std::size_t* keptByThisJob) {
+  const std::lock_guard lock(mMutex);
+  if (mWaitingEnded != eTCPE_CommErr_None) {
+    return mWaitingEnded;
+  }
+  if (!IsAnybodyWaiting() && MaySendCommand(frame)) {
+    return SendCommandNow(frame);
+  }
+  if (keeping == Keeping::no || (keeping == Keeping::ofHandler && !HasRoomToKeep(frame, mLimits.maxKeptOfHandlers))) {
+    return std::nullopt;
+  }
+  if (!HasRoomToKeep(frame, mLimits.maxKeptCommands)) {
+    ReportTooSlow();
+    return eTCPE_CommErr_QueueFull;
+  }
+  Keep(frame);
+  if (keptByThisJob != nullptr) {
+    ++*keptByThisJob;
+  }
+  WatchProgress();
+  SendWaiting();
+  return eTCPE_CommErr_None;
+}
+
+TCPE_CommErr TCPE_Connection::SendCommand(std::span<const std::byte> frame, Keeping keeping) {
+  std::optional<TCPE_HandlerPool::WaitScope> waits; // ends outside the lock
+  std::unique_lock lock(mMutex);
+  if (mWaitingEnded != eTCPE_CommErr_None) {
+    return mWaitingEnded;
+  }
+  if (!IsAnybodyWaiting() && MaySendCommand(frame)) {
+    return SendCommandNow(frame);
+  }
+  Waiter waiter{.frame = frame, .isHandler = keeping == Keeping::ofHandler};
+  mWaiters.push_back(&waiter);
+  WatchProgress();
+  waits.emplace();
+  waiter.ended.wait(lock, [&waiter] { return waiter.hasEnded; });
+  return waiter.error;
+}
+
+bool TCPE_Connection::HasWaitingSenders() const {
+  const std::lock_guard lock(mMutex);
+  return IsAnybodyWaiting() || mCalls.Count() != 0;
+}
+
+TCPE_Connection::Flow TCPE_Connection::GetFlow() const {
+  const std::lock_guard lock(mMutex);
+  return {.out = mWaitingEnded == eTCPE_CommErr_None ? static_cast<std::size_t>(mCredits.Out()) : 0,
+          .kept = mKept.size(),
+          .waiting = mWaiters.size()};
+}
+
+void TCPE_Connection::SendOfSession(std::span<const std::byte> bytes) {
+  const std::lock_guard lock(mMutex);
+  if (SendInTurn(bytes, Urgency::now, mLimits.maxOutboundBytes) == eTCPE_CommErr_QueueFull) {
+    ReportTooSlow();
+  }
+  if (std::exchange(mFirstWordIsDue, false) && !mHeldBack.empty()) {
+    if (SendInTurn(std::exchange(mHeldBack, {}), Urgency::now, mLimits.maxOutboundBytes) == eTCPE_CommErr_QueueFull) {
+      ReportTooSlow();
     }
+    SendWaiting();
+  }
+}
+
+void TCPE_Connection::ToldNothing() {
+  if (!std::exchange(mHasHeard, true)) {
+    const std::lock_guard lock(mMutex);
+    mCredits.ToldNothing();
+    SendWaiting();
+  }
+}
+
+void TCPE_Connection::Told(std::uint32_t finished) {
+  mHasHeard = true;
+  const std::lock_guard lock(mMutex);
+  mCredits.Told(finished, Sys_Clock::RawMicroseconds());
+  SendWaiting();
+}
+
+void TCPE_Connection::NoteFinished() {
+  if (mSession && mSession->NoteFinished() && !mHasEnded) {
+    asio::post(mContext, [self = shared_from_this()] { self->mOwner.OnTellingDue(self->mId); });
+  }
+}
+
+void TCPE_Connection::EndWaiting(TCPE_CommErr error, bool inGoodOrder) {
+  const std::lock_guard lock(mMutex);
+  if (mWaitingEnded != eTCPE_CommErr_None) {
+    return;
+  }
+  mWaitingEnded = error;
+  TCPE_PeerTraffic::Add(mTraffic->sent.abandoned, mCredits.Out() + mKept.size());
+  while (inGoodOrder && !mKept.empty() &&
+         SendOrHoldBack(mKept.front(), Urgency::soon, CommandLimit()) == eTCPE_CommErr_None) {
+    mKept.pop_front();
+  }
+  mKept.clear();
+  mKeptBytes = 0;
+  for (Waiter* waiter : std::exchange(mWaiters, {})) {
+    waiter->error = error;
+    waiter->hasEnded = true;
+    waiter->ended.notify_one();
+  }
+  mCredits.SetWaiting(false, 0);
+}
+
+bool TCPE_Connection::MaySendCommand(std::span<const std::byte> frame) {
+  return mCredits.MaySend() && HasRoom(SizeToSend(frame), CommandLimit());
+}
+
+bool TCPE_Connection::HasRoom(std::size_t size, std::size_t limit) {
+  if (mFirstWordIsDue) {
+    return mHeldBackSize + size <= limit;
+  }
+  if (QueuedBytes() + size > limit && mSocket && !mHasFailed && !WriteQueue()) {
+    EndWriting(); // then everything has room, and fails
+  }
+  return QueuedBytes() + size <= limit; // it may have been waiting for this side's network thread alone
+}
+
+TCPE_CommErr TCPE_Connection::SendCommandNow(std::span<const std::byte> frame) {
+  const TCPE_CommErr error = SendOrHoldBack(frame, Urgency::soon, CommandLimit());
+  if (error == eTCPE_CommErr_None) {
+    mCredits.NoteSent();
+    TCPE_PeerTraffic::Add(mTraffic->sent.commands, 1);
+  }
+  return error;
+}
+
+void TCPE_Connection::SendWaiting() {
+  if (!IsAnybodyWaiting()) {
+    return;
+  }
+  while (!mKept.empty() && MaySendCommand(mKept.front())) {
+    SendOrHoldBack(mKept.front(), Urgency::soon, CommandLimit()); // if it fails, the connection ends
+    mCredits.NoteSent();
+    mKeptBytes -= mKept.front().size();
+    mKept.pop_front();
+  }
+  while (mKept.empty() && !mWaiters.empty() && MaySendCommand(mWaiters.front()->frame)) {
+    Waiter& waiter = *mWaiters.front();
+    mWaiters.pop_front();
+    waiter.error = SendCommandNow(waiter.frame);
+    waiter.hasEnded = true;
+    waiter.ended.notify_one();
+  }
+  KeepForHandlers();
+  mCredits.SetWaiting(IsAnybodyWaiting(), Sys_Clock::RawMicroseconds());
+}
+
+void TCPE_Connection::Keep(std::span<const std::byte> frame) {
+  mKept.emplace_back(frame.begin(), frame.end());
+  mKeptBytes += frame.size();
+  TCPE_PeerTraffic::Add(mTraffic->sent.commands, 1);
+}
+
+/// Without this two systems whose handlers wait to answer each other would wait until all that is kept has gone, which
+/// it does only when one of them goes on.
+void TCPE_Connection::KeepForHandlers() {
+  std::erase_if(mWaiters, [this](Waiter* waiter) {
+    const bool isKept = waiter->isHandler && HasRoomToKeep(waiter->frame, mLimits.maxKeptOfHandlers);
+    if (isKept) {
+      Keep(waiter->frame);
+      waiter->hasEnded = true;
+      waiter->ended.notify_one();
+    }
+    return isKept;
+  });
+}
+
+void TCPE_Connection::WatchProgress() {
+  mCredits.SetWaiting(true, Sys_Clock::RawMicroseconds());
+  if (!std::exchange(mIsWatching, true)) {
+    asio::post(mContext, [self = shared_from_this()] { self->CheckProgress(); });
+  }
+}
+
+void TCPE_Connection::CheckProgress() {
+  if (ClearPaused()) { // the credit that is waited for may stand behind commands that are not read
+    mOwner.OnReadingDue(shared_from_this());
+  }
+  const std::lock_guard lock(mMutex);
+  const TCPE_Time deadline = mCredits.Deadline();
+  mIsWatching = deadline != TCPE_Credits::kNever && Sys_Clock::RawMicroseconds() < deadline;
+  if (mIsWatching) {
+    auto timer = std::make_shared<asio::steady_timer>(
+        mContext, std::chrono::steady_clock::time_point(std::chrono::microseconds(deadline)));
+    timer->async_wait([self = shared_from_this(), timer](const asio::error_code&) { self->CheckProgress(); });
+  } else if (deadline != TCPE_Credits::kNever) {
+    ReportTooSlow();
+  }
+}
+
+TCPE_CommErr TCPE_Connection::SendOrHoldBack(std::span<const std::byte> frame, Urgency urgency, std::size_t limit) {
+  if (!mFirstWordIsDue) {
+    const TCPE_CommErr error = SendInTurn(frame, urgency, limit);
+    if (error != eTCPE_CommErr_None) {
+      return error;
+    }
+  } else if (const std::size_t size = SizeToSend(frame); HasRoom(size, limit)) {
     mHeldBack.insert(mHeldBack.end(), frame.begin(), frame.end());
     mHeldBackSize += size;
-  } else if (const TCPE_CommErr error = SendInTurn(frame, urgency); error != eTCPE_CommErr_None) {
-    return error;
+  } else {
+    return eTCPE_CommErr_QueueFull;
   }
   TCPE_PeerTraffic::Add(mTraffic->sent.frames, 1);
   return eTCPE_CommErr_None;
 }
 
-void TCPE_Connection::SendOfSession(std::span<const std::byte> bytes) {
-  const std::lock_guard lock(mMutex);
-  SendInTurn(bytes, Urgency::now);
-  if (std::exchange(mAnswerIsDue, false) && !mHeldBack.empty()) {
-    SendInTurn(std::exchange(mHeldBack, {}), Urgency::now);
-  }
-}
-
-TCPE_CommErr TCPE_Connection::SendInTurn(std::span<const std::byte> bytes, Urgency urgency) {
+TCPE_CommErr TCPE_Connection::SendInTurn(std::span<const std::byte> bytes, Urgency urgency, std::size_t limit) {
   if (!mSocket || mClosesWhenSent || mHasFailed) {
     return eTCPE_CommErr_ConnectionLost;
   }
-  if (TCPE_FrameTagger* tagger = Tagger()) {
+  if (!HasRoom(SizeToSend(bytes), limit)) {
+    return eTCPE_CommErr_QueueFull;
+  }
+  if (TCPE_FrameTagger* tagger = Tagger()) { // there is room now: what is tagged has to leave
     mTagged.clear();
     tagger->AppendTagged(bytes, mTagged);
     bytes = mTagged;
   }
-  const auto isFull = [&] { return QueuedBytes() + bytes.size() > mLimits.maxOutboundBytes; };
-  bool isSound = !isFull() || WriteQueue(); // it may be waiting for this side's network thread alone
-  if (isSound && isFull()) {
-    ReportTooSlow();
-    return eTCPE_CommErr_QueueFull;
-  }
+  bool isSound = !mHasFailed;
   const TCPE_Time now = Sys_Clock::RawMicroseconds();
-  const bool isQuiet = QueuedBytes() == 0 && now - mLastWrite > kBurst;
-  if (isSound && (urgency == Urgency::now || isQuiet)) {
+  // Also when something is queued: then the network thread is not coming to it.
+  const bool isBurst = now - mLastWrite <= kBurst;
+  if (isSound && (urgency == Urgency::now || !isBurst)) {
     isSound = WriteQueue() && (QueuedBytes() != 0 || Write(bytes));
     mLastWrite = now;
     if (mSession) {
@@ -102,10 +306,11 @@ TCPE_CommErr TCPE_Connection::SendInTurn(std::span<const std::byte> bytes, Urgen
   return eTCPE_CommErr_None;
 }
 
-void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session, bool answerIsDue) {
+void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session) {
+  mPeerInstance = session->PeerInstance();
   const std::lock_guard lock(mMutex);
   mSession = std::move(session);
-  mAnswerIsDue = answerIsDue;
+  mFirstWordIsDue = true;
 }
 
 void TCPE_Connection::NoteReceived(std::span<const std::byte> bytes, TCPE_Time now) {
@@ -160,6 +365,9 @@ bool TCPE_Connection::Write(std::span<const std::byte>& bytes) {
       Tell(turn, TCPE_TappedBytes::Event::sent, bytes.first(written));
     }
     bytes = bytes.subspan(written);
+    if (IsAnybodyWaiting()) {
+      mCredits.NoteWritten(Sys_Clock::RawMicroseconds());
+    }
     if (mTraffic) {
       TCPE_PeerTraffic::Add(mTraffic->sent.bytes, written);
     } else {
@@ -195,7 +403,6 @@ void TCPE_Connection::FlushLater() {
 
 void TCPE_Connection::Flush() {
   const std::lock_guard lock(mMutex);
-  mFlushIsDue = false;
   if (!mSocket) {
     return;
   }
@@ -207,8 +414,9 @@ void TCPE_Connection::Flush() {
   if (mSession) {
     mSession->NoteSent(mLastWrite);
   }
-  if (QueuedBytes() != 0) {
-    mFlushIsDue = true;
+  SendWaiting();
+  mFlushIsDue = QueuedBytes() != 0;
+  if (mFlushIsDue) {
     mSocket->async_wait(asio::ip::tcp::socket::wait_write,
                         [self = shared_from_this()](const asio::error_code&) { self->Flush(); });
   } else if (mClosesWhenSent) {
@@ -227,9 +435,10 @@ void TCPE_Connection::EndWriting() {
 }
 
 void TCPE_Connection::ReportTooSlow() {
-  mHasFailed = true;
-  asio::post(mContext,
-             [self = shared_from_this()] { self->mOwner.OnTransportFailed(self->mId, eNetworkError_PeerTooSlow); });
+  if (!std::exchange(mIsTooSlow, true)) {
+    asio::post(mContext,
+               [self = shared_from_this()] { self->mOwner.OnTransportFailed(self->mId, eNetworkError_PeerTooSlow); });
+  }
 }
 
 void TCPE_Connection::Tell(const TCPE_ByteTap::Turn& turn, TCPE_TappedBytes::Event event,

@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_DiscoveryService.h"
 
+#include "tcpe/net/TCPE_OwnSocket.h"
+
 #include <trel/Sys_Clock.h>
 
 #include <chrono>
@@ -63,7 +65,7 @@ void TCPE_DiscoveryService::Close() {
 
 asio::error_code TCPE_DiscoveryService::Bind(Ear& ear, std::uint32_t address, std::uint16_t port, bool shares) {
   asio::error_code error;
-  ear.socket.open(udp::v4(), error);
+  TCPE_Open(ear.socket, udp::v4(), error);
   if (!error && shares) {
     ear.socket.set_option(udp::socket::reuse_address(true), error);
 #if defined(SO_REUSEPORT)

@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_Dispatcher.h"
 
+#include "foundation/Cmn_HostCall.h"
+
 #include <trel/Cmn_NumberToText.h>
 #include <trel/Sys_Socket.h>
 #include <trel/TCPE_CommTask.h>
@@ -9,11 +11,50 @@
 #include <sstream>
 #include <string>
 
+namespace {
+
+/// Where a block begins behind its received command.
+constexpr std::size_t kBlockOffset = (sizeof(TCPE_ReceivedCommand) + alignof(std::max_align_t) - 1) /
+                                     alignof(std::max_align_t) * alignof(std::max_align_t);
+
+/// What a command takes: its block, and the payload, which may have become objects of several times its size.
+std::size_t MemoryOf(const TCPE_BlockStore& blocks, const TCPE_FrameHeader& header) {
+  constexpr std::size_t kGrowth = 8;
+  return blocks.Size() - kBlockOffset + kGrowth * header.dataLength;
+}
+
+} // namespace
+
+TCPE_ReceivedCommand::Pointer TCPE_ReceivedCommand::Make(std::shared_ptr<TCPE_BlockStore> blocks,
+                                                         std::shared_ptr<TCPE_Connection> origin,
+                                                         const TCPE_FrameHeader& header, Kind kind, Handler* handler) {
+  void* const memory = blocks->Take();
+  return Pointer(new (memory) TCPE_ReceivedCommand(std::move(blocks), std::move(origin), header, kind, handler));
+}
+
+TCPE_ReceivedCommand::TCPE_ReceivedCommand(std::shared_ptr<TCPE_BlockStore> blocks,
+                                           std::shared_ptr<TCPE_Connection> origin, const TCPE_FrameHeader& header,
+                                           Kind kind, Handler* handler)
+    : TCPE_Job(kind, MemoryOf(*blocks, header)), mBlocks(std::move(blocks)), mOrigin(std::move(origin)),
+      mHeader(header), mHandler(handler) {}
+
 TCPE_ReceivedCommand::~TCPE_ReceivedCommand() {
   if (mCommand != nullptr) {
     mCommand->~TCPE_Command();
   }
 }
+
+void* TCPE_ReceivedCommand::Block() { return reinterpret_cast<std::byte*>(this) + kBlockOffset; }
+
+void TCPE_ReceivedCommand::Discard() {
+  const std::shared_ptr<TCPE_BlockStore> blocks = std::move(mBlocks);
+  this->~TCPE_ReceivedCommand();
+  blocks->Give(this);
+}
+
+TCPE_Dispatcher::TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
+    : mManager(manager), mTask(task), mReceiver(receiver),
+      mBlocks(std::make_shared<TCPE_BlockStore>(kBlockOffset + task.GetMaxCommandSize())) {}
 
 void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
                               std::span<const std::byte> payload) {
@@ -24,69 +65,89 @@ void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHead
     }
     return;
   }
-  Handle(connection, header, payload, false);
+  Handle(connection, header, payload, header.Has(kTCPE_Flag_ReplyWanted) ? Kind::query : Kind::command);
 }
 
 void TCPE_Dispatcher::OnConnectionFrame(const Connection& connection, TCPE_FrameHeader header,
                                         std::span<const std::byte> payload) {
   connection->SetPeerSystemType(header.senderSystemType);
   header.flags = static_cast<std::uint8_t>(header.flags & ~kTCPE_Flag_ReplyWanted);
-  Handle(connection, header, payload, true);
+  Handle(connection, header, payload, Kind::notice);
 }
 
 bool TCPE_Dispatcher::IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const {
-  TCPE_ReceivedCommand trial(nullptr, header, mTask.GetMaxCommandSize());
-  trial.SetCommand(Build(header.type, trial.Block()));
-  return trial.Command() != nullptr && TCPE_CommandCodec::DecodeCommand(*trial.Command(), header, payload);
+  const ReceivedPointer trial = TCPE_ReceivedCommand::Make(mBlocks, nullptr, header, Kind::notice);
+  trial->SetCommand(Build(header.type, trial->Block()));
+  return trial->Command() != nullptr && TCPE_CommandCodec::DecodeCommand(*trial->Command(), header, payload);
 }
 
 void TCPE_Dispatcher::Handle(const Connection& connection, const TCPE_FrameHeader& header,
-                             std::span<const std::byte> payload, bool mustNotBeLost) {
-  try {
-    const ReceivedPointer received = Construct(connection, header, payload);
+                             std::span<const std::byte> payload, Kind kind) {
+  mReceiver.OnArrived(*connection, kind);
+  ReceivedPointer received;
+  const bool isDone = Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] {
+    received = Construct(connection, header, payload, kind);
     if (!received) {
       return;
     }
     Log(LogEvent::received, *received->Command(), connection->GetAddress());
-    if (mustNotBeLost) {
+    if (kind == Kind::notice) {
       mReceiver.OnConnectionCommand(*received);
     }
     const bool mustBeHandled = received->IsReplyWanted() || !mReceiver.TakesUnhandled();
     if (AnswerInPlace(*received)) {
-      Reply(*received);
+      Finish(*received);
     } else if (mustBeHandled && !mTask.HasHandler(received->Command())) {
-      Drop(*connection, header, eTCPE_CommErr_NoHandler, mUnhandledCommands);
-    } else if (!mReceiver.Deliver(received, mustNotBeLost)) {
-      Drop(*connection, header, eTCPE_CommErr_QueueFull, mQueueOverflows);
+      Drop(connection, header, kind, received->Command(), eTCPE_CommErr_NoHandler, mUnhandledCommands);
+    } else if (!mReceiver.Deliver(received)) {
+      Drop(connection, header, kind, received->Command(), eTCPE_CommErr_QueueFull, mQueueOverflows);
     }
-  } catch (...) { // what a host's hook throws must not end the network thread
-    Drop(*connection, header, eTCPE_CommErr_HandlerFailed, mUnhandledCommands);
+  });
+  if (!isDone) {
+    Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] {
+      Drop(connection, header, kind, received ? received->Command() : nullptr, eTCPE_CommErr_HandlerFailed,
+           mUnhandledCommands);
+    });
   }
 }
 
-void TCPE_Dispatcher::Reply(TCPE_ReceivedCommand& received) {
-  if (!received.IsReplyWanted()) {
-    return;
+void TCPE_Dispatcher::Finish(TCPE_ReceivedCommand& received) {
+  if (received.IsReplyWanted()) {
+    Reply(received);
   }
+  mReceiver.OnFinished(received.Origin(), received.GetKind(), true);
+}
+
+void TCPE_Dispatcher::Reply(TCPE_ReceivedCommand& received) {
   TCPE_CommandCodec codec;
   TCPE_Command& command = *received.Command();
   const TCPE_CommandCodec::Stamp stamp{.wireType = received.Header().type,
                                        .serial = received.Header().serial,
                                        .localSystemType = mManager.GetSystemType(),
                                        .remoteSystemType = received.Origin()->GetPeerSystemType()};
-  if (codec.EncodeReply(mTask, command, stamp) != eTCPE_CommErr_None) {
-    command.SetError(eTCPE_CommErr_PayloadTooLong);
-    codec.EncodeReply(mTask, command, stamp);
+  const auto encode = [&] { return codec.EncodeReply(mTask, command, stamp); };
+  TCPE_CommErr error = Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, eTCPE_CommErr_HandlerFailed, encode);
+  if (error != eTCPE_CommErr_None) {
+    command.SetError(error);
+    error = Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, eTCPE_CommErr_HandlerFailed, encode);
   }
-  received.Origin()->Send(codec.Frame(), TCPE_Connection::Urgency::now);
-  Log(LogEvent::replied, command, received.Origin()->GetAddress());
+  if (error == eTCPE_CommErr_None) {
+    received.Origin()->Send(codec.Frame(), TCPE_Connection::Kind::reply);
+    Log(LogEvent::replied, command, received.Origin()->GetAddress());
+  }
 }
 
 void TCPE_Dispatcher::Log(LogEvent event, const TCPE_Command& command, std::uint32_t peer) const {
-  const TCPE_CommManager::CommandLogProc log = mLog;
-  if (log == nullptr || command.DontLogCommand()) {
-    return;
+  if (const TCPE_CommManager::CommandLogProc log = mLog) {
+    Cmn_HostCall::Run(Cmn_HostCall::Kind::commandLog, [&] {
+      if (!command.DontLogCommand()) {
+        log(LineOf(event, command, peer).c_str());
+      }
+    });
   }
+}
+
+std::string TCPE_Dispatcher::LineOf(LogEvent event, const TCPE_Command& command, std::uint32_t peer) {
   struct Words {
     const char* verb;
     const char* preposition;
@@ -108,13 +169,14 @@ void TCPE_Dispatcher::Log(LogEvent event, const TCPE_Command& command, std::uint
   if (const std::string text = info.str(); !text.empty()) {
     line += ": " + text;
   }
-  WriteLog(log, line);
+  return line;
 }
 
-void TCPE_Dispatcher::WriteLog(TCPE_CommManager::CommandLogProc log, const std::string& line) const {
-  try {
-    log(line.c_str());
-  } catch (...) { // NOLINT(bugprone-empty-catch): a log that fails must not take the command down
+void TCPE_Dispatcher::LogLoss(ETCPE_NetworkError error, std::uint32_t peer) const {
+  if (const TCPE_CommManager::CommandLogProc log = mLog) {
+    const std::string line =
+        "lost " + Sys_Socket::DecodeIPAddress(peer) + ": network error " + Cmn_Int32ToString(error);
+    Cmn_HostCall::Run(Cmn_HostCall::Kind::commandLog, [&] { log(line.c_str()); });
   }
 }
 
@@ -135,13 +197,20 @@ TCPE_Counters TCPE_Dispatcher::GetCounters() const {
           .lateReplies = mLateReplies};
 }
 
+TCPE_ReceivedCommand::Pointer TCPE_Dispatcher::Fresh(TCPE_eCmd wireType) const {
+  ReceivedPointer fresh = TCPE_ReceivedCommand::Make(std::make_shared<TCPE_BlockStore>(mBlocks->Size()), nullptr,
+                                                     TCPE_FrameHeader(), Kind::notice);
+  fresh->SetCommand(mTask.ConstructCommand(mTask.GetCompatibleID(wireType), fresh->Block()));
+  return fresh->Command() != nullptr ? std::move(fresh) : nullptr;
+}
+
 TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_ptr<TCPE_Connection>& connection,
                                                             const TCPE_FrameHeader& header,
-                                                            std::span<const std::byte> payload) {
-  auto received = std::make_shared<TCPE_ReceivedCommand>(connection, header, mTask.GetMaxCommandSize());
+                                                            std::span<const std::byte> payload, Kind kind) {
+  ReceivedPointer received = TCPE_ReceivedCommand::Make(mBlocks, connection, header, kind, &mReceiver);
   TCPE_Command* command = Build(header.type, received->Block());
   if (command == nullptr) {
-    Drop(*connection, header, eTCPE_CommErr_UnknownCommand, mUnknownCommands);
+    Drop(connection, header, kind, nullptr, eTCPE_CommErr_UnknownCommand, mUnknownCommands);
     return nullptr;
   }
   received->SetCommand(command);
@@ -153,12 +222,13 @@ TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_pt
   command->SetReplyWanted(header.Has(kTCPE_Flag_ReplyWanted));
   command->SetRemoteSystemType(connection->GetPeerSystemType());
   command->SetLocalSystemType(mManager.GetSystemType());
+  command->SetConnection(connection->GetId());
   command->SetIPAddressFrom(connection->GetAddress());
   command->SetPortFrom(static_cast<std::uint32_t>(mTask.GetCommunicationPort()));
   command->SetIPAddressTo(mManager.GetAdaptorIPAddress());
   command->SetPortTo(static_cast<std::uint32_t>(mTask.GetCommunicationPort()));
   if (!TCPE_CommandCodec::DecodeCommand(*command, header, payload)) {
-    Drop(*connection, header, eTCPE_CommErr_MalformedPayload, mMalformedPayloads);
+    Drop(connection, header, kind, command, eTCPE_CommErr_MalformedPayload, mMalformedPayloads);
     return nullptr;
   }
   return received;
@@ -169,9 +239,10 @@ bool TCPE_Dispatcher::AnswerInPlace(TCPE_ReceivedCommand& received) {
   return command->IsSynchronous() ? mManager.HandleSyncCommand(command) : mManager.HandleAsyncCommand(command);
 }
 
-void TCPE_Dispatcher::Drop(TCPE_Connection& connection, const TCPE_FrameHeader& header, TCPE_CommErr error,
-                           std::atomic<std::uint64_t>& counter) {
+void TCPE_Dispatcher::Drop(const Connection& connection, const TCPE_FrameHeader& header, Kind kind,
+                           const TCPE_Command* command, TCPE_CommErr error, std::atomic<std::uint64_t>& counter) {
   ++counter;
+  mReceiver.OnFinished(connection, kind, false);
   if (!header.Has(kTCPE_Flag_ReplyWanted)) {
     return;
   }
@@ -187,9 +258,12 @@ void TCPE_Dispatcher::Drop(TCPE_Connection& connection, const TCPE_FrameHeader& 
   std::array<std::byte, TCPE_FrameHeader::kSize> frame{};
   answer.Write(frame.data());
   TCPE_SealFrame(frame);
-  connection.Send(frame, TCPE_Connection::Urgency::now);
-  if (const TCPE_CommManager::CommandLogProc log = mLog) {
-    WriteLog(log, "refused a command of type " + Cmn_Int32ToString(header.type) + " from " +
-                      Sys_Socket::DecodeIPAddress(connection.GetAddress()) + ": error " + Cmn_Int32ToString(error));
+  connection->Send(frame, TCPE_Connection::Kind::reply);
+  if (const TCPE_CommManager::CommandLogProc log = mLog;
+      log != nullptr && (command == nullptr || !command->DontLogCommand())) {
+    const std::string line = "refused a command of type " + Cmn_Int32ToString(header.type) + " from " +
+                             Sys_Socket::DecodeIPAddress(connection->GetAddress()) + ": error " +
+                             Cmn_Int32ToString(error);
+    Cmn_HostCall::Run(Cmn_HostCall::Kind::commandLog, [&] { log(line.c_str()); });
   }
 }

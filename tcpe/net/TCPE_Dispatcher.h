@@ -1,7 +1,9 @@
 #pragma once
 
 #include "tcpe/TCPE_CommandCodec.h"
+#include "tcpe/net/TCPE_BlockStore.h"
 #include "tcpe/net/TCPE_Connection.h"
+#include "tcpe/net/TCPE_Job.h"
 
 #include <trel/TCPE_CommManager.h>
 
@@ -16,44 +18,61 @@ class TCPE_Command;
 class TCPE_CommTask;
 
 /// A received command in its block, and where its reply goes.
-class TCPE_ReceivedCommand {
+class TCPE_ReceivedCommand final : public TCPE_Job {
 public:
-  TCPE_ReceivedCommand(std::shared_ptr<TCPE_Connection> origin, const TCPE_FrameHeader& header, std::size_t blockSize)
-      : mBlock(std::make_unique<std::max_align_t[]>((blockSize + sizeof(std::max_align_t) - 1) /
-                                                    sizeof(std::max_align_t))),
-        mOrigin(std::move(origin)), mHeader(header) {}
-  ~TCPE_ReceivedCommand();
-  TCPE_ReceivedCommand(const TCPE_ReceivedCommand&) = delete;
-  TCPE_ReceivedCommand& operator=(const TCPE_ReceivedCommand&) = delete;
+  using Pointer = std::unique_ptr<TCPE_ReceivedCommand, Discarder>;
 
-  void* Block() { return mBlock.get(); }
+  /// Runs the host's handler for a command.
+  class Handler {
+  public:
+    virtual void Handle(TCPE_ReceivedCommand& received) = 0;
+
+  protected:
+    ~Handler() = default;
+  };
+
+  /// @param blocks where to take the block from, and where it goes in the end
+  static Pointer Make(std::shared_ptr<TCPE_BlockStore> blocks, std::shared_ptr<TCPE_Connection> origin,
+                      const TCPE_FrameHeader& header, Kind kind, Handler* handler = nullptr);
+
+  void* Block();
   /// Takes over the command that was built in the block.
   void SetCommand(TCPE_Command* command) { mCommand = command; }
-  TCPE_Command* Command() const { return mCommand; }
+  TCPE_Command* Command() const override { return mCommand; }
   const TCPE_FrameHeader& Header() const { return mHeader; }
   const std::shared_ptr<TCPE_Connection>& Origin() const { return mOrigin; }
   bool IsReplyWanted() const { return mHeader.Has(kTCPE_Flag_ReplyWanted); }
+  void Run() override { mHandler->Handle(*this); }
 
 private:
-  std::unique_ptr<std::max_align_t[]> mBlock;
+  TCPE_ReceivedCommand(std::shared_ptr<TCPE_BlockStore> blocks, std::shared_ptr<TCPE_Connection> origin,
+                       const TCPE_FrameHeader& header, Kind kind, Handler* handler);
+  ~TCPE_ReceivedCommand() override;
+  void Discard() override;
+
+  std::shared_ptr<TCPE_BlockStore> mBlocks;
   std::shared_ptr<TCPE_Connection> mOrigin;
   TCPE_FrameHeader mHeader;
+  Handler* mHandler;
   TCPE_Command* mCommand = nullptr;
 };
 
 /// What happens to a frame that arrived: validate, construct, decode, answer in place or hand on, reply.
 class TCPE_Dispatcher {
 public:
-  using ReceivedPointer = std::shared_ptr<TCPE_ReceivedCommand>;
+  using ReceivedPointer = TCPE_ReceivedCommand::Pointer;
 
   /// Takes commands that are not answered in place.
-  class Receiver {
+  class Receiver : public TCPE_ReceivedCommand::Handler {
   public:
     /// Told of a connect or disconnect command before it is delivered.
     virtual void OnConnectionCommand(const TCPE_ReceivedCommand& received) = 0;
-    /// False when there is no room.
-    /// @param mustNotBeLost connect and disconnect, without which the host's picture of the link would be wrong
-    virtual bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) = 0;
+    /// Takes the command; false, and it does not, when there is no room.
+    virtual bool Deliver(ReceivedPointer& received) = 0;
+    /// Told of a command that arrived, and once of its end: it was handled, or dropped.
+    virtual void OnArrived(TCPE_Connection& connection, TCPE_ReceivedCommand::Kind kind) = 0;
+    virtual void OnFinished(const std::shared_ptr<TCPE_Connection>& connection, TCPE_ReceivedCommand::Kind kind,
+                            bool wasHandled) = 0;
     /// Whether asynchronous commands are delivered that nobody has registered for.
     virtual bool TakesUnhandled() const = 0;
 
@@ -61,8 +80,7 @@ public:
     ~Receiver() = default;
   };
 
-  TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
-      : mManager(manager), mTask(task), mReceiver(receiver) {}
+  TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver);
 
   // On the network thread.
   void OnFrame(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
@@ -72,34 +90,42 @@ public:
                          std::span<const std::byte> payload);
   /// Whether a frame decodes to a command.
   bool IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const;
-  /// Sends the reply that a received command has, if one is wanted. From any thread.
-  void Reply(TCPE_ReceivedCommand& received);
+  /// A command of its class, as it is before it is filled; null when there is no such class. From any thread.
+  ReceivedPointer Fresh(TCPE_eCmd wireType) const;
+  /// A command has been handled: sends its reply, if one is wanted. From any thread.
+  void Finish(TCPE_ReceivedCommand& received);
 
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) { mLog = log; }
   enum class LogEvent : std::uint8_t { sent, received, replied, answered };
   /// One line for the command log, if there is one and the command may be logged.
   void Log(LogEvent event, const TCPE_Command& command, std::uint32_t peer) const;
 
+  void LogLoss(ETCPE_NetworkError error, std::uint32_t peer) const;
+
   TCPE_Counters GetCounters() const;
 
 private:
   using Connection = std::shared_ptr<TCPE_Connection>;
+  using Kind = TCPE_ReceivedCommand::Kind;
 
   void Handle(const Connection& connection, const TCPE_FrameHeader& header, std::span<const std::byte> payload,
-              bool mustNotBeLost);
+              Kind kind);
   /// The command class of a wire type, built in the block; null when there is none.
   TCPE_Command* Build(TCPE_eCmd wireType, void* block) const;
   /// Null when the command is to be dropped; then it has been counted, and answered if a reply is wanted.
   ReceivedPointer Construct(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
-                            std::span<const std::byte> payload);
+                            std::span<const std::byte> payload, Kind kind);
+  void Reply(TCPE_ReceivedCommand& received);
   bool AnswerInPlace(TCPE_ReceivedCommand& received);
-  void Drop(TCPE_Connection& connection, const TCPE_FrameHeader& header, TCPE_CommErr error,
-            std::atomic<std::uint64_t>& counter);
-  void WriteLog(TCPE_CommManager::CommandLogProc log, const std::string& line) const;
+  /// `command`: null when there is none to build of the frame.
+  void Drop(const Connection& connection, const TCPE_FrameHeader& header, Kind kind, const TCPE_Command* command,
+            TCPE_CommErr error, std::atomic<std::uint64_t>& counter);
+  static std::string LineOf(LogEvent event, const TCPE_Command& command, std::uint32_t peer);
 
   TCPE_CommManager& mManager;
   TCPE_CommTask& mTask;
   Receiver& mReceiver;
+  const std::shared_ptr<TCPE_BlockStore> mBlocks; ///< of the network thread
   std::atomic<TCPE_CommManager::CommandLogProc> mLog = nullptr;
   std::atomic<std::uint64_t> mUnknownCommands = 0;
   std::atomic<std::uint64_t> mMalformedPayloads = 0;

@@ -8,9 +8,12 @@
 #include <trel/TCPE_CommTask.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
+#include <span>
 #include <string>
+#include <vector>
 
 class Sys_UDPSocket;
 class TCPE_ByteTap;
@@ -32,7 +35,6 @@ public:
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
     TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
     std::shared_ptr<TCPE_ByteTap> byteTap;
-    bool isHostPumped = false;
     bool answersDiscovery = true;
   };
 
@@ -43,6 +45,8 @@ public:
   TCPE_Engine(const TCPE_Engine&) = delete;
   TCPE_Engine& operator=(const TCPE_Engine&) = delete;
 
+  /// As in TCPE_CommManager; before Start.
+  virtual void SetHostPumpedDelivery(bool hostPumped) = 0;
   /// Starts listening and the threads. After a failure nothing is left running.
   virtual ETCPE_Status Start() = 0;
   /// Tells the peers, fails waiting senders, ends the threads.
@@ -55,7 +59,12 @@ public:
   virtual bool Disconnect(std::uint32_t address) = 0;
   virtual bool IsConnected(std::uint32_t address) const = 0;
   virtual std::set<std::uint32_t> GetConnectedAddresses() const = 0;
+  virtual std::uint64_t GetPeerInstance(std::uint32_t address) const = 0;
+  virtual std::uint64_t GetConnection(std::uint32_t address) const = 0;
+  virtual std::map<std::uint32_t, std::uint64_t> GetConnections() const = 0;
   virtual void SendCommand(TCPE_Command& command) = 0;
+  virtual std::vector<TCPE_CommErr> SendCommandToAll(TCPE_Command& command, std::span<const std::uint32_t> addresses,
+                                                     const TCPE_CommManager::ReplyProc& onReply) = 0;
   virtual TCPE_Command* TakeCommand() = 0;
   virtual void DisposeCommand(TCPE_Command* command) = 0;
   virtual void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) = 0;

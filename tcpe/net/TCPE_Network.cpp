@@ -1,5 +1,7 @@
 #include "tcpe/net/TCPE_Network.h"
 
+#include "tcpe/net/TCPE_OwnSocket.h"
+
 #include <trel/Sys_Clock.h>
 
 #include <algorithm>
@@ -30,6 +32,8 @@ void PrepareSocket(tcp::socket& socket) {
 }
 
 } // namespace
+
+thread_local const TCPE_Network* TCPE_Network::sRunning = nullptr;
 
 TCPE_Network::TCPE_Network(TCPE_Endpoint::Config config, TCPE_DiscoveryResponder::Config discovery, Place place,
                            TCPE_ByteTap& tap, Listener& listener)
@@ -62,6 +66,7 @@ void TCPE_Network::Stop() {
       mClosing.push_back(connection);
     }
     mConnections.clear();
+    mConnectAfterEnd.clear();
     CloseAll(Now() + kFarewell);
   });
   mThread.join();
@@ -88,47 +93,52 @@ void TCPE_Network::SetLocalSystemType(std::uint8_t type) {
 }
 
 void TCPE_Network::Connect(std::uint32_t address) {
-  asio::post(mContext, [this, address] {
-    const std::optional<TCPE_Endpoint::Id> id = mEndpoint.BeginConnect(address, Now());
-    if (id) {
-      OpenTransport(*id, address);
-    }
-    CarryOut(id);
+  asio::post(mContext, [this, address] { BeginConnect(address); });
+}
+
+void TCPE_Network::BeginConnect(std::uint32_t address) {
+  const bool isEnding = std::any_of(mConnections.begin(), mConnections.end(), [address](const auto& entry) {
+    return entry.second->GetAddress() == address && entry.second->HasEnded();
   });
+  if (isEnding) { // whoever ended it says the farewell, and then the end comes to this thread
+    mConnectAfterEnd.insert(address);
+    return;
+  }
+  const std::optional<TCPE_Endpoint::Id> id = mEndpoint.BeginConnect(address, Now());
+  if (id) {
+    OpenTransport(*id, address);
+  }
+  CarryOut(id);
 }
 
 void TCPE_Network::End(const ConnectionPointer& connection, ETCPE_NetworkError error) {
   asio::post(mContext, [this, connection, error] {
     mEndpoint.End(connection->GetId(), error, Now());
     CarryOut();
+    if (mConnectAfterEnd.erase(connection->GetAddress()) != 0) {
+      BeginConnect(connection->GetAddress());
+    }
   });
+}
+
+void TCPE_Network::Pause(const TCPE_Connection& connection) { mEndpoint.Pause(connection.GetId(), Now()); }
+
+void TCPE_Network::Resume(const ConnectionPointer& connection) {
+  asio::post(mContext, [this, connection] { OnReadingDue(connection); });
 }
 
 void TCPE_Network::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress) {
   asio::post(mContext, [this, address, broadcastAddress] {
     CloseListeningSockets();
-    if (address != mPlace.address) {
-      LoseAll();
-    }
+    mEndpoint.MoveTo(address, Now());
+    CarryOut();
     mPlace.address = address;
     mPlace.broadcastAddress = broadcastAddress;
-    mEndpoint.SetLocalAddress(address);
     if (address != 0 && OpenListeningSockets() == eTCPE_Status_Success) {
       Accept();
       mDiscovery.Run();
     }
   });
-}
-
-void TCPE_Network::LoseAll() {
-  std::vector<TCPE_Endpoint::Id> ids;
-  for (const auto& [id, connection] : mConnections) {
-    ids.push_back(id);
-  }
-  for (const TCPE_Endpoint::Id id : ids) {
-    mEndpoint.End(id, eNetworkError_ConnectionLost, Now());
-    CarryOut();
-  }
 }
 
 ETCPE_Status TCPE_Network::OpenListeningSockets() {
@@ -159,7 +169,7 @@ bool TCPE_Network::HasAuthenticationFailed(std::uint32_t address) const {
 ETCPE_Status TCPE_Network::Listen() {
   const tcp::endpoint endpoint(asio::ip::address_v4(mPlace.address), mPlace.port);
   asio::error_code error;
-  mAcceptor.open(endpoint.protocol(), error);
+  TCPE_Open(mAcceptor, endpoint.protocol(), error);
   if (!error) {
 #if !defined(_WIN32) // there it would let two processes listen on one port
     mAcceptor.set_option(tcp::acceptor::reuse_address(true), error);
@@ -171,6 +181,9 @@ ETCPE_Status TCPE_Network::Listen() {
   if (!error) {
     mAcceptor.listen(asio::socket_base::max_listen_connections, error);
   }
+  if (!error) {
+    mAcceptor.non_blocking(true, error);
+  }
   if (error == asio::error::address_in_use) {
     return eTCPE_Status_PortInUse;
   }
@@ -178,7 +191,7 @@ ETCPE_Status TCPE_Network::Listen() {
 }
 
 void TCPE_Network::Run() {
-  mThreadId = std::this_thread::get_id();
+  sRunning = this;
   Accept();
   mDiscovery.Run();
   const auto stays = asio::make_work_guard(mContext); // also while there is no socket to wait for
@@ -191,7 +204,7 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
   if (mPlace.address == 0) {
     error = asio::error::network_down;
   } else {
-    socket.open(tcp::v4(), error);
+    TCPE_Open(socket, tcp::v4(), error);
   }
   if (!error) {
     // From this system's address: it is the identity that the peer knows it by.
@@ -204,7 +217,8 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
   const ConnectionPointer connection = Add(id, address, std::move(socket));
   connection->Socket()->async_connect({asio::ip::address_v4(address), mPlace.port},
                                       [this, connection](const asio::error_code& failure) {
-                                        if (failure == asio::error::operation_aborted) {
+                                        if (failure == asio::error::operation_aborted ||
+                                            connection->Socket() == nullptr) { // closed when this was on its way
                                           return;
                                         }
                                         if (failure) {
@@ -222,8 +236,16 @@ void TCPE_Network::Accept() {
   if (!mAcceptor.is_open()) {
     return;
   }
-  mAcceptor.async_accept([this, listening = mListenings](const asio::error_code& error, tcp::socket socket) {
+  mAcceptor.async_wait(tcp::acceptor::wait_read, [this, listening = mListenings](asio::error_code error) {
     if (error == asio::error::operation_aborted || listening != mListenings) {
+      return;
+    }
+    tcp::socket socket(mContext);
+    if (!error) {
+      TCPE_TakeOver(socket, tcp::v4(), Sys_NativeSocket::Accept(mAcceptor.native_handle()), error);
+    }
+    if (error == asio::error::would_block || error == asio::error::connection_aborted) { // it has gone again
+      Accept();
       return;
     }
     if (error) { // out of descriptors: wait for better times, and do not spin
@@ -252,14 +274,19 @@ void TCPE_Network::Accept() {
 }
 
 void TCPE_Network::Read(const ConnectionPointer& connection) {
+  if (connection->isReading || mEndpoint.IsPaused(connection->GetId())) {
+    return;
+  }
   const std::span<std::byte> space = mEndpoint.ReceiveSpace(connection->GetId());
   if (space.empty() || connection->Socket() == nullptr) {
     return;
   }
+  connection->isReading = true;
   // The read keeps the session: the space that it fills belongs to it.
   connection->Socket()->async_read_some(asio::buffer(space.data(), space.size()),
                                         [this, connection, space, session = mEndpoint.SessionOf(connection->GetId())](
                                             const asio::error_code& error, std::size_t count) {
+                                          connection->isReading = false;
                                           if (error == asio::error::operation_aborted) {
                                             return;
                                           }
@@ -275,12 +302,14 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
                                         });
 }
 
-void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> newcomer) {
-  TCPE_Time nearest = newcomer ? mEndpoint.DeadlineOf(*newcomer) : TCPE_Endpoint::kNever;
+void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> concerned) {
+  TCPE_Time nearest = TCPE_Endpoint::kNever;
   while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(Now())) {
     CarryOut(*event);
     nearest = std::min(nearest, mEndpoint.DeadlineOf(event->id));
   }
+  mListener.OnAllTold();
+  nearest = concerned ? std::min(nearest, mEndpoint.DeadlineOf(*concerned)) : nearest;
   // A deadline that has moved away is left to the timer, which then comes too early and looks again.
   if (mTimerArmedFor == 0) {
     ArmTimer(mEndpoint.NextDeadline());
@@ -305,11 +334,15 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   }
   switch (event.kind) {
   case Kind::opened:
-    connection->Open(event.session, event.openedByPeer);
+    connection->Open(event.session);
     mListener.OnOpened(connection, event);
     break;
   case Kind::frame:
+    connection->ToldNothing();
     mListener.OnFrame(connection, event.header, event.payload);
+    break;
+  case Kind::finished:
+    event.finished ? connection->Told(*event.finished) : connection->ToldNothing();
     break;
   case Kind::disconnected:
     mListener.OnDisconnected(connection, event.header, event.payload);
@@ -352,6 +385,17 @@ void TCPE_Network::ArmTimer(TCPE_Time deadline) {
 void TCPE_Network::OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) {
   mEndpoint.End(id, error, Now());
   CarryOut();
+}
+
+void TCPE_Network::OnTellingDue(TCPE_Endpoint::Id id) {
+  mEndpoint.Look(id);
+  CarryOut(id);
+}
+
+void TCPE_Network::OnReadingDue(const ConnectionPointer& connection) {
+  mEndpoint.Resume(connection->GetId(), Now());
+  CarryOut(connection->GetId());
+  Read(connection);
 }
 
 TCPE_Network::ConnectionPointer TCPE_Network::Add(TCPE_Endpoint::Id id, std::uint32_t address, tcp::socket socket) {

@@ -9,6 +9,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <set>
 #include <span>
 #include <thread>
 
@@ -32,6 +33,8 @@ public:
     virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
     virtual void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) = 0;
     virtual void OnUnproved(std::uint32_t address) = 0;
+    /// There is nothing more to tell for the time being.
+    virtual void OnAllTold() = 0;
     /// The last that is told, while the connections are still there.
     virtual void OnStopping() = 0;
 
@@ -61,13 +64,16 @@ public:
   void SetLocalSystemType(std::uint8_t type);
   void Connect(std::uint32_t address);
   void End(const ConnectionPointer& connection, ETCPE_NetworkError error);
+  /// Reads an open connection no more until it is resumed. On the network thread.
+  void Pause(const TCPE_Connection& connection);
+  void Resume(const ConnectionPointer& connection);
   /// Opens the listening sockets on another address, or again on the same one. Connections from and to an address that
   /// this system has no more are lost.
   void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress);
   /// False after a move while the listening sockets are not open.
   bool IsListening() const { return mIsListening; }
 
-  bool IsOnNetworkThread() const { return std::this_thread::get_id() == mThreadId.load(); }
+  bool IsOnNetworkThread() const { return sRunning == this; }
   const TCPE_Endpoint::Counts& Counts() const { return mEndpoint.GetCounts(); }
   bool HasAuthenticationFailed(std::uint32_t address) const;
   const TCPE_DiscoveryCounters& DiscoveryCounters() const { return mDiscovery.Counters(); }
@@ -76,19 +82,23 @@ private:
   ETCPE_Status Listen();
   ETCPE_Status OpenListeningSockets();
   void CloseListeningSockets();
-  void LoseAll();
+  void BeginConnect(std::uint32_t address);
   void Run();
   void OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address);
   void CloseAll(TCPE_Time deadline);
   void Accept();
   void Read(const ConnectionPointer& connection);
-  /// Everything that the endpoint wants done. `newcomer`: a connection that may have the nearest deadline.
-  void CarryOut(std::optional<TCPE_Endpoint::Id> newcomer = std::nullopt);
+  /// Everything that the endpoint wants done. `concerned`: a connection that may have the nearest deadline.
+  void CarryOut(std::optional<TCPE_Endpoint::Id> concerned = std::nullopt);
   void CarryOut(const TCPE_Endpoint::Event& event);
   void ArmTimer(TCPE_Time deadline);
   void OnTransportFailed(TCPE_Endpoint::Id id, ETCPE_NetworkError error) override;
+  void OnTellingDue(TCPE_Endpoint::Id id) override;
+  void OnReadingDue(const ConnectionPointer& connection) override;
   ConnectionPointer Add(TCPE_Endpoint::Id id, std::uint32_t address, asio::ip::tcp::socket socket);
   ConnectionPointer Find(TCPE_Endpoint::Id id) const;
+
+  static thread_local const TCPE_Network* sRunning; ///< on this thread
 
   const TCPE_Limits mLimits;
   Place mPlace;
@@ -104,8 +114,8 @@ private:
   asio::steady_timer mCloseTimer{mContext};
   TCPE_Time mTimerArmedFor = 0;
   std::map<TCPE_Endpoint::Id, ConnectionPointer> mConnections;
-  std::list<ConnectionPointer> mClosing; ///< still sending what was queued
+  std::set<std::uint32_t> mConnectAfterEnd; ///< addresses to connect to when a connection that has ended is closed
+  std::list<ConnectionPointer> mClosing;    ///< still sending what was queued
   std::atomic<bool> mIsListening = false;
-  std::atomic<std::thread::id> mThreadId{};
   std::thread mThread;
 };

@@ -52,7 +52,8 @@ std::vector<TCPE_PeerSnapshot> TCPE_PeerHistory::Peers(TCPE_Time now) const {
       snapshot.name = peer.name;
       snapshot.isConnected = peer.connection != 0;
       snapshot.isOpenedByPeer = peer.openedByPeer;
-      (snapshot.isConnected ? snapshot.connectedFor : snapshot.goneFor) = now - peer.changed;
+      // It may have come or gone since the caller looked at the clock.
+      (snapshot.isConnected ? snapshot.connectedFor : snapshot.goneFor) = std::max(now - peer.changed, TCPE_Time{0});
       snapshot.connections = peer.connections;
       snapshot.losses = peer.losses;
       snapshot.lastLoss = peer.lastLoss;
@@ -63,6 +64,8 @@ std::vector<TCPE_PeerSnapshot> TCPE_PeerHistory::Peers(TCPE_Time now) const {
   for (std::size_t index = 0; index < snapshots.size(); ++index) {
     snapshots[index].sent = traffic[index]->sent.Count();
     snapshots[index].received = traffic[index]->received.Count();
+    snapshots[index].sentCommands = traffic[index]->sent.CountCommands();
+    snapshots[index].receivedCommands = traffic[index]->received.CountCommands();
     snapshots[index].roundTrips = traffic[index]->roundTrips.Times();
     std::copy(traffic[index]->errors.begin(), traffic[index]->errors.end(), snapshots[index].errors.begin());
   }

@@ -15,8 +15,8 @@
 class TCPE_PeerHistory {
 public:
   using TrafficPointer = std::shared_ptr<TCPE_PeerTraffic>;
-  /// Tells the connections of an address apart; never 0.
-  using ConnectionId = std::uint32_t;
+  /// Tells connections apart; never 0.
+  using ConnectionId = std::uint64_t;
 
   explicit TCPE_PeerHistory(std::size_t maxDeparted) : mMaxDeparted(maxDeparted) {}
 

@@ -16,9 +16,20 @@ struct TCPE_PeerTraffic {
   struct alignas(64) Direction {
     Counter frames = 0;
     Counter bytes = 0;
+    Counter commands = 0;
+    Counter finished = 0; ///< of what was received; how many of those that were sent follows from the others
+    Counter refused = 0;
+    Counter abandoned = 0;
 
     TCPE_TrafficCount Count() const {
       return {.frames = frames.load(std::memory_order_relaxed), .bytes = bytes.load(std::memory_order_relaxed)};
+    }
+    /// Without those in flight.
+    TCPE_CommandCount CountCommands() const {
+      return {.commands = commands.load(std::memory_order_relaxed),
+              .finished = finished.load(std::memory_order_relaxed),
+              .refused = refused.load(std::memory_order_relaxed),
+              .abandoned = abandoned.load(std::memory_order_relaxed)};
     }
   };
 

@@ -30,14 +30,21 @@ TCPE_CommErr TCPE_PendingCalls::Add(std::uint32_t serial, TCPE_Call& call) {
   return eTCPE_CommErr_None;
 }
 
-void TCPE_PendingCalls::Wait(std::uint32_t serial, TCPE_Call& call) {
-  while (!call.hasEnded.load(std::memory_order_acquire) && Sys_Clock::RawMicroseconds() - call.begin < kSpin) {
+bool TCPE_PendingCalls::Spin(const TCPE_Call& call) {
+  bool hasEnded = false;
+  while (!(hasEnded = call.hasEnded.load(std::memory_order_acquire)) &&
+         Sys_Clock::RawMicroseconds() - call.begin < kSpin) {
     Relax();
   }
+  return hasEnded;
+}
+
+void TCPE_PendingCalls::Wait(std::uint32_t serial, TCPE_Call& call) {
   // Also after a successful spin: whoever ended the call may still be inside, and the call is about to be destroyed.
   std::unique_lock lock(mMutex);
   const auto hasEnded = [&call] { return call.hasEnded.load(std::memory_order_relaxed); };
-  if (!call.ended.wait_for(lock, std::chrono::microseconds(mLimits.reply), hasEnded)) {
+  const std::chrono::steady_clock::time_point deadline{std::chrono::microseconds(call.begin + mLimits.reply)};
+  if (!call.ended.wait_until(lock, deadline, hasEnded)) {
     mCalls.erase(serial);
     End(call, eTCPE_CommErr_TimedOut);
   }

@@ -32,8 +32,10 @@ public:
 
   /// An error when there are too many already, or when the connection has ended.
   TCPE_CommErr Add(std::uint32_t serial, TCPE_Call& call);
-  /// Waits until the call has ended, however that comes about. A reply usually comes at once, so the wait begins with a
-  /// short spin: waking a sleeping thread costs more than a round trip on a fast network.
+  /// A reply usually comes at once, so a wait begins with a short spin: waking a sleeping thread costs more than a
+  /// round trip on a fast network. True when the call has ended by then; Wait has to be called all the same.
+  static bool Spin(const TCPE_Call& call);
+  /// Waits until the call has ended, however that comes about.
   void Wait(std::uint32_t serial, TCPE_Call& call);
   /// Ends a call with an error, if it has not ended yet.
   void Cancel(std::uint32_t serial, TCPE_CommErr error);

@@ -1,6 +1,9 @@
 #include "tcpe/net/TCPE_PumpQueue.h"
 
+#include "foundation/Cmn_HostCall.h"
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <utility>
 
@@ -9,7 +12,7 @@ namespace {
 /// Commands that hosts still had in hand when their engines ended. Never destroyed: a host may return one at any time.
 struct Orphans {
   std::mutex mutex;
-  std::map<TCPE_Command*, TCPE_PumpQueue::ReceivedPointer> commands;
+  std::map<TCPE_Command*, TCPE_ReceivedCommand::Pointer> commands;
 };
 
 Orphans& TheOrphans() {
@@ -17,28 +20,45 @@ Orphans& TheOrphans() {
   return *orphans;
 }
 
+std::atomic<std::uint64_t> sLastNumber = 0;
+
+/// Number of the queue that this thread has taken from last; 0: none.
+thread_local std::uint64_t sPumped = 0;
+
 } // namespace
 
-bool TCPE_PumpQueue::Push(const ReceivedPointer& received, std::size_t bytes, bool mustNotBeLost) {
-  const std::uint32_t address = received->Origin()->GetAddress();
+thread_local const TCPE_PumpQueue* TCPE_PumpQueue::sReporting = nullptr;
+
+TCPE_PumpQueue::TCPE_PumpQueue(const TCPE_Limits& limits, TCPE_CommManager::NetworkErrorProc onNetworkError)
+    : mLimits(limits), mOnNetworkError(onNetworkError), mNumber(++sLastNumber) {}
+
+TCPE_QueueLoad TCPE_PumpQueue::Deliver(std::uint32_t address, TCPE_JobList received) {
   const std::lock_guard lock(mMutex);
-  const auto load = mLoads.find(address);
-  if (load != mLoads.end() && IsFull(load->second) && !mustNotBeLost) {
-    return false;
+  TCPE_QueueLoad& load = mLoads[address];
+  load += received.Load();
+  while (TCPE_Job::Pointer job = received.Pop()) {
+    mWaiting.push_back({.address = address,
+                        .command = TCPE_ReceivedCommand::Pointer(static_cast<TCPE_ReceivedCommand*>(job.release()))});
   }
-  PushLocked({.address = address, .command = received, .bytes = bytes});
-  return true;
+  return load;
 }
 
-void TCPE_PumpQueue::PushError(ETCPE_NetworkError error, std::uint32_t address) {
+void TCPE_PumpQueue::DeliverError(ETCPE_NetworkError error, std::uint32_t address) {
   const std::lock_guard lock(mMutex);
-  PushLocked({.address = address, .error = error});
+  mLoads[address].Add(TCPE_QueueLoad::Kind::notice, 0);
+  mWaiting.push_back({.address = address, .error = error});
 }
 
 bool TCPE_PumpQueue::IsFull(std::uint32_t address) const {
   const std::lock_guard lock(mMutex);
   const auto load = mLoads.find(address);
-  return load != mLoads.end() ? IsFull(load->second) : mLoads.size() >= mLimits.maxQueues;
+  return load != mLoads.end() ? load->second.IsFull(mLimits) : mLoads.size() >= mLimits.maxQueues;
+}
+
+TCPE_QueueLoad TCPE_PumpQueue::GetQueueLoad(std::uint32_t address) const {
+  const std::lock_guard lock(mMutex);
+  const auto load = mLoads.find(address);
+  return load != mLoads.end() ? load->second : TCPE_QueueLoad();
 }
 
 TCPE_HandlerLoad TCPE_PumpQueue::GetLoad(std::uint32_t address) const {
@@ -47,50 +67,47 @@ TCPE_HandlerLoad TCPE_PumpQueue::GetLoad(std::uint32_t address) const {
   const auto inHand = std::count_if(mInHand.begin(), mInHand.end(), [address](const auto& entry) {
     return entry.second.command->Origin()->GetAddress() == address;
   });
-  return {.waiting = load != mLoads.end() ? load->second.entries : 0, .running = static_cast<std::size_t>(inHand)};
+  return {.waiting = load != mLoads.end() ? load->second.Entries() : 0, .running = static_cast<std::size_t>(inHand)};
 }
 
 TCPE_Command* TCPE_PumpQueue::Take() {
+  sPumped = mNumber;
   std::unique_lock lock(mMutex);
   while (!mWaiting.empty()) {
-    const Waiting next = std::move(mWaiting.front());
+    Waiting next = std::move(mWaiting.front());
     mWaiting.pop_front();
     const auto load = mLoads.find(next.address);
-    load->second.bytes -= next.bytes;
-    if (--load->second.entries == 0) {
+    load->second.Remove(next.command ? next.command->GetKind() : TCPE_QueueLoad::Kind::notice,
+                        next.command ? next.command->Bytes() : 0);
+    if (load->second.Entries() == 0) {
       mLoads.erase(load);
     }
     if (next.command) {
-      mInHand.emplace(next.command->Command(), InHand{next.command, std::this_thread::get_id()});
-      return next.command->Command();
+      TCPE_Command* const command = next.command->Command();
+      mInHand.emplace(command, InHand{std::move(next.command), std::this_thread::get_id()});
+      return command;
     }
-    const std::thread::id before = std::exchange(mReportingThread, std::this_thread::get_id());
+    const TCPE_PumpQueue* before = std::exchange(sReporting, this);
     lock.unlock();
-    mOnNetworkError(next.error, next.address);
+    Cmn_HostCall::Run(Cmn_HostCall::Kind::networkError, [&] { mOnNetworkError(next.error, next.address); });
     lock.lock();
-    mReportingThread = before;
+    sReporting = before;
   }
   return nullptr;
 }
 
-TCPE_PumpQueue::ReceivedPointer TCPE_PumpQueue::Return(TCPE_Command* command) {
+bool TCPE_PumpQueue::MayWaitHere() const { return sPumped != mNumber; }
+
+TCPE_ReceivedCommand::Pointer TCPE_PumpQueue::Return(TCPE_Command* command) {
   const std::lock_guard lock(mMutex);
   const auto position = mInHand.find(command);
   if (position == mInHand.end()) {
     return nullptr;
   }
-  ReceivedPointer received = std::move(position->second.command);
+  TCPE_ReceivedCommand::Pointer received = std::move(position->second.command);
   mInHand.erase(position);
   mReturned.notify_all();
   return received;
-}
-
-bool TCPE_PumpQueue::IsInHandOfThisThread() const {
-  const std::thread::id thread = std::this_thread::get_id();
-  const std::lock_guard lock(mMutex);
-  return mReportingThread == thread || std::any_of(mInHand.begin(), mInHand.end(), [thread](const auto& entry) {
-           return entry.second.thread == thread;
-         });
 }
 
 void TCPE_PumpQueue::Stop(std::int64_t timeout) {
@@ -98,7 +115,10 @@ void TCPE_PumpQueue::Stop(std::int64_t timeout) {
   std::unique_lock lock(mMutex);
   dropped.swap(mWaiting);
   mLoads.clear();
-  mReturned.wait_for(lock, std::chrono::microseconds(timeout), [this] { return mInHand.empty(); });
+  mReturned.wait_for(lock, std::chrono::microseconds(timeout), [this, thread = std::this_thread::get_id()] {
+    return std::all_of(mInHand.begin(), mInHand.end(),
+                       [thread](const auto& entry) { return entry.second.thread == thread; });
+  });
   Orphans& orphans = TheOrphans();
   const std::lock_guard orphansLock(orphans.mutex);
   for (auto& [command, inHand] : mInHand) {
@@ -111,11 +131,4 @@ void TCPE_PumpQueue::ReturnOrphan(TCPE_Command* command) {
   Orphans& orphans = TheOrphans();
   const std::lock_guard lock(orphans.mutex);
   orphans.commands.erase(command);
-}
-
-void TCPE_PumpQueue::PushLocked(Waiting waiting) {
-  Load& load = mLoads[waiting.address];
-  ++load.entries;
-  load.bytes += waiting.bytes;
-  mWaiting.push_back(std::move(waiting));
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Dispatcher.h"
+#include "tcpe/net/TCPE_Delivery.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <condition_variable>
@@ -11,62 +11,49 @@
 #include <mutex>
 #include <thread>
 
-/// With host-pumped delivery: what waits for the host, in the order in which it came, and what it has in hand.
-/// Thread-safe.
-class TCPE_PumpQueue {
+/// Commands wait for a host that pumps, in the order in which they came; what it has in hand is remembered.
+class TCPE_PumpQueue final : public TCPE_Delivery {
 public:
-  using ReceivedPointer = TCPE_Dispatcher::ReceivedPointer;
+  TCPE_PumpQueue(const TCPE_Limits& limits, TCPE_CommManager::NetworkErrorProc onNetworkError);
 
-  TCPE_PumpQueue(const TCPE_Limits& limits, TCPE_CommManager::NetworkErrorProc onNetworkError)
-      : mLimits(limits), mOnNetworkError(onNetworkError) {}
+  void Start(std::shared_ptr<void> /*engine*/) override {}
+  /// What threads of the host keep longer, and what this thread has in hand, becomes an orphan.
+  void Stop(std::int64_t timeout) override;
+  TCPE_QueueLoad Deliver(std::uint32_t address, TCPE_JobList received) override;
+  void DeliverError(ETCPE_NetworkError error, std::uint32_t address) override;
+  bool IsFull(std::uint32_t address) const override;
+  TCPE_QueueLoad GetQueueLoad(std::uint32_t address) const override;
+  TCPE_HandlerLoad GetLoad(std::uint32_t address) const override;
+  bool TakesUnhandled() const override { return true; }
+  /// Not where commands are taken: nobody would take those that have to be finished first.
+  bool MayWaitHere() const override;
+  bool IsOnOwnThread() const override { return sReporting == this; }
+  /// Network errors that come before the command are reported.
+  TCPE_Command* Take() override;
+  TCPE_ReceivedCommand::Pointer Return(TCPE_Command* command) override;
 
-  /// False when the peer has too much waiting. A command that must not be lost is queued all the same.
-  /// @param bytes memory that the command holds
-  bool Push(const ReceivedPointer& received, std::size_t bytes, bool mustNotBeLost);
-  void PushError(ETCPE_NetworkError error, std::uint32_t address);
-  /// Whether a peer has as much waiting as it may, or has nothing waiting and too many others have.
-  bool IsFull(std::uint32_t address) const;
-  TCPE_HandlerLoad GetLoad(std::uint32_t address) const;
-
-  /// The next command, now in the host's hand; null when there is none. Network errors before it are reported.
-  TCPE_Command* Take();
-  /// Takes a command back from the host; null when it has no such command in hand.
-  ReceivedPointer Return(TCPE_Command* command);
-  /// Whether this thread has a command in hand, or runs the callback.
-  bool IsInHandOfThisThread() const;
-
-  /// Drops what waits, and gives the host `timeout` microseconds to return what it has in hand. What it keeps longer
-  /// becomes an orphan.
-  void Stop(std::int64_t timeout);
   static void ReturnOrphan(TCPE_Command* command);
 
 private:
+  /// Either a command or an error.
   struct Waiting {
     std::uint32_t address = 0;
-    ReceivedPointer command{};
-    std::size_t bytes = 0;
+    TCPE_ReceivedCommand::Pointer command{};
     ETCPE_NetworkError error = eNetworkError_None;
   };
-  struct Load {
-    std::size_t entries = 0;
-    std::size_t bytes = 0;
-  };
   struct InHand {
-    ReceivedPointer command;
+    TCPE_ReceivedCommand::Pointer command;
     std::thread::id thread;
   };
 
-  bool IsFull(const Load& load) const {
-    return load.entries >= mLimits.maxQueuedCommands || load.bytes >= mLimits.maxQueuedBytes;
-  }
-  void PushLocked(Waiting waiting);
+  static thread_local const TCPE_PumpQueue* sReporting;
 
   const TCPE_Limits& mLimits;
   const TCPE_CommManager::NetworkErrorProc mOnNetworkError;
+  const std::uint64_t mNumber;
   mutable std::mutex mMutex;
   std::condition_variable mReturned;
   std::deque<Waiting> mWaiting;
-  std::map<std::uint32_t, Load> mLoads;
+  std::map<std::uint32_t, TCPE_QueueLoad> mLoads;
   std::map<TCPE_Command*, InHand> mInHand;
-  std::thread::id mReportingThread;
 };

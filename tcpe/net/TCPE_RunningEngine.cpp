@@ -1,5 +1,8 @@
 #include "tcpe/net/TCPE_RunningEngine.h"
 
+#include "foundation/Cmn_HostCall.h"
+#include "tcpe/net/TCPE_HandlerDelivery.h"
+#include "tcpe/net/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 
 #include <trel/Sys_Clock.h>
@@ -9,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -45,18 +49,12 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
     : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits),
       mMaxConnections(std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections)),
       mLocalAddress(setup.localAddress), mBroadcastAddress(setup.broadcastAddress),
-      mOnNetworkError(setup.onNetworkError), mIsHostPumped(setup.isHostPumped),
+      mOnNetworkError(setup.onNetworkError),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
       mStarted(Sys_Clock::RawMicroseconds()), mIsAuthenticating(setup.key != nullptr),
       mAdaptorName(std::move(setup.adaptorName)), mHistory(mLimits.maxDepartedPeers),
-      mDispatcher(mManager, *mTask, *this), mPumpQueue(mLimits, mOnNetworkError), mByteTap(std::move(setup.byteTap)),
-      mPool(
-          std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{.threads = mLimits.maxHandlerThreads,
-                                                                      .jobsPerPeer = mLimits.maxQueuedCommands,
-                                                                      .bytesPerPeer = mLimits.maxQueuedBytes,
-                                                                      .waitingJobsPerPeer = mLimits.maxWaitingHandlers,
-                                                                      .peers = mLimits.maxQueues})),
-      mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
+      mDispatcher(mManager, *mTask, *this), mDelivery(std::make_unique<TCPE_HandlerDelivery>(mLimits, mOnNetworkError)),
+      mByteTap(std::move(setup.byteTap)), mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
       mNetwork(std::make_unique<TCPE_Network>(
           EndpointConfig(setup.key), ResponderConfig(setup.key),
           TCPE_Network::Place{.address = mLocalAddress,
@@ -65,15 +63,21 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
                               .discoveryPort = setup.answersDiscovery ? mTask->GetDiscoveryPort() : std::uint16_t{0}},
           *mByteTap, static_cast<TCPE_Network::Listener&>(*this))) {}
 
+void TCPE_RunningEngine::SetHostPumpedDelivery(bool hostPumped) {
+  if (hostPumped) {
+    mDelivery = std::make_unique<TCPE_PumpQueue>(mLimits, mOnNetworkError);
+  }
+}
+
 ETCPE_Status TCPE_RunningEngine::Start() {
   try {
-    mPool->Start();
+    mDelivery->Start(shared_from_this());
   } catch (const std::system_error&) {
     return eTCPE_Status_SystemError;
   }
   const ETCPE_Status status = mNetwork->Start();
   if (status != eTCPE_Status_Success) {
-    mPool->Stop(mLimits.handlersAtEnd);
+    mDelivery->Stop(mLimits.handlersAtEnd);
   }
   return status;
 }
@@ -83,22 +87,17 @@ void TCPE_RunningEngine::Stop() {
   mDiscoveryClient.Stop();
   mNetwork->Stop();
   {
-    const std::lock_guard lock(mAttemptsMutex);
+    const std::lock_guard lock(mConnectedMutex);
     for (const auto& [address, attempt] : mAttempts) {
       attempt->hasEnded = true;
     }
     mAttempts.clear();
     mAttemptEnded.notify_all();
   }
-  if (mIsHostPumped) {
-    mPumpQueue.Stop(mLimits.handlersAtEnd);
-  }
-  mPool->Stop(mLimits.handlersAtEnd);
+  mDelivery->Stop(mLimits.handlersAtEnd);
 }
 
-bool TCPE_RunningEngine::IsOnOwnThread() const {
-  return mNetwork->IsOnNetworkThread() || mPool->IsOnHandlerThread() || mPumpQueue.IsInHandOfThisThread();
-}
+bool TCPE_RunningEngine::IsOnOwnThread() const { return mNetwork->IsOnNetworkThread() || mDelivery->IsOnOwnThread(); }
 
 bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   if (!IsPossiblePeer(address) || mNetwork->IsOnNetworkThread()) {
@@ -107,8 +106,11 @@ bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   if (IsConnected(address)) {
     return true;
   }
-  const TCPE_HandlerPool::WaitScope waits;
-  std::unique_lock lock(mAttemptsMutex);
+  std::optional<TCPE_HandlerPool::WaitScope> waits;
+  std::unique_lock lock(mConnectedMutex);
+  if (mConnected.contains(address)) {
+    return true;
+  }
   if (mIsStopping) {
     return false;
   }
@@ -118,22 +120,35 @@ bool TCPE_RunningEngine::Connect(std::uint32_t address) {
     mNetwork->Connect(address);
   }
   const std::shared_ptr<Attempt> attempt = entry;
+  waits.emplace();
   // The endpoint ends every attempt by itself; the bound is a second line of defence.
   const TCPE_Time bound = 2 * (mLimits.transportConnect + mLimits.handshake);
   if (!mAttemptEnded.wait_for(lock, std::chrono::microseconds(bound), [&attempt] { return attempt->hasEnded; })) {
-    mAttempts.erase(address);
+    std::erase_if(mAttempts, [&attempt](const auto& waiting) { return waiting.second == attempt; });
   }
   return attempt->isConnected;
 }
 
 bool TCPE_RunningEngine::Disconnect(std::uint32_t address) {
-  const ConnectionPointer connection = ConnectionOf(address);
-  if (!connection || !connection->TryEnd()) {
+  ConnectionPointer connection;
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    if (const auto position = mConnected.find(address); position != mConnected.end()) {
+      connection = position->second;
+      ++mFarewells;
+    }
+  }
+  if (!connection) {
     return false;
   }
-  Ended(connection, eNetworkError_None);
-  Farewell(connection, eTCPE_CommErr_ConnectionLost);
-  return true;
+  const bool isEnded = TryEnd(connection, eNetworkError_None);
+  if (isEnded) {
+    Farewell(connection, eTCPE_CommErr_ConnectionLost);
+  }
+  const std::lock_guard lock(mConnectedMutex);
+  --mFarewells;
+  mFarewellSaid.notify_all();
+  return isEnded;
 }
 
 bool TCPE_RunningEngine::IsConnected(std::uint32_t address) const { return ConnectionOf(address) != nullptr; }
@@ -147,6 +162,25 @@ std::set<std::uint32_t> TCPE_RunningEngine::GetConnectedAddresses() const {
   return addresses;
 }
 
+std::uint64_t TCPE_RunningEngine::GetPeerInstance(std::uint32_t address) const {
+  const ConnectionPointer connection = ConnectionOf(address);
+  return connection ? connection->GetPeerInstance() : 0;
+}
+
+std::uint64_t TCPE_RunningEngine::GetConnection(std::uint32_t address) const {
+  const ConnectionPointer connection = ConnectionOf(address);
+  return connection ? connection->GetId() : 0;
+}
+
+std::map<std::uint32_t, std::uint64_t> TCPE_RunningEngine::GetConnections() const {
+  std::map<std::uint32_t, std::uint64_t> connections;
+  const std::lock_guard lock(mConnectedMutex);
+  for (const auto& [address, connection] : mConnected) {
+    connections.emplace(address, connection->GetId());
+  }
+  return connections;
+}
+
 void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
   const TCPE_CommErr error = Send(command);
   command.SetError(error);
@@ -155,11 +189,11 @@ void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
   }
 }
 
-TCPE_Command* TCPE_RunningEngine::TakeCommand() { return mPumpQueue.Take(); }
+TCPE_Command* TCPE_RunningEngine::TakeCommand() { return mDelivery->Take(); }
 
 void TCPE_RunningEngine::DisposeCommand(TCPE_Command* command) {
-  if (const ReceivedPointer received = mPumpQueue.Return(command)) {
-    mDispatcher.Reply(*received);
+  if (const ReceivedPointer received = mDelivery->Return(command)) {
+    mDispatcher.Finish(*received);
   } else {
     DisposeOrphan(command);
   }
@@ -219,17 +253,26 @@ TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
                                .communicationPort = mTask->GetCommunicationPort(),
                                .runningFor = now - mStarted,
                                .counters = GetCounters(),
+                               .hostFailures = Cmn_HostCall::CountFailures(),
                                .peers = mHistory.Peers(now)};
   for (TCPE_PeerSnapshot& peer : snapshot.peers) {
     peer.isAuthenticated = mIsAuthenticating; // else it would not have been admitted
-    peer.handlers = mIsHostPumped ? mPumpQueue.GetLoad(peer.address) : mPool->GetLoad(peer.address);
+    peer.handlers = mDelivery->GetLoad(peer.address);
     if (const auto position = connected.find(peer.address); position != connected.end()) {
       TCPE_Connection& connection = *position->second;
       peer.systemType = connection.GetPeerSystemType();
       peer.silentFor = std::max(now - connection.LastReceived(), TCPE_Time{0});
       peer.outboundBytes = connection.OutboundBytes();
       peer.pendingCalls = connection.Calls().Count();
+      const TCPE_Connection::Flow flow = connection.GetFlow();
+      peer.waitingSenders = flow.waiting;
+      peer.sentCommands.inFlight = flow.out + flow.kept + peer.pendingCalls;
     }
+    const auto difference = [](std::uint64_t whole, std::uint64_t parts) { return whole - std::min(whole, parts); };
+    TCPE_CommandCount& sent = peer.sentCommands;
+    sent.finished = difference(sent.commands, sent.inFlight + sent.abandoned);
+    TCPE_CommandCount& received = peer.receivedCommands;
+    received.inFlight = difference(received.commands, received.finished + received.refused);
   }
   return snapshot;
 }
@@ -279,11 +322,7 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig(std::shared_ptr<const T
   config.disconnectType = mTypes.disconnect;
   config.maxConnections = mMaxConnections;
   config.allowConnect = [this](std::uint32_t address) {
-    try {
-      return mManager.AllowConnect(address);
-    } catch (...) { // a host that cannot decide admits nobody
-      return false;
-    }
+    return Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [&] { return mManager.AllowConnect(address); });
   };
   config.key = std::move(key);
   config.makeNonce = &TCPE_AuthenticationKey::MakeNonce;
@@ -310,11 +349,8 @@ TCPE_DiscoveryResponder::Config TCPE_RunningEngine::ResponderConfig(std::shared_
               [this] {
                 TCPE_DiscoveryResponder::Self self{.reply = {.system = mManager.CopyLocalSystem()},
                                                    .isSatellite = mManager.IsSatellite()};
-                try {
-                  self.reply.isAvailable = mManager.IsAvailable();
-                } catch (...) { // a host that cannot decide is not available
-                  self.reply.isAvailable = false;
-                }
+                self.reply.isAvailable =
+                    Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [this] { return mManager.IsAvailable(); });
                 return self;
               },
           .random = Sys_Umid::Random64};
@@ -326,11 +362,16 @@ std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t addres
                                        .serial = ++mLastSerial,
                                        .localSystemType = mManager.GetSystemType(),
                                        .replyWanted = true};
-  if (const auto fresh = FreshCommand(mTypes.connect)) {
-    mTask->FillConnectCommand(fresh->Command(), mManager.CopyLocalSystem());
-    codec.EncodeCommand(*mTask, *fresh->Command(), stamp);
-    mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, *fresh->Command(), address);
-  } else {
+  const bool isFilled = Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [&] {
+    const auto fresh = mDispatcher.Fresh(mTypes.connect);
+    if (fresh) {
+      mTask->FillConnectCommand(fresh->Command(), mManager.CopyLocalSystem());
+      codec.EncodeCommand(*mTask, *fresh->Command(), stamp);
+      mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, *fresh->Command(), address);
+    }
+    return fresh != nullptr;
+  });
+  if (!isFilled) {
     TCPE_Cmd_Disconnect bare(nullptr, mTypes.connect);
     codec.EncodeCommand(*mTask, bare, stamp);
   }
@@ -349,40 +390,69 @@ TCPE_RunningEngine::ConnectionPointer TCPE_RunningEngine::ConnectionOf(std::uint
   return position != mConnected.end() ? position->second : nullptr;
 }
 
-void TCPE_RunningEngine::Ended(const ConnectionPointer& connection, ETCPE_NetworkError error) {
-  mHistory.Ended(connection->GetAddress(), connection->GetId(), error, Sys_Clock::RawMicroseconds());
-  const std::lock_guard lock(mConnectedMutex);
-  const auto position = mConnected.find(connection->GetAddress());
-  if (position != mConnected.end() && position->second == connection) {
-    mConnected.erase(position);
+bool TCPE_RunningEngine::TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+  const std::uint32_t address = connection->GetAddress();
+  {
+    const std::lock_guard lock(mConnectedMutex);
+    if (!connection->TryEnd()) {
+      return false;
+    }
+    if (const auto position = mConnected.find(address);
+        position != mConnected.end() && position->second == connection) {
+      mConnected.erase(position);
+      EndAttempt(address, true); // whoever has not heard of this connection yet; who asks from now on wants another one
+    }
   }
+  mHistory.Ended(address, connection->GetId(), error, Sys_Clock::RawMicroseconds());
+  return true;
+}
+
+bool TCPE_RunningEngine::EndAttempt(std::uint32_t address, bool isConnected) {
+  const auto position = mAttempts.find(address);
+  if (position == mAttempts.end()) {
+    return false;
+  }
+  position->second->hasEnded = true;
+  position->second->isConnected = isConnected;
+  mAttempts.erase(position);
+  mAttemptEnded.notify_all();
+  return true;
 }
 
 void TCPE_RunningEngine::Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet) {
   connection->Calls().FailAll(waitersGet);
+  connection->EndWaiting(waitersGet, true);
   TCPE_Cmd_Disconnect farewell(nullptr, mTypes.disconnect);
-  EncodeAndSend(farewell, *connection,
-                {.wireType = mTypes.disconnect,
-                 .serial = ++mLastSerial,
-                 .localSystemType = mManager.GetSystemType(),
-                 .remoteSystemType = connection->GetPeerSystemType()},
-                TCPE_Connection::Urgency::now);
+  TCPE_CommandCodec codec;
+  if (Encode(codec, farewell,
+             {.wireType = mTypes.disconnect,
+              .serial = ++mLastSerial,
+              .localSystemType = mManager.GetSystemType(),
+              .remoteSystemType = connection->GetPeerSystemType()}) == eTCPE_CommErr_None &&
+      connection->Send(codec.Frame(), TCPE_Connection::Kind::farewell) == eTCPE_CommErr_None) {
+    mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, farewell, connection->GetAddress());
+  }
   mNetwork->End(connection, eNetworkError_None);
 }
 
-TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
+TCPE_CommErr TCPE_RunningEngine::Prepare(TCPE_Command& command, TCPE_eCmd* wireType) {
   if (mIsStopping) {
     return eTCPE_CommErr_NotInitialized;
   }
-  TCPE_eCmd wireType = mTypes.disconnect;
+  *wireType = mTypes.disconnect;
   if (dynamic_cast<const TCPE_Cmd_Disconnect*>(&command) == nullptr) {
     if (const TCPE_CommErr error = mTask->PrepareToSend(&command); error != eTCPE_CommErr_None) {
       return error;
     }
-    wireType = mTask->GetTCPECommandType(command.GetCommandType());
+    *wireType = mTask->GetTCPECommandType(command.GetCommandType());
   }
-  if (wireType == mTypes.connect) {
-    return eTCPE_CommErr_NotSendable;
+  return *wireType == mTypes.connect ? eTCPE_CommErr_NotSendable : eTCPE_CommErr_None;
+}
+
+TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
+  TCPE_eCmd wireType = 0;
+  if (const TCPE_CommErr error = Prepare(command, &wireType); error != eTCPE_CommErr_None) {
+    return error;
   }
   if (wireType == mTypes.disconnect) {
     return Disconnect(command.GetIPAddressTo()) ? eTCPE_CommErr_None : eTCPE_CommErr_NotConnected;
@@ -398,21 +468,110 @@ TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
                                        .remoteSystemType = connection->GetPeerSystemType(),
                                        .replyWanted = isSynchronous};
   command.SetIPAddressFrom(mLocalAddress);
-  const TCPE_CommErr error = isSynchronous ? SendAndWait(command, *connection, stamp)
-                                           : EncodeAndSend(command, *connection, stamp, TCPE_Connection::Urgency::soon);
-  if (error != eTCPE_CommErr_None) {
+  bool isSent = false;
+  const TCPE_CommErr error =
+      isSynchronous ? SendAndWait(command, *connection, stamp, &isSent) : SendInCredit(command, *connection, stamp);
+  if (error != eTCPE_CommErr_None && !isSent) {
+    NoteRefused(*connection, error);
+  } else if (error != eTCPE_CommErr_None) {
     connection->Traffic().AddError(error);
   }
   return error;
 }
 
-TCPE_CommErr TCPE_RunningEngine::EncodeAndSend(TCPE_Command& command, TCPE_Connection& connection,
-                                               const TCPE_CommandCodec::Stamp& stamp,
-                                               TCPE_Connection::Urgency urgency) {
+void TCPE_RunningEngine::NoteRefused(TCPE_Connection& connection, TCPE_CommErr error) {
+  connection.Traffic().AddError(error);
+  TCPE_PeerTraffic::Add(connection.Traffic().sent.refused, 1);
+}
+
+std::vector<TCPE_CommErr> TCPE_RunningEngine::SendCommandToAll(TCPE_Command& command,
+                                                               std::span<const std::uint32_t> addresses,
+                                                               const TCPE_CommManager::ReplyProc& onReply) {
+  const bool isSynchronous = command.IsSynchronous();
+  TCPE_eCmd wireType = 0;
+  TCPE_CommErr error = Prepare(command, &wireType);
+  if (error == eTCPE_CommErr_None && wireType == mTypes.disconnect) {
+    error = eTCPE_CommErr_NotSendable;
+  } else if (error == eTCPE_CommErr_None && isSynchronous && mNetwork->IsOnNetworkThread()) {
+    error = eTCPE_CommErr_WrongThread;
+  }
   TCPE_CommandCodec codec;
-  TCPE_CommErr error = codec.EncodeCommand(*mTask, command, stamp);
   if (error == eTCPE_CommErr_None) {
-    error = connection.Send(codec.Frame(), urgency);
+    command.SetIPAddressFrom(mLocalAddress);
+    error = Encode(codec, command,
+                   {.wireType = wireType, .localSystemType = mManager.GetSystemType(), .replyWanted = isSynchronous});
+  }
+  std::vector<TCPE_CommErr> errors(addresses.size(), error);
+  if (error != eTCPE_CommErr_None) {
+    return errors;
+  }
+  std::deque<SentQuery> queries;
+  for (std::size_t place = 0; place < addresses.size(); ++place) {
+    const ConnectionPointer connection = ConnectionOf(addresses[place]);
+    if (!connection) {
+      errors[place] = eTCPE_CommErr_NotConnected;
+      continue;
+    }
+    const std::uint32_t serial = ++mLastSerial;
+    codec.SetReceiver(serial, connection->GetPeerSystemType());
+    if (isSynchronous) {
+      SentQuery& query = queries.emplace_back(connection, place, serial);
+      errors[place] = SendQuery(codec.Frame(), *connection, serial, query.call);
+    } else {
+      errors[place] = connection->TrySendCommand(codec.Frame(), TCPE_Connection::Keeping::ofLibrary)
+                          .value_or(eTCPE_CommErr_QueueFull);
+    }
+    if (errors[place] == eTCPE_CommErr_None) {
+      mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, command, addresses[place]);
+    } else {
+      NoteRefused(*connection, errors[place]);
+      if (isSynchronous) {
+        queries.pop_back();
+      }
+    }
+  }
+  {
+    std::optional<TCPE_HandlerPool::WaitScope> waits;
+    for (SentQuery& query : queries) {
+      if (!TCPE_PendingCalls::Spin(query.call) && !waits) {
+        waits.emplace();
+      }
+      query.connection->Calls().Wait(query.serial, query.call);
+    }
+  }
+  for (const SentQuery& query : queries) {
+    TCPE_CommErr& result = errors[query.place];
+    result = ResultOf(*query.connection, query.call);
+    if (result != eTCPE_CommErr_None) {
+      query.connection->Traffic().AddError(result);
+      continue;
+    }
+    const ReceivedPointer reply = DecodeReply(wireType, query.call);
+    if (!reply) {
+      result = eTCPE_CommErr_MalformedPayload;
+      query.connection->Traffic().AddError(result);
+      continue;
+    }
+    NoteReply(*reply->Command(), query.call, addresses[query.place]);
+    if (onReply) {
+      Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] { onReply(query.place, *reply->Command()); });
+    }
+  }
+  return errors;
+}
+
+TCPE_CommErr TCPE_RunningEngine::Encode(TCPE_CommandCodec& codec, TCPE_Command& command,
+                                        const TCPE_CommandCodec::Stamp& stamp) {
+  return Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, eTCPE_CommErr_HandlerFailed,
+                           [&] { return codec.EncodeCommand(*mTask, command, stamp); });
+}
+
+TCPE_CommErr TCPE_RunningEngine::SendInCredit(TCPE_Command& command, TCPE_Connection& connection,
+                                              const TCPE_CommandCodec::Stamp& stamp) {
+  TCPE_CommandCodec codec;
+  TCPE_CommErr error = Encode(codec, command, stamp);
+  if (error == eTCPE_CommErr_None) {
+    error = SendInCredit(codec.Frame(), connection);
   }
   if (error == eTCPE_CommErr_None) {
     mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, command, connection.GetAddress());
@@ -420,56 +579,106 @@ TCPE_CommErr TCPE_RunningEngine::EncodeAndSend(TCPE_Command& command, TCPE_Conne
   return error;
 }
 
+TCPE_CommErr TCPE_RunningEngine::SendInCredit(std::span<const std::byte> frame, TCPE_Connection& connection) {
+  using Keeping = TCPE_Connection::Keeping;
+  std::size_t* const keptByThisJob = TCPE_HandlerPool::KeptByThisJob();
+  const bool mayKeep = keptByThisJob != nullptr && *keptByThisJob < mLimits.maxKeptOfHandler;
+  const Keeping keeping = TCPE_CommManager::NeverWaits::IsInForce() ? Keeping::ofLibrary
+                          : mayKeep                                 ? Keeping::ofHandler
+                                                                    : Keeping::no;
+  if (const std::optional<TCPE_CommErr> error = connection.TrySendCommand(frame, keeping, keptByThisJob)) {
+    return *error;
+  }
+  if (mNetwork->IsOnNetworkThread() || !mDelivery->MayWaitHere()) {
+    return eTCPE_CommErr_QueueFull;
+  }
+  return connection.SendCommand(frame, keeping);
+}
+
+TCPE_CommErr TCPE_RunningEngine::SendQuery(std::span<const std::byte> frame, TCPE_Connection& connection,
+                                           std::uint32_t serial, TCPE_Call& call) {
+  if (const TCPE_CommErr refused = connection.Calls().Add(serial, call); refused != eTCPE_CommErr_None) {
+    return refused;
+  }
+  if (const TCPE_CommErr error = connection.Send(frame, TCPE_Connection::Kind::query); error != eTCPE_CommErr_None) {
+    connection.Calls().Cancel(serial, error);
+    return error;
+  }
+  if (connection.ClearPaused()) { // the reply may stand behind commands that are not read
+    mNetwork->Resume(connection.shared_from_this());
+  }
+  return eTCPE_CommErr_None;
+}
+
 TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connection& connection,
-                                             TCPE_CommandCodec::Stamp stamp) {
+                                             TCPE_CommandCodec::Stamp stamp, bool* isSent) {
   if (mNetwork->IsOnNetworkThread()) {
     return eTCPE_CommErr_WrongThread;
   }
   TCPE_Call call(Sys_Clock::RawMicroseconds());
-  if (const TCPE_CommErr refused = connection.Calls().Add(stamp.serial, call); refused != eTCPE_CommErr_None) {
-    return refused;
+  TCPE_CommandCodec codec;
+  TCPE_CommErr error = Encode(codec, command, stamp);
+  if (error == eTCPE_CommErr_None) {
+    error = SendQuery(codec.Frame(), connection, stamp.serial, call);
   }
-  const TCPE_CommErr error = EncodeAndSend(command, connection, stamp, TCPE_Connection::Urgency::now);
   if (error != eTCPE_CommErr_None) {
-    connection.Calls().Cancel(stamp.serial, error);
+    return error;
   }
-  const TCPE_HandlerPool::WaitScope waits;
-  connection.Calls().Wait(stamp.serial, call);
+  *isSent = true;
+  mDispatcher.Log(TCPE_Dispatcher::LogEvent::sent, command, connection.GetAddress());
+  {
+    std::optional<TCPE_HandlerPool::WaitScope> waits;
+    if (!TCPE_PendingCalls::Spin(call)) {
+      waits.emplace();
+    }
+    connection.Calls().Wait(stamp.serial, call);
+  }
+  error = ResultOf(connection, call);
+  return error == eTCPE_CommErr_None ? TakeReply(command, stamp.wireType, call) : error;
+}
+
+TCPE_CommErr TCPE_RunningEngine::ResultOf(TCPE_Connection& connection, const TCPE_Call& call) {
   if (call.error != eTCPE_CommErr_None) {
+    TCPE_PeerTraffic::Add(connection.Traffic().sent.abandoned, 1);
     return call.error;
   }
   connection.Traffic().roundTrips.Add(call.answered - call.begin);
-  return TakeReply(command, stamp.wireType, call);
-}
-
-/// A fresh object takes the reply first: one that is malformed must not leave its traces in the caller's.
-TCPE_CommErr TCPE_RunningEngine::TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call) {
   if (call.header.Has(kTCPE_Flag_ErrorReply)) {
     return call.header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(call.header.error)
                                                    : eTCPE_CommErr_MalformedPayload;
   }
-  const auto fresh = FreshCommand(wireType);
-  if (!fresh || call.header.type != wireType ||
-      !TCPE_CommandCodec::DecodeReply(*fresh->Command(), call.header, call.payload)) {
-    return eTCPE_CommErr_MalformedPayload;
-  }
-  TCPE_CommandCodec::DecodeReply(command, call.header, call.payload);
-  command.SetRemoteSystemType(static_cast<ETCPE_SystemType>(call.header.senderSystemType));
-  command.SetIsReply(true);
-  mDispatcher.Log(TCPE_Dispatcher::LogEvent::answered, command, command.GetIPAddressTo());
   return eTCPE_CommErr_None;
 }
 
-std::unique_ptr<TCPE_ReceivedCommand> TCPE_RunningEngine::FreshCommand(TCPE_eCmd wireType) {
-  auto fresh = std::make_unique<TCPE_ReceivedCommand>(nullptr, TCPE_FrameHeader(), mTask->GetMaxCommandSize());
-  fresh->SetCommand(mTask->ConstructCommand(mTask->GetCompatibleID(wireType), fresh->Block()));
-  return fresh->Command() != nullptr ? std::move(fresh) : nullptr;
+/// A fresh object takes the reply first: one that is malformed must not leave its traces in the caller's.
+TCPE_CommErr TCPE_RunningEngine::TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call) {
+  if (!DecodeReply(wireType, call)) {
+    return eTCPE_CommErr_MalformedPayload;
+  }
+  TCPE_CommandCodec::DecodeReply(command, call.header, call.payload);
+  NoteReply(command, call, command.GetIPAddressTo());
+  return eTCPE_CommErr_None;
+}
+
+TCPE_RunningEngine::ReceivedPointer TCPE_RunningEngine::DecodeReply(TCPE_eCmd wireType, const TCPE_Call& call) {
+  ReceivedPointer fresh = call.header.type == wireType ? mDispatcher.Fresh(wireType) : nullptr;
+  const bool isSound = fresh && TCPE_CommandCodec::DecodeReply(*fresh->Command(), call.header, call.payload);
+  return isSound ? std::move(fresh) : nullptr;
+}
+
+void TCPE_RunningEngine::NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address) {
+  command.SetRemoteSystemType(static_cast<ETCPE_SystemType>(call.header.senderSystemType));
+  command.SetIsReply(true);
+  mDispatcher.Log(TCPE_Dispatcher::LogEvent::answered, command, address);
 }
 
 void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) {
   connection->SetPeerSystemType(event.header.senderSystemType);
   connection->CountIn(
       mHistory.Opened(connection->GetAddress(), connection->GetId(), event.openedByPeer, Sys_Clock::RawMicroseconds()));
+  Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] {
+    mManager.PeerConnected(connection->GetAddress(), connection->GetPeerInstance(), connection->GetPeerSystemType());
+  });
   {
     const std::lock_guard lock(mConnectedMutex);
     mConnected[connection->GetAddress()] = connection;
@@ -490,33 +699,32 @@ void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE
 
 void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                                         std::span<const std::byte> payload) {
-  if (connection->TryEnd()) {
-    Ended(connection, eNetworkError_None);
+  if (TryEnd(connection, eNetworkError_None)) {
     TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
+    connection->EndWaiting(eTCPE_CommErr_ConnectionLost, false);
     mDispatcher.OnConnectionFrame(connection, header, payload);
   }
 }
 
 void TCPE_RunningEngine::OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) {
-  if (connection->TryEnd()) {
-    Ended(connection, error);
+  if (TryEnd(connection, error)) {
+    mDispatcher.LogLoss(error, connection->GetAddress());
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
+    connection->EndWaiting(eTCPE_CommErr_ConnectionLost, false);
     ReportNetworkError(error, connection->GetAddress());
   }
 }
 
 void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr error) {
+  const bool isConnected = error == eTCPE_CommErr_None;
   {
-    const std::lock_guard lock(mAttemptsMutex);
-    const auto position = mAttempts.find(address);
-    if (position == mAttempts.end()) {
+    const std::lock_guard lock(mConnectedMutex);
+    // When the connection has been ended meanwhile, an attempt that is there has begun since, and another event will
+    // end it.
+    if ((isConnected && !mConnected.contains(address)) || !EndAttempt(address, isConnected)) {
       return;
     }
-    position->second->hasEnded = true;
-    position->second->isConnected = error == eTCPE_CommErr_None;
-    mAttempts.erase(position);
-    mAttemptEnded.notify_all();
   }
   if (const ETCPE_NetworkError refusal = RefusalOf(error); refusal != eNetworkError_None) {
     ReportNetworkError(refusal, address);
@@ -524,17 +732,20 @@ void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr erro
 }
 
 void TCPE_RunningEngine::OnUnproved(std::uint32_t address) {
-  if (!IsQueueFull(address)) { // a stranger who goes on guessing must not fill the memory
+  if (!mDelivery->IsFull(address)) { // a stranger who goes on guessing must not fill the memory
     ReportNetworkError(eNetworkError_Authentication, address);
   }
 }
 
 /// On the network thread, where no peer can come in meanwhile.
 void TCPE_RunningEngine::OnStopping() {
+  constexpr auto kPatience = std::chrono::milliseconds(100);
   std::map<std::uint32_t, ConnectionPointer> connected;
   {
-    const std::lock_guard lock(mConnectedMutex);
+    std::unique_lock lock(mConnectedMutex);
     connected.swap(mConnected);
+    // The sockets are about to be closed.
+    mFarewellSaid.wait_for(lock, kPatience, [this] { return mFarewells == 0; });
   }
   for (const auto& [address, connection] : connected) {
     if (connection->TryEnd()) {
@@ -549,26 +760,74 @@ void TCPE_RunningEngine::OnConnectionCommand(const TCPE_ReceivedCommand& receive
   }
 }
 
-bool TCPE_RunningEngine::Deliver(const ReceivedPointer& received, bool mustNotBeLost) {
-  // A block, the payload that may have become objects of several times its size, and what keeps them together.
-  constexpr std::size_t kGrowth = 8;
-  const std::size_t bytes = mTask->GetMaxCommandSize() + kGrowth * received->Header().dataLength;
-  if (mIsHostPumped) {
-    return mPumpQueue.Push(received, bytes, mustNotBeLost);
+void TCPE_RunningEngine::OnArrived(TCPE_Connection& connection, TCPE_ReceivedCommand::Kind kind) {
+  if (kind != TCPE_QueueLoad::Kind::notice) {
+    TCPE_PeerTraffic::AddAlone(connection.Traffic().received.commands, 1);
   }
-  return mPool->Submit(
-      received->Origin()->GetAddress(), [engine = shared_from_this(), received] { engine->RunHandler(*received); },
-      bytes, mustNotBeLost);
 }
 
-void TCPE_RunningEngine::RunHandler(TCPE_ReceivedCommand& received) {
-  try {
-    mTask->DoCommand(received.Command());
-  } catch (...) {
+void TCPE_RunningEngine::OnFinished(const ConnectionPointer& connection, TCPE_ReceivedCommand::Kind kind,
+                                    bool wasHandled) {
+  if (kind == TCPE_QueueLoad::Kind::notice) {
+    return;
+  }
+  TCPE_PeerTraffic::Direction& received = connection->Traffic().received;
+  TCPE_PeerTraffic::Add(wasHandled ? received.finished : received.refused, 1);
+  if (kind == TCPE_QueueLoad::Kind::command) {
+    connection->NoteFinished();
+  }
+  if (connection->IsPaused() && mDelivery->GetQueueLoad(connection->GetAddress()).HasRoomAgain(mLimits) &&
+      connection->ClearPaused()) {
+    mNetwork->Resume(connection);
+  }
+}
+
+bool TCPE_RunningEngine::Deliver(ReceivedPointer& received) {
+  constexpr std::size_t kLargestBatch = 64; // what is gathered must not wait for long, and comes beyond the bound
+  const ConnectionPointer& connection = received->Origin();
+  const TCPE_QueueLoad::Kind kind = received->GetKind();
+  if (kind == TCPE_QueueLoad::Kind::query &&
+      !mDelivery->GetQueueLoad(connection->GetAddress()).HasRoomForQuery(mLimits)) {
+    return false;
+  }
+  if (mBatchOf != connection) {
+    DeliverBatch();
+    mBatchOf = connection;
+  }
+  mBatch.Push(std::move(received));
+  if (kind != TCPE_QueueLoad::Kind::command || mBatch.Load().Entries() == kLargestBatch) {
+    DeliverBatch();
+  }
+  return true;
+}
+
+void TCPE_RunningEngine::DeliverBatch() {
+  if (mBatch.IsEmpty()) {
+    return;
+  }
+  const ConnectionPointer connection = std::move(mBatchOf);
+  TCPE_QueueLoad load = mDelivery->Deliver(connection->GetAddress(), std::move(mBatch));
+  const auto isOverfull = [&] {
+    return load.IsOverfull(mLimits) &&
+           load.IsOverfull(mLimits, connection->HasWaitingSenders() ? mLimits.queuedBeforeReply : 1);
+  };
+  if (isOverfull()) {
+    mNetwork->Pause(*connection);
+    connection->SetPaused();
+    // Whoever makes room, or waits for a reply, from now on finds it paused; who did before is found here.
+    load = mDelivery->GetQueueLoad(connection->GetAddress());
+    if (!isOverfull() && connection->ClearPaused()) {
+      mNetwork->Resume(connection);
+    }
+  }
+}
+
+void TCPE_RunningEngine::Handle(TCPE_ReceivedCommand& received) {
+  if (!Cmn_HostCall::Run(Cmn_HostCall::Kind::handler, [&] { mTask->DoCommand(received.Command()); })) {
     received.Command()->SetError(eTCPE_CommErr_HandlerFailed);
   }
   if (!mIsStopping) {
-    mDispatcher.Reply(received);
+    mDispatcher.Finish(received);
   }
 }
 
@@ -576,24 +835,18 @@ void TCPE_RunningEngine::RunHandler(TCPE_ReceivedCommand& received) {
 /// queue is bounded though the commands of its coming and going are never dropped.
 TCPE_CommErr TCPE_RunningEngine::ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
                                                 std::span<const std::byte> payload) {
-  if (!mDispatcher.IsSound(header, payload)) {
+  if (!Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [&] { return mDispatcher.IsSound(header, payload); })) {
     return eTCPE_CommErr_MalformedPayload;
   }
-  return IsQueueFull(address) ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
-}
-
-bool TCPE_RunningEngine::IsQueueFull(std::uint32_t address) const {
-  return mIsHostPumped ? mPumpQueue.IsFull(address) : mPool->IsFull(address);
+  return mDelivery->IsFull(address) ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
 }
 
 void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
   if (mOnNetworkError == nullptr || mIsStopping) {
     return;
   }
-  if (mIsHostPumped) {
-    mPumpQueue.PushError(error, address);
-  } else {
-    mPool->Submit(
-        address, [proc = mOnNetworkError, error, address] { proc(error, address); }, 0, true);
+  if (mNetwork->IsOnNetworkThread()) {
+    DeliverBatch(); // what came before is told before
   }
+  mDelivery->DeliverError(error, address);
 }

@@ -1,13 +1,14 @@
 #pragma once
 
+#include "tcpe/net/TCPE_Delivery.h"
 #include "tcpe/net/TCPE_DiscoveryClient.h"
 #include "tcpe/net/TCPE_Dispatcher.h"
 #include "tcpe/net/TCPE_Engine.h"
-#include "tcpe/net/TCPE_HandlerPool.h"
 #include "tcpe/net/TCPE_Network.h"
 #include "tcpe/net/TCPE_PeerHistory.h"
-#include "tcpe/net/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
+
+#include <trel/Sys_Clock.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// The engine over real sockets and threads.
@@ -29,6 +31,7 @@ public:
   explicit TCPE_RunningEngine(Setup setup);
   ~TCPE_RunningEngine() override = default;
 
+  void SetHostPumpedDelivery(bool hostPumped) override;
   ETCPE_Status Start() override;
   void Stop() override;
   bool IsOnOwnThread() const override;
@@ -36,7 +39,12 @@ public:
   bool Disconnect(std::uint32_t address) override;
   bool IsConnected(std::uint32_t address) const override;
   std::set<std::uint32_t> GetConnectedAddresses() const override;
+  std::uint64_t GetPeerInstance(std::uint32_t address) const override;
+  std::uint64_t GetConnection(std::uint32_t address) const override;
+  std::map<std::uint32_t, std::uint64_t> GetConnections() const override;
   void SendCommand(TCPE_Command& command) override;
+  std::vector<TCPE_CommErr> SendCommandToAll(TCPE_Command& command, std::span<const std::uint32_t> addresses,
+                                             const TCPE_CommManager::ReplyProc& onReply) override;
   TCPE_Command* TakeCommand() override;
   void DisposeCommand(TCPE_Command* command) override;
   void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) override;
@@ -68,17 +76,44 @@ private:
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
-  /// The end of a connection, told once; `error` is none when it ended in good order.
-  void Ended(const ConnectionPointer& connection, ETCPE_NetworkError error);
+  /// From now on the connection is none any more; `error` is none when it ends in good order. True for the first
+  /// caller: it is the one to tell of the end.
+  bool TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error);
+  /// Lets those go on who wait for an attempt; false when nobody does. With the mutex of the connections held.
+  bool EndAttempt(std::uint32_t address, bool isConnected);
   /// Ends a connection on this side's wish: what is queued goes out, then the disconnect command.
   void Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet);
 
+  /// Of several synchronous commands that are sent together.
+  struct SentQuery {
+    SentQuery(ConnectionPointer to, std::size_t placeInList, std::uint32_t serialNumber)
+        : connection(std::move(to)), place(placeInList), serial(serialNumber), call(Sys_Clock::RawMicroseconds()) {}
+
+    const ConnectionPointer connection;
+    const std::size_t place;
+    const std::uint32_t serial;
+    TCPE_Call call;
+  };
+
+  /// What the command is on the wire; an error when it cannot be sent by anybody.
+  TCPE_CommErr Prepare(TCPE_Command& command, TCPE_eCmd* wireType);
   TCPE_CommErr Send(TCPE_Command& command);
-  TCPE_CommErr EncodeAndSend(TCPE_Command& command, TCPE_Connection& connection, const TCPE_CommandCodec::Stamp& stamp,
-                             TCPE_Connection::Urgency urgency);
-  TCPE_CommErr SendAndWait(TCPE_Command& command, TCPE_Connection& connection, TCPE_CommandCodec::Stamp stamp);
+  TCPE_CommErr Encode(TCPE_CommandCodec& codec, TCPE_Command& command, const TCPE_CommandCodec::Stamp& stamp);
+  static void NoteRefused(TCPE_Connection& connection, TCPE_CommErr error);
+  /// Sends a query; its reply ends the call.
+  TCPE_CommErr SendQuery(std::span<const std::byte> frame, TCPE_Connection& connection, std::uint32_t serial,
+                         TCPE_Call& call);
+  /// Sends an asynchronous command; waits for credit where this thread may wait.
+  TCPE_CommErr SendInCredit(TCPE_Command& command, TCPE_Connection& connection, const TCPE_CommandCodec::Stamp& stamp);
+  TCPE_CommErr SendInCredit(std::span<const std::byte> frame, TCPE_Connection& connection);
+  TCPE_CommErr SendAndWait(TCPE_Command& command, TCPE_Connection& connection, TCPE_CommandCodec::Stamp stamp,
+                           bool* isSent);
+  /// Of a call that has ended.
+  TCPE_CommErr ResultOf(TCPE_Connection& connection, const TCPE_Call& call);
   TCPE_CommErr TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call);
-  std::unique_ptr<TCPE_ReceivedCommand> FreshCommand(TCPE_eCmd wireType);
+  /// A fresh object with the reply in it; null when it is malformed.
+  ReceivedPointer DecodeReply(TCPE_eCmd wireType, const TCPE_Call& call);
+  void NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address);
 
   void OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) override;
   void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
@@ -88,15 +123,19 @@ private:
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
   void OnUnproved(std::uint32_t address) override;
+  void OnAllTold() override { DeliverBatch(); }
   void OnStopping() override;
   void OnConnectionCommand(const TCPE_ReceivedCommand& received) override;
-  bool Deliver(const ReceivedPointer& received, bool mustNotBeLost) override;
-  bool TakesUnhandled() const override { return mIsHostPumped; }
+  bool Deliver(ReceivedPointer& received) override;
+  void Handle(TCPE_ReceivedCommand& received) override;
+  void OnArrived(TCPE_Connection& connection, TCPE_ReceivedCommand::Kind kind) override;
+  void OnFinished(const ConnectionPointer& connection, TCPE_ReceivedCommand::Kind kind, bool wasHandled) override;
+  bool TakesUnhandled() const override { return mDelivery->TakesUnhandled(); }
   /// Why a peer cannot be admitted; none when it can.
   TCPE_CommErr ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
                               std::span<const std::byte> payload);
-  bool IsQueueFull(std::uint32_t address) const;
-  void RunHandler(TCPE_ReceivedCommand& received);
+  /// Hands on what was gathered. On the network thread.
+  void DeliverBatch();
   void ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address);
 
   TCPE_CommManager& mManager;
@@ -106,7 +145,6 @@ private:
   std::atomic<std::uint32_t> mLocalAddress;
   std::atomic<std::uint32_t> mBroadcastAddress;
   const TCPE_CommManager::NetworkErrorProc mOnNetworkError;
-  const bool mIsHostPumped;
   const TCPE_EngineTypes& mTypes;
   std::atomic<bool> mIsStopping = false;
   std::atomic<std::uint32_t> mLastSerial = 0;
@@ -115,17 +153,18 @@ private:
   std::string mAdaptorName; ///< guarded by the mutex of the connections
   TCPE_PeerHistory mHistory;
 
-  mutable std::mutex mConnectedMutex;
+  mutable std::mutex mConnectedMutex; // guards what follows
   std::map<std::uint32_t, ConnectionPointer> mConnected;
-
-  std::mutex mAttemptsMutex;
-  std::condition_variable mAttemptEnded;
   std::map<std::uint32_t, std::shared_ptr<Attempt>> mAttempts;
+  std::condition_variable mAttemptEnded;
+  std::size_t mFarewells = 0; ///< that are being said on the host's threads
+  std::condition_variable mFarewellSaid;
 
   TCPE_Dispatcher mDispatcher;
-  TCPE_PumpQueue mPumpQueue;
+  std::unique_ptr<TCPE_Delivery> mDelivery; ///< from Start on it stays as it is
+  TCPE_JobList mBatch;                      ///< commands of one connection; the network thread's own
+  ConnectionPointer mBatchOf;
   const std::shared_ptr<TCPE_ByteTap> mByteTap;
-  std::shared_ptr<TCPE_HandlerPool> mPool;
   TCPE_DiscoveryClient mDiscoveryClient;
   std::unique_ptr<TCPE_Network> mNetwork;
 };

@@ -78,6 +78,26 @@ void TCPE_Endpoint::Received(Id id, std::size_t count, TCPE_Time now) {
   }
 }
 
+void TCPE_Endpoint::Pause(Id id, TCPE_Time now) {
+  if (Connection* connection = Find(id); connection != nullptr && IsOpen(*connection)) {
+    connection->session->Pause(now);
+  }
+}
+
+void TCPE_Endpoint::Resume(Id id, TCPE_Time now) {
+  if (IsPaused(id)) {
+    Find(id)->session->Resume(now);
+    Look(id);
+  }
+}
+
+bool TCPE_Endpoint::IsPaused(Id id) {
+  const Connection* connection = Find(id);
+  return connection != nullptr && IsOpen(*connection) && connection->session->IsPaused();
+}
+
+void TCPE_Endpoint::Look(Id id) { mToAdvance.push_back(id); }
+
 void TCPE_Endpoint::End(Id id, ETCPE_NetworkError error, TCPE_Time now) {
   const Connection* connection = Find(id);
   if (connection == nullptr) {
@@ -86,11 +106,37 @@ void TCPE_Endpoint::End(Id id, ETCPE_NetworkError error, TCPE_Time now) {
   if (!IsOpen(*connection)) {
     TransportEnded(id, now);
   } else if (error != eNetworkError_None) {
+    if (error == eNetworkError_PeerTooSlow) {
+      connection->session->SayTooSlow();
+      PushOutput(id);
+    }
     Lose(id, error, now);
   } else {
     const std::uint32_t address = connection->address;
     Close(id);
     DecideWaiting(address, now);
+  }
+}
+
+void TCPE_Endpoint::MoveTo(std::uint32_t address, TCPE_Time now) {
+  if (address == mConfig.localAddress) {
+    return;
+  }
+  mConfig.localAddress = address;
+  std::vector<Id> begun; // first: none of them may take the place of a connection that is lost
+  std::vector<Id> open;
+  for (const auto& [id, connection] : mConnections) {
+    (IsOpen(connection) ? open : begun).push_back(id);
+  }
+  for (const Id id : begun) {
+    if (mConnections.at(id).openedByPeer) {
+      Close(id);
+    } else {
+      AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
+    }
+  }
+  for (const Id id : open) {
+    Lose(id, eNetworkError_ConnectionLost, now);
   }
 }
 
@@ -223,6 +269,8 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
                  .address = connection->address,
                  .header = event->header,
                  .payload = event->payload};
+  case Kind::finished:
+    return Event{.kind = Event::Kind::finished, .id = id, .address = connection->address, .finished = event->finished};
   case Kind::challenged:
     Examine(id, now);
     break;
@@ -399,6 +447,7 @@ void TCPE_Endpoint::Open(Id id, bool openedByPeer) {
         .openedByPeer = openedByPeer},
        std::exchange(connection.connectPayload, {}));
   PushOutput(id);
+  Look(id);
   Push({.kind = Event::Kind::connectEnded, .address = address});
   if (const Id attempt = AttemptOf(address); attempt != 0) {
     Close(attempt);

@@ -22,7 +22,9 @@
 /// address is open. One thread at a time, but for Session::NoteSent and what is said to be for any thread.
 class TCPE_Endpoint {
 public:
-  using Id = std::uint32_t;
+  /// Tells connections apart; never 0, and never given again: 32 bits would come round within days of strangers who
+  /// connect and go.
+  using Id = std::uint64_t;
 
   struct Config {
     TCPE_Limits limits;
@@ -48,6 +50,7 @@ public:
     enum class Kind : std::uint8_t {
       opened,       ///< from now on frames pass; header and payload are the connect command's when the peer opened it
       frame,        ///< a command or a reply of the peer
+      finished,     ///< the peer has told how many asynchronous commands it has finished; as that of the session
       disconnected, ///< the peer ended the connection with the disconnect command in header and payload
       lost,         ///< an open connection ended with `networkError`
       unproved, ///< a system that would connect from the address did not prove the secret, or requires one that this
@@ -65,6 +68,7 @@ public:
     ETCPE_NetworkError networkError = eNetworkError_None;
     std::shared_ptr<TCPE_Session> session{}; ///< with opened
     bool openedByPeer = false;
+    std::optional<std::uint32_t> finished{};
   };
 
   /// What was turned away, by reason.
@@ -94,14 +98,22 @@ public:
   std::shared_ptr<TCPE_Session> SessionOf(Id id);
   void Received(Id id, std::size_t count, TCPE_Time now);
 
+  /// While a connection is paused it gives no more frames, and its bytes are not to be read. Of an open one.
+  void Pause(Id id, TCPE_Time now);
+  void Resume(Id id, TCPE_Time now);
+  bool IsPaused(Id id);
+  /// Looks whether a connection has something to say; call when its session's NoteFinished asks for it.
+  void Look(Id id);
+
   /// Ends an open connection on the host's wish or because of an error that the owner found; no lost event for 'none'.
   void End(Id id, ETCPE_NetworkError error, TCPE_Time now);
 
   /// The role that this system's own frames tell from now on.
   void SetLocalSystemType(std::uint8_t type) { mConfig.local.systemType = type; }
 
-  /// The address that this system has from now on; connections from and to another one are the owner's to end.
-  void SetLocalAddress(std::uint32_t address) { mConfig.localAddress = address; }
+  /// The address that this system has from now on. What began at another one ends: attempts, those among them that only
+  /// wait for the peer's own, newcomers, and connections, which are lost.
+  void MoveTo(std::uint32_t address, TCPE_Time now);
 
   /// Looks at the time; call at the deadline.
   void Tick(TCPE_Time now);

@@ -37,6 +37,8 @@ struct TCPE_FrameHeader {
   static TCPE_FrameHeader Read(const std::byte* source);
 
   bool Has(std::uint8_t flag) const { return (flags & flag) != 0; }
+  /// Of a command, which nobody answers.
+  bool IsAsynchronous() const { return !Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply | kTCPE_Flag_ReplyWanted); }
 };
 
 /// Gives a complete frame (header and payload) its length and its checksum, in place.

@@ -13,12 +13,24 @@ std::array<std::byte, sizeof(std::uint64_t)> BytesOf(std::uint64_t count) {
   return bytes;
 }
 
+std::size_t SizeOf(const TCPE_FrameHeader& header) { return TCPE_FrameHeader::kSize + header.dataLength; }
+
 } // namespace
+
+std::size_t TCPE_FrameTagger::TaggedSize(std::span<const std::byte> frames) {
+  std::size_t size = 0;
+  while (!frames.empty()) {
+    const std::size_t next = SizeOf(TCPE_FrameHeader::Read(frames.data()));
+    size += next + kTCPE_TagSize;
+    frames = frames.subspan(next);
+  }
+  return size;
+}
 
 void TCPE_FrameTagger::AppendTagged(std::span<const std::byte> frames, std::vector<std::byte>& target) {
   while (!frames.empty()) {
     TCPE_FrameHeader header = TCPE_FrameHeader::Read(frames.data());
-    const std::size_t size = TCPE_FrameHeader::kSize + header.dataLength;
+    const std::size_t size = SizeOf(header);
     const std::size_t begin = target.size();
     target.insert(target.end(), frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>(size));
     const std::span<std::byte> frame = std::span(target).subspan(begin);

@@ -14,6 +14,8 @@ class TCPE_FrameTagger {
 public:
   explicit TCPE_FrameTagger(std::unique_ptr<const TCPE_AuthenticationKey> key) : mKey(std::move(key)) {}
 
+  /// Bytes that complete frames take with their tags.
+  static std::size_t TaggedSize(std::span<const std::byte> frames);
   /// Appends complete frames to `target`, each with its tag. They have to be sent, and in this order.
   void AppendTagged(std::span<const std::byte> frames, std::vector<std::byte>& target);
   /// Whether a complete frame with a tag is the next one of this direction; it then counts.

@@ -20,22 +20,45 @@ struct TCPE_Limits {
   std::size_t maxConnections = 128;
   /// Systems that have left and are still known with their totals: a whole link.
   std::size_t maxDepartedPeers = 128;
-  /// Bytes queued for one peer: seconds of heavy traffic, and little enough for 128 peers at once.
+  /// Bytes queued for one peer: seconds of heavy traffic, and little enough for 128 peers at once ...
   std::size_t maxOutboundBytes = std::size_t{512} * 1024;
-  /// Received commands that wait for their handlers, per peer ...
+  /// ... of which asynchronous commands leave so much to what must not wait: replies, queries, heartbeats, farewell.
+  std::size_t outboundReserve = std::size_t{128} * 1024;
+  /// Asynchronous commands that a sender has out and the receiver has not finished: enough to keep a handler busy while
+  /// the news that it goes on travels. The same number in every release.
+  std::size_t maxCommandsOut = 1024;
+  /// A receiver tells what it has finished when it is so much, a quarter of that;
+  std::uint64_t finishedStep = 256;
+  /// Commands, and their bytes, that are kept for one peer because their senders cannot wait ...
+  std::size_t maxKeptCommands = 1024;
+  std::size_t maxKeptBytes = std::size_t{128} * 1024;
+  /// ... of which handlers, which can, take so many together, and so many each: enough for those that answer every
+  /// command of the peer with one of their own to come to their ends while the peer's do the same.
+  std::size_t maxKeptOfHandlers = 256;
+  std::size_t maxKeptOfHandler = 4;
+  /// Received asynchronous commands that wait for their handlers, per peer, ...
   std::size_t maxQueuedCommands = 1024;
   /// ... and the memory that they hold: enough for all of them unless they are system lists.
   std::size_t maxQueuedBytes = std::size_t{1024} * 1024;
+  /// ... but so many times as much while a sender of this side waits for a reply, or for credit, that may stand behind
+  /// them.
+  std::size_t queuedBeforeReply = 8;
+  /// The same for synchronous ones, which need no credit: as many as one peer may wait for.
+  std::size_t maxQueuedQueries = 256;
+  std::size_t maxQueuedQueryBytes = std::size_t{256} * 1024;
   /// Addresses with something waiting or running, beyond which no newcomer is admitted and no failed proof told: a full
   /// link, and as many strangers as are remembered.
   std::size_t maxQueues = 384;
   /// Handlers of one peer that wait for another system at the same time: a peer that never answers takes no more
-  /// threads.
+  /// threads. As many more may, when they answer queries.
   std::size_t maxWaitingHandlers = 16;
+  /// Handlers that start while two or more of their peer wait, of all peers together; half of it for commands, for
+  /// queries may be what is waited for.
+  std::size_t maxExtraHandlers = 128;
   /// Senders that wait for a reply, per peer.
   std::size_t maxPendingCalls = 256;
-  /// One thread for each peer's handler, and a few more.
-  std::size_t maxHandlerThreads = 144;
+  /// Two threads for each peer, of whose handlers one may wait, and those for the handlers beyond these.
+  std::size_t maxHandlerThreads = 384;
   /// Addresses that are remembered for not having proved the shared secret: more than any link has, and quickly
   /// searched.
   std::size_t maxFailedAddresses = 256;
@@ -62,6 +85,10 @@ struct TCPE_Limits {
   TCPE_Time heartbeatEarly = 125'000;
   /// so a peer that says nothing for this long is gone.
   TCPE_Time silence = 3'000'000;
+  /// While the sender must be waiting a receiver tells this often what it has finished.
+  TCPE_Time finishedPause = 1'000;
+  /// How long a peer may make no progress while somebody waits to send to it.
+  TCPE_Time tooSlow = 3'000'000;
   /// How long a connection may leave a probe unanswered when its system connects anew.
   TCPE_Time probe = 1'000'000;
   /// How long a connection that is being closed may take to send what is queued.
@@ -73,6 +100,10 @@ struct TCPE_Limits {
   static constexpr TCPE_Time kWrongProofsTime = 10'000'000;
   /// How long a synchronous sender waits for its reply.
   TCPE_Time reply = 2'000'000;
+  /// How long a handler that need not wait any more lets the one end that has started meanwhile.
+  TCPE_Time turn = 1'000'000;
+  /// A thread without a handler to run ends after so long, if another one is there.
+  TCPE_Time idleThread = 10'000'000;
   /// How long Terminate waits for handlers that are running.
   TCPE_Time handlersAtEnd = 700'000;
 };

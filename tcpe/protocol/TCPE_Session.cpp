@@ -24,7 +24,7 @@ TCPE_Session::Role Other(TCPE_Session::Role role) {
 
 TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms terms, TCPE_Time now)
     : mLimits(limits), mLocal(local), mTerms(std::move(terms)), mHello(local.hello), mOutput(TCPE_Hello::kSize),
-      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake) {
+      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mFinished(limits) {
   mHello.nonce = mTerms.nonce;
   mHello.authenticationRequired = mTerms.key != nullptr;
   mHello.Write(mOutput.data());
@@ -49,7 +49,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
   if (mState == State::deciding && !Unread().empty()) {
     return Fail(eNetworkError_MalformedData); // nobody speaks before the verdict
   }
-  while (mState != State::ended && mState != State::examining && mState != State::deciding) {
+  while (mState != State::ended && mState != State::examining && mState != State::deciding && !IsPaused()) {
     const std::span<const std::byte> unread = Unread();
     std::optional<Event> event;
     if (mState == State::hello) {
@@ -87,7 +87,7 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
       return event;
     }
   }
-  if (mBegin == mEnd || mState == State::deciding) {
+  if (mBegin == mEnd || mState == State::deciding || IsPaused()) {
     mFrameBegan = 0;
   } else if (mFrameBegan == 0) {
     mFrameBegan = now;
@@ -102,6 +102,33 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextTimedEvent(TCPE_Time now) {
   if (!IsOpen()) {
     return now >= mHandshakeDeadline ? std::optional(Fail(eNetworkError_ConnectionLost)) : std::nullopt;
   }
+  if (std::optional<Event> event = CheckTimes(now)) {
+    return event;
+  }
+  const bool isHeartbeatDue =
+      now >= mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat - mLimits.heartbeatEarly;
+  const TCPE_Time tellingIsDue = mFinished.Deadline();
+  if (now >= tellingIsDue || (isHeartbeatDue && tellingIsDue != TCPE_Credits::kNever)) {
+    TellFinished(now);
+  } else if (isHeartbeatDue) {
+    SendFrame(kTCPE_HeartbeatType, 0, 0, eTCPE_CommErr_None);
+    NoteSent(now);
+  }
+  return std::nullopt;
+}
+
+std::optional<TCPE_Session::Event> TCPE_Session::CheckTimes(TCPE_Time now) {
+  if (IsPaused()) {
+    if (const std::uint64_t finished = mFinished.Finished(); finished != mFinishedInPause) {
+      mFinishedInPause = finished;
+      mPausedSince = now;
+    }
+    if (now < mPausedSince + mLimits.tooSlow) {
+      return std::nullopt;
+    }
+    SayTooSlow();
+    return Fail(eNetworkError_PeerTooSlow);
+  }
   if (now >= mLastReceived + mLimits.silence) {
     return Fail(eNetworkError_ConnectionLost);
   }
@@ -114,10 +141,6 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextTimedEvent(TCPE_Time now) {
     mProbeDeadline = 0;
     return Event{.kind = Event::Kind::probeUnanswered};
   }
-  if (now >= mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat - mLimits.heartbeatEarly) {
-    SendFrame(kTCPE_HeartbeatType, 0, 0, eTCPE_CommErr_None);
-    NoteSent(now);
-  }
   return std::nullopt;
 }
 
@@ -125,8 +148,11 @@ TCPE_Time TCPE_Session::NextDeadline() const {
   if (!IsOpen()) {
     return mHandshakeDeadline;
   }
-  TCPE_Time deadline =
-      std::min(mLastReceived + mLimits.silence, mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat);
+  TCPE_Time deadline = std::min(mFinished.Deadline(), mLastSent.load(std::memory_order_relaxed) + mLimits.heartbeat);
+  if (IsPaused()) {
+    return std::min(deadline, mPausedSince + mLimits.tooSlow);
+  }
+  deadline = std::min(deadline, mLastReceived + mLimits.silence);
   if (mFrameBegan != 0) {
     deadline = std::min(deadline, mFrameBegan + mLimits.frame);
   }
@@ -147,6 +173,7 @@ bool TCPE_Session::ExamineProof() {
 void TCPE_Session::Accept(TCPE_Time now) {
   Open(now);
   SendFrame(mLocal.connectType, kTCPE_Flag_Reply, mConnectSerial, eTCPE_CommErr_None);
+  TellFinished(now); // none yet; but the peer learns in time that it is told
 }
 
 void TCPE_Session::Refuse(TCPE_CommErr error) {
@@ -161,6 +188,28 @@ void TCPE_Session::Probe(TCPE_Time now) {
     mProbeDeadline = now + mLimits.probe;
   }
 }
+
+void TCPE_Session::Pause(TCPE_Time now) {
+  mPausedSince = now;
+  mFinishedInPause = mFinished.Finished();
+}
+
+void TCPE_Session::Resume(TCPE_Time now) {
+  mPausedSince = 0;
+  mLastReceived = now;
+  if (mProbeDeadline != 0) {
+    mProbeDeadline = now + mLimits.probe;
+  }
+}
+
+void TCPE_Session::TellFinished(TCPE_Time now) {
+  std::array<std::byte, sizeof(std::uint32_t)> payload{};
+  TCPE_ByteWriter(payload.data()).U32(mFinished.Tell(now));
+  SendFrame(kTCPE_HeartbeatType, 0, 0, eTCPE_CommErr_None, payload);
+  NoteSent(now);
+}
+
+void TCPE_Session::SayTooSlow() { SendFrame(kTCPE_HeartbeatType, kTCPE_Flag_ErrorReply, 0, eTCPE_CommErr_QueueFull); }
 
 std::optional<TCPE_Session::Event> TCPE_Session::OnHello() {
   const auto bytes = Unread().first<TCPE_Hello::kSize>();
@@ -250,8 +299,13 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader&
     if (header.type == mLocal.connectType && !isReply) {
       return Fail(eNetworkError_MalformedData); // a peer introduces itself once
     }
-    return header.type == kTCPE_HeartbeatType ? OnEngineFrame(header)
-                                              : Event{.kind = Event::Kind::frame, .header = header, .payload = payload};
+    if (header.type == kTCPE_HeartbeatType) {
+      return OnEngineFrame(header, payload);
+    }
+    if (header.IsAsynchronous()) {
+      mFinished.NoteArrived();
+    }
+    return Event{.kind = Event::Kind::frame, .header = header, .payload = payload};
   }
   if (header.type != mLocal.connectType || isReply != (mState == State::reply)) {
     return Fail(eNetworkError_MalformedData);
@@ -271,7 +325,11 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnFrame(const TCPE_FrameHeader&
   return Event{.kind = Event::Kind::accepted, .header = header};
 }
 
-std::optional<TCPE_Session::Event> TCPE_Session::OnEngineFrame(const TCPE_FrameHeader& header) {
+std::optional<TCPE_Session::Event> TCPE_Session::OnEngineFrame(const TCPE_FrameHeader& header,
+                                                               std::span<const std::byte> payload) {
+  if (header.Has(kTCPE_Flag_ErrorReply) && header.error == eTCPE_CommErr_QueueFull) {
+    return Fail(eNetworkError_PeerTooSlow);
+  }
   if (header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
     if (mProbeDeadline != 0) {
       mProbeDeadline = 0;
@@ -280,6 +338,12 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnEngineFrame(const TCPE_FrameH
   } else if (header.Has(kTCPE_Flag_ReplyWanted)) {
     SendFrame(kTCPE_HeartbeatType, kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply, header.serial,
               eTCPE_CommErr_UnknownCommand);
+  } else if (payload.size() == sizeof(std::uint32_t)) {
+    mHasHeard = true;
+    return Event{.kind = Event::Kind::finished, .finished = TCPE_ByteReader(payload.data()).U32()};
+  }
+  if (!std::exchange(mHasHeard, true)) {
+    return Event{.kind = Event::Kind::finished};
   }
   return std::nullopt;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tcpe/protocol/TCPE_Credits.h"
 #include "tcpe/protocol/TCPE_Frame.h"
 #include "tcpe/protocol/TCPE_FrameTagger.h"
 #include "tcpe/protocol/TCPE_Hello.h"
@@ -19,7 +20,8 @@
 /// and the time at which it wants to be asked again.
 ///
 /// Both sides send a hello; with a shared secret both prove that they know it; the initiator sends its connect command;
-/// the acceptor's owner accepts or refuses it; from then on frames pass. One thread at a time, but for NoteSent.
+/// the acceptor's owner accepts or refuses it; from then on frames pass. One thread at a time, but for NoteSent and
+/// NoteFinished.
 class TCPE_Session {
 public:
   enum class Role : std::uint8_t { initiator, acceptor };
@@ -53,6 +55,8 @@ public:
       accepted,         ///< initiator: the connection is open
       refused,          ///< initiator: `error` says why; the session has ended
       frame,            ///< a command or a reply of an open connection
+      finished,         ///< the peer has told how many asynchronous commands it has finished, in `finished`; without a
+                        ///< number: it does not tell, for something else came first
       probeAnswered,
       probeUnanswered,
       failed, ///< the session has ended with `networkError`
@@ -62,6 +66,7 @@ public:
     std::span<const std::byte> payload{}; ///< valid until the session is called again
     TCPE_CommErr error = eTCPE_CommErr_None;
     ETCPE_NetworkError networkError = eNetworkError_None;
+    std::optional<std::uint32_t> finished{};
     bool isUnfinished = false; ///< failed: the data is malformed because the rest of a frame did not come in time
   };
 
@@ -90,6 +95,18 @@ public:
 
   /// Asks an open connection for a sign of life; probeAnswered or probeUnanswered follows.
   void Probe(TCPE_Time now);
+  /// Stops taking frames, of which the owner has too many; the peer's bytes are not to be read meanwhile. Its times
+  /// stand still, but it is lost when none of its commands is finished for too long.
+  void Pause(TCPE_Time now);
+  void Resume(TCPE_Time now);
+  bool IsPaused() const { return mPausedSince != 0; }
+
+  /// Tells that an asynchronous command of the peer is finished. From any thread.
+  /// @return whether the peer is to be told soon: call NextEvent then
+  bool NoteFinished() { return mFinished.NoteFinished(); }
+  /// The last word to a peer that is too slow.
+  void SayTooSlow();
+
   /// Tells when the owner sent a frame of its own, which saves a heartbeat. From any thread.
   void NoteSent(TCPE_Time now) { mLastSent.store(now, std::memory_order_relaxed); }
 
@@ -103,7 +120,10 @@ private:
   std::optional<Event> OnHello();
   std::optional<Event> OnProof(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
   std::optional<Event> OnFrame(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
-  std::optional<Event> OnEngineFrame(const TCPE_FrameHeader& header);
+  std::optional<Event> OnEngineFrame(const TCPE_FrameHeader& header, std::span<const std::byte> payload);
+  /// What silence, frame and probe times have brought about.
+  std::optional<Event> CheckTimes(TCPE_Time now);
+  void TellFinished(TCPE_Time now);
   Event Fail(ETCPE_NetworkError error);
   Event Refused(TCPE_CommErr error);
   /// A refusal without a reason is one all the same.
@@ -140,7 +160,11 @@ private:
   TCPE_Time mHandshakeDeadline;
   TCPE_Time mFrameBegan = 0; // 0: no frame is half received
   TCPE_Time mProbeDeadline = 0;
+  TCPE_FinishedCount mFinished;
+  std::uint64_t mFinishedInPause = 0; ///< as it was when it changed last
+  TCPE_Time mPausedSince = 0;         ///< or since the last progress; 0: it is not
   std::uint32_t mConnectSerial = 0;
   std::uint8_t mPeerSystemType = 0;
+  bool mHasHeard = false; ///< a frame since it opened
   State mState = State::hello;
 };

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
-#include <optional>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,12 +25,12 @@ public:
   using Milliseconds = std::chrono::milliseconds;
   static constexpr Milliseconds kTimeOut{20'000};
 
-  explicit HostProcess(std::vector<std::string> arguments) {
+  explicit HostProcess(std::vector<std::string> arguments, const std::string& program = TREL_PROGRAM) {
     std::array<int, 2> input = {};
     std::array<int, 2> output = {};
     EXPECT_EQ(pipe2(input.data(), O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(output.data(), O_CLOEXEC), 0);
-    arguments.insert(arguments.begin(), TREL_PROGRAM);
+    arguments.insert(arguments.begin(), program);
     std::vector<char*> pointers;
     for (std::string& argument : arguments) {
       pointers.push_back(argument.data());
@@ -41,7 +41,7 @@ public:
       dup2(input[0], STDIN_FILENO);
       dup2(output[1], STDOUT_FILENO);
       dup2(output[1], STDERR_FILENO);
-      execv(TREL_PROGRAM, pointers.data());
+      execv(pointers.front(), pointers.data());
       _exit(127);
     }
     close(input[0]);
@@ -50,12 +50,12 @@ public:
     mOutput = output[0];
   }
   ~HostProcess() {
-    CloseInput();
-    close(mOutput);
-    if (mId > 0) {
+    if (mId > 0) { // first of all, because a host ends in order when its input does
       kill(mId, SIGKILL);
       waitpid(mId, nullptr, 0);
     }
+    CloseInput();
+    close(mOutput);
   }
   HostProcess(const HostProcess&) = delete;
   HostProcess& operator=(const HostProcess&) = delete;
@@ -90,6 +90,19 @@ public:
         return nullptr;
       }
     }
+  }
+  /// Reads until the output so far contains a match, and gives its first group. Fails the test when it does not in
+  /// time.
+  std::string AwaitText(const std::string& pattern, Milliseconds timeOut = kTimeOut) {
+    const auto end = std::chrono::steady_clock::now() + timeOut;
+    std::smatch match;
+    while (!std::regex_search(mText, match, std::regex(pattern))) {
+      if (!Read(end)) {
+        ADD_FAILURE() << "no \"" << pattern << "\" in time in\n" << mText;
+        return "";
+      }
+    }
+    return match[1];
   }
   /// Sends a command and gives its answer; fails the test when the answer is an error.
   Json Command(const std::string& line, Milliseconds timeOut = 2 * kTimeOut) {

@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -60,6 +61,9 @@ public:
     return !mReceived.empty();
   }
 
+  /// Commands that are answered, and not recorded. Before it is connected.
+  void Ignore(std::set<std::string> names) { mIgnored = std::move(names); }
+
   /// The payload of the replies from now on.
   void SetReply(std::string bytes) {
     const std::lock_guard lock(mMutex);
@@ -101,7 +105,9 @@ private:
     std::ostringstream text;
     command.GetSendDebugInfo(text);
     std::unique_lock lock(mMutex);
-    mReceived.push_back(command.GetCommandName() + (text.str().empty() ? "" : ' ' + text.str()));
+    if (!mIgnored.contains(command.GetCommandName())) {
+      mReceived.push_back(command.GetCommandName() + (text.str().empty() ? "" : ' ' + text.str()));
+    }
     mChanged.notify_all();
     mChanged.wait(lock, [this] { return !mHolds; });
     if (mAnswer == Answer::leave) {
@@ -118,6 +124,7 @@ private:
   mutable std::mutex mMutex;
   std::condition_variable mChanged;
   std::deque<std::string> mReceived;
+  std::set<std::string> mIgnored;
   std::string mReply;
   bool mHolds = false;
   std::atomic<Answer> mAnswer = Answer::reply;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/protocol/TCPE_Bytes.h"
 #include "tcpe/protocol/TCPE_Frame.h"
 #include "tcpe/protocol/TCPE_Hello.h"
 #include "tcpe/protocol/TCPE_Limits.h"
@@ -32,8 +33,10 @@ inline Bytes RawFrame(TCPE_FrameHeader header, const Bytes& payload = {}) {
   TCPE_SealFrame(frame);
   return frame;
 }
-inline Bytes RawTime(std::uint8_t time) {
-  return RawFrame({.type = eTrel_Cmd_TestRunningTime}, Bytes(7) + Bytes{std::byte{time}});
+inline Bytes RawTime(std::uint32_t time) {
+  Bytes payload(sizeof(std::int64_t));
+  TCPE_ByteWriter(payload.data() + sizeof time).U32(time);
+  return RawFrame({.type = eTrel_Cmd_TestRunningTime}, payload);
 }
 inline Bytes RawHello(bool authenticationRequired = false) {
   Bytes bytes(TCPE_Hello::kSize);

@@ -9,6 +9,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <queue>
 #include <random>
 #include <set>
 #include <span>
@@ -16,9 +18,11 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 /// Endpoints joined by byte streams in virtual time: with delay, chopped into pieces, cut. Systems are numbered from 0;
-/// several may share an address. Strangers are peers without an endpoint, whose bytes the test makes.
+/// several may share an address. Strangers are peers without an endpoint, whose bytes the test makes. A program may run
+/// on top, told of events and called at times.
 ///
 /// Like the owner of real sockets, a side holds the space for its next bytes while it waits for them, and reports
 /// nothing about a transport that it was told to close. What no endpoint may ever do throws std::logic_error.
@@ -26,14 +30,20 @@ class SimulatedNetwork {
 public:
   using Event = TCPE_Endpoint::Event;
   static constexpr int kStranger = -1;
+  static constexpr int kNobody = -2;
 
+  struct Transport;
   struct System {
     TCPE_Endpoint::Config config;
-    std::unique_ptr<TCPE_Endpoint> endpoint{};
-    std::map<std::uint32_t, Event> open{}; ///< opened events, by address
-    std::set<std::uint32_t> connecting{};  ///< addresses whose connectEnded is due
-    std::string log{};                     ///< every event but send and close
+    std::unique_ptr<TCPE_Endpoint> endpoint{}; ///< none while it does not run
+    std::map<std::uint32_t, Event> open{};     ///< opened events, by address
+    std::set<std::uint32_t> connecting{};      ///< addresses whose connectEnded is due
+    std::string log{};                         ///< every event but send and close
     TCPE_Time lastLogged = 0;
+    std::map<TCPE_Endpoint::Id, std::pair<Transport*, int>> sides{}; ///< of its open transports
+    bool isOff = false;                                              ///< the machine
+    bool isFrozen = false;
+    bool isCutOff = false;
   };
   struct Side {
     int system = kStranger;
@@ -49,6 +59,7 @@ public:
     };
     std::deque<Arriving> arriving{};
     TCPE_Time lastDue = 0;
+    TCPE_Time lastReceived = 0;
     std::span<std::byte> space{};
   };
   struct Transport {
@@ -93,8 +104,11 @@ public:
   }
 
   int Add(TCPE_Endpoint::Config config) {
-    Start(mSystems.emplace_back(System{std::move(config)}));
-    return static_cast<int>(mSystems.size()) - 1;
+    mSystems.push_back({std::move(config)});
+    mDeadlines.push_back(TCPE_Endpoint::kNever);
+    const int system = static_cast<int>(mSystems.size()) - 1;
+    Start(system);
+    return system;
   }
   System& At(int system) { return mSystems.at(static_cast<std::size_t>(system)); }
   const TCPE_Endpoint::Counts& Counts(int system) { return At(system).endpoint->GetCounts(); }
@@ -108,8 +122,24 @@ public:
 
   /// Somebody on the way, who may alter all that is sent.
   std::function<void(int toSide, std::string& bytes)> tamper;
+  /// Told of opened, frame, disconnected, lost and awaited connectEnded events instead of the log.
+  std::function<void(int system, const Event& event)> program;
+  /// Calls it then; in the order given, when several are due.
+  void After(TCPE_Time delay, std::function<void()> action) {
+    mDue.push({mNow + delay, ++mLastDue, std::move(action)});
+  }
 
   void Connect(int from, int to) { Connect(from, to, At(to).config.localAddress); }
+  void ConnectTo(int from, std::uint32_t address) { Connect(from, Find(address), address); }
+  /// Who runs, or last ran, at the address.
+  int Find(std::uint32_t address) const {
+    for (int system = static_cast<int>(mSystems.size()); --system >= 0;) {
+      if (mSystems[static_cast<std::size_t>(system)].config.localAddress == address) {
+        return system;
+      }
+    }
+    return kNobody;
+  }
   /// The transport stands at once; null when the endpoint did not want one.
   Transport* ConnectToStranger(int from, std::uint32_t address) { return Connect(from, kStranger, address); }
   Transport& ConnectStranger(std::uint32_t address, int to) {
@@ -131,7 +161,7 @@ public:
   }
   /// Sends over the open connection, as a host does.
   void Send(int from, std::uint32_t address, const std::string& bytes) {
-    const auto [transport, side] = Find(from, At(from).open.at(address).id);
+    const auto [transport, side] = At(from).sides.at(At(from).open.at(address).id);
     At(from).open.at(address).session->NoteSent(mNow);
     Send(*transport, 1 - side, Tagged(At(from).open.at(address), bytes));
   }
@@ -144,52 +174,95 @@ public:
   }
   /// A stranger closes its side.
   void End(Transport& transport, int toSide) { Arrive(transport, toSide, Side::Piece::ended); }
-  /// The cable is pulled: nothing arrives any more, and nobody is told.
+  /// Since the last byte of the peer; nothing when it is not connected.
+  std::optional<TCPE_Time> Silence(int system, std::uint32_t address) {
+    const auto open = At(system).open.find(address);
+    if (open == At(system).open.end()) {
+      return std::nullopt;
+    }
+    const auto [transport, side] = At(system).sides.at(open->second.id);
+    return mNow - transport->sides[side].lastReceived;
+  }
+
+  /// Its present connections are cut: nothing arrives any more, and nobody is told.
   void CutAll(int system) {
     for (Transport& transport : mTransports) {
-      if (transport.sides[0].system == system || transport.sides[1].system == system) {
+      if (IsOf(transport, system)) {
         transport.isCut = true;
         transport.sides[0].arriving.clear();
         transport.sides[1].arriving.clear();
       }
     }
   }
-  /// The machine loses its power; another engine starts with its address.
+  /// The cable is pulled, or in again: what was sent meanwhile is sent once more.
+  void CutOff(int system, bool isCutOff) {
+    At(system).isCutOff = isCutOff;
+    DeliverHeld(system);
+  }
+  /// It gets no time, and what arrives waits.
+  void Freeze(int system, bool isFrozen) {
+    At(system).isFrozen = isFrozen;
+    SetDeadline(system);
+    DeliverHeld(system);
+  }
+  /// The program ends without a word; its machine closes its connections, unless it loses its power.
+  void Kill(int system, bool isOff) {
+    At(system).isOff = isOff;
+    if (isOff) {
+      CutAll(system);
+    }
+    for (const auto& [id, position] : At(system).sides) {
+      Arrive(*position.first, 1 - position.second, Side::Piece::ended);
+      position.first->sides[position.second].id = 0;
+    }
+    At(system).endpoint.reset();
+    At(system).open.clear();
+    At(system).connecting.clear();
+    At(system).sides.clear();
+    SetDeadline(system);
+  }
+  /// Another engine starts there.
+  void Start(int system) {
+    At(system).config.local.hello.instance = ++mLastInstance;
+    At(system).endpoint = std::make_unique<TCPE_Endpoint>(At(system).config);
+    At(system).isOff = false;
+  }
   void Restart(int system) {
+    Kill(system, true);
+    Start(system);
+  }
+  /// The machine gets another address.
+  void Move(int system, std::uint32_t address) {
     CutAll(system);
-    ForEachSide([system](Transport&, int, Side& side) { side.id = side.system == system ? 0 : side.id; });
-    Start(At(system));
+    At(system).config.localAddress = address;
+    At(system).endpoint->MoveTo(address, mNow);
+    CarryOut(system);
   }
 
   void Run(TCPE_Time duration) {
     const TCPE_Time end = mNow + duration;
-    for (bool isBusy = true; isBusy;) {
-      TCPE_Time next = end;
-      ForEachSide([&next](Transport&, int, const Side& side) {
-        next = side.arriving.empty() ? next : std::min(next, side.arriving.front().due);
-      });
-      for (const System& system : mSystems) {
-        next = std::min(next, system.endpoint->NextDeadline());
+    while (true) {
+      const auto deadline = std::min_element(mDeadlines.begin(), mDeadlines.end());
+      const bool isArrival = !mDue.empty() && (deadline == mDeadlines.end() || mDue.top().time <= *deadline);
+      const TCPE_Time next = isArrival                      ? mDue.top().time
+                             : deadline != mDeadlines.end() ? *deadline
+                                                            : TCPE_Endpoint::kNever;
+      if (next > end) {
+        break;
       }
       mNow = std::max(mNow, next);
-      isBusy = mNow < end;
-      ForEachSide([this, &isBusy](Transport& transport, int index, Side& side) {
-        if (!side.arriving.empty() && side.arriving.front().due <= mNow) {
-          const Side::Arriving arrived = std::move(side.arriving.front());
-          side.arriving.pop_front();
-          Deliver(transport, index, arrived);
-          isBusy = true;
-        }
-      });
-      for (int system = 0; system < static_cast<int>(mSystems.size()); ++system) {
-        if (At(system).endpoint->NextDeadline() <= mNow) {
-          At(system).endpoint->Tick(mNow);
-          CarryOut(system);
-          Check(At(system).endpoint->NextDeadline() > mNow, "a deadline that was met stands");
-          isBusy = true;
-        }
+      if (isArrival) {
+        const std::function<void()> action = std::move(mDue.top().action);
+        mDue.pop();
+        action();
+      } else {
+        const int system = static_cast<int>(deadline - mDeadlines.begin());
+        At(system).endpoint->Tick(mNow);
+        CarryOut(system);
+        Check(*deadline > mNow, "a deadline that was met stands");
       }
     }
+    mNow = end;
   }
 
 private:
@@ -198,19 +271,34 @@ private:
       throw std::logic_error(failure);
     }
   }
-  template <class Visit>
-  void ForEachSide(Visit visit) {
+  struct Due {
+    TCPE_Time time;
+    std::uint64_t number;
+    mutable std::function<void()> action;
+    bool operator<(const Due& other) const { return time != other.time ? time > other.time : number > other.number; }
+  };
+
+  static bool IsOf(const Transport& transport, int system) {
+    return transport.sides[0].system == system || transport.sides[1].system == system;
+  }
+  bool IsHeld(const Transport& transport, int toSide) {
+    const auto isCutOff = [this](const Side& side) { return side.system >= 0 && At(side.system).isCutOff; };
+    const int to = transport.sides[toSide].system;
+    return isCutOff(transport.sides[0]) || isCutOff(transport.sides[1]) || (to >= 0 && At(to).isFrozen);
+  }
+  void DeliverHeld(int system) {
     for (Transport& transport : mTransports) {
-      visit(transport, 0, transport.sides[0]);
-      visit(transport, 1, transport.sides[1]);
+      for (int index = 0; IsOf(transport, system) && index < 2; ++index) {
+        for (std::size_t piece = transport.sides[index].arriving.size(); piece > 0; --piece) {
+          After(0, [this, &transport, index] { DeliverNext(transport, index); });
+        }
+      }
     }
   }
-  std::pair<Transport*, int> Find(int system, TCPE_Endpoint::Id id) {
-    std::pair<Transport*, int> found{nullptr, 0};
-    ForEachSide([&](Transport& transport, int index, const Side& side) {
-      found = id != 0 && side.system == system && side.id == id ? std::pair{&transport, index} : found;
-    });
-    return found;
+  void SetDeadline(int index) {
+    const System& system = At(index);
+    mDeadlines[static_cast<std::size_t>(index)] =
+        system.endpoint && !system.isFrozen ? system.endpoint->NextDeadline() : TCPE_Endpoint::kNever;
   }
   static std::string Tagged(const Event& opened, const std::string& frames) {
     TCPE_FrameTagger* const tagger = opened.session->Tagger();
@@ -221,12 +309,6 @@ private:
     tagger->AppendTagged(std::as_bytes(std::span(frames)), tagged);
     return {reinterpret_cast<const char*>(tagged.data()), tagged.size()};
   }
-  void Start(System& system) {
-    system.config.local.hello.instance = ++mLastInstance;
-    system.endpoint = std::make_unique<TCPE_Endpoint>(system.config);
-    system.open.clear();
-    system.connecting.clear();
-  }
   Transport* Connect(int from, int to, std::uint32_t address) {
     Transport* transport = nullptr;
     At(from).connecting.insert(address);
@@ -234,9 +316,10 @@ private:
       transport = &mTransports.emplace_back();
       transport->sides[0] = {from, At(from).config.localAddress, *id};
       transport->sides[1] = {to, address};
+      At(from).sides[*id] = {transport, 0};
       if (to == kStranger) {
         Arrive(*transport, 0, Side::Piece::opened);
-      } else {
+      } else if (to != kNobody) {
         Arrive(*transport, 1, Side::Piece::opening);
       }
     }
@@ -248,37 +331,59 @@ private:
     if (!transport.isCut) {
       side.lastDue = std::max(side.lastDue, mNow + 100 + (mLargestDelay != 0 ? Random(mLargestDelay) : 0));
       side.arriving.push_back({side.lastDue, piece, bytes});
+      After(side.lastDue - mNow, [this, &transport, index] { DeliverNext(transport, index); });
+    }
+  }
+  void DeliverNext(Transport& transport, int index) {
+    Side& side = transport.sides[index];
+    if (!side.arriving.empty() && side.arriving.front().due <= mNow && !IsHeld(transport, index)) {
+      const Side::Arriving arrived = std::move(side.arriving.front());
+      side.arriving.pop_front();
+      Deliver(transport, index, arrived);
     }
   }
   void Deliver(Transport& transport, int index, const Side::Arriving& arrived) {
     Side& side = transport.sides[index];
-    if (side.system == kStranger) {
+    if (side.system < 0) {
       side.received += arrived.bytes;
       side.hasEnded = side.hasEnded || arrived.piece == Side::Piece::ended;
       return;
     }
-    TCPE_Endpoint& endpoint = *At(side.system).endpoint;
+    System& system = At(side.system);
+    TCPE_Endpoint* const endpoint = system.endpoint.get();
     if (arrived.piece == Side::Piece::opening) {
-      side.id = endpoint.TransportAccepted(transport.sides[0].address, mNow).value_or(0);
+      const bool isThere = !system.isOff && system.config.localAddress == side.address;
+      const bool isStillWanted = transport.sides[0].id != 0 || transport.sides[0].system == kStranger;
+      if (!isThere || !isStillWanted) {
+        return;
+      }
+      side.id = endpoint != nullptr ? endpoint->TransportAccepted(transport.sides[0].address, mNow).value_or(0) : 0;
+      if (side.id != 0) {
+        system.sides[side.id] = {&transport, index};
+      }
       Arrive(transport, 1 - index, side.id != 0 ? Side::Piece::opened : Side::Piece::ended);
     } else if (side.id != 0 && arrived.piece == Side::Piece::opened) {
-      endpoint.TransportConnected(side.id, mNow);
+      endpoint->TransportConnected(side.id, mNow);
     } else if (side.id != 0 && arrived.piece == Side::Piece::ended) {
-      endpoint.TransportEnded(side.id, mNow);
+      endpoint->TransportEnded(side.id, mNow);
     }
     CarryOut(side.system);
+    side.lastReceived = mNow;
     for (std::string_view rest = arrived.bytes; !rest.empty() && side.id != 0;) {
       const std::size_t count = std::min(rest.size(), side.space.size());
       Check(count != 0, "no space for arriving bytes");
       std::copy_n(std::as_bytes(std::span(rest)).begin(), count, side.space.begin());
       side.space = {};
       rest.remove_prefix(count);
-      endpoint.Received(side.id, count, mNow);
+      endpoint->Received(side.id, count, mNow);
       CarryOut(side.system);
     }
   }
   void CarryOut(int index) {
     System& system = At(index);
+    if (!system.endpoint) {
+      return;
+    }
     const TCPE_Limits& limits = system.config.limits;
     int events = 0;
     while (const std::optional<Event> event = system.endpoint->NextEvent(mNow)) {
@@ -288,49 +393,57 @@ private:
     Check(system.endpoint->OpenConnections() == system.open.size(), "open connections without their events");
     Check(system.open.size() <= system.config.maxConnections, "too many open connections");
     Check(system.endpoint->HalfOpenConnections() <= limits.maxHalfOpen, "too many half-open connections");
-    ForEachSide([&system, index](Transport&, int, Side& side) {
-      if (side.system == index && side.id != 0 && side.space.empty()) {
-        side.space = system.endpoint->ReceiveSpace(side.id);
+    for (const auto& [id, position] : system.sides) {
+      if (std::span<std::byte>& space = position.first->sides[position.second].space; space.empty()) {
+        space = system.endpoint->ReceiveSpace(id);
       }
-    });
+    }
+    SetDeadline(index);
   }
   void CarryOut(int index, const Event& event) {
-    using Kind = Event::Kind;
     System& system = At(index);
-    const auto [transport, side] = Find(index, event.id);
-    const auto log = [&](const std::string& text, const std::string& detail = {}) {
-      system.log += (system.log.empty() ? "" : ", ") + text + std::to_string(event.address) + detail;
+    const auto position = system.sides.find(event.id);
+    const auto [transport, side] = position != system.sides.end() ? position->second : std::pair<Transport*, int>();
+    const auto log = [&](const char* text, const std::string& detail = {}) {
+      if (program) {
+        return;
+      }
+      system.log += std::string(system.log.empty() ? "" : ", ") + text + std::to_string(event.address) + detail;
       system.lastLogged = mNow;
     };
     const auto open = system.open.find(event.address);
     const bool isOpen = open != system.open.end() && open->second.id == event.id;
     switch (event.kind) {
-    case Kind::opened:
+    case Event::Kind::opened:
       Check(open == system.open.end(), "two open connections of one address");
       log("opened ", event.openedByPeer ? " by peer" : "");
       system.open[event.address] = event;
       break;
-    case Kind::frame:
+    case Event::Kind::frame:
       Check(isOpen, "a frame of a connection that is not open");
       log("frame ", " " + std::to_string(event.header.type) + " (" + std::to_string(event.payload.size()) + ")");
       break;
-    case Kind::disconnected:
-    case Kind::lost:
+    case Event::Kind::finished:
+      Check(isOpen, "news of commands on a connection that is not open");
+      break;
+    case Event::Kind::disconnected:
+    case Event::Kind::lost:
       Check(isOpen, "the end of a connection that is not open");
-      log(event.kind == Kind::lost ? "lost " : "disconnected ",
-          event.kind == Kind::lost ? " " + std::to_string(event.networkError) : "");
+      log(event.kind == Event::Kind::lost ? "lost " : "disconnected ",
+          event.kind == Event::Kind::lost ? " " + std::to_string(event.networkError) : "");
       system.open.erase(open);
       break;
-    case Kind::connectEnded:
+    case Event::Kind::connectEnded:
       Check((event.error == eTCPE_CommErr_None) == (open != system.open.end()), "connected, or not?");
-      if (system.connecting.erase(event.address) != 0) {
-        log("ended ", " " + std::to_string(event.error));
+      if (system.connecting.erase(event.address) == 0) {
+        return;
       }
+      log("ended ", " " + std::to_string(event.error));
       break;
-    case Kind::unproved:
+    case Event::Kind::unproved:
       log("unproved ");
       break;
-    case Kind::send:
+    case Event::Kind::send:
       if (transport != nullptr) {
         const std::string bytes(reinterpret_cast<const char*>(event.payload.data()), event.payload.size());
         const auto opened = std::find_if(system.open.begin(), system.open.end(),
@@ -338,14 +451,18 @@ private:
         Send(*transport, 1 - side, opened != system.open.end() ? Tagged(opened->second, bytes) : bytes);
       }
       break;
-    case Kind::close:
+    case Event::Kind::close:
       std::erase_if(system.open, [&event](const auto& entry) { return entry.second.id == event.id; });
       if (transport != nullptr) {
         transport->sides[side].id = 0;
         transport->sides[side].space = {};
         Arrive(*transport, 1 - side, Side::Piece::ended);
+        system.sides.erase(position);
       }
       break;
+    }
+    if (program && event.kind < Event::Kind::send && event.kind != Event::Kind::unproved) {
+      program(index, event);
     }
   }
 
@@ -355,5 +472,8 @@ private:
   std::uint32_t mLargestDelay = 0;
   std::uint64_t mLastInstance = 0x0102030405060700;
   std::deque<System> mSystems;
+  std::vector<TCPE_Time> mDeadlines; // of the endpoints
   std::deque<Transport> mTransports;
+  std::priority_queue<Due> mDue;
+  std::uint64_t mLastDue = 0;
 };

@@ -93,6 +93,10 @@ public:
   std::function<void(const std::string& text, std::uint32_t from)> handler;
   /// Runs on the network thread; true consumes the command.
   std::function<bool(const std::string& text, std::uint32_t from)> inPlace;
+  /// Runs on the thread that sends, before anything is written.
+  std::function<void(const TCPE_Command& command)> beforeSending;
+  /// Runs when the task is asked for its version, as it is several times while the system starts.
+  std::function<void()> beforeVersion;
   std::atomic<bool> admits = true;
   std::atomic<bool> hasHandler = true;
   std::uint16_t maxSatellites = 128;
@@ -105,7 +109,16 @@ private:
         : Trel_CommTask(communicationPort, discoveryPort, record, system->maxSatellites, system), mSystem(*system) {}
     bool HasHandler(const TCPE_Command* /*command*/) override { return mSystem.hasHandler; }
     void DoCommand(TCPE_Command* command) override { mSystem.Arrive(TextOf(*command), command->GetIPAddressFrom()); }
+    void WriteCommandHeader(TCPE_Command* command, char** cursor) override {
+      if (mSystem.beforeSending) {
+        mSystem.beforeSending(*command);
+      }
+      Trel_CommTask::WriteCommandHeader(command, cursor);
+    }
     std::uint8_t GetCurrentProtocolMajorVersion() override {
+      if (mSystem.beforeVersion) {
+        mSystem.beforeVersion();
+      }
       return mSystem.majorVersion != 0 ? mSystem.majorVersion : Trel_CommTask::GetCurrentProtocolMajorVersion();
     }
 
@@ -147,6 +160,16 @@ private:
   mutable std::mutex mMutex;
   std::vector<std::pair<std::uint32_t, std::string>> mArrived;
 };
+
+/// What a system knows of a peer.
+inline TCPE_PeerSnapshot PeerOf(const TestSystem& system, std::uint32_t address) {
+  for (const TCPE_PeerSnapshot& peer : system.GetSnapshot().peers) {
+    if (peer.address == address) {
+      return peer;
+    }
+  }
+  return {};
+}
 
 inline void Start(TestSystem& a, TestSystem& b) { ASSERT_EQ(a.Start() + b.Start(), 0); }
 inline void Link(TestSystem& a, TestSystem& b) {

@@ -1,38 +1,23 @@
 #include "tests/support/Hex.h"
+#include "tests/support/Shell.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
 #include <string>
 
-#include <sys/wait.h>
-
 namespace {
 
 using nlohmann::json;
 
-struct Outcome {
-  int status;
-  std::string output;
-};
-
 /// Runs the program with the words of a shell.
-Outcome RunProgram(const std::string& arguments) {
-  FILE* const pipe = popen((TREL_PROGRAM " " + arguments).c_str(), "r");
-  std::string output;
-  std::array<char, 4096> bytes = {};
-  for (std::size_t count = 0; (count = fread(bytes.data(), 1, bytes.size(), pipe)) > 0;) {
-    output.append(bytes.data(), count);
-  }
-  return {WEXITSTATUS(pclose(pipe)), output};
-}
+ShellOutcome RunProgram(const std::string& arguments) { return RunShell(TREL_PROGRAM " " + arguments); }
 
 std::string Digits(const char* hexadecimal) {
   std::string text;
@@ -71,9 +56,9 @@ TEST(CatalogueProgramTest, EncodesAndDecodes) {
     SCOPED_TRACE(command);
     std::string assignments = fields;
     std::replace(assignments.begin(), assignments.end(), '\n', ' ');
-    const Outcome encoded = RunProgram(std::string("encode ") + command + ' ' + assignments);
+    const ShellOutcome encoded = RunProgram(std::string("encode ") + command + ' ' + assignments);
     EXPECT_EQ(encoded.output, Digits(bytes) + '\n');
-    const Outcome decoded = RunProgram(std::string("decode ") + command + ' ' + Digits(bytes));
+    const ShellOutcome decoded = RunProgram(std::string("decode ") + command + ' ' + Digits(bytes));
     EXPECT_EQ(decoded.output, fields);
     EXPECT_EQ(encoded.status + decoded.status, 0);
   }
@@ -109,26 +94,10 @@ TEST(CatalogueProgramTest, SaysWhatIsWrong) {
       {"decode ListSystems 00000001", 1, "Systems (list) does not fit at offset 4 of 4 bytes\n"},
   };
   for (const auto& [arguments, status, says] : cases) {
-    const Outcome outcome = RunProgram(std::string(arguments) + " 2>&1");
+    const ShellOutcome outcome = RunProgram(std::string(arguments) + " 2>&1");
     EXPECT_THAT(outcome.output, testing::HasSubstr(says));
     EXPECT_EQ(outcome.status, status) << arguments;
   }
-}
-
-TEST(CatalogueProgramTest, SpeaksJson) {
-  const json systems = json::array({{{"IPAddress", "192.168.1.2"}, {"SystemName", "Al"}, {"OrderNumber", -1}}});
-  const json encoded =
-      json::parse(RunProgram("encode ListSystems --json 'Systems=" + systems.dump() + "' 2>&1").output);
-  const std::string bytes = Digits("00000001 0201a8c0 416c 00*28 00*30 00000000 ffffffff");
-  EXPECT_EQ(encoded,
-            json({{"name", "ListSystems"}, {"id", 29}, {"reply", false}, {"revision", 1}, {"payload", bytes}}));
-  const json decoded = json::parse(RunProgram("decode ListSystems --legacy --json " + bytes + "ff 2>&1").output);
-  json entry = systems[0];
-  entry["Hostname"] = "";
-  entry["SystemType"] = 0;
-  EXPECT_EQ(decoded["fields"]["Systems"], json::array({entry}));
-  EXPECT_EQ(decoded["left_over"], "ff");
-  EXPECT_EQ(decoded["id"], 22);
 }
 
 TEST(CatalogueProgramTest, ListsTheCatalogue) {
@@ -149,22 +118,6 @@ TEST(CatalogueProgramTest, ListsTheCatalogue) {
                   "name": "GetStartDelay", "class": "Trel_Cmd_GetStartDelay", "synchronous": true, "logged": true,
                   "revision": 0, "command": [],
                   "reply": [{"name": "StartDelay", "kind": "u32", "width": 4, "offset": 0, "since": 0}]})"));
-    const auto fieldsOf = [&](const char* command) {
-      std::string text;
-      for (const json& field : commands[command]["command"]) {
-        for (const char* key : {"name", "kind", "width", "offset", "since"}) {
-          text += (field[key].is_string() ? field[key].get<std::string>() : field[key].dump()) + ' ';
-        }
-      }
-      return text;
-    };
-    EXPECT_EQ(fieldsOf("ConnectTo"),
-              isLegacy ? "ConnectToIPAddress ipv4 4 0 0 "
-                       : "ConnectToIPAddress ipv4 4 0 0 ConnectToPort port 2 4 0 UniqueSystemID i32 4 6 0 "
-                         "SystemName string 30 10 0 Hostname string 256 40 0 SystemType i32 4 296 0 "
-                         "MajorVersion u8 1 300 0 MinorVersion u8 1 301 0 ");
-    EXPECT_EQ(fieldsOf("DialogOnScreen"), "DialogCode i32 4 0 0 DialogMsg string 256 4 1 DialogType i32 4 260 2 ");
-    EXPECT_EQ(fieldsOf("ListSystems"), "Systems list 0 0 0 ");
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "tests/support/PeerSystem.h"
 #include "tests/support/ReportCollector.h"
+#include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
 
@@ -17,8 +18,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
+
+#include <sys/wait.h>
+
+namespace {
+
+bool sIsForked = false;
+
+} // namespace
+
+/// Asked by the leak sanitizer, which takes what the threads of the parent hold for lost.
+extern "C" int __lsan_is_turned_off() { return sIsForked ? 1 : 0; } // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 
@@ -94,23 +108,47 @@ TEST_F(CommManagerTest, IdleReportsTheClockLockWhenItOrTheConnectionsChange) {
   EXPECT_EQ(mPeer.Next(), unlocked);
 }
 
-TEST_F(CommManagerTest, AnswersLimitsAndTimingItself) {
+TEST_F(CommManagerTest, AClockEndsWithTheInstanceThatSuppliesIt) {
+  std::optional<PeerSystem> other(kOtherPeerAddress);
+  const auto supply = [](PeerSystem& supplier) {
+    Trel_Cmd_UpdateRunningTime time(0);
+    Trel_Cmd_LastUpdateRunningTimeValid voucher;
+    for (Trel_Command* command : {static_cast<Trel_Command*>(&time), static_cast<Trel_Command*>(&voucher)}) {
+      command->SetIPAddressTo(kHostAddress);
+      supplier.SendCommand(command);
+    }
+  };
+  const auto measurements = [] { return Trel_CorrelatedClockMgr::GetStatus().measurements; };
+  const auto part = [](PeerSystem& peer) {
+    EXPECT_TRUE(Trel_CommManager::Disconnect(peer.GetAdaptorIPAddress()));
+    EXPECT_TRUE(Eventually([&peer] { return !peer.IsConnected(kHostAddress); }));
+  };
+  const auto meet = [&](PeerSystem& peer, ETCPE_SystemType type) { // for a short time
+    peer.SetSystemType(type);
+    EXPECT_TRUE(peer.Connect(kHostAddress));
+    part(peer);
+    return measurements();
+  };
+  Connect(mPeer);
+  const std::uint64_t instance = Trel_CommManager::GetPeerInstance(kPeerAddress);
+  EXPECT_NE(instance, 0U);
+  supply(mPeer);
+  EXPECT_EQ(meet(*other, eTCPE_SystemType_Master), 1) << "the supplier is still there";
+  part(mPeer);
+  EXPECT_EQ(Trel_CommManager::GetPeerInstance(kPeerAddress), 0U);
+  EXPECT_EQ(meet(*other, eTCPE_SystemType_Satellite), 1);
   ASSERT_TRUE(mPeer.Connect(kHostAddress));
-  Trel_Cmd_RequestMaxSatellites request;
-  request.SetMaxSatellitesRequested(1000);
-  Trel_Cmd_GetMaxSatellites limit;
-  Trel_Cmd_GetMaxSatellitesSupported supported;
-  Trel_Cmd_UpdateRunningTime runningTime(1'000'000'000'000);
-  Trel_Cmd_LastUpdateRunningTimeValid voucher;
-  for (TCPE_Command* command :
-       std::initializer_list<TCPE_Command*>{&request, &limit, &supported, &runningTime, &voucher}) {
-    command->SetIPAddressTo(kHostAddress);
-    mPeer.SendCommand(command);
-    EXPECT_EQ(command->GetError(), 0) << command->GetCommandName();
-  }
-  EXPECT_EQ(limit.GetMaxSatellites(), 128);
-  EXPECT_EQ(supported.GetMaxSatellitesSupported(), 128);
-  EXPECT_GT(Trel_CorrelatedClockMgr::GetRunningTime(Sys_Clock::Microseconds()), 999'000'000'000);
+  EXPECT_EQ(Trel_CommManager::GetPeerInstance(kPeerAddress), instance);
+  EXPECT_EQ(measurements(), 1) << "the same instance";
+  part(mPeer);
+  EXPECT_EQ(meet(*other, eTCPE_SystemType_Master), 0);
+
+  ASSERT_TRUE(other->Connect(kHostAddress));
+  supply(*other);
+  EXPECT_EQ(measurements(), 1);
+  other.reset();
+  other.emplace(kOtherPeerAddress);
+  EXPECT_EQ(meet(*other, eTCPE_SystemType_None), 0) << "another instance";
 }
 
 TEST_F(CommManagerTest, TerminateEndsWaitingSendersAndSparesCallers) {
@@ -168,6 +206,23 @@ TEST_F(CommManagerTest, HandlersCannotTerminate) {
   EXPECT_THAT(reports.Take(), testing::SizeIs(1));
   EXPECT_TRUE(Trel_CommManager::IsConnected(kPeerAddress));
   Trel_Command::SetDoItCommand(Trel_Cmd_StopPlayback::GetCommandID(), nullptr);
+}
+
+TEST_F(CommManagerTest, AForkedProcessLeavesTheEngineOfItsParentAlone) {
+  Connect(mPeer);
+  const std::int64_t begin = Sys_Clock::Microseconds();
+  const pid_t child = fork();
+  if (child == 0) {
+    sIsForked = true;
+    const bool isSpared = !Trel_CommManager::IsInitialized() && !Trel_CommManager::Disconnect(kPeerAddress);
+    Trel_CommManager::Terminate();
+    std::destroy_at(&mPeer);
+    std::exit(isSpared && Sys_Clock::Microseconds() - begin < 500'000 ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  ExpectNothing(mPeer);
 }
 
 TEST(CommManagerDeathTest, TheEndOfTheProcessTerminates) {

@@ -1,22 +1,14 @@
-#include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
+#include "tests/support/HostProcess.h"
+#include "tests/support/TestSystem.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <vector>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -24,95 +16,6 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kRunTimeOut{60'000};
-
-/// The program in a process of its own, with both outputs in one pipe.
-class Program {
-public:
-  explicit Program(std::vector<std::string> arguments) {
-    std::array<int, 2> ends = {};
-    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    mOutput = ends[0];
-    arguments.insert(arguments.begin(), TREL_PROGRAM);
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
-      pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    mId = fork();
-    if (mId == 0) {
-      dup2(ends[1], STDOUT_FILENO);
-      dup2(ends[1], STDERR_FILENO);
-      execv(TREL_PROGRAM, pointers.data());
-      _exit(127);
-    }
-    close(ends[1]);
-  }
-  ~Program() {
-    close(mOutput);
-    if (!mHasEnded) {
-      kill(mId, SIGKILL);
-      waitpid(mId, nullptr, 0);
-    }
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  pid_t Id() const { return mId; }
-  const std::string& Output() const { return mText; }
-
-  /// Reads until the output so far contains a match, and gives its first group.
-  testing::AssertionResult ReadUntil(const std::string& pattern, milliseconds timeOut, std::string* group = nullptr) {
-    std::smatch match;
-    while (!std::regex_search(mText, match, std::regex(pattern))) {
-      if (!Read(&timeOut)) {
-        return testing::AssertionFailure() << "no \"" << pattern << "\" in\n" << mText;
-      }
-    }
-    if (group != nullptr) {
-      *group = match[1];
-    }
-    return testing::AssertionSuccess();
-  }
-  /// Reads until nobody holds the output open any more: the program and all that it has started have ended.
-  testing::AssertionResult ReadAll(milliseconds timeOut) {
-    while (Read(&timeOut)) {
-    }
-    return mIsAtEnd ? testing::AssertionSuccess() : testing::AssertionFailure() << "still running after\n" << mText;
-  }
-  /// Exit status, or minus the signal. After ReadAll.
-  int Status() {
-    int status = 0;
-    EXPECT_EQ(waitpid(mId, &status, 0), mId);
-    mHasEnded = true;
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-  }
-
-private:
-  bool Read(milliseconds* timeOut) {
-    const auto begin = Clock::now();
-    pollfd descriptor = {mOutput, POLLIN, 0};
-    std::array<char, 4096> bytes = {};
-    if (mIsAtEnd || poll(&descriptor, 1, static_cast<int>(timeOut->count())) != 1) {
-      return false;
-    }
-    const ssize_t count = read(mOutput, bytes.data(), bytes.size());
-    mText.append(bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
-    mIsAtEnd = count <= 0;
-    *timeOut = std::max(milliseconds(0), *timeOut - std::chrono::duration_cast<milliseconds>(Clock::now() - begin));
-    return !mIsAtEnd;
-  }
-
-  pid_t mId = -1;
-  int mOutput = -1;
-  bool mIsAtEnd = false;
-  bool mHasEnded = false;
-  std::string mText;
-};
-
-void ExpectWithin(const std::string& what, std::int64_t measured, std::int64_t limit) {
-  std::cout << what << ": " << measured << " (limit " << limit << ")\n";
-  EXPECT_LE(measured, limit) << what;
-}
 
 class Demo : public testing::Test {
 protected:
@@ -144,9 +47,8 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
     if (numbering == "legacy") {
       arguments.emplace_back("--legacy");
     }
-    Program program(arguments);
-    ASSERT_TRUE(program.ReadAll(kRunTimeOut));
-    ASSERT_EQ(program.Status(), 0) << program.Output();
+    HostProcess program(arguments);
+    ASSERT_EQ(program.End(kRunTimeOut), 0) << program.Text();
 
     const nlohmann::json results = Json();
     EXPECT_EQ(results.at("numbering"), numbering);
@@ -194,17 +96,15 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
 TEST_F(Demo, TheOthersGoOnWithoutAKilledOrHangingSatellite) {
   for (const int signal : {SIGKILL, SIGSTOP}) {
     SCOPED_TRACE(signal);
-    Program program({"demo", "--satellites", "2", "--rounds", "3", "--json", mFile});
-    std::string id;
-    ASSERT_TRUE(program.ReadUntil("127\\.0\\.0\\.4: process (\\d+)", kRunTimeOut, &id));
-    ASSERT_TRUE(program.ReadUntil("round 1: .* started", kRunTimeOut));
+    HostProcess program({"demo", "--satellites", "2", "--rounds", "3", "--json", mFile});
+    const std::string id = program.AwaitText("127\\.0\\.0\\.4: process (\\d+)", kRunTimeOut);
+    program.AwaitText("round 1: .* started", kRunTimeOut);
     const auto begin = Clock::now();
     ASSERT_EQ(kill(std::stoi(id), signal), 0);
-    ASSERT_TRUE(program.ReadUntil("127\\.0\\.0\\.2 has lost 127\\.0\\.0\\.4", milliseconds(10'000)));
+    program.AwaitText("127\\.0\\.0\\.2 has lost 127\\.0\\.0\\.4", milliseconds(10'000));
     ExpectWithin("loss reported after, ms", std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count(),
                  3500);
-    ASSERT_TRUE(program.ReadAll(kRunTimeOut));
-    EXPECT_EQ(program.Status(), 1);
+    EXPECT_EQ(program.End(kRunTimeOut), 1);
 
     const nlohmann::json results = Json();
     ASSERT_EQ(results.at("starts").size(), 3U);
@@ -219,40 +119,11 @@ TEST_F(Demo, TheOthersGoOnWithoutAKilledOrHangingSatellite) {
 TEST_F(Demo, LeavesNoProcessBehind) {
   for (const int signal : {SIGINT, SIGKILL}) {
     SCOPED_TRACE(signal);
-    Program program({"demo", "--satellites", "2"});
-    ASSERT_TRUE(program.ReadUntil("clock locked", kRunTimeOut));
+    HostProcess program({"demo", "--satellites", "2"});
+    program.AwaitText("clock locked", kRunTimeOut);
     kill(program.Id(), signal);
-    EXPECT_TRUE(program.ReadAll(milliseconds(2000)));
-    EXPECT_EQ(program.Status(), signal == SIGINT ? 130 : -SIGKILL);
-    EXPECT_EQ(program.Output().find("interrupted") != std::string::npos, signal == SIGINT);
-  }
-}
-
-TEST_F(Demo, SaysWhatIsWrongWithACommandLine) {
-  const struct {
-    std::vector<std::string> arguments;
-    int status;
-    std::string text;
-  } cases[] = {
-      {{"--help"}, 0, "demo"},
-      {{"--version"}, 0, "trel "},
-      {{"demo", "--help"}, 0, "--satellites"},
-      {{}, 2, "A command is required"},
-      {{"nonsense"}, 2, "nonsense"},
-      {{"demo", "--nonsense"}, 2, "--nonsense"},
-      {{"demo", "--satellites", "0"}, 2, "--satellites"},
-      {{"demo", "--satellites", "65"}, 2, "--satellites"},
-      {{"demo", "--rounds", "many"}, 2, "--rounds"},
-      {{"demo", "--json", "/no/such/folder/file"}, 1, "/no/such/folder/file"},
-      {{"demo", "--report", "/no/such/folder/page"}, 1, "/no/such/folder/page"},
-      {{"report", "/no/such/recording"}, 1, "/no/such/recording"},
-      {{"report", "/dev/null"}, 1, "no recording"},
-  };
-  for (const auto& expected : cases) {
-    Program program(expected.arguments);
-    ASSERT_TRUE(program.ReadAll(kRunTimeOut));
-    EXPECT_EQ(program.Status(), expected.status) << program.Output();
-    EXPECT_NE(program.Output().find(expected.text), std::string::npos) << program.Output();
+    EXPECT_EQ(program.End(milliseconds(2000)), signal == SIGINT ? 130 : -SIGKILL); // also of those that it has started
+    EXPECT_EQ(program.Text().find("interrupted") != std::string::npos, signal == SIGINT);
   }
 }
 

@@ -212,34 +212,6 @@ TEST_F(DiscoveryTest, OnlyThoseWhoShareTheSecretFindEachOther) {
   EXPECT_EQ(Texts(systems), "127.0.0.3 friendly 0 available; ") << "who failed to authenticate is removed";
 }
 
-TEST_F(DiscoveryTest, WithoutAQuestionOrAnEngineNothingIsWaitedFor) {
-  Systems systems;
-  Trel_CommManager::SetIsSatellite(true);
-  Trel_CommManager::GetMasterSystemsList(&systems);
-  Trel_CommManager::Terminate();
-  TestSystem system(0);
-  const auto receive = [&system](Sys_UDPSocket& socket) {
-    std::int32_t wait = 100'000;
-    std::string text;
-    std::uint32_t address = 0;
-    ETCPE_SystemType type{};
-    std::uint8_t version = 0;
-    bool flag = false;
-    EXPECT_FALSE(system.ReceiveDiscoverMasterSystemsReply(&socket, &wait, &text, &text, &address, &type, &version,
-                                                          &version, &flag));
-    return wait;
-  };
-  Sys_UDPSocket socket;
-  EXPECT_FALSE(system.SendDiscoverMasterSystemsCommand(&socket, 0));
-  EXPECT_EQ(receive(socket), 0);
-  ASSERT_EQ(system.Start(), 0);
-  EXPECT_EQ(receive(socket), 0);
-  ASSERT_TRUE(socket.Register() && socket.AllocateReplyAddress());
-  ASSERT_TRUE(system.SendDiscoverMasterSystemsCommand(&socket, 0));
-  std::jthread ending([&system] { system.Terminate(); });
-  EXPECT_EQ(receive(socket), 0); // ends with the engine
-}
-
 TEST_F(DiscoveryTest, PortsInUseAreToldApart) {
   const auto report = [](std::uint16_t communicationPort) {
     Trel_CommPreferences preferences = TestPreferences(kHostAddress);

@@ -6,11 +6,10 @@
 #include "tests/support/FieldValues.h"
 #include "tests/support/NumberingTest.h"
 #include "tests/support/RawPeer.h"
+#include "tests/support/Shell.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -50,13 +49,8 @@ protected:
     for (const std::string& field : fields) {
       command += " -e trel." + field;
     }
-    FILE* const pipe = popen((command + " -e _ws.expert.message").c_str(), "r");
-    std::string output;
-    std::array<char, 4096> bytes = {};
-    for (std::size_t count = 0; (count = fread(bytes.data(), 1, bytes.size(), pipe)) > 0;) {
-      output.append(bytes.data(), count);
-    }
-    EXPECT_EQ(pclose(pipe), 0);
+    const auto [status, output] = RunShell(command + " -e _ws.expert.message");
+    EXPECT_EQ(status, 0);
     std::vector<std::string> packets;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
@@ -92,7 +86,7 @@ protected:
     return RawFrame(header, payload);
   }
 
-  const std::string mFile = TREL_DISSECTOR ".pcap";
+  const std::string mFile = TREL_DISSECTOR "." + std::to_string(getpid()) + ".pcap";
 };
 
 INSTANTIATE_NUMBERING_TESTS(DissectorTest);
@@ -205,7 +199,7 @@ TEST_P(DissectorTest, ShowsWhatElseTravelsAndWhatIsWrong) {
       {hello + heartbeat + frame("ListSystems", 4 + 2 * 72) + heartbeat,
        "ListSystems.Systems=2 command=ListSystems,Heartbeat", 5},
       {Frame({.flags = kTCPE_Flag_ReplyWanted}), "command=Probe"},
-      {refusal, "command=Probe note=Probe error: Unknown command"},
+      {refusal, "command=Probe note=Probe error: unknown command"},
       {Frame({.flags = kTCPE_Flag_Tag}) + With(Bytes(16), 15, 7),
        "command=Heartbeat tag=" + std::string(31, '0') + '7'},
       {proof, "AuthenticationChallenge.Proof=" + std::string(63, '0') + "1 command=AuthenticationChallenge"},

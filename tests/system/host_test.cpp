@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -28,14 +29,15 @@ std::vector<std::string> With(std::vector<std::string> arguments, const std::str
 TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
   HostProcess master(With({"host", "--master", "--name", "Stage"}, "127.0.7.2"));
   master.Await({{"event", "ready"}, {"role", "master"}, {"name", "Stage"}, {"address", "127.0.7.2"}});
-  HostProcess first(With({"host", "--satellite", "--name", "One", "--connect", "127.0.7.2"}, "127.0.7.3"));
-  HostProcess second(With({"host", "--satellite", "--name", "Two"}, "127.0.7.4")); // searches for the master
+  HostProcess first(
+      With({"host", "--satellite", "--name", "One", "--connect", "127.0.7.2", "--max-late", "50ms"}, "127.0.7.3"));
+  HostProcess second(With({"host", "--satellite", "--name", "Two", "--max-late", "10s"}, "127.0.7.4")); // searches
   master.Command("wait linked 2");
   master.Command("wait locked");
   EXPECT_EQ(first.Command("state").at("has_control"), false);
 
-  const auto expectStart = [&master](HostProcess& conductor) {
-    conductor.Command("start in 300ms");
+  const auto expectStart = [&master](HostProcess& conductor, const std::string& command) {
+    EXPECT_EQ(conductor.Command(command).at("not_ready"), Json::array());
     const Json start = master.Await({{"event", "together"}});
     EXPECT_EQ(start.at("systems"), 3);
     EXPECT_TRUE(start.at("missing").empty());
@@ -43,9 +45,34 @@ TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
     ExpectWithin("start spread, us", start.at("spread_us"), 10'000);
   };
   EXPECT_NE(master.Error("start in 300ms").find("prime"), std::string::npos);
+  second.Command("link off");
+  master.Await({{"event", "link"}, {"address", "127.0.7.4"}, {"on", false}});
   master.Command("prime");
   master.Command("wait primed");
-  expectStart(master);
+  second.Command("link on");
+  master.Await({{"event", "link"}, {"address", "127.0.7.4"}, {"on", true}});
+  EXPECT_NE(master.Error("start ready").find("Two (127.0.7.4), not primed"), std::string::npos);
+  master.Command("prime");
+  master.Command("wait primed");
+  expectStart(master, "start in 300ms");
+
+  master.Command("prime");
+  master.Command("wait primed");
+  for (const pid_t satellite : {first.Id(), second.Id()}) {
+    kill(satellite, SIGSTOP);
+    EXPECT_EQ(waitpid(satellite, nullptr, WUNTRACED), satellite); // until then its threads may run on
+  }
+  master.Command("start in 100ms");
+  master.Await({{"event", "started"}}); // it is told 100 ms after the start
+  kill(first.Id(), SIGCONT);
+  kill(second.Id(), SIGCONT);
+  const Json together = master.Await({{"event", "together"}});
+  EXPECT_EQ(together.at("missing"), Json::array({"127.0.7.3"}));
+  EXPECT_NE(together.value("text", "").find("One (127.0.7.3): did not start"), std::string::npos) << together;
+  EXPECT_GE(together.at("late_us").at("127.0.7.4"), 100'000);
+  EXPECT_GE(first.Await({{"event", "start_failed"}}).at("late_us"), 100'000);
+  EXPECT_LE(second.Await({{"event", "start"}, {"running_time", together.at("running_time")}}).at("in_us"), -100'000);
+  second.Await({{"event", "started"}, {"running_time", together.at("running_time")}});
 
   first.Command("wait locked");
   first.Command("control");
@@ -55,7 +82,8 @@ TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
   second.Await({{"event", "loop"}, {"on", true}}); // through the master
   first.Command("prime 1s 2.5s");
   second.Await({{"event", "primed"}, {"in_us", 1'000'000}, {"out_us", 2'500'000}});
-  expectStart(first);
+  first.Command("wait primed"); // itself and the master, which is all that a satellite sees
+  expectStart(first, "start");  // as soon as everybody can
   first.Command("stop");
   second.Await({{"event", "stopped"}});
 
@@ -104,10 +132,11 @@ TEST(HostProgram, SaysWhatIsWrongWithACommand) {
     const char* text;
   } cases[] = {
       {"nonsense", "type help"},
-      {"start", "The command is: start in TIME"},
+      {"start now", "The command is: start [in TIME] [ready]"},
       {"start in 5", "\"5\" is no time"},
       {"start in 99999999999s", "is no time"},
       {"start in 1s at once", "\"at\" is too much"},
+      {"start in 86401s", "24 hours"},
       {"start in 1s", "prime first"},
       {"solo maybe", "neither on nor off"},
       {"group 5 on", "groups 1, 2, 3 and 4"},
@@ -149,6 +178,17 @@ TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
     int status;
     const char* text;
   } cases[] = {
+      {{"--help"}, 0, "demo"},
+      {{"--version"}, 0, "trel "},
+      {{}, 2, "A command is required"},
+      {{"nonsense"}, 2, "nonsense"},
+      {{"demo", "--nonsense"}, 2, "--nonsense"},
+      {{"demo", "--satellites", "65"}, 2, "--satellites"},
+      {{"demo", "--rounds", "many"}, 2, "--rounds"},
+      {{"demo", "--json", "/no/such/folder/file"}, 1, "/no/such/folder/file"},
+      {{"demo", "--report", "/no/such/folder/page"}, 1, "/no/such/folder/page"},
+      {{"report", "/no/such/recording"}, 1, "/no/such/recording"},
+      {{"report", "/dev/null"}, 1, "no recording"},
       {{"host", "--help"}, 0, "--connect"},
       {{"discover", "--help"}, 0, "Exit status"},
       {{"doctor", "--help"}, 0, "Exit status"},
@@ -156,6 +196,7 @@ TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
       {{"host", "--master", "--satellite"}, 2, "--master"},
       {{"host", "--master", "--connect", "10.0.0.1"}, 2, "--connect"},
       {{"host", "--satellite", "--connect", "stage"}, 2, "auto"},
+      {{"host", "--satellite", "--max-late", "soon"}, 2, "is no time"},
       {{"host", "--master", "--name", "123456789012345678901234567890"}, 2, "29 characters"},
       {{"host", "--master", "--address", "10.0.0.256"}, 2, "is no IPv4 address"},
       {{"host", "--master", "--max-satellites", "129"}, 2, "--max-satellites"},

@@ -1,5 +1,15 @@
 #include "tests/support/HostProcess.h"
+#include "tests/support/Sanitized.h"
 #include "tests/support/TestSystem.h"
+
+#include <trel/SPSStartupOption.h>
+#include <trel/Sys_Socket.h>
+#include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_Cmd_Transport.h>
+#include <trel/Trel_CommManager.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
+#include <trel/Trel_Messenger.h>
+#include <trel/host/Trel_StartHelper.h>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +21,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -21,24 +34,11 @@
 #include <sched.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TREL_TEST_SANITIZED
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TREL_TEST_SANITIZED
-#endif
-#endif
-
 namespace {
 
 using Json = HostProcess::Json;
 using Arguments = std::vector<std::string>;
 
-#if defined(TREL_TEST_SANITIZED)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
 #if defined(__OPTIMIZE__)
 constexpr bool kIsOptimised = !kIsSanitized;
 #else
@@ -74,14 +74,19 @@ Arguments Satellite(const std::string& address, const Arguments& more = {}) {
 
 std::int64_t TimeOf(const Json& event) { return event.is_object() ? event.at("time_us").get<std::int64_t>() : 0; }
 
-/// How often a host has told something so far.
-std::int64_t Count(HostProcess& host, const Json& pattern) {
+/// What a host has told so far that has all members of a pattern.
+std::vector<Json> Told(HostProcess& host, const Json& pattern) {
   host.Command("state"); // all before it has been read then
-  return std::count_if(host.Objects().begin(), host.Objects().end(), [&pattern](Json object) {
+  std::vector<Json> told;
+  std::copy_if(host.Objects().begin(), host.Objects().end(), std::back_inserter(told), [&pattern](Json object) {
     const Json before = object;
     object.merge_patch(pattern);
     return object == before;
   });
+  return told;
+}
+std::int64_t Count(HostProcess& host, const Json& pattern) {
+  return static_cast<std::int64_t>(Told(host, pattern).size());
 }
 
 std::int64_t PeakKiB(pid_t process) {
@@ -185,24 +190,6 @@ TEST(LinkScenario, AFullLinkComesTogetherAndIdles) {
   EXPECT_EQ(Count(master, {{"event", "linked"}}), kSatellites);
 }
 
-TEST(LinkScenario, AMeshOfEightCompletes) {
-  constexpr int kSatellites = 8;
-  HostProcess master(Master({"--mesh"}));
-  master.Await({{"event", "ready"}});
-  const std::int64_t begin = Sys_Clock::RawMicroseconds();
-  std::deque<HostProcess> satellites;
-  for (int satellite = 0; satellite < kSatellites; ++satellite) {
-    satellites.emplace_back(Satellite(Address(satellite)));
-  }
-  for (HostProcess& satellite : satellites) {
-    satellite.Command("wait linked " + std::to_string(kSatellites)); // the master and the others
-  }
-  ExpectWithin("until the mesh is complete, us", Sys_Clock::RawMicroseconds() - begin, kTimeToLink);
-  for (HostProcess& satellite : satellites) {
-    EXPECT_EQ(Count(satellite, {{"event", "mesh_failed"}}), 0) << satellite.Text();
-  }
-}
-
 TEST(LinkScenario, AWrongSecretIsRefusedAndTheRightOneLinksLater) {
   const std::string folder = testing::TempDir() + "trel_secrets_" + std::to_string(getpid());
   std::filesystem::create_directory(folder);
@@ -220,9 +207,9 @@ TEST(LinkScenario, AWrongSecretIsRefusedAndTheRightOneLinksLater) {
   {
     HostProcess guesser(satellite(0, wrong));
     const Json words = guesser.Await({{"event", "link_refused"}});
-    EXPECT_NE(words.value("text", "").find("do not have the same shared secret"), std::string::npos) << words;
+    EXPECT_NE(words.value("text", "").find("the same shared secret"), std::string::npos) << words;
     const Json heard = master.Await({{"event", "network_error"}, {"address", Address(0)}});
-    EXPECT_NE(heard.value("text", "").find("do not have the same shared secret"), std::string::npos) << heard;
+    EXPECT_NE(heard.value("text", "").find("the same shared secret"), std::string::npos) << heard;
     refused = TimeOf(heard);
     HostProcess rightful(satellite(1, right));
     const Json linked = master.Await({{"event", "linked"}, {"address", Address(1)}});
@@ -239,81 +226,136 @@ TEST(LinkScenario, AWrongSecretIsRefusedAndTheRightOneLinksLater) {
   std::filesystem::remove_all(folder);
 }
 
-TEST(LinkScenario, KilledAndStoppedSystemsComeBack) {
-  const Json lost{{"event", "lost"}, {"address", Address(0)}}, linked{{"event", "linked"}, {"address", Address(0)}};
-  const Json masterLost{{"event", "lost"}, {"address", kMaster}};
-  const Json masterLinked{{"event", "linked"}, {"address", kMaster}};
+/// A satellite without a session, in this process: it registers handlers, connects and idles.
+class PlainHost {
+public:
+  static std::string Address() { return "127.0.9.3"; }
+
+  PlainHost() {
+    std::uint32_t address = 0;
+    std::uint32_t master = 0;
+    Sys_Socket::EncodeIPAddress(Address().c_str(), &address);
+    Sys_Socket::EncodeIPAddress(kMaster.c_str(), &master);
+    Handle<Trel_Cmd_AllConnectionsComplete>(
+        [](const auto& command) { Trel_Messenger::ConnectComplete(command.GetIPAddressFrom()); });
+    Handle<Trel_Cmd_Prime>(
+        [](const auto& command) { Trel_Messenger::SendState(eTrel_State_PrimeCompleted, command.GetIPAddressFrom()); });
+    Handle<Trel_Cmd_StartPlayback>([](const auto& command) {
+      const std::int64_t runningTime = command.GetStartAtRunningTime();
+      const std::uint32_t from = command.GetIPAddressFrom();
+      if (Trel_StartHelper::WaitUntilRunningTime(runningTime)) {
+        const std::int64_t begun = Sys_Clock::RawMicroseconds();
+        Trel_Messenger::ReportPlayStartData(runningTime, runningTime, runningTime, from);
+        const std::lock_guard lock(sMutex);
+        sBegun[runningTime] = begun;
+      } else {
+        Trel_Messenger::SendState(eTrel_State_Stop, from);
+      }
+    });
+    Trel_CommPreferences preferences;
+    preferences.SetLocalInterfaceAddress(address);
+    preferences.SetCommunicationPort(TestPort());
+    SPSSetStartupOption("AnswersDiscovery", "0");
+    EXPECT_EQ(Trel_CommManager::Initialize(&preferences, nullptr), 0);
+    SPSSetStartupOption("AnswersDiscovery", nullptr);
+    mThread = std::jthread([master](const std::stop_token& ends) {
+      while (!ends.stop_requested()) {
+        Trel_CommManager::Connect(master);
+        Trel_CommManager::DoIdle();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+  }
+  ~PlainHost() {
+    mThread = {};
+    Trel_CommManager::Terminate();
+    for (const std::int32_t identifier : {Trel_Cmd_AllConnectionsComplete::GetCommandID(),
+                                          Trel_Cmd_Prime::GetCommandID(), Trel_Cmd_StartPlayback::GetCommandID()}) {
+      Trel_Command::SetDoItCommand(identifier, nullptr);
+    }
+  }
+  PlainHost(const PlainHost&) = delete;
+  PlainHost& operator=(const PlainHost&) = delete;
+
+  /// The raw time at which it began to play, 0 when it did not.
+  static std::int64_t Begun(std::int64_t runningTime) {
+    const std::lock_guard lock(sMutex);
+    return sBegun[runningTime];
+  }
+
+private:
+  template <class Command, class Handler>
+  static void Handle(Handler /*handler*/) {
+    Trel_Command::SetDoItCommand(Command::GetCommandID(),
+                                 [](TCPE_Command* command) { Handler()(static_cast<Command&>(*command)); });
+  }
+
+  static inline std::mutex sMutex;
+  static inline std::map<std::int64_t, std::int64_t> sBegun; // by running time
+  std::jthread mThread;
+};
+
+TEST(LinkScenario, NobodyBeginsByTheTimeOfAMasterThatIsGone) {
+  constexpr std::int64_t kTimeToLock = 800'000;
   std::optional<HostProcess> master(std::in_place, Master());
   master->Await({{"event", "ready"}});
-  std::optional<HostProcess> first(std::in_place, Satellite(Address(0)));
-  HostProcess second(Satellite(Address(1)));
-  master->Command("wait linked 2");
+  HostProcess satellite(Satellite(Address(0), {"--connect", kMaster}));
+  const PlainHost plain;
+  const auto startAll = [&master] { // gives running time and raw time of the start
+    master->Send("prime");
+    master->Send("start in 500ms");
+    const Json start = master->Await({{"event", "start"}});
+    return std::pair(start.value("running_time", std::int64_t{0}), TimeOf(start) + start.value("in_us", 0));
+  };
+  const auto hasBegun = [](std::int64_t runningTime, std::int64_t moment) {
+    return PlainHost::Begun(runningTime) >= moment - 20'000;
+  };
+  for (const std::int64_t down : {200'000, 500'000, 1'000'000}) {
+    master->Command("wait linked 2");
+    satellite.Command("wait locked");
+    EXPECT_TRUE(Eventually([] { return Trel_CorrelatedClockMgr::IsLocked(); }));
+    // So the next one's starts lie in the past of this one; the first link has a full window of measurements too.
+    master->Command(down == 200'000 ? "wait 12s" : "wait 3s");
+    const auto [control, controlMoment] = startAll();
+    master->Await({{"event", "together"}, {"missing", Json::array()}});
+    EXPECT_TRUE(hasBegun(control, controlMoment));
+    const std::int64_t killed = Sys_Clock::RawMicroseconds();
+    master.reset();
+    std::this_thread::sleep_for(std::chrono::microseconds(killed + down - Sys_Clock::RawMicroseconds()));
+    master.emplace(Master());
 
-  std::int64_t begin = Sys_Clock::RawMicroseconds();
-  first.reset(); // kills it
-  first.emplace(Satellite(Address(0)));
-  ExpectWithin("killed satellite is lost, us", TimeOf(master->Await(lost)) - begin, kTimeToNoticeLoss);
-  ExpectWithin("killed satellite is linked again, us", TimeOf(master->Await(linked)) - begin, kTimeToLink);
-  first->Await(masterLinked);
-
-  begin = Sys_Clock::RawMicroseconds();
-  kill(first->Id(), SIGSTOP);
-  ExpectWithin("stopped satellite is lost, us", TimeOf(master->Await(lost)) - begin, kTimeToNoticeLoss);
-  std::this_thread::sleep_for(std::chrono::microseconds(begin + 5'000'000 - Sys_Clock::RawMicroseconds()));
-  const std::int64_t continued = Sys_Clock::RawMicroseconds();
-  kill(first->Id(), SIGCONT);
-  first->Await(masterLost);
-  ExpectWithin("continued satellite is linked again, us", TimeOf(master->Await(linked)) - continued, kTimeToLink);
-  first->Await(masterLinked);
-  first->Command("wait locked");
-  EXPECT_EQ(Count(*master, lost), 2);
-  EXPECT_EQ(Count(*first, masterLost), 1);
-  EXPECT_EQ(Count(second, masterLost), 0);
-
-  begin = Sys_Clock::RawMicroseconds();
-  master.reset();
-  for (HostProcess* satellite : {&*first, &second}) {
-    ExpectWithin("killed master is lost, us", TimeOf(satellite->Await(masterLost)) - begin, kTimeToNoticeLoss);
-  }
-  master.emplace(Master());
-  const std::int64_t ready = TimeOf(master->Await({{"event", "ready"}}));
-  for (HostProcess* satellite : {&*first, &second}) {
-    ExpectWithin("linked with the new master, us", TimeOf(satellite->Await(masterLinked)) - ready, kTimeToLink);
-    satellite->Command("wait locked");
-  }
-  master->Command("wait locked");
-}
-
-TEST(LinkScenario, AnIdentifierIsNotUsedTwice) {
-  HostProcess master(Master({"--identifier", "5"}));
-  master.Await({{"event", "ready"}});
-  HostProcess first(Satellite(Address(0), {"--identifier", "77", "--name", "Owner"}));
-  master.Await({{"event", "linked"}, {"address", Address(0)}});
-  const struct {
-    int satellite;
-    const char* identifier;
-    std::string owner;
-  } rivals[] = {{1, "77", Address(0)}, {2, "5", kMaster}};
-  for (const auto& rival : rivals) {
-    HostProcess second(Satellite(Address(rival.satellite), {"--identifier", rival.identifier}));
-    const std::string clash = std::string("identifier ") + rival.identifier;
-    const Json heard = master.Await({{"event", "link_refused"}, {"address", Address(rival.satellite)}});
-    const Json words = second.Await({{"event", "link_refused"}, {"address", kMaster}});
-    for (const Json& event : {heard, words}) {
-      const std::string text = event.value("text", "");
-      EXPECT_NE(text.find(clash), std::string::npos) << text;
-      EXPECT_NE(text.find(rival.owner), std::string::npos) << text;
-      EXPECT_NE(text.find("Give one of them another identifier"), std::string::npos) << text;
+    std::map<std::int64_t, std::int64_t> moments; // raw times of the starts, by running time
+    for (const int systems : {1, 2}) {
+      master->Send("wait linked " + std::to_string(systems));
+      moments.insert(startAll());
     }
-    EXPECT_EQ(master.Command("state").value("linked", Json::array()), Json::array({Address(0)})) << master.Text();
-  }
-  EXPECT_EQ(Count(first, {{"event", "lost"}}), 0);
+    const std::int64_t last = moments.rbegin()->first;
+    master->Await({{"event", "together"}, {"running_time", last}});
+    master->Command("wait locked"); // has told of all clocks
 
-  kill(first.Id(), SIGSTOP); // as one whose address has changed: its old connection is silent
-  HostProcess heir(Satellite(Address(3), {"--identifier", "77"}));
-  master.Await({{"event", "lost"}, {"address", Address(0)}});
-  master.Await({{"event", "linked"}, {"address", Address(3)}});
-  EXPECT_EQ(Count(master, {{"event", "link_refused"}, {"address", Address(3)}}), 0) << master.Text();
+    for (const std::string& address : {Address(0), PlainHost::Address()}) {
+      const Json linked = Told(*master, {{"event", "linked"}, {"address", address}}).at(0);
+      const Json locked = Told(*master, {{"event", "clock"}, {"address", address}, {"on", true}}).at(0);
+      ExpectWithin(address + " is locked again, us", TimeOf(locked) - TimeOf(linked), kTimeToLock);
+      EXPECT_GE(TimeOf(locked) - TimeOf(linked), kTimeToLock / 4) << "it takes the old lock for a new one";
+    }
+    for (const auto& [runningTime, moment] : moments) {
+      for (const Json& started : Told(satellite, {{"event", "started"}, {"running_time", runningTime}})) {
+        EXPECT_GE(TimeOf(started), moment) << "with a session, down for " << down;
+      }
+      EXPECT_TRUE(PlainHost::Begun(runningTime) == 0 || hasBegun(runningTime, moment)) << "without one, " << down;
+    }
+    EXPECT_EQ(Count(satellite, {{"event", "started"}, {"running_time", last}}) +
+                  Count(satellite, {{"event", "start_failed"}, {"running_time", last}}),
+              1);
+  }
+  master->Command("prime");
+  master->Send("start in 60s");
+  const Json agreed = master->Await({{"event", "start"}});
+  satellite.Await({{"event", "start"}, {"running_time", agreed.at("running_time")}});
+  master.reset();
+  master.emplace(Master());
+  satellite.Await({{"event", "start_failed"}, {"running_time", agreed.at("running_time")}});
 }
 
 // --- over a bridge --------------------------------------------------------------------------------------------------

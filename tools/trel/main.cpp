@@ -1,5 +1,5 @@
-#include "Commands.h"
-#include "ExitStatus.h"
+#include "tools/trel/Commands.h"
+#include "tools/trel/common/ExitStatus.h"
 
 #include <trel/Cmn_Assert.h>
 

@@ -27,15 +27,6 @@ protected:
   TestSystem mB{1};
 };
 
-TEST_F(TCPE_Authentication, ASecretThatOthersCanReadIsRefused) {
-  ASSERT_EQ(Start(mA, mSecret), eTCPE_Status_Success);
-  mA.Terminate();
-  std::filesystem::permissions(mFile.Name(), std::filesystem::perms::group_read, std::filesystem::perm_options::add);
-  EXPECT_EQ(mA.Start(), eTCPE_Status_SharedSecret);
-  EXPECT_THAT(mA.GetInitializationReport(), testing::HasSubstr(mFile.Name() + " is open to other users"));
-  EXPECT_FALSE(mA.IsInitialized());
-}
-
 TEST_F(TCPE_Authentication, CommandsOfManyThreadsArriveInBothDirections) {
   constexpr int kThreads = 4;
   constexpr int kCommands = 500;
@@ -44,7 +35,9 @@ TEST_F(TCPE_Authentication, CommandsOfManyThreadsArriveInBothDirections) {
   {
     std::vector<std::jthread> threads;
     mB.handler = [&](const std::string& text, std::uint32_t from) { // sends before the peer has its answer, perhaps
-      failures += text == "Connect" && mB.SendTime(-1, from) != eTCPE_CommErr_None ? 1 : 0;
+      if (text == "Connect") { // and only then: the last ones may run at the end of the test
+        failures += mB.SendTime(-1, from) != eTCPE_CommErr_None ? 1 : 0;
+      }
     };
     ASSERT_TRUE(mA.Connect(mB.Address()));
     for (int thread = 0; thread < kThreads; ++thread) {

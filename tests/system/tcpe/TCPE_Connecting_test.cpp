@@ -5,6 +5,7 @@
 #include <trel/Trel_Cmd_Connection.h>
 
 #include <barrier>
+#include <future>
 #include <set>
 
 namespace {
@@ -47,17 +48,6 @@ TEST_P(TCPE_Connecting, IsKnownBeforeTheHandlersRunAndGoneBeforeTheyDo) {
   EXPECT_EQ(b.Count("error"), 0);
 }
 
-TEST_P(TCPE_Connecting, WhatMayNotBeSentIsRefused) {
-  TestSystem a(0), b(1);
-  Link(a, b);
-  EXPECT_EQ(a.Send(Trel_Cmd_Connect(), b.Address()), eTCPE_CommErr_NotSendable);
-  Trel_Cmd_GetIsMasterClock currentOnly;
-  EXPECT_EQ(a.Send(currentOnly, b.Address()), IsCurrent() ? eTCPE_CommErr_None : eTCPE_CommErr_NotInThisNumbering);
-  EXPECT_EQ(currentOnly.GetCommandType(), IsCurrent() ? 80 : 1);
-  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
-  EXPECT_EQ(b.Count("Connect"), 1);
-}
-
 TEST_P(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
   constexpr int kRounds = 200;
   TestSystem a(0), b(1);
@@ -84,6 +74,30 @@ TEST_P(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
   EXPECT_EQ(goodA, 2 * kRounds);
   EXPECT_EQ(goodB, 2 * kRounds);
   EXPECT_TRUE(Eventually([&] { return a.Count("Connect") + b.Count("Connect") == kRounds; }));
+  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+}
+
+TEST_P(TCPE_Connecting, TrueMeansConnectedWhileAnotherThreadConnectsAndDisconnects) {
+  constexpr int kRounds = 1000;
+  TestSystem a(0), b(1);
+  Start(a, b);
+  const std::uint32_t address = b.Address();
+  for (int round = 0; round < kRounds; ++round) {
+    for (const bool connects : {true, false}) {
+      SCOPED_TRACE(std::to_string(round) + (connects ? " connects" : " disconnects"));
+      auto other =
+          std::async(std::launch::async, [&] { return connects ? a.Connect(address) : a.Disconnect(address); });
+      const std::int64_t begin = Sys_Clock::RawMicroseconds();
+      while (a.IsConnected(address) != connects) { // without a sleep: as soon as it is so
+        ASSERT_LT(Sys_Clock::RawMicroseconds(), begin + 10'000'000);
+        std::this_thread::yield();
+      }
+      EXPECT_EQ(a.Disconnect(address), connects);
+      ASSERT_TRUE(a.Connect(address) && a.IsConnected(address));
+      EXPECT_TRUE(other.get());
+    }
+    EXPECT_TRUE(a.Disconnect(address));
+  }
   EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
 }
 

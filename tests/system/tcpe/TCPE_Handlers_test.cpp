@@ -1,4 +1,5 @@
 #include "tests/support/RawPeer.h"
+#include "tests/support/ReportCollector.h"
 
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/Trel_TCPEInterface.h>
@@ -103,19 +104,22 @@ TEST(TCPE_Handlers, AMissingOneAFullQueueAndTheWrongThreadAreErrorsAtOnce) {
   EXPECT_EQ(a.Send(query, b.Address()), eTCPE_CommErr_NoHandler);
   EXPECT_EQ(query.GetCommandType(), -1);
   b.hasHandler = true;
-  const std::size_t kRoom = TCPE_Limits{}.maxQueuedCommands;
-  a.SendTime(0, b.Address());
-  ASSERT_TRUE(Eventually([&] { return b.Count("TestRunningTime 0") == 1; }));
-  for (std::size_t i = 0; i < kRoom + 10; ++i) {
-    ASSERT_EQ(a.SendTime(1, b.Address()), eTCPE_CommErr_None);
-  }
-  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_QueueFull);
   ExpectWithin("errors after us", Sys_Clock::RawMicroseconds() - begin, 1'000'000);
-  EXPECT_EQ(b.GetCounters().queueOverflows, 11U);
   EXPECT_EQ(b.GetCounters().unhandledCommands, 1U);
+  constexpr std::uint32_t kAsking = 0x7f000030;
+  const std::size_t kRoom = TCPE_Limits{}.maxQueuedQueries;
+  RawPeer asking = RawPeer::Admitted(kAsking, b.Address());
+  asking.Send(RawTime(0));
+  ASSERT_TRUE(Eventually([&] { return b.Count("TestRunningTime 0") == 1; }));
+  for (std::size_t i = 0; i < kRoom + 3; ++i) {
+    asking.Send(RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = eTrel_Cmd_GetState}));
+  }
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(asking.Read().error, eTCPE_CommErr_QueueFull);
+  }
+  EXPECT_EQ(b.GetCounters().queueOverflows, 3U);
   hold.count_down();
-  EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == kRoom + 2; }));
-  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
+  EXPECT_TRUE(Eventually([&] { return b.From(kAsking).size() == kRoom + 2; }));
 }
 
 TEST(TCPE_Handlers, APeerThatDrainsNothingIsDroppedOnceAndDelaysNoOther) {
@@ -124,16 +128,20 @@ TEST(TCPE_Handlers, APeerThatDrainsNothingIsDroppedOnceAndDelaysNoOther) {
   Link(a, b);
   RoundTrips others(a, b.Address());
   const RawPeer slow = RawPeer::Admitted(kSlow, a.Address());
+  const std::jthread heart([&slow](const std::stop_token& ends) { // it takes nothing, but is alive
+    for (; !ends.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+      slow.Send(RawFrame({.type = 0}));
+    }
+  });
   TCPE_CommErr error = eTCPE_CommErr_None;
   std::size_t sent = 0;
   for (; error == eTCPE_CommErr_None && sent < 10'000; ++sent) {
-    error = a.Send(Bulk(), kSlow);
-    slow.Send(RawFrame({.type = 0})); // it takes nothing, but is alive
     const std::int64_t before = others.Count();
     EXPECT_TRUE(Eventually([&] { return others.Count() > before; }));
+    error = a.Send(Bulk(), kSlow);
   }
-  EXPECT_EQ(error, eTCPE_CommErr_QueueFull);
-  EXPECT_GE(sent * Bulk::kSize, TCPE_Limits{}.maxOutboundBytes);
+  EXPECT_EQ(error, eTCPE_CommErr_ConnectionLost);
+  EXPECT_GE((sent + 1) * Bulk::kSize, TCPE_Limits{}.maxOutboundBytes - TCPE_Limits{}.outboundReserve);
   EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
   EXPECT_THAT(a.From(kSlow), ElementsAre("Connect", ErrorText(eNetworkError_PeerTooSlow)));
   EXPECT_EQ(a.SendTime(1, kSlow), eTCPE_CommErr_NotConnected);
@@ -166,10 +174,37 @@ TEST(TCPE_Handlers, ABusyNetworkThreadMakesNoPeerSlowAndLosesNoFarewell) {
   b.SendTime(1, a.Address());
   isHeld.acquire();
   EXPECT_TRUE(b.Disconnect(a.Address()));
-  EXPECT_TRUE(Eventually([&] { return a.SendTime(2, b.Address()) != eTCPE_CommErr_None; }));
+  EXPECT_FALSE(b.Connect(0x7f000030)); // so its network thread has closed the connection
+  EXPECT_TRUE(Eventually([&] {
+    a.SendTime(2, b.Address()); // the one after it is left to the network thread
+    return a.SendTime(2, b.Address()) != eTCPE_CommErr_None;
+  }));
   hold.release();
   EXPECT_TRUE(Eventually([&] { return a.Count("Disconnect") == 1; }));
   EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+}
+
+TEST(TCPE_Handlers, OfABrokenHostEndNothing) {
+  const auto fail = [](auto...) -> bool { throw std::runtime_error("broken"); };
+  ReportCollector reports;
+  TestSystem a(0), b(1);
+  b.handler = fail;
+  b.inPlace = [&](const std::string&, std::uint32_t) { return !b.hasHandler && fail(); };
+  b.SetCommandLog([](const char*) { throw std::runtime_error("broken"); });
+  b.SetByteTap([](const TCPE_TappedBytes&, void*) { throw std::runtime_error("broken"); });
+  Link(a, b);
+  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_HandlerFailed);
+  b.NetworkErrorOccured(eNetworkError_ConnectionLost, 0x7f000030);
+  EXPECT_TRUE(Eventually([&] { return b.Count("error") == 1; }));
+  b.hasHandler = false; // only what is answered in place is
+  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_HandlerFailed);
+  EXPECT_TRUE(a.IsConnected(b.Address()));
+  EXPECT_GE(b.GetSnapshot().hostFailures, 10U);
+  b.Terminate();
+  const std::vector<std::string> texts = reports.Take();
+  for (const char* kind : {"handler", "network-error callback", "hook", "command log"}) {
+    EXPECT_THAT(texts, Contains(testing::HasSubstr("noexcept(" + std::string(kind) + "): broken")));
+  }
 }
 
 std::atomic<int> sErrorsOfHost = 0;
@@ -239,6 +274,85 @@ TEST(TCPE_HostPumped, CommandsWaitForTheHostAndTimingDoesNot) {
   }
 }
 
+TEST(TCPE_HostPumped, TerminatesAfterCallbacksThatOverlapAndWithCommandsInHand) {
+  constexpr std::uint32_t kSecond = 0x7f000031;
+  std::latch isTaken(1), bothRun(2), firstIsOver(1), secondIsOver(1);
+  TestSystem a(0), b(1);
+  a.SetHostPumpedDelivery(true);
+  a.handler = [&](const std::string&, std::uint32_t from) {
+    bothRun.arrive_and_wait();
+    if (from == kSecond) {
+      firstIsOver.wait();
+      throw std::runtime_error("broken");
+    }
+  };
+  const auto take = [&a] {
+    TCPE_Command* command = nullptr;
+    EXPECT_TRUE(Eventually([&] { return (command = a.TakeCommand()) != nullptr; }));
+    return command;
+  };
+  Link(b, a);
+  b.SendTime(1, a.Address());
+  TCPE_Command* const own = take();
+  const std::jthread other([&] {
+    TCPE_Command* const command = take();
+    isTaken.count_down();
+    EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
+    EXPECT_EQ(a.TakeCommand(), nullptr);
+    secondIsOver.count_down();
+    EXPECT_TRUE(Eventually([&] { return !a.IsInitialized(); }));
+    a.DisposeCommand(command);
+  });
+  isTaken.wait();
+  a.NetworkErrorOccured(eNetworkError_ConnectionLost, kSecond - 1);
+  a.NetworkErrorOccured(eNetworkError_ConnectionLost, kSecond);
+  EXPECT_EQ(a.TakeCommand(), nullptr);
+  firstIsOver.count_down();
+  secondIsOver.wait();
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  a.Terminate();
+  ExpectWithin("Terminate with commands in hand, us", Sys_Clock::RawMicroseconds() - begin, 500'000);
+  EXPECT_FALSE(a.IsInitialized());
+  a.DisposeCommand(own);
+}
+
+TEST(TCPE_Handlers, OneCommandForManyIsEncodedOnceAndItsRepliesAreAwaitedTogether) {
+  constexpr std::uint32_t kSilent = 0x7f000030;
+  constexpr std::uint32_t kNobody = 0x7f000031;
+  std::atomic<int> encoded = 0;
+  TestSystem a(0), b(1);
+  a.beforeSending = [&](const TCPE_Command& command) {
+    encoded += std::string("GetState TestRunningTime").find(command.GetCommandName()) != std::string::npos ? 1 : 0;
+  };
+  Link(a, b);
+  RawPeer silent = RawPeer::Admitted(kSilent, a.Address());
+  const std::vector<std::uint32_t> addresses{kSilent, b.Address(), kNobody, kSilent, b.Address()};
+  std::vector<std::size_t> answered;
+  Trel_Cmd_GetState query;
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  EXPECT_THAT(a.SendCommandToAll(&query, addresses,
+                                 [&](std::size_t place, const TCPE_Command& reply) {
+                                   answered.push_back(place);
+                                   EXPECT_NE(dynamic_cast<const Trel_Cmd_GetState*>(&reply), nullptr);
+                                 }),
+              ElementsAre(eTCPE_CommErr_TimedOut, eTCPE_CommErr_None, eTCPE_CommErr_NotConnected,
+                          eTCPE_CommErr_TimedOut, eTCPE_CommErr_None));
+  ExpectWithin("one wait for all, us", Sys_Clock::RawMicroseconds() - begin, 3'000'000);
+  EXPECT_THAT(answered, ElementsAre(1, 4));
+  EXPECT_EQ(b.Count("GetState"), 2);
+  Trel_Cmd_TestRunningTime time(1);
+  EXPECT_THAT(a.SendCommandToAll(&time, addresses),
+              ElementsAre(eTCPE_CommErr_None, eTCPE_CommErr_None, eTCPE_CommErr_NotConnected, eTCPE_CommErr_None,
+                          eTCPE_CommErr_None));
+  EXPECT_TRUE(Eventually([&] { return b.Count("TestRunningTime 1") == 2; }));
+  for (const TCPE_eCmd type : {eTrel_Cmd_GetState, eTrel_Cmd_GetState, eTrel_Cmd_TestRunningTime}) {
+    EXPECT_EQ(silent.Read().type, type);
+  }
+  EXPECT_EQ(encoded, 2);
+  Trel_Cmd_Disconnect farewell;
+  EXPECT_THAT(a.SendCommandToAll(&farewell, addresses), testing::Each(eTCPE_CommErr_NotSendable));
+}
+
 std::mutex sLogMutex;
 std::vector<std::string> sLog;
 
@@ -262,6 +376,9 @@ TEST(TCPE_Handlers, CommandLogTellsWhatIsSentReceivedAndReplied) {
   a.SendTime(5, b.Address());
   EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
   EXPECT_TRUE(Eventually([&] { return linesWith("replied").size() == 1; })); // logged after the reply has gone
+  b.hasHandler = false;
+  EXPECT_EQ(a.Send(Trel_Cmd_GetCurrentRunningTime(), b.Address()), eTCPE_CommErr_NoHandler); // not logged either
+  b.hasHandler = true;
   a.SetCommandLog(nullptr);
   a.SendTime(6, b.Address());
   EXPECT_TRUE(Eventually([&] { return linesWith("127.0.0.10").size() == 5; }));

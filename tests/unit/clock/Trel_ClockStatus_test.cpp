@@ -2,6 +2,7 @@
 
 #include <trel/Sys_Clock.h>
 #include <trel/Trel_Cmd_Clock.h>
+#include <trel/Trel_CommManager.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
 #include <trel/host/Trel_RunningTimeExchange.h>
 
@@ -133,7 +134,7 @@ TEST_F(Trel_ClockStatusTest, ErrorBoundHoldsAndIsNotMuchTooLarge) {
         master.Run(kTick);
       }
       for (int window = 0; window < kWindowsOfARun; ++window) {
-        const bool isFull = Trel_CorrelatedClockMgr::GetStatus(HostTime()).mMeasurements == 25;
+        const bool isFull = Trel_CorrelatedClockMgr::GetStatus(HostTime()).measurements == 25;
         for (std::size_t i = 0; i < std::size(kAhead); ++i) {
           Figures& those = figures[isFull ? 1 : 0][i];
           const std::int64_t hostTime = HostTime(kAhead[i]);
@@ -186,33 +187,33 @@ protected:
 };
 
 TEST_F(Trel_ClockFaultsTest, BecomesStableAndIsLostWithoutItsMaster) {
-  EXPECT_EQ(Trel_CorrelatedClockMgr::GetStatus(HostTime()).mErrorBound, Trel_ClockStatus::kNoErrorBound);
+  EXPECT_EQ(Trel_CorrelatedClockMgr::GetStatus(HostTime()).errorBound, Trel_ClockStatus::kNoErrorBound);
   Watch(5e6);
   EXPECT_EQ(mTold, mSettled);
-  EXPECT_TRUE(mStatus.mIsLocked);
-  EXPECT_EQ(mStatus.mMeasurements, 25);
-  EXPECT_NEAR(static_cast<double>(mStatus.mSpan), 4.2e6, 1e6);
-  EXPECT_LE(mStatus.mAge, 260'000);
-  EXPECT_NEAR(mStatus.mRate, sDrift * 1e6, 1.0);
-  EXPECT_NEAR(mStatus.mOffset, SatelliteTime(sTrueTime) - sTrueTime, 10.0);
-  EXPECT_TRUE(mStatus.mResidualDeviation > 0.5 && mStatus.mResidualDeviation < 8) << mStatus.mResidualDeviation;
-  EXPECT_TRUE(mStatus.mSmallestRoundTrip >= 100 && mStatus.mSmallestRoundTrip < 105) << mStatus.mSmallestRoundTrip;
-  EXPECT_TRUE(mStatus.mLastRoundTrip >= mStatus.mSmallestRoundTrip && mStatus.mLastRoundTrip < 140);
+  EXPECT_TRUE(mStatus.isLocked);
+  EXPECT_EQ(mStatus.measurements, 25);
+  EXPECT_NEAR(static_cast<double>(mStatus.span), 4.2e6, 1e6);
+  EXPECT_LE(mStatus.age, 260'000);
+  EXPECT_NEAR(mStatus.rate, sDrift * 1e6, 1.0);
+  EXPECT_NEAR(mStatus.offset, SatelliteTime(sTrueTime) - sTrueTime, 10.0);
+  EXPECT_TRUE(mStatus.residualDeviation > 0.5 && mStatus.residualDeviation < 8) << mStatus.residualDeviation;
+  EXPECT_TRUE(mStatus.smallestRoundTrip >= 100 && mStatus.smallestRoundTrip < 105) << mStatus.smallestRoundTrip;
+  EXPECT_TRUE(mStatus.lastRoundTrip >= mStatus.smallestRoundTrip && mStatus.lastRoundTrip < 140);
   const auto exchange = *mMaster.GetStatus(kSatellite);
-  EXPECT_EQ(mStatus.mAccepted, exchange.mVouched);
-  EXPECT_EQ(mStatus.mRejectedNotVouchedFor, exchange.mRoundTrips - exchange.mVouched);
-  EXPECT_EQ(mStatus.mLastRejection, eTrel_ClockRejection_NotVouchedFor);
-  EXPECT_EQ(mStatus.mRejectedRoundTripTooLong, 0);
+  EXPECT_EQ(mStatus.accepted, exchange.vouched);
+  EXPECT_EQ(mStatus.rejectedNotVouchedFor, exchange.roundTrips - exchange.vouched);
+  EXPECT_EQ(mStatus.lastRejection, eTrel_ClockRejection_NotVouchedFor);
+  EXPECT_EQ(mStatus.rejectedRoundTripTooLong, 0);
 
-  const std::int64_t bound = mStatus.mErrorBound;
+  const std::int64_t bound = mStatus.errorBound;
   mStatus = Trel_CorrelatedClockMgr::GetStatus(HostTime(4.5e6)); // as if the exchange had stopped
-  EXPECT_EQ(mStatus.mState, eTrel_ClockState_Stable);
-  EXPECT_GT(mStatus.mErrorBound, bound);
-  EXPECT_EQ(mStatus.mErrorBound, Trel_CorrelatedClockMgr::GetErrorBound(HostTime(4.5e6)));
+  EXPECT_EQ(mStatus.state, eTrel_ClockState_Stable);
+  EXPECT_GT(mStatus.errorBound, bound);
+  EXPECT_EQ(mStatus.errorBound, Trel_CorrelatedClockMgr::GetErrorBound(HostTime(4.5e6)));
   mStatus = Trel_CorrelatedClockMgr::GetStatus(HostTime(6e6));
-  EXPECT_EQ(mStatus.mState, eTrel_ClockState_Lost);
-  EXPECT_EQ(mStatus.mReason, eTrel_ClockReason_NoExchange);
-  EXPECT_GT(mStatus.mAge, 5'500'000);
+  EXPECT_EQ(mStatus.state, eTrel_ClockState_Lost);
+  EXPECT_EQ(mStatus.reason, eTrel_ClockReason_NoExchange);
+  EXPECT_GT(mStatus.age, 5'500'000);
 
   sTrueTime += 60e6; // and is back
   mTold.clear();
@@ -222,34 +223,34 @@ TEST_F(Trel_ClockFaultsTest, BecomesStableAndIsLostWithoutItsMaster) {
 
 TEST_F(Trel_ClockFaultsTest, SaysThatRoundTripsAreAboveTheLimit) {
   Watch(5e6);
-  const std::int64_t accepted = mStatus.mAccepted;
+  const std::int64_t accepted = mStatus.accepted;
   mMaster.mNetwork.shortest = 20'000;
   mTold.clear();
   Watch(20e6);
   EXPECT_EQ(mTold, (Told{mSettled[3], "lost: the round trips are above the limit"}));
-  EXPECT_GE(mStatus.mRejectedRoundTripTooLong, 1);
-  EXPECT_EQ(mStatus.mLastRejection, eTrel_ClockRejection_RoundTripTooLong);
-  EXPECT_EQ(mStatus.mAccepted, accepted);
-  EXPECT_GT(mStatus.mLastRoundTrip, mStatus.mRoundTripLimit);
+  EXPECT_GE(mStatus.rejectedRoundTripTooLong, 1);
+  EXPECT_EQ(mStatus.lastRejection, eTrel_ClockRejection_RoundTripTooLong);
+  EXPECT_EQ(mStatus.accepted, accepted);
+  EXPECT_GT(mStatus.lastRoundTrip, mStatus.roundTripLimit);
 }
 
 TEST_F(Trel_ClockFaultsTest, TellsAJumpOnceAndIsStableAgain) {
   for (const double jump : {1e6, -1e6, 300.0}) {
     Watch(8e6);
     mTold.clear();
-    const std::int64_t jumps = mStatus.mJumps;
+    const std::int64_t jumps = mStatus.jumps;
     sOffset += jump;
     for (int i = 0; i < 100; ++i) {
       Watch(100'000);
       const auto error = static_cast<double>(Trel_CorrelatedClockMgr::GetRunningTime(HostTime())) - sTrueTime;
       EXPECT_LE(std::abs(error),
-                mStatus.mJumps == jumps ? std::abs(jump) + 100 : static_cast<double>(mStatus.mErrorBound));
+                mStatus.jumps == jumps ? std::abs(jump) + 100 : static_cast<double>(mStatus.errorBound));
     }
     EXPECT_EQ(mTold, (Told{mSettled[3], "acquiring: a clock has jumped; measurements from before still count",
                            mSettled[2], mSettled[3]}));
-    EXPECT_EQ(mStatus.mJumps, jumps + 1);
-    EXPECT_NEAR(static_cast<double>(mStatus.mLastJump), jump, 60.0);
-    EXPECT_LE(mStatus.mErrorBound, 20);
+    EXPECT_EQ(mStatus.jumps, jumps + 1);
+    EXPECT_NEAR(static_cast<double>(mStatus.lastJump), jump, 60.0);
+    EXPECT_LE(mStatus.errorBound, 20);
   }
 }
 
@@ -258,13 +259,13 @@ TEST_F(Trel_ClockStatusTest, StateIsHarderToReachThanToKeep) {
   std::int64_t now = 0;
   const auto add = [&](std::int64_t bound, std::int64_t boundBefore, bool isLocked = true, std::int64_t age = 250'000) {
     now += age;
-    state.Add({.mHostTime = now,
-               .mErrorBoundBefore = boundBefore,
-               .mErrorBound = bound,
-               .mMeasurements = 25,
-               .mIsLocked = isLocked,
-               .mHoldsJump = false});
-    return state.At(now, bound).mState;
+    state.Add({.hostTime = now,
+               .errorBoundBefore = boundBefore,
+               .errorBound = bound,
+               .measurements = 25,
+               .isLocked = isLocked,
+               .holdsJump = false});
+    return state.At(now, bound).state;
   };
   for (int i = 0; i < 4; ++i) {
     EXPECT_EQ(add(500, 500), eTrel_ClockState_Locked);
@@ -275,12 +276,12 @@ TEST_F(Trel_ClockStatusTest, StateIsHarderToReachThanToKeep) {
   }
   EXPECT_EQ(add(500, 500), eTrel_ClockState_Stable);
   EXPECT_EQ(add(1'000, 1'000), eTrel_ClockState_Stable);
-  EXPECT_EQ(state.At(now, 1'001).mState, eTrel_ClockState_Locked);
-  EXPECT_EQ(state.At(now + 5'000'000, 1'000).mState, eTrel_ClockState_Stable);
-  EXPECT_EQ(state.At(now + 5'000'001, 1'000).mState, eTrel_ClockState_Lost);
+  EXPECT_EQ(state.At(now, 1'001).state, eTrel_ClockState_Locked);
+  EXPECT_EQ(state.At(now + 5'000'000, 1'000).state, eTrel_ClockState_Stable);
+  EXPECT_EQ(state.At(now + 5'000'001, 1'000).state, eTrel_ClockState_Lost);
   EXPECT_EQ(add(100, 1'001), eTrel_ClockState_Locked); // it had grown too large meanwhile
   EXPECT_EQ(add(100, 100, false), eTrel_ClockState_Lost);
-  EXPECT_EQ(state.At(now, 100).mReason, eTrel_ClockReason_NotOnALine);
+  EXPECT_EQ(state.At(now, 100).reason, eTrel_ClockReason_NotOnALine);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(add(100, 100), eTrel_ClockState_Acquiring);
   }
@@ -297,7 +298,7 @@ TEST_F(Trel_ClockStatusTest, WaitsForASmallErrorAndNoLongerThanTheManagerLives) 
   };
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(1'000, 0), eTrel_ClockWait_TimedOut);
   std::thread measuring([&add] {
-    while (Trel_CorrelatedClockMgr::GetStatus().mState < eTrel_ClockState_Locked) {
+    while (Trel_CorrelatedClockMgr::GetStatus().state < eTrel_ClockState_Locked) {
       add();
     }
   });
@@ -309,13 +310,14 @@ TEST_F(Trel_ClockStatusTest, WaitsForASmallErrorAndNoLongerThanTheManagerLives) 
   std::thread terminating([&isOver] {
     while (!isOver) {
       Trel_CorrelatedClockMgr::Terminate();
-      Trel_CorrelatedClockMgr::IsLocked(); // initialises it anew
+      Trel_CorrelatedClockMgr::Initialize();
     }
   });
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(0, 1'000'000'000), eTrel_ClockWait_Terminated);
   isOver = true;
   terminating.join();
   Trel_CorrelatedClockMgr::Terminate();
+  Trel_CommManager::DoIdle(); // asks for the lock
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(1'000, 1'000'000'000), eTrel_ClockWait_Terminated);
 }
 

@@ -128,22 +128,6 @@ TEST_P(Trel_CorrelatedClockMgrTest, LocksAndIsResetByCommand) {
   EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(1'300'000), 300'000);
 }
 
-TEST_P(Trel_CorrelatedClockMgrTest, OperationsAfterTerminateStartAnew) {
-  void (*const uses[])() = {[] { Trel_CorrelatedClockMgr::AddMeasurement(0, 0); },
-                            [] { Trel_CorrelatedClockMgr::GetRunningTime(0); },
-                            [] { Trel_CorrelatedClockMgr::GetHostTime(0); },
-                            [] { Trel_CorrelatedClockMgr::ResetClock(); }, [] { Trel_CorrelatedClockMgr::IsLocked(); }};
-  for (const auto use : uses) {
-    Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
-    Trel_CorrelatedClockMgr::Terminate();
-    ReceiveVoucher(1'000'000);
-    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 1'000'000);
-    use();
-    EXPECT_EQ(Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster(), 0);
-    EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(9), 9);
-  }
-}
-
 void KeepTraceLine(std::uint32_t, const char* format, ...) {
   char line[100];
   std::va_list arguments;

@@ -145,18 +145,6 @@ TEST(Trel_LinearCorrelator, KeepsNoMoreThanItsCapacity) {
   }
 }
 
-TEST(Trel_LinearCorrelator, CopiesAreIndependentAndResetStartsAnew) {
-  Trel_LinearCorrelator correlator = Fit({{0, 5}, {1, 8}, {2, 11}, {3, 14}});
-  Trel_LinearCorrelator copy = correlator; // not calculated yet
-  correlator.Reset();
-  EXPECT_EQ(correlator.PredictRemote(10), 10);
-  EXPECT_FALSE(correlator.IsCorrelated());
-  EXPECT_EQ(copy.PredictRemote(10), 35);
-  EXPECT_TRUE(copy.IsCorrelated());
-  correlator.AddMeasurement(10, 1010);
-  EXPECT_EQ(correlator.PredictRemote(20), 1020);
-}
-
 TEST(Trel_LinearCorrelator, AveragePeriodRunsToThePresent) {
   static std::int64_t now = 0;
   Sys_Clock::SetSource([] { return now; });

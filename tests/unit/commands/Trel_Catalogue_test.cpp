@@ -304,58 +304,6 @@ TEST_P(Trel_CatalogueTest, EveryClassLooksAsItsRowSays) {
   }
 }
 
-TEST_P(Trel_CatalogueTest, ValuesGivenToConstructorsStandInTheirFields) {
-  using Selection = Trel_Cmd_SetCurrentSelection;
-  const std::pair<std::string, const char*> cases[] = {
-      {Text(Trel_Cmd_RequestLink(true), kCommandHooks), "Link=1"},
-      {Text(Trel_Cmd_RequestOnline(true), kCommandHooks), "Online=1"},
-      {Text(Trel_Cmd_UpdateOnlineState(true), kCommandHooks), "Online=1"},
-      {Text(Trel_Cmd_UpdateSystemIsRecording(true), kCommandHooks), "SystemIsRecording=1"},
-      {Text(Trel_Cmd_UpdateCanSupplyClock(true), kCommandHooks), "CanSupplyClock=1"},
-      {Text(Trel_Cmd_SetLoopPlay(true), kCommandHooks), "LoopPlay=1"},
-      {Text(Trel_Cmd_VideoReferenceAvailable(true), kCommandHooks), "VideoRefAvailable=1"},
-      {Text(Trel_Cmd_TrackIsSoloed(true), kCommandHooks), "TrackIsSoloed=1"},
-      {Text(Trel_Cmd_SoloAllTracks(true), kCommandHooks), "Solo=1"},
-      {Text(Trel_Cmd_SetMasterSystem(0x0a000001), kCommandHooks), "IPAddress=10.0.0.1"},
-      {Text(Trel_Cmd_SetOrderNumber(5, 0x0a000001), kCommandHooks),
-       IsCurrent() ? "OrderNumber=5 UniqueID=0" : "OrderNumber=5 IPAddress=10.0.0.1"},
-      {Text(Trel_Cmd_UpdateVideo(5, true), kCommandHooks), "UpdateVideoLocation=5 UpdateCounters=1"},
-      {Text(Selection(1, 2, 3, 4, 5, false, true, Selection::eUpdateVideoTo_Default), kCommandHooks),
-       "InTime=2 OutTime=3 PreRollStartTime=1 PostRollStopTime=4 PlayStartMarkerTime=5 PreRollEnabled=0 "
-       "PostRollEnabled=1 UpdateVideoTo=2"},
-      {Text(Selection(), kCommandHooks),
-       "InTime=0 OutTime=0 PreRollStartTime=0 PostRollStopTime=0 PlayStartMarkerTime=0 PreRollEnabled=0 "
-       "PostRollEnabled=0 UpdateVideoTo=0"},
-  };
-  for (const auto& [text, expected] : cases) {
-    EXPECT_EQ(text, expected);
-  }
-}
-
-TEST(Trel_Cmd_GetCurrentSelection, FlagsOfAReplyArriveFalse) {
-  Trel_Cmd_GetCurrentSelection sent;
-  sent.SetPlayStartMarkerTime(5);
-  sent.SetPreRollEnabled(true);
-  sent.SetPostRollEnabled(true);
-  Trel_Cmd_GetCurrentSelection arrived;
-  arrived.SetReceivedRevision(sent.GetRevision());
-  std::size_t used = 0;
-  Apply(arrived, kReplyHooks.read, Apply(sent, kReplyHooks.write, std::string(42, '\xAA')), &used);
-  EXPECT_EQ(used, 40U);
-  EXPECT_EQ(arrived.GetPlayStartMarkerTime(), 5);
-  EXPECT_FALSE(arrived.GetPreRollEnabled() || arrived.GetPostRollEnabled());
-}
-
-TEST(Trel_Cmd_GetLoopPlay, OnlyTheByteOneIsTrue) {
-  for (int byte = 0; byte < 256; ++byte) {
-    Trel_Cmd_GetLoopPlay command;
-    Apply(command, kReplyHooks.read, std::string(1, static_cast<char>(byte)));
-    EXPECT_EQ(command.GetLoopPlay(), byte == 1) << byte;
-    command.SetLoopPlay(byte != 0);
-    EXPECT_EQ(command.GetLoopPlay(), byte != 0) << byte;
-  }
-}
-
 TEST(Trel_Cmd_DialogOnScreen, CodeFollowsTheTypeAndLongMessagesAreCut) {
   for (const std::size_t length : {0U, 255U, 256U, 1000U}) {
     Trel_Cmd_DialogOnScreen command(eTrel_DialogType_QexError);
@@ -373,35 +321,6 @@ TEST(Trel_Cmd_DialogOnScreen, CodeFollowsTheTypeAndLongMessagesAreCut) {
   // A code that no type can have wraps.
   arrived.SetDialogType(static_cast<ETrel_DialogType>(0x7fffffff));
   EXPECT_EQ(Apply(arrived, kCommandHooks.write, std::string(264, '\xAA')).substr(0, 4), FromHex("80000000"));
-}
-
-TEST(Trel_Cmd_UpdateGrouping, TheGridNeverTravels) {
-  Trel_Cmd_UpdateGrouping command;
-  command.SetSystem(eTrel_Group_1, 3, 7);
-  command.SetSystem(3, 0, 8);
-  command.SetSystem(eTrel_Group_All, 0, 9);
-  command.SetSystem(0, 4, 9);
-  command.SetSystem(4, 0, 9);
-  Apply(command, kCommandHooks.read, FromHex("ff*64"));
-  EXPECT_EQ(Text(command, kCommandHooks), "System=0,0,0,7,0,0,0,0,0,0,0,0,8,0,0,0");
-  EXPECT_EQ(command.GetSystem(0, 3), 7U);
-  EXPECT_EQ(command.GetSystem(eTrel_Group_4), 8U);
-  EXPECT_EQ(command.GetSystem(eTrel_Group_All), 0U);
-  EXPECT_EQ(command.GetSystem(4, 0), 0U);
-  EXPECT_EQ(Apply(command, kCommandHooks.write, std::string(64, '\xAA')), std::string(64, '\0'));
-  EXPECT_STREQ(command.GetDescription()->command[15].name, "System15");
-}
-
-TEST(Trel_Cmd_UpdateGroupEnable, HasFourFlags) {
-  Trel_Cmd_UpdateGroupEnable command;
-  command.SetEnable(1, true);
-  command.SetEnable(3, true);
-  command.SetEnable(4, true);
-  EXPECT_EQ(Apply(command, kCommandHooks.write, std::string(4, '\xAA')), FromHex("00 01 00 01"));
-  EXPECT_TRUE(command.GetEnable(3));
-  EXPECT_FALSE(command.GetEnable(4));
-  ASSERT_EQ(command.GetDescription()->command.size(), 4U);
-  EXPECT_STREQ(command.GetDescription()->command[2].name, "Enable2");
 }
 
 TEST(Trel_Cmd_ListSystems, FitsInAFrameOrIsMalformed) {
@@ -433,28 +352,6 @@ TEST(Trel_Cmd_ListSystems, FitsInAFrameOrIsMalformed) {
   Apply(command, kCommandHooks.write, std::string(kFrame, '\xAA'), &used);
   EXPECT_TRUE(command.GetPayloadFault());
   EXPECT_EQ(used, 0U);
-}
-
-TEST(Trel_System, IsOrderedByAddressAlone) {
-  Trel_System low;
-  Trel_System high;
-  high.SetIPAddress(0xc0a80001); // not a negative number
-  low.SetIPAddress(0x0a000001);
-  low.SetSystemName("Z");
-  EXPECT_TRUE(low < high);
-  EXPECT_FALSE(high < low);
-  high.SetIPAddress(low.GetIPAddress());
-  EXPECT_FALSE(low < high || high < low);
-}
-
-TEST(Trel_Cmd_SendState, NamesStatesUpToPlay) {
-  std::map<std::int32_t, std::string> names;
-  for (std::int32_t state = -1; state <= 8; ++state) {
-    names[state] = Text(Trel_Cmd_SendState(static_cast<ETrel_State>(state)), kCommandHooks);
-    EXPECT_EQ(names[state].empty(), state < 0 || state > 6) << state;
-  }
-  EXPECT_EQ(names[0], "eTrel_State_Stopping");
-  EXPECT_EQ(names[6], "eTrel_State_Play");
 }
 
 TEST_P(Trel_CatalogueTest, NamesThatAreTooLongAreReplaced) {

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <map>
 #include <stdexcept>
+#include <type_traits>
 
 namespace {
 
@@ -23,10 +24,18 @@ protected:
     NumberingTest::TearDown();
   }
 
+  static Trel_Command::DoItProc HandlerOf(std::int32_t identifier) {
+    return Trel_Cmd_StopPlayback().GetDoItCommand(static_cast<Trel_eCmd>(identifier));
+  }
   static std::int32_t Slot(std::int32_t type) { return IsCurrent() ? type : type + 6; }
 };
 
 INSTANTIATE_NUMBERING_TESTS(Trel_CommandTest);
+
+static_assert(
+    std::is_same_v<decltype(&Trel_Command::GetDoItCommand), Trel_Command::DoItProc (Trel_Command::*)(Trel_eCmd) const>);
+static_assert(std::is_constructible_v<Trel_Command, Trel_eCmd, std::uint8_t> &&
+              !std::is_constructible_v<Trel_Command, std::int32_t, std::uint8_t>);
 
 int sCalls = 0;
 void Count(TCPE_Command* /*command*/) { ++sCalls; }
@@ -66,16 +75,15 @@ TEST_P(Trel_CommandTest, KnowsRangeAndVersionOfTheNumbering) {
 }
 
 TEST_P(Trel_CommandTest, RegistrationTranslatesAndLookupDoesNot) {
-  const Trel_Cmd_StopPlayback command;
   Trel_Command::SetDoItCommand(18, &Count);
   EXPECT_EQ(Trel_Command::mDoItProcPtrArray[IsCurrent() ? 18 : 2], &Count);
-  EXPECT_EQ(command.GetDoItCommand(18), IsCurrent() ? &Count : nullptr);
-  EXPECT_EQ(command.GetDoItCommand(-4), IsCurrent() ? nullptr : &Count);
+  EXPECT_EQ(HandlerOf(18), IsCurrent() ? &Count : nullptr);
+  EXPECT_EQ(HandlerOf(-4), IsCurrent() ? nullptr : &Count);
 
   const std::int32_t last = IsCurrent() ? 80 : 76;
   for (const std::int32_t outside : {last + 1, 666, -7, IsCurrent() ? -1 : -8}) {
     Trel_Command::SetDoItCommand(outside, &Throw);
-    EXPECT_EQ(command.GetDoItCommand(outside), nullptr);
+    EXPECT_EQ(HandlerOf(outside), nullptr);
   }
   EXPECT_THAT(Trel_Command::mDoItProcPtrArray, testing::Not(testing::Contains(&Throw)));
   Trel_Command::SetDoItCommand(last, &Throw);
@@ -83,34 +91,16 @@ TEST_P(Trel_CommandTest, RegistrationTranslatesAndLookupDoesNot) {
 
   // Out of range reads the slot of identifier 0.
   Trel_Command::SetDoItCommand(0, &Count);
-  EXPECT_EQ(command.GetDoItCommand(last + 1), &Count);
-  EXPECT_EQ(command.GetDoItCommand(-7), &Count);
-}
-
-TEST_P(Trel_CommandTest, DataOfTheEnginesCommandsIsNotTranslated) {
-  int datum = 0;
-  Trel_Cmd_Connect connect;
-  Trel_Command::SetAppDataPtr(connect.GetCommandType(), &datum);
-  EXPECT_EQ(connect.GetAppDataPtr(), &datum);
-  // As it arrives, its type is the engine's.
-  connect.SetCommandType(Trel_Command::GetTCPECommandType(connect.GetCommandType()));
-  EXPECT_EQ(connect.GetAppDataPtr(), IsCurrent() ? &datum : nullptr);
-
-  int other = 0;
-  Trel_Command::SetAppDataPtr(IsCurrent() ? 81 : 77, &other);
-  Trel_Command::SetAppDataPtr(-7, &other);
-  EXPECT_THAT(Trel_Command::mAppDataPtrArray, testing::Not(testing::Contains(&other)));
-  Trel_Command::SetAppDataPtr(0, &other);
-  EXPECT_EQ(Trel_Command::mAppDataPtrArray[Slot(0)], &other);
-  connect.SetCommandType(666);
-  EXPECT_EQ(connect.GetAppDataPtr(), &other);
+  EXPECT_EQ(HandlerOf(last + 1), &Count);
+  EXPECT_EQ(HandlerOf(-7), &Count);
 }
 
 TEST_P(Trel_CommandTest, DispatchesToTheHandlerAndSwallowsWhatItThrows) {
   Trel_Cmd_Connect connect;
   sCalls = 0;
   Trel_Command::DoIt(&connect);
-  EXPECT_FALSE(Trel_Command::HasHandler(&connect));
+  Trel_Command::DoIt(nullptr);
+  EXPECT_FALSE(Trel_Command::HasHandler(&connect) || Trel_Command::HasHandler(nullptr));
   EXPECT_EQ(sCalls, 0);
 
   Trel_Command::SetDoItCommand(Trel_Cmd_Connect::GetCommandID(), &Throw);
@@ -119,6 +109,7 @@ TEST_P(Trel_CommandTest, DispatchesToTheHandlerAndSwallowsWhatItThrows) {
   EXPECT_TRUE(Trel_Command::HasHandler(&connect));
   Trel_Command::DoIt(&connect);
   EXPECT_EQ(sCalls, 2);
+  EXPECT_EQ(connect.GetError(), eTCPE_CommErr_HandlerFailed); // which its sender is told
 
   // Out of range there is no handler, not even that of identifier 0.
   Trel_Command::SetDoItCommand(0, &Count);
@@ -149,19 +140,6 @@ TEST_P(Trel_CommandTest, HandlersHoldTheNumbering) {
   // A command keeps what it was built with; the class answers anew.
   EXPECT_EQ(before.GetCommandType(), IsCurrent() ? 70 : 67);
   EXPECT_EQ(Trel_Cmd_GetState::GetCommandID(), IsCurrent() ? 67 : 70);
-}
-
-TEST_P(Trel_CommandTest, ConstructsInTheBlock) {
-  alignas(std::max_align_t) std::byte block[Trel_Command::kMaxCommandSize];
-  TCPE_Command* command = Trel_Command::Construct(Trel_Cmd_Prime::GetCommandID(), block);
-  ASSERT_EQ(static_cast<void*>(command), block);
-  EXPECT_EQ(command->GetSelf(), command);
-  EXPECT_STREQ(command->GetCommandName(), "Prime");
-  command->~TCPE_Command();
-  EXPECT_EQ(Trel_Command::Construct(Trel_Cmd_Prime::GetCommandID(), nullptr), nullptr);
-  for (const std::int32_t identifier : {-4, -1, 0, 1, 77, 78, 81, 666}) {
-    EXPECT_EQ(Trel_Command::Construct(static_cast<Trel_eCmd>(identifier), block), nullptr) << identifier;
-  }
 }
 
 } // namespace

@@ -52,29 +52,6 @@ TEST_P(Trel_TCPEInterfaceTest, UnsetPortsBecomeTheDefaults) {
   }
 }
 
-TEST_P(Trel_TCPEInterfaceTest, TaskAdmitsWhatTheBuildSupports) {
-  TCPE_System system;
-  Trel_CommManager::SetMaxNumberSatellitesSupported(5);
-  const std::unique_ptr<TCPE_CommTask> task(mInterface.CreateCommTask(1, 2, &system));
-  EXPECT_EQ(task->GetCommunicationPort(), 1);
-  EXPECT_EQ(task->GetDiscoveryPort(), 2);
-  EXPECT_EQ(task->GetLocalSystem(), &system);
-  EXPECT_EQ(task->GetCommManager(), &mInterface);
-  EXPECT_EQ(task->GetMaxSatellites(), 5);
-  EXPECT_EQ(task->GetMaxCommandSize(), 616U);
-  EXPECT_EQ(task->GetErrorCommandID(), IsCurrent() ? -1 : 1);
-}
-
-TEST_P(Trel_TCPEInterfaceTest, FeatureWordAndClockComeAndGo) {
-  EXPECT_EQ(mInterface.InitializeSubclass(), 0xf0000);
-  SPSSetStartupOption("FeatureAuthorized2", "0");
-  EXPECT_EQ(mInterface.InitializeSubclass(), 0xd0000);
-  SPSSetStartupOption("FeatureAuthorized2", nullptr);
-  Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
-  mInterface.TerminateSubclass();
-  EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(0), 0);
-}
-
 template <class Command>
 struct OtherWay : Command {
   bool IsSynchronous() const override { return !Command::IsSynchronous(); }

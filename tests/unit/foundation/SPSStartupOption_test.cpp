@@ -92,16 +92,4 @@ TEST_F(SPSStartupOption, SkipsMalformedLinesOfTheFile) {
   EXPECT_THAT(mReports.Take(), ElementsAre(HasSubstr("cannot be read")));
 }
 
-TEST_F(SPSStartupOption, WithholdsFeatures) {
-  SPSSetStartupOption("FeatureAuthorized3", "0");
-  for (const std::int32_t feature : {1, 2, 4}) {
-    EXPECT_TRUE(Cmn_FeatureAuthorization::IsAuthorized(feature));
-  }
-  for (const std::int32_t feature : {-1, 0, 3, 5}) {
-    EXPECT_FALSE(Cmn_FeatureAuthorization::IsAuthorized(feature));
-  }
-  SPSSetStartupOption("FeatureAuthorized3", nullptr);
-  EXPECT_TRUE(Cmn_FeatureAuthorization::IsAuthorized(3));
-}
-
 } // namespace

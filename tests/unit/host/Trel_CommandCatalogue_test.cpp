@@ -13,25 +13,6 @@ namespace {
 
 Trel_FieldValue Number(std::int64_t number) { return {number}; }
 
-TEST(Trel_CommandCatalogueTest, EveryFieldKeepsItsValueAndRefusesOthers) {
-  for (const Trel_CommandDescription* const description : Trel_CommandCatalogue::Commands()) {
-    SCOPED_TRACE(description->identifiers.name);
-    EXPECT_EQ(Trel_CommandCatalogue::Find(description->identifiers.name), description);
-    const auto command = Trel_CommandCatalogue::Construct(*description);
-    ASSERT_NE(command, nullptr);
-    EXPECT_EQ(command->GetDescription(), description);
-    for (const std::span<const Trel_FieldDescription> payload : {description->command, description->reply}) {
-      for (const Trel_FieldDescription& field : payload) {
-        SCOPED_TRACE(field.name);
-        EXPECT_TRUE(Trel_CommandCatalogue::SetField(*command, field, ValueFor(field)));
-        const bool isFlag = field.kind == Trel_FieldKind::boolean;
-        EXPECT_FALSE(Trel_CommandCatalogue::SetField(*command, field, isFlag ? ValueFor({}) : Trel_FieldValue{true}));
-        EXPECT_EQ(Trel_CommandCatalogue::GetField(*command, field), ValueFor(field));
-      }
-    }
-  }
-}
-
 TEST(Trel_CommandCatalogueTest, ChecksRangesAndOwnership) {
   Trel_Cmd_ConnectTo command;
   const auto fields = command.GetDescription()->command;

@@ -42,7 +42,9 @@ struct Voucher {
 class SimulatedExchange : public Trel_RunningTimeExchange {
 public:
   std::function<Ways(std::uint32_t address, bool isVoucher)> mWays = [](std::uint32_t, bool) { return Ways{}; };
-  std::vector<Voucher> mVouchers; // for kPeer
+  std::vector<Voucher> mVouchers;    // for kPeer
+  std::vector<std::int64_t> mResets; // times at which kPeer was sent one
+  std::uint64_t mInstance = 1;       // of all peers
   std::int64_t mLongestTick = 0;
   int mBusyTicks = 0;
 
@@ -63,6 +65,9 @@ protected:
     const auto* voucher = dynamic_cast<const Trel_Cmd_LastUpdateRunningTimeValid*>(command);
     const Ways ways = mWays(command->GetIPAddressTo(), voucher != nullptr);
     sNow += ways.there;
+    if (command->GetIPAddressTo() == kPeer && dynamic_cast<const Trel_Cmd_ResetClock*>(command) != nullptr) {
+      mResets.push_back(sNow);
+    }
     if (command->GetIPAddressTo() == kPeer && ways.answered) {
       EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(command));
       if (voucher != nullptr) {
@@ -72,6 +77,7 @@ protected:
     sNow += ways.back;
     return ways.answered;
   }
+  std::uint64_t PeerInstance(std::uint32_t /*address*/) override { return mInstance; }
 };
 
 std::int64_t LongestGap(const std::vector<Voucher>& vouchers) {
@@ -110,10 +116,10 @@ TEST_F(Trel_RunningTimeExchangeTest, LocksThePeerAndSlowsDownWhenItsWindowIsFull
   EXPECT_NEAR(static_cast<double>(mExchange.mVouchers.size()), 25 + 38, 2);
   const auto status = mExchange.GetStatus(kPeer);
   ASSERT_TRUE(status);
-  EXPECT_EQ(status->mVouched, static_cast<std::int64_t>(mExchange.mVouchers.size()));
-  EXPECT_EQ(status->mRoundTrips, status->mVouched + 3);
-  EXPECT_EQ(status->mLastVouchedRoundTrip, 100);
-  EXPECT_EQ(status->mFailures, 0);
+  EXPECT_EQ(status->vouched, static_cast<std::int64_t>(mExchange.mVouchers.size()));
+  EXPECT_EQ(status->roundTrips, status->vouched + 3);
+  EXPECT_EQ(status->lastVouchedRoundTrip, 100);
+  EXPECT_EQ(status->failures, 0);
 }
 
 TEST_F(Trel_RunningTimeExchangeTest, VouchesForGoodRoundTripsOnly) {
@@ -137,7 +143,8 @@ TEST_F(Trel_RunningTimeExchangeTest, VouchesForGoodRoundTripsOnly) {
     SimulatedExchange exchange;
     std::size_t next = 0;
     exchange.mWays = [&](std::uint32_t, bool isVoucher) {
-      const std::int64_t roundTrip = isVoucher ? 100 : test.roundTrips.at(next++);
+      const bool isRunningTime = !isVoucher && !exchange.mResets.empty();
+      const std::int64_t roundTrip = isRunningTime ? test.roundTrips.at(next++) : 100;
       return Ways{.there = 10, .back = roundTrip - 10};
     };
     for (int tick = 0; tick < test.ticks; ++tick) {
@@ -175,10 +182,10 @@ TEST_F(Trel_RunningTimeExchangeTest, FollowsANetworkThatHasBecomeSlower) {
   mExchange.Run(30'000'000);
   EXPECT_LE(LongestGap(mExchange.mVouchers), 1'100'000);
   const auto before = *mExchange.GetStatus(kPeer);
-  EXPECT_EQ(before.mSmallestRoundTrip, 500);
+  EXPECT_EQ(before.smallestRoundTrip, 500);
   mExchange.Run(10'000'000);
   const auto after = *mExchange.GetStatus(kPeer);
-  EXPECT_EQ(after.mRoundTrips - before.mRoundTrips, after.mVouched - before.mVouched);
+  EXPECT_EQ(after.roundTrips - before.roundTrips, after.vouched - before.vouched);
 }
 
 TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
@@ -189,7 +196,7 @@ TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
   mExchange.Run(60'000'000, {kPeer, kDeadPeer, kOtherDeadPeer});
   EXPECT_LE(LongestGap(mExchange.mVouchers), kTimeOut + 250'000 + 3 * kTick);
   EXPECT_LT(mExchange.mLongestTick, kTimeOut + kTick);
-  EXPECT_EQ(mExchange.GetStatus(kDeadPeer)->mFailures, 3); // at 0, 10 and 28 seconds
+  EXPECT_EQ(mExchange.GetStatus(kDeadPeer)->failures, 3); // at 0, 10 and 28 seconds
   EXPECT_GE(mExchange.mVouchers.size(), 180U);
 }
 
@@ -212,27 +219,74 @@ TEST_F(Trel_RunningTimeExchangeTest, ManyPeersAreServedLessOftenAndTogether) {
   EXPECT_LT(LongestGap(mExchange.mVouchers), 4'500'000); // after 5 s the clock of the peer would be lost
 }
 
+TEST_F(Trel_RunningTimeExchangeTest, ResetsWhoeverItHasNotServedBefore) {
+  const struct {
+    const char* name;
+    std::int64_t missing;    // so long
+    std::int64_t unanswered; // ... then
+    bool leaves;
+    std::uint64_t instance; // that comes back
+    std::size_t resets;     // of that
+  } cases[] = {
+      {"short loss", 9'900'000, 0, false, 1, 0},      {"long loss", 10'100'000, 0, false, 1, 1},
+      {"short silence", 0, 3'000'000, false, 1, 0},   {"long silence", 0, 12'000'000, false, 1, 1},
+      {"both", 5'000'000, 6'000'000, false, 1, 1},    {"left in order", 20'000, 0, true, 1, 1},
+      {"started anew", 20'000, 0, false, 2, 1},       {"started anew at once", 0, 0, false, 2, 1},
+      {"instance not known", 20'000, 0, false, 0, 0},
+  };
+  for (const auto& test : cases) {
+    SimulatedExchange exchange;
+    bool answers = false;
+    exchange.mWays = [&answers](std::uint32_t, bool) { return Ways{.answered = answers}; };
+    Trel_CorrelatedClockMgr::AddMeasurement(-1'000'000'000, sNow); // of a system that is gone
+    exchange.Run(1'000'000);
+    EXPECT_EQ(exchange.mResets.size(), 2U) << test.name; // at 0 and 0.5 s
+    answers = true;
+    exchange.Run(2'000'000);
+    EXPECT_EQ(exchange.mResets.size(), 3U) << test.name; // at 1.5 s, the first that is answered
+    EXPECT_EQ(PeerError(), 0) << test.name;
+
+    if (test.missing != 0) {
+      exchange.Tick({}, sNow);
+      sNow += test.missing;
+    }
+    if (test.leaves) {
+      exchange.Forget(kPeer);
+    }
+    answers = test.unanswered == 0;
+    exchange.Run(test.unanswered);
+    answers = true;
+    exchange.mResets.clear();
+    exchange.mInstance = test.instance;
+    const std::int64_t back = sNow;
+    exchange.Run(20'000'000);
+    EXPECT_EQ(exchange.mResets.size(), test.resets) << test.name;
+    EXPECT_TRUE(test.resets == 0 || test.unanswered != 0 || exchange.mResets.front() - back <= kTick) << test.name;
+    EXPECT_EQ(PeerError(), 0) << test.name;
+  }
+}
+
 TEST_F(Trel_RunningTimeExchangeTest, TriesAgainAfterAPauseAndForgetsWhoIsGone) {
   mExchange.mWays = [](std::uint32_t, bool isVoucher) {
     return Ways{.there = 50, .back = 50, .answered = !isVoucher && sNow > 1'200'000};
   };
   mExchange.Run(3'000'000);
-  EXPECT_EQ(mExchange.GetStatus(kPeer)->mFailures, 3); // at 0, 0.5 and, the voucher, 1.5 seconds
-  EXPECT_EQ(mExchange.GetStatus(kPeer)->mVouched, 0);
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->failures, 3); // at 0, 0.5 and, the voucher, 1.5 seconds
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->vouched, 0);
   mExchange.mWays = [](std::uint32_t, bool) { return Ways{}; };
   mExchange.Run(1'000'000);
-  EXPECT_GE(mExchange.GetStatus(kPeer)->mVouched, 3);
+  EXPECT_GE(mExchange.GetStatus(kPeer)->vouched, 3);
   bool failed = false; // once more; the pause is the first one again
   mExchange.mWays = [&failed](std::uint32_t, bool) { return Ways{.answered = std::exchange(failed, true)}; };
   mExchange.Run(6'000'000);
-  EXPECT_EQ(mExchange.GetStatus(kPeer)->mFailures, 4);
+  EXPECT_EQ(mExchange.GetStatus(kPeer)->failures, 4);
   EXPECT_LE(LongestGap(mExchange.mVouchers), 800'000);
 
   mExchange.Tick({}, sNow + kRunningTimeAhead);
   EXPECT_FALSE(mExchange.GetStatus(kPeer));
   for (int i = 0; i < 2; ++i) {
     mExchange.Tick({kPeer}, sNow + kRunningTimeAhead);
-    EXPECT_EQ(mExchange.GetStatus(kPeer)->mRoundTrips, 4);
+    EXPECT_EQ(mExchange.GetStatus(kPeer)->roundTrips, 4);
     mExchange.Restart();
   }
 }

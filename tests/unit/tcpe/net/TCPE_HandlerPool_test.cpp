@@ -2,19 +2,33 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <future>
 #include <latch>
 #include <memory>
+#include <thread>
 
 namespace {
 
 constexpr std::int64_t kLong = 10'000'000;
 
+using Kind = TCPE_HandlerPool::Kind;
+
+TCPE_Limits WithRoomFor(std::size_t jobs) {
+  TCPE_Limits limits;
+  limits.maxQueuedCommands = limits.maxQueuedQueries = jobs;
+  limits.maxQueuedBytes = limits.maxQueuedQueryBytes = 1000;
+  limits.maxWaitingHandlers = 2;
+  limits.maxQueues = 5;
+  return limits;
+}
+
 std::shared_ptr<TCPE_HandlerPool> Started(std::size_t maxThreads, std::size_t maxJobs = 1000) {
-  auto pool = std::make_shared<TCPE_HandlerPool>(TCPE_HandlerPool::Bounds{
-      .threads = maxThreads, .jobsPerPeer = maxJobs, .bytesPerPeer = 1000, .waitingJobsPerPeer = 2, .peers = 5});
+  TCPE_Limits limits = WithRoomFor(maxJobs);
+  limits.maxHandlerThreads = maxThreads;
+  auto pool = std::make_shared<TCPE_HandlerPool>(limits);
   pool->Start();
   return pool;
 }
@@ -75,7 +89,93 @@ TEST(TCPE_HandlerPool, AJobThatWaitsForAnotherSystemLetsTheNextOneStart) {
   EXPECT_FALSE(startedEarly);
 }
 
-TEST(TCPE_HandlerPool, IsBoundedAndSurvivesWhatAJobThrows) {
+TEST(TCPE_HandlerPool, AJobThatNeedNotWaitAnyMoreRunsBesideNoOther) {
+  TCPE_Limits limits = WithRoomFor(1000);
+  limits.turn = 200'000;
+  const auto pool = std::make_shared<TCPE_HandlerPool>(limits);
+  pool->Start();
+  constexpr int kJobs = 300;
+  std::atomic<int> running = 0;
+  std::atomic<int> most = 0;
+  std::latch left(kJobs);
+  const auto work = [&] {
+    most = std::max(most.load(), ++running);
+    std::this_thread::yield();
+    --running;
+  };
+  for (int i = 0; i < kJobs; ++i) {
+    pool->Submit(1, [&] {
+      work();
+      { const TCPE_HandlerPool::WaitScope waits; }
+      work();
+      left.count_down();
+    });
+  }
+  left.wait();
+  EXPECT_EQ(most, 1);
+  // ... unless the other one never ends.
+  std::promise<void> otherStarted;
+  std::promise<void> otherMayEnd;
+  std::promise<void> goesOn;
+  pool->Submit(1, [&] {
+    {
+      const TCPE_HandlerPool::WaitScope waits;
+      otherStarted.get_future().wait();
+    }
+    goesOn.set_value();
+  });
+  pool->Submit(1, [&] {
+    otherStarted.set_value();
+    otherMayEnd.get_future().wait();
+  });
+  goesOn.get_future().wait();
+  otherMayEnd.set_value();
+  pool->Stop(kLong);
+}
+
+TEST(TCPE_HandlerPool, WhoWaitsForManyPeersLeavesThreadsForOthersAndIdleThreadsGo) {
+  constexpr std::uint32_t kPeers = 9;
+  TCPE_Limits limits;
+  limits.maxHandlerThreads = 2 * kPeers + 12;
+  limits.maxExtraHandlers = 8;
+  limits.idleThread = 1000;
+  const auto pool = std::make_shared<TCPE_HandlerPool>(limits);
+  pool->Start();
+  const std::size_t kJobs = limits.maxWaitingHandlers;
+  std::promise<void> goOn;
+  const std::shared_future<void> mayGoOn = goOn.get_future().share();
+  std::atomic<std::size_t> waiting = 0;
+  std::latch all(static_cast<std::ptrdiff_t>(kPeers * kJobs));
+  for (std::uint32_t peer = 1; peer <= kPeers; ++peer) {
+    for (std::size_t i = 0; i < kJobs; ++i) {
+      pool->Submit(peer, [&] {
+        const TCPE_HandlerPool::WaitScope waits;
+        ++waiting;
+        mayGoOn.wait();
+        all.count_down();
+      });
+    }
+  }
+  while (waiting < 2 * kPeers + limits.maxExtraHandlers / 2) {
+    std::this_thread::yield();
+  }
+  std::promise<void> query;
+  pool->Submit(
+      1, [&query] { query.set_value(); }, Kind::query);
+  query.get_future().wait();
+  std::promise<void> other;
+  pool->Submit(kPeers + 1, [&other] { other.set_value(); });
+  other.get_future().wait();
+  EXPECT_EQ(waiting, 2 * kPeers + limits.maxExtraHandlers / 2);
+  goOn.set_value();
+  all.wait();
+  while (pool->CountThreads() > 1) {
+    std::this_thread::yield();
+  }
+  pool->Stop(kLong);
+}
+
+TEST(TCPE_HandlerPool, IsBounded) {
   const auto pool = Started(1, 2);
   std::promise<void> started;
   std::promise<void> goOn;
@@ -83,12 +183,18 @@ TEST(TCPE_HandlerPool, IsBoundedAndSurvivesWhatAJobThrows) {
   pool->Submit(1, [&] {
     started.set_value();
     goOn.get_future().wait();
-    throw 1; // NOLINT(hicpp-exception-baseclass)
   });
   started.get_future().wait();
+  EXPECT_TRUE(pool->Submit(
+      1, [] {}, Kind::query));
+  EXPECT_TRUE(pool->Submit(
+      1, [] {}, Kind::query));
+  EXPECT_FALSE(pool->Submit(
+      1, [] {}, Kind::query));
   EXPECT_TRUE(pool->Submit(1, [] {}));
-  EXPECT_TRUE(pool->Submit(1, [] {}));
-  EXPECT_FALSE(pool->Submit(1, [] {}));
+  EXPECT_FALSE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1)));
+  EXPECT_TRUE(pool->Submit(1, [] {})) << "its sender is not read any more";
+  EXPECT_TRUE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1)));
   EXPECT_TRUE(pool->Submit(2, [] {}));
   EXPECT_FALSE(pool->IsFull(6));
   for (const std::uint32_t peer : {3U, 4U, 5U}) {
@@ -98,7 +204,7 @@ TEST(TCPE_HandlerPool, IsBoundedAndSurvivesWhatAJobThrows) {
   EXPECT_FALSE(pool->IsFull(5));
   EXPECT_TRUE(pool->Submit(6, [] {})) << "one that is linked already is not hindered";
   EXPECT_TRUE(pool->Submit(
-      1, [&last] { last.set_value(); }, 0, true));
+      1, [&last] { last.set_value(); }, Kind::notice));
   goOn.set_value();
   last.get_future().wait();
   pool->Stop(kLong);
@@ -121,10 +227,13 @@ TEST(TCPE_HandlerPool, APeerHoldsNoMoreMemoryAndWaitingJobsThanItMay) {
   pool->Submit(1, waitForAnotherSystem);
   pool->Submit(1, waitForAnotherSystem);
   firstTwo.wait();
-  EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, 999));
-  EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, 1));
-  EXPECT_TRUE(pool->IsFull(1));
-  EXPECT_FALSE(pool->Submit(1, waitForAnotherSystem));
+  EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, Kind::command, 999));
+  EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, Kind::command, 2));
+  EXPECT_TRUE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1000)));
+  std::promise<void> query; // the two may wait for its reply
+  pool->Submit(
+      1, [&query] { query.set_value(); }, Kind::query);
+  query.get_future().wait();
   std::promise<void> other; // another peer is not delayed, and shows that the third had its chance
   pool->Submit(2, [&other] { other.set_value(); });
   other.get_future().wait();
@@ -157,7 +266,7 @@ TEST(TCPE_HandlerPool, StopDropsWhatWaitsAndLeavesWhatIsBusy) {
     }
     pool->Stop(1000);
     EXPECT_FALSE(pool->Submit(
-        3, [&ran] { ran = true; }, 0, true));
+        3, [&ran] { ran = true; }, Kind::notice));
     pool.reset(); // the thread that is still busy keeps what it needs
     goOn.set_value();
     jobGone.get_future().wait();

@@ -34,26 +34,6 @@ protected:
                                       .random = [this] { return mRandom += 12'345; }}};
 };
 
-TEST_F(TCPE_DiscoveryResponderTest, RolesAnswerTheirOwnQuestionAsTheyAreNow) {
-  using Kind = TCPE_DiscoveryCodec::Kind;
-  for (const bool isSatellite : {false, true}) {
-    mSelf.isSatellite = isSatellite;
-    Ask(isSatellite ? Kind::masters : Kind::satellites, 1, false, 0);
-    EXPECT_EQ(Answers(kSecond), 0U);
-    Ask(isSatellite ? Kind::satellites : Kind::masters, 1, true, 0);
-    mSelf.reply.system.SetSystemName(isSatellite ? "late" : "early"); // what holds when it answers
-    const auto answer = mResponder.NextAnswer(kOwnAddress, kSecond);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->to.address, 1U);
-    EXPECT_EQ(answer->to.port, 1000);
-    TCPE_DiscoveryCodec::Reply reply;
-    EXPECT_EQ(mCodec.ReadReply(answer->datagram, {.kind = isSatellite ? Kind::satellites : Kind::masters}, kOwnAddress,
-                               &reply),
-              TCPE_DiscoveryCodec::Verdict::sound);
-    EXPECT_STREQ(reply.system.GetSystemName(), isSatellite ? "late" : "early");
-  }
-}
-
 TEST_F(TCPE_DiscoveryResponderTest, AnswersABroadcastWithinATenthOfASecondAndOtherQueriesAtOnce) {
   const auto masters = TCPE_DiscoveryCodec::Kind::masters;
   Ask(masters, 1, false, kSecond);

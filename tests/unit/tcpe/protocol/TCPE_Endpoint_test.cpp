@@ -131,6 +131,21 @@ TEST(TCPE_Endpoint, AnAttemptThatGaveWayWaitsForThePeersOwn) {
   }
 }
 
+TEST(TCPE_Endpoint, AMoveEndsWhatBeganAtTheOldAddress) {
+  Systems systems;
+  systems.Link(2, 1);
+  systems.Send(*systems.ConnectToStranger(1, 10), 0, Hello() + Frame(5, 3, 77, "", eTCPE_CommErr_AlreadyConnected));
+  systems.ConnectToStranger(1, 40);
+  systems.Send(systems.ConnectStranger(30, 1), 1, Hello() + Connect()); // waits until the one it replaces has answered
+  systems.CutAll(2);
+  systems.Run(kSecond / 2);
+  EXPECT_EQ(systems.Take(1), "");
+  systems.Move(1, 21);
+  EXPECT_EQ(systems.Take(1), "ended 10 2, ended 40 2, lost 30 1");
+  EXPECT_EQ(systems.At(1).endpoint->HalfOpenConnections(), 0U);
+  EXPECT_NE(systems.ConnectToStranger(1, 10), nullptr) << "the attempt that waited holds no other one up";
+}
+
 TEST(TCPE_Endpoint, ARestartedSystemReplacesItsDeadConnection) {
   for (const int opener : {0, 1}) {
     for (const std::uint32_t largestPiece : {0U, 1U}) {
@@ -204,9 +219,10 @@ TEST(TCPE_Endpoint, AnIdleConnectionBeatsAndASilentOneIsLost) {
   auto& stranger = systems.ConnectStranger(20, 0);
   systems.Send(stranger, 1, Hello() + Connect());
   systems.Run(kMillisecond);
-  // Hello, then the empty reply to the connect command.
+  // Hello, then the empty reply to the connect command, and that nothing has been finished yet.
   std::string expected = FromHex("5452454c 01 04 00 00 0102030405060701 00*16") +
-                         FromHex("0000 04 01 00 01 01 02 00000005 00000003 faf3 0000");
+                         FromHex("0000 04 01 00 01 01 02 00000005 00000003 faf3 0000") +
+                         FromHex("0004 04 01 00 00 01 02 00000000 00000000 faf8 0000 00000000");
   EXPECT_EQ(stranger.sides[0].received, expected);
   systems.Run(2 * kSecond);
   const std::string heartbeat = FromHex("0000 04 01 00 00 01 02 00000000 00000000 fafc 0000");
@@ -271,6 +287,31 @@ TEST(TCPE_Endpoint, AFrameIsCompleteWithinFiveSeconds) {
   EXPECT_EQ(systems.Counts(0).unfinished, 1U);
   EXPECT_EQ(systems.At(0).lastLogged, begin + 100 + 5 * kSecond);
   EXPECT_EQ(systems.Take(1), "lost 10 1");
+}
+
+TEST(TCPE_Endpoint, WhoIsNotReadIsNotTimedAsLongAsItsCommandsAreFinished) {
+  Systems systems;
+  auto& stranger = systems.ConnectStranger(20, 0);
+  const std::string last = Frame(8);
+  systems.Send(stranger, 1, Hello() + Connect() + Frame(7) + Frame(7) + Frame(7) + last.substr(0, 5));
+  systems.Run(kMillisecond);
+  EXPECT_EQ(systems.Take(0), "opened 20 by peer, frame 20 7 (0), frame 20 7 (0), frame 20 7 (0)");
+  const auto open = systems.At(0).open.at(20);
+  TCPE_Endpoint& endpoint = *systems.At(0).endpoint;
+  endpoint.Pause(open.id, systems.Now());
+  for (int i = 0; i < 3; ++i) {
+    systems.Run(2 * kSecond);
+    open.session->NoteFinished();
+  }
+  endpoint.Resume(open.id, systems.Now());
+  systems.Send(stranger, 1, last.substr(5));
+  systems.Run(2 * kSecond);
+  EXPECT_EQ(systems.Take(0), "frame 20 8 (0)");
+  endpoint.Pause(open.id, systems.Now());
+  systems.Run(4 * kSecond);
+  EXPECT_EQ(systems.Take(0), "lost 20 8");
+  EXPECT_TRUE(stranger.sides[0].received.ends_with(
+      FromHex("0000 04 01 00 02 01 00 00000000 00000000 faf4 0008"))); // which says so
 }
 
 TEST(TCPE_Endpoint, StrangersAreFewAndShortLived) {

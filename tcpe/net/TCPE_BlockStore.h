@@ -1,0 +1,32 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+/// Memory for received commands, used again and again.
+class TCPE_BlockStore {
+public:
+  explicit TCPE_BlockStore(std::size_t size) : mSize(size) {}
+  ~TCPE_BlockStore();
+  TCPE_BlockStore(const TCPE_BlockStore&) = delete;
+  TCPE_BlockStore& operator=(const TCPE_BlockStore&) = delete;
+
+  std::size_t Size() const { return mSize; }
+  /// A block, aligned for everything. One thread at a time.
+  void* Take();
+  /// From any thread.
+  void Give(void* block);
+
+private:
+  struct Free {
+    Free* next;
+  };
+  /// Beyond so many blocks are not kept.
+  static constexpr std::size_t kKept = 1024;
+
+  static void Release(Free* first);
+
+  const std::size_t mSize;
+  Free* mTaken = nullptr; ///< of those given back; the taking thread's own
+  std::atomic<Free*> mGiven = nullptr;
+};

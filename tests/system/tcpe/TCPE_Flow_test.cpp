@@ -1,0 +1,243 @@
+#include "tests/support/RawPeer.h"
+
+#include <trel/Trel_CommPreferences.h>
+
+#include <future>
+#include <latch>
+
+namespace {
+
+void Work(std::chrono::microseconds duration) {
+  const std::int64_t end = Sys_Clock::RawMicroseconds() + duration.count();
+  while (Sys_Clock::RawMicroseconds() < end) {
+  }
+}
+
+/// The times that came are 0, 1, 2, ...
+void ExpectUnbrokenBeginning(const TestSystem& system, std::uint32_t from, std::size_t atLeast = 0) {
+  std::int64_t next = 0;
+  for (const std::string& text : system.From(from)) {
+    if (text.starts_with("TestRunningTime")) {
+      ASSERT_EQ(text, "TestRunningTime " + std::to_string(next++));
+    }
+  }
+  EXPECT_GE(next, static_cast<std::int64_t>(atLeast));
+}
+
+TEST(TCPE_Flow, ABurstToASlowHandlerIsHandledToTheLast) {
+  const struct {
+    std::int64_t commands;
+    std::chrono::microseconds each;
+  } cases[] = {{20'000, std::chrono::microseconds(20)}, {2'000, std::chrono::microseconds(1'000)}};
+  for (const auto& test : cases) {
+    TestSystem a(0), b(1);
+    b.handler = [&test](const std::string& text, std::uint32_t) {
+      text.starts_with("TestRunningTime") ? Work(test.each) : void();
+    };
+    b.inPlace = [](const std::string& text, std::uint32_t) { return text == "GetState"; };
+    Link(a, b);
+    RoundTrips inPlace(a, b.Address());
+    std::size_t most = 0;
+    for (std::int64_t i = 0; i < test.commands; ++i) {
+      ASSERT_EQ(a.SendTime(i, b.Address()), eTCPE_CommErr_None);
+      most = i % 64 == 0 ? std::max(most, PeerOf(b, a.Address()).handlers.waiting) : most;
+    }
+    inPlace.ExpectUndisturbed();
+    TCPE_PeerSnapshot sent;
+    EXPECT_TRUE(Eventually([&] { return (sent = PeerOf(a, b.Address())).sentCommands.inFlight == 0; }));
+    ExpectUnbrokenBeginning(b, a.Address(), static_cast<std::size_t>(test.commands));
+    EXPECT_GT(most, TCPE_Limits{}.maxCommandsOut / 2);
+    ExpectWithin("commands that waited", static_cast<std::int64_t>(most),
+                 static_cast<std::int64_t>(TCPE_Limits{}.maxCommandsOut));
+    // Quiet: what one side sent is what the other one got, and all of it is finished.
+    const TCPE_CommandCount received = PeerOf(b, a.Address()).receivedCommands;
+    EXPECT_EQ(sent.sentCommands.commands, received.commands);
+    EXPECT_EQ(sent.sentCommands.finished, received.commands);
+    EXPECT_EQ(received.finished, received.commands);
+    EXPECT_EQ(received.inFlight + received.refused + sent.sentCommands.refused + sent.sentCommands.abandoned, 0U);
+    EXPECT_TRUE(a.IsConnected(b.Address()));
+    EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+  }
+}
+
+TEST(TCPE_Flow, AHandlerThatNeverReturnsEndsTheConnectionAtBothSides) {
+  std::latch hold(1);
+  TestSystem a(0), b(1);
+  b.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 10" ? hold.wait() : void(); };
+  Link(a, b);
+  std::int64_t sent = 0;
+  std::int64_t began = 0;
+  while (a.SendTime(sent, b.Address()) == eTCPE_CommErr_None) {
+    ++sent;
+    began = Sys_Clock::RawMicroseconds();
+  }
+  ExpectWithin("the sender waited at least, us", TCPE_Limits{}.tooSlow - 100'000, Sys_Clock::RawMicroseconds() - began);
+  ExpectWithin("and at most, us", Sys_Clock::RawMicroseconds() - began, TCPE_Limits{}.tooSlow + 1'000'000);
+  EXPECT_EQ(sent, 10 + static_cast<std::int64_t>(TCPE_Limits{}.maxCommandsOut));
+  EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
+  EXPECT_EQ(a.Count(ErrorText(eNetworkError_PeerTooSlow)), 1);
+  EXPECT_TRUE(Eventually([&] { return PeerOf(b, a.Address()).lastLoss == eNetworkError_PeerTooSlow; }))
+      << "told while the handler hangs";
+  EXPECT_EQ(PeerOf(a, b.Address()).sentCommands.abandoned, TCPE_Limits{}.maxCommandsOut);
+  hold.count_down();
+  EXPECT_TRUE(Eventually([&] { return b.Count(ErrorText(eNetworkError_PeerTooSlow)) == 1; }));
+  ExpectUnbrokenBeginning(b, a.Address(), static_cast<std::size_t>(sent));
+}
+
+TEST(TCPE_Flow, APeerWithoutCreditsIsNotLimitedAndLosesNothing) {
+  constexpr std::uint32_t kPeer = 0x7f000030;
+  constexpr std::uint32_t kCommands = 2 * TCPE_Limits{}.maxCommandsOut;
+  std::latch hold(1);
+  TestSystem a(0);
+  a.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 0" ? hold.wait() : void(); };
+  ASSERT_EQ(a.Start(), 0);
+  RawPeer peer = RawPeer::Admitted(kPeer, a.Address());
+  peer.Send(RawTime(0)); // and not what it has finished
+  EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime 0") == 1; }));
+  const std::jthread flood([&peer] { // it takes no more than there is room for until the handler ends
+    for (std::uint32_t i = 1; i < kCommands; ++i) {
+      peer.Send(RawTime(i));
+    }
+  });
+  const auto waiting = [&] { return PeerOf(a, kPeer).handlers.waiting; };
+  EXPECT_TRUE(Eventually([&] { return waiting() > TCPE_Limits{}.maxQueuedCommands; }));
+  for (std::uint32_t i = 0; i < kCommands; ++i) {
+    ASSERT_EQ(a.SendTime(i, kPeer), eTCPE_CommErr_None);
+  }
+  constexpr std::size_t kBatch = 64;
+  EXPECT_LE(waiting(), TCPE_Limits{}.maxQueuedCommands + kBatch);
+  hold.count_down();
+  for (std::uint32_t i = 0; i < kCommands; ++i) {
+    ASSERT_EQ(peer.Read().type, eTrel_Cmd_TestRunningTime);
+  }
+  EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime") == kCommands; }));
+  ExpectUnbrokenBeginning(a, kPeer, kCommands);
+  EXPECT_EQ(a.Count("error"), 0);
+}
+
+TEST(TCPE_Flow, HandlersThatFloodAndQueryEachOtherGoOn) {
+  constexpr std::int64_t kFlood = 5'000;
+  TestSystem a(0), b(1);
+  std::atomic<int> failures = 0;
+  std::atomic<std::int64_t> worst = 0;
+  for (TestSystem* system : {&a, &b}) {
+    // Every command is answered with one, every fiftieth with a query too; the answers are worked on.
+    system->handler = [&, system](const std::string& text, std::uint32_t from) {
+      if (!text.starts_with("TestRunningTime")) {
+        return;
+      }
+      const std::int64_t number = std::stoll(text.substr(text.find(' ')));
+      Work(std::chrono::microseconds(20));
+      if (number < kFlood) {
+        failures += system->SendTime(kFlood, from) != eTCPE_CommErr_None ? 1 : 0;
+      }
+      if (number % 50 == 1) {
+        const std::int64_t begin = Sys_Clock::RawMicroseconds();
+        failures += system->Query(from) != eTCPE_CommErr_None ? 1 : 0;
+        worst = std::max(worst.load(), Sys_Clock::RawMicroseconds() - begin);
+      }
+    };
+  }
+  Link(a, b);
+  const auto flood = [&](TestSystem& from, const TestSystem& to) {
+    for (std::int64_t i = 0; i < kFlood; ++i) {
+      failures += from.SendTime(i, to.Address()) != eTCPE_CommErr_None ? 1 : 0;
+    }
+  };
+  auto other = std::async(std::launch::async, [&] { flood(b, a); });
+  flood(a, b);
+  other.get();
+  EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime") == 2 * kFlood; }));
+  EXPECT_TRUE(Eventually([&] { return b.Count("TestRunningTime") == 2 * kFlood; }));
+  EXPECT_EQ(failures, 0);
+  ExpectWithin("worst query, us", worst, 2'000'000);
+}
+
+TEST(TCPE_Flow, WhoWaitsIsWokenByWhateverEndsTheConnection) {
+  const std::function<void(TestSystem & a, TestSystem & b)> ends[] = {
+      [](TestSystem& a, TestSystem&) { a.Terminate(); },
+      [](TestSystem& a, TestSystem& b) { a.Disconnect(b.Address()); },
+      [](TestSystem&, TestSystem& b) { b.Terminate(); },
+  };
+  for (int round = 0; round < 4; ++round) {
+    for (const auto& end : ends) {
+      std::latch hold(1);
+      TestSystem a(0), b(1);
+      b.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 0" ? hold.wait() : void(); };
+      Link(a, b);
+      std::vector<std::jthread> senders;
+      for (int sender = 0; sender < 4; ++sender) {
+        senders.emplace_back([&] {
+          while (a.SendTime(0, b.Address()) == eTCPE_CommErr_None) {
+          }
+        });
+      }
+      ASSERT_TRUE(Eventually([&] { return PeerOf(a, b.Address()).waitingSenders == senders.size(); }));
+      const std::int64_t begin = Sys_Clock::RawMicroseconds();
+      const auto ending = std::async(std::launch::async, [&] { end(a, b); });
+      senders.clear();
+      hold.count_down(); // no handler is left behind when b ends
+      ending.wait();
+      ASSERT_LE(Sys_Clock::RawMicroseconds() - begin, 1'000'000);
+    }
+  }
+}
+
+/// A host that pumps, at the address of the second test system.
+class PumpingHost final : public TCPE_CommManager {
+public:
+  ~PumpingHost() { Terminate(); }
+  std::int32_t Start() {
+    SetHostPumpedDelivery(true);
+    TCPE_CommPreferences preferences(kAddress, TestPort());
+    return Initialize(&preferences, nullptr);
+  }
+  static constexpr std::uint32_t kAddress = 0x7f00000b;
+
+private:
+  TCPE_CommTask* CreateCommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort,
+                                TCPE_System* record) override {
+    return new Trel_CommTask(communicationPort, discoveryPort, record, 128, this);
+  }
+};
+
+TEST(TCPE_Flow, AHostThatPumpsGetsEverythingAndIsRefusedWhatItWouldHaveToWaitFor) {
+  constexpr std::int64_t kFlood = 5'000;
+  std::latch hold(1);
+  TestSystem a(0);
+  PumpingHost host;
+  a.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 1" ? hold.wait() : void(); };
+  ASSERT_EQ(a.Start() + host.Start(), 0);
+  ASSERT_TRUE(a.Connect(PumpingHost::kAddress));
+  std::jthread flood([&] {
+    for (std::int64_t i = 0; i < kFlood; ++i) {
+      EXPECT_EQ(a.SendTime(i, PumpingHost::kAddress), eTCPE_CommErr_None);
+    }
+  });
+  std::int64_t next = 0;
+  EXPECT_TRUE(Eventually([&] {
+    while (TCPE_Command* const command = host.TakeCommand()) {
+      const auto* time = dynamic_cast<const Trel_Cmd_TestRunningTime*>(command);
+      EXPECT_TRUE(time == nullptr || time->GetTime() == next++);
+      host.DisposeCommand(command);
+    }
+    return next == kFlood;
+  }));
+  Trel_Cmd_TestRunningTime command(1);
+  command.SetIPAddressTo(a.Address());
+  std::size_t sent = 0;
+  for (; command.GetError() == eTCPE_CommErr_None && sent <= 2 * TCPE_Limits{}.maxCommandsOut; ++sent) {
+    host.SendCommand(&command);
+  }
+  EXPECT_EQ(command.GetError(), eTCPE_CommErr_QueueFull);
+  EXPECT_EQ(sent, TCPE_Limits{}.maxCommandsOut + 1);
+  {
+    const TCPE_CommManager::NeverWaits neverWaits;
+    host.SendCommand(&command);
+    EXPECT_EQ(command.GetError(), eTCPE_CommErr_None) << "kept";
+  }
+  hold.count_down();
+  EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime") == static_cast<std::int64_t>(sent); }));
+}
+
+} // namespace

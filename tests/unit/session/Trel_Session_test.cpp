@@ -1,0 +1,920 @@
+#include "tests/support/Sanitized.h"
+#include "tests/support/SimulatedLink.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Link = SimulatedLink;
+using Time = Link::Time;
+using EventKind = Link::Kind;
+using Answer = Link::Answer;
+
+constexpr Time kMillisecond = Link::kMillisecond;
+constexpr Time kSecond = Link::kSecond;
+
+/// After the last fault everybody is linked within this time: a sequence that has to time out, the longest pause, and
+/// another sequence.
+constexpr Time kTimeToRecover = 30 * kSecond;
+
+constexpr std::uint32_t kSlowness = kIsSanitized ? 20 : 1;
+constexpr std::size_t kMostShown = 50'000; ///< of the log of a run that fails
+
+class SessionTest : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(Numberings, SessionTest, testing::Bool(),
+                         [](const auto& numbering) { return numbering.param ? "Current" : "Legacy"; });
+
+/// A link of one seed, and what befalls it.
+class RandomRun {
+public:
+  RandomRun(bool isCurrent, std::uint32_t seed, int systems, bool mayMesh, std::ostream* log)
+      : mRandom(seed), mLink(isCurrent, seed), mMasters(Below(6) == 0 && systems > 3 ? 2 : 1) {
+    mLink.log = log;
+    const bool wantsMesh = mayMesh && Below(2) == 0;
+    const Time delays[] = {0, 2 * kMillisecond, 20 * kMillisecond};
+    const Time delay = delays[Below(3)];
+    const Time thought = Below(3) == 0 ? 3 * kSecond : 100 * kMillisecond;
+    SimulatedHost host;
+    if (Below(3) != 0) {
+      host.longestPreparation = 6 * kSecond;
+      host.percentReady = 95;
+      host.percentDeclined = 10;
+      host.percentSilent = 10;
+    }
+    for (int number = 0; number < systems; ++number) {
+      const bool isMaster = number < mMasters;
+      const bool searches = Below(3) == 0;
+      mLink.Add({.isMaster = isMaster,
+                 .masterAddress = isMaster || searches ? 0 : Link::AddressOf(static_cast<int>(Below(mMasters))),
+                 .wantsMesh = isMaster && wantsMesh});
+      mLink.At(number).largestDelay = delay;
+      mLink.At(number).largestThought = thought;
+      mLink.At(number).host.Behave(host);
+      mLink.At(number).host.answersDelay = Below(8) != 0;
+      mLink.At(number).around.startDelay = Below(4) == 0 ? Below(300 * kMillisecond) : 0;
+      mLink.network.After(Below(3) == 0 ? Below(2 * kSecond) : 0, [this, number] { mLink.Start(number); });
+    }
+    if (Below(8) == 0) {
+      mLink.network.Chop(30, 1U + static_cast<std::uint32_t>(Below(2000)));
+    }
+  }
+
+  void Suffer(int faults) {
+    for (int fault = 0; fault < faults; ++fault) {
+      mLink.Run(Below(2) == 0 ? Below(300 * kMillisecond) : Below(5 * kSecond));
+      if (Below(2) == 0) {
+        Conduct();
+        mLink.Run(Below(kSecond));
+      }
+      Befall(Below(4) == 0 ? Below(mMasters) : Below(mLink.Count()));
+      ++mFaults;
+    }
+    mLink.Run(Below(kSecond));
+  }
+  /// Everything is as it should be from now on. How long it takes until the links are.
+  Time Heal() {
+    for (int number = 0; number < mLink.Count(); ++number) {
+      mLink.Freeze(number, false);
+      mLink.CutOff(number, false);
+      mLink.Start(number);
+      mLink.At(number).around.allowsSatellites = number < mMasters;
+      mLink.At(number).isChanged = true;
+      if (number < mMasters && mLink.At(number).around.self.address != Link::AddressOf(number)) {
+        mLink.Move(number, Link::AddressOf(number)); // where the satellites look for it
+      }
+    }
+    const auto time = mLink.RunUntilAgreed(kTimeToRecover);
+    if (!time) {
+      throw std::logic_error("not well again: " + std::to_string(mLink.CountAsked()) + " wait, " +
+                             mLink.Disagreement());
+    }
+    return *time;
+  }
+  /// All links are well: so each of them can play.
+  void PlayTogether() {
+    for (int number = 0; number < mLink.Count(); ++number) {
+      mLink.At(number).host.Behave({});
+      mLink.SetAround(number, [](auto& around) { around.startDelay = 100 * kMillisecond; });
+      mLink.Input(number, [](auto& core) { core.State().SetTakingPart(true); });
+    }
+    for (int master = 0; master < mMasters; ++master) {
+      const int holder = mLink.network.Find(mLink.At(master).core->Control().GetHolder());
+      const auto members = mLink.MembersOf(master);
+      Expect(mLink.Stop(holder), master);
+      mLink.Run(7 * kSecond); // the longest of what hosts still had to do
+      Expect(mLink.Prime(holder), master);
+      mLink.Run(2 * kSecond);
+      mLink.StartPlayback(holder, {.withoutUnready = false});
+      mLink.Run(2 * kSecond);
+      Expect(mLink.At(holder).starts.back().refusal, master);
+      const Time start = mLink.At(holder).starts.back().runningTime;
+      for (const int member : members) {
+        const auto& ended = mLink.At(member).host.ended;
+        const bool plays = mLink.At(member).core->State().Own().transport == eTrel_State_Play;
+        if (!plays || ended.empty() || ended.back() != start) {
+          throw std::logic_error("S" + std::to_string(member) + " does not play with S" + std::to_string(master));
+        }
+      }
+    }
+  }
+  int Faults() const { return mFaults; }
+  Link& GetLink() { return mLink; }
+
+private:
+  template <class Bound>
+  Bound Below(Bound bound) {
+    return static_cast<Bound>(mRandom() % static_cast<std::uint64_t>(bound));
+  }
+  void Expect(Trel_LinkRefusal refusal, int master) {
+    if (refusal != Trel_LinkRefusal::none) {
+      throw std::logic_error("S" + std::to_string(master) + " is refused " + std::to_string(static_cast<int>(refusal)));
+    }
+  }
+  /// Somebody, who may be in control or not, primes, starts and stops, as far as there is time before the next fault.
+  void Conduct() {
+    const int master = Below(mMasters);
+    const auto& core = mLink.At(master).core;
+    const int holder = core ? mLink.network.Find(core->Control().GetHolder()) : 0;
+    const int who = holder < 0 || Below(5) == 0 ? Below(mLink.Count()) : holder;
+    if (Below(8) != 0) {
+      mLink.Prime(who, {.in = Below(3) * kSecond});
+    }
+    const Trel_StartRequest::When whens[] = {Trel_StartRequest::When::in, Trel_StartRequest::When::asSoonAsPossible};
+    const Trel_StartRequest start = {
+        .when = whens[Below(2)], .time = Below(2 * kSecond), .withoutUnready = Below(2) == 0};
+    mLink.network.After(Below(2) * kSecond / 4 + Below(kSecond / 4), [=, this] { mLink.StartPlayback(who, start); });
+    if (Below(3) == 0) {
+      mLink.network.After(Below(5 * kSecond), [=, this] { mLink.Stop(who); });
+    }
+  }
+  /// A system changes what it tells the others.
+  void ChangeState(int number) {
+    const bool isOn = Below(2) == 0;
+    const auto group = static_cast<ETrel_Group>(Below(6));
+    const std::uint32_t address = Below(2) == 0 ? 0 : Link::AddressOf(Below(mLink.Count()));
+    const int what = Below(12);
+    mLink.Input(number, [=, this](auto& core) {
+      Trel_SharedState& state = core.State();
+      switch (what) {
+      case 0:
+        return state.SetSoloed(isOn);
+      case 1:
+        return state.SetRecording(isOn);
+      case 2:
+        return state.SetOnline(isOn);
+      case 3:
+        return state.SetTakingPart(isOn);
+      case 4:
+        return state.SetVideoReference(isOn ? eTrel_VideoReferenceFormat_NTSC : eTrel_VideoReferenceFormat_Undefined);
+      case 5:
+        return state.SetDialog(isOn ? "Save S" + std::to_string(number) + '?' : "");
+      case 6:
+        return void(state.SetLoopPlay(isOn));
+      case 7:
+        return void(state.SetSelection({.in = mFaults, .out = kSecond}));
+      case 8:
+        return void(state.EnableGroup(group, isOn));
+      case 9:
+        return void(state.SoloAll(isOn));
+      case 10:
+        return void(state.RequestTakingPart(isOn, address));
+      default:
+        return void(state.PressButton(isOn));
+      }
+    });
+  }
+  void Befall(int number) {
+    Link::System& system = mLink.At(number);
+    const auto later = [this, number](Time longest, auto what) {
+      mLink.network.After(Below(3) == 0 ? Below(50 * kMillisecond) : Below(longest),
+                          [this, number, what] { what(mLink, number); });
+    };
+    switch (Below(18)) {
+    case 0:
+    case 1:
+      mLink.Kill(number, Below(2) == 0);
+      system.around.self.uniqueID += Below(2) * 1000;
+      later(6 * kSecond, [](Link& link, int which) { link.Start(which); });
+      break;
+    case 2:
+    case 3:
+      mLink.Freeze(number, true);
+      later(7 * kSecond, [](Link& link, int which) { link.Freeze(which, false); });
+      break;
+    case 4:
+    case 5:
+      mLink.CutOff(number, true);
+      later(8 * kSecond, [](Link& link, int which) { link.CutOff(which, false); });
+      break;
+    case 6:
+      if (system.core) {
+        mLink.Move(number, system.around.self.address + 1);
+      }
+      break;
+    case 7:
+      mLink.End(number);
+      later(3 * kSecond, [](Link& link, int which) { link.Begin(which); });
+      break;
+    case 8:
+      mLink.Unlink(number, number < mMasters ? Link::AddressOf(Below(mLink.Count())) : system.master);
+      later(3 * kSecond, [](Link& link, int which) { link.Begin(which); });
+      break;
+    case 9:
+      mLink.SetAround(number, [](auto& around) { around.allowsSatellites = false; });
+      later(3 * kSecond,
+            [](Link& link, int which) { link.SetAround(which, [](auto& around) { around.allowsSatellites = true; }); });
+      break;
+    case 10:
+      mLink.Rename(number, "N" + std::to_string(mFaults));
+      mLink.Input(Below(mMasters), [this, number](auto& core) {
+        core.SetOrderNumber(mLink.At(number).around.self.address, 1 + Below(9), mLink.Now());
+      });
+      break;
+    case 11:
+      mLink.LoseClock(number);
+      break;
+    case 12:
+    case 13:
+    case 14:
+      for (int changes = 1 + Below(8); changes > 0; --changes) {
+        ChangeState(Below(2) == 0 ? Below(mMasters) : Below(mLink.Count()));
+      }
+      break;
+    default:
+      for (int asker = 1 + Below(3); asker > 0; --asker) {
+        mLink.network.After(Below(3) * Below(20 * kMillisecond),
+                            [this, which = Below(mLink.Count())] { mLink.Ask(which); });
+      }
+    }
+  }
+
+  std::mt19937_64 mRandom;
+  Link mLink;
+  const int mMasters;
+  int mFaults = 0;
+};
+
+struct Totals {
+  std::int64_t runs = 0;
+  std::int64_t faults = 0;
+  std::int64_t messages = 0;
+  std::int64_t begun = 0;
+  std::int64_t failed = 0;
+  std::int64_t together = 0;
+  Time longestRecovery = 0;
+  std::uint32_t slowest = 0;
+};
+
+void Play(bool isCurrent, std::uint32_t seed, int systems, bool mayMesh, Totals* totals, std::ostream* log) {
+  RandomRun run(isCurrent, seed, systems, mayMesh, log);
+  run.Suffer(1 + static_cast<int>(seed % 9));
+  const Time recovery = run.Heal();
+  run.PlayTogether();
+  ++totals->runs;
+  totals->faults += run.Faults();
+  totals->messages += run.GetLink().messages;
+  totals->begun += run.GetLink().begun;
+  totals->failed += run.GetLink().failed;
+  totals->together += run.GetLink().together;
+  if (recovery > totals->longestRecovery) {
+    totals->longestRecovery = recovery;
+    totals->slowest = seed;
+  }
+}
+
+/// Plays runs, of 3 to 8 systems unless told otherwise; shows the first that fails.
+void PlayAll(bool isCurrent, std::uint32_t runs, int systems, bool mayMesh) {
+  Totals totals;
+  for (std::uint32_t seed = 1; seed <= runs; ++seed) {
+    const int count = systems != 0 ? systems : 3 + static_cast<int>(seed % 6);
+    try {
+      Play(isCurrent, seed, count, mayMesh, &totals, nullptr);
+    } catch (const std::logic_error& failure) {
+      std::ostringstream log;
+      try {
+        Play(isCurrent, seed, count, mayMesh, &totals, &log);
+      } catch (const std::logic_error&) { // of course
+      }
+      const std::string text = log.str();
+      FAIL() << text.substr(text.size() - std::min(text.size(), kMostShown)) << failure.what() << ", seed " << seed
+             << ", " << count << " systems";
+    }
+  }
+  std::cout << totals.runs << " runs with " << totals.faults << " faults and " << totals.messages << " messages, "
+            << totals.begun << " starts and " << totals.failed << " that failed, " << totals.together
+            << " together; until all was well again " << totals.longestRecovery << " us, limit " << kTimeToRecover
+            << " (seed " << totals.slowest << ")\n";
+}
+
+TEST_P(SessionTest, LinksSurviveWhateverBefallsThem) { PlayAll(GetParam(), 2000 / kSlowness, 0, true); }
+
+TEST_P(SessionTest, FullLinksSurviveWhateverBefallsThem) { PlayAll(GetParam(), 20 / kSlowness, 129, false); }
+
+// --- rules that such runs do not pin ------------------------------------------------------------------------------
+
+/// A link without faults of which system 0 is the master; all are linked.
+struct Linked : Link {
+  Linked(bool isCurrent, int systems, bool wantsMesh = false) : Link(isCurrent, 1) {
+    for (int number = 0; number < systems; ++number) {
+      Add({.isMaster = number == 0, .masterAddress = number == 0 ? 0 : AddressOf(0), .wantsMesh = wantsMesh});
+      Start(number);
+    }
+    EXPECT_TRUE(RunUntilAgreed(3 * kSecond)) << Disagreement();
+  }
+  void GiveControl(int number) {
+    At(0).percentAgreed = 100;
+    Ask(number);
+    Run(kSecond);
+    EXPECT_EQ(At(number).answers[Answer::granted], 1);
+  }
+  /// The last event of a kind that a system has told; another kind when there is none.
+  Link::Event Last(int number, EventKind kind) {
+    const auto& told = At(number).told;
+    const auto found =
+        std::find_if(told.rbegin(), told.rend(), [kind](const Event& event) { return event.kind == kind; });
+    return found != told.rend() ? *found : Event{.kind = EventKind::searching};
+  }
+};
+
+TEST_P(SessionTest, AMeshOfEightComesTogether) { Linked link(GetParam(), 8, true); }
+
+TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
+  const struct {
+    const char* name;
+    std::function<void(Linked&)> what;
+    Time atLeast, atMost; ///< until control has fallen to the master
+  } cases[] = {
+      {"leaves", [](Linked& link) { link.End(1); }, 0, kSecond / 10},
+      {"is cut off", [](Linked& link) { link.CutOff(1, true); }, 3 * kSecond, 5 * kSecond},
+      {"is unlinked", [](Linked& link) { link.Unlink(0, Link::AddressOf(1)); }, 0, kSecond},
+      {"is unlinked while it is cut off",
+       [](Linked& link) {
+         link.CutOff(1, true);
+         link.Unlink(0, Link::AddressOf(1));
+       },
+       3 * kSecond, 4 * kSecond},
+      {"is left while it is being asked",
+       [](Linked& link) {
+         link.At(1).largestThought = 9 * kSecond;
+         link.Ask(2);
+         link.Run(kSecond / 10);
+         link.Move(0, Link::AddressOf(0) + 1);
+       },
+       3 * kSecond, 5 * kSecond},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    Linked link(GetParam(), 3);
+    link.GiveControl(1);
+    test.what(link);
+    const Time begin = link.Now();
+    while (!link.At(0).core->Control().HasControl() && link.Now() - begin < 9 * kSecond) {
+      link.Run(10 * kMillisecond); // two holders end the test
+    }
+    EXPECT_GE(link.Now() - begin, test.atLeast);
+    EXPECT_LE(link.Now() - begin, test.atMost);
+  }
+}
+
+TEST_P(SessionTest, ARefusalIsToldAtOnce) {
+  Linked link(GetParam(), 3);
+  link.GiveControl(1);
+  link.At(1).percentAgreed = 0;
+  link.Ask(2);
+  link.Run(kSecond);
+  EXPECT_EQ(link.At(2).answers[Answer::busy], 1);
+  EXPECT_TRUE(link.At(1).core->Control().HasControl());
+}
+
+TEST_P(SessionTest, AnIdentifierIsUsedOnceButItsOwnerMayMove) {
+  Linked link(GetParam(), 3);
+  link.Kill(2, false);
+  link.At(2).around.self.uniqueID = link.At(1).around.self.uniqueID;
+  link.Start(2);
+  link.Run(2 * kSecond);
+  const Link::Event refused = link.Last(2, EventKind::refused);
+  EXPECT_EQ(refused.reason, Link::Event::Reason::identifierUsed);
+  EXPECT_EQ(refused.other.address, Link::AddressOf(1));
+  EXPECT_EQ(link.Last(0, EventKind::refused).system.address, Link::AddressOf(2));
+  EXPECT_GE(link.Last(2, EventKind::waiting).value, 3'750'000) << "not the longest pause";
+
+  link.At(0).told.clear();
+  link.Kill(2, false);
+  link.Move(1, Link::AddressOf(1) + 1); // its old connection is not known to be dead yet
+  EXPECT_TRUE(link.RunUntilAgreed(5 * kSecond)) << link.Disagreement();
+  EXPECT_EQ(link.Last(0, EventKind::refused).kind, EventKind::searching);
+}
+
+// --- playing together ---------------------------------------------------------------------------------------------
+
+using Reason = Link::Event::Reason;
+using Missing = Trel_StartOutcome::Missing;
+using When = Trel_StartRequest::When;
+
+/// A link whose systems have primed, and whose master or a satellite is in control.
+struct Playing : Linked {
+  Playing(bool isCurrent, int systems, int conductor = 0, bool wantsMesh = false)
+      : Linked(isCurrent, systems, wantsMesh), holder(conductor) {
+    if (conductor != 0) {
+      GiveControl(conductor);
+    }
+  }
+  void PrimeAll() {
+    EXPECT_EQ(Prime(holder, range), Trel_LinkRefusal::none);
+    Run(kSecond / 2);
+  }
+  /// The running time of it.
+  Time StartIn(Time time, bool withoutUnready = false) {
+    StartPlayback(holder, {.when = When::in, .time = time, .withoutUnready = withoutUnready});
+    EXPECT_EQ(At(holder).starts.back().refusal, Trel_LinkRefusal::none);
+    return At(holder).starts.back().runningTime;
+  }
+  bool Plays(int number) const {
+    const auto& core = mSystemsOf(number);
+    return core && core->State().Own().transport == eTrel_State_Play;
+  }
+
+  int holder;
+  Trel_PlayRange range = {.in = 5 * kSecond, .out = 7 * kSecond};
+
+private:
+  const std::unique_ptr<Core>& mSystemsOf(int number) const { return const_cast<Playing*>(this)->At(number).core; }
+};
+
+TEST_P(SessionTest, EverybodyPlaysWhoeverConducts) {
+  const struct {
+    int systems, conductor;
+    bool isMesh;
+  } cases[] = {{1, 0, false}, {2, 1, false}, {5, 0, false}, {5, 2, false}, {8, 0, true}, {8, 3, true}};
+  for (const auto& test : cases) {
+    SCOPED_TRACE(std::to_string(test.systems) + " systems, conducted by " + std::to_string(test.conductor));
+    Playing link(GetParam(), test.systems, test.conductor, test.isMesh);
+    for (int round = 0; round < 2; ++round) { // the second without a stop in between
+      link.PrimeAll();
+      const Time start = link.StartIn(kSecond / 2);
+      link.Run(kSecond);
+      for (int number = 0; number < test.systems; ++number) {
+        SCOPED_TRACE(number);
+        const Link::Event started = link.Last(number, EventKind::started);
+        EXPECT_EQ(started.start.runningTime, start);
+        EXPECT_EQ(started.start.position, link.range.in);
+        EXPECT_EQ(started.system.address, Link::AddressOf(number == link.holder ? number
+                                                          : number == 0         ? link.holder
+                                                                                : 0));
+        EXPECT_FALSE(started.start.isJoining);
+        EXPECT_EQ(started.value, 0);
+      }
+      const Trel_StartOutcome outcome = link.Last(0, EventKind::together).outcome;
+      EXPECT_EQ(outcome.runningTime, start);
+      EXPECT_EQ(outcome.late.size(), static_cast<std::size_t>(test.systems));
+      EXPECT_EQ(outcome.spread, 0);
+    }
+    EXPECT_EQ(link.Stop(link.holder), Trel_LinkRefusal::none);
+    link.Run(kSecond / 10);
+    for (int number = 0; number < test.systems; ++number) {
+      EXPECT_FALSE(link.Plays(number));
+      EXPECT_FALSE(link.At(number).host.hasSomething);
+    }
+    EXPECT_EQ(link.RunUntilAgreed(2 * kSecond), 0) << link.Disagreement();
+  }
+}
+
+TEST_P(SessionTest, AStartHasAnEndWhateverBefallsASystem) {
+  enum class Phase : std::uint8_t { correlating, primed, started };
+  const auto nothing = std::optional<Reason>();
+  const struct {
+    const char* name;
+    Phase phase;
+    std::function<void(Playing&)> what; ///< befalls system 2
+    std::optional<Missing> missing;     ///< at the master
+    std::optional<Reason> failed;       ///< at system 2
+  } cases[] = {
+      {"its clock is not found", Phase::correlating, [](Playing& link) { link.LoseClock(2); }, Missing::failed,
+       Reason::clockNotLocked},
+      {"it is killed when primed", Phase::primed, [](Playing& link) { link.Kill(2, false); }, {}, nothing},
+      {"it moves when primed", Phase::primed, [](Playing& link) { link.Move(2, Link::AddressOf(2) + 1); },
+       Missing::lost, Reason::notPrimed},
+      {"it is cut off when primed", Phase::primed, [](Playing& link) { link.CutOff(2, true); }, Missing::lost, nothing},
+      {"it is killed", Phase::started, [](Playing& link) { link.Kill(2, false); }, Missing::lost, nothing},
+      {"it loses its power", Phase::started, [](Playing& link) { link.Kill(2, true); }, Missing::lost, nothing},
+      {"it is frozen", Phase::started, [](Playing& link) { link.Freeze(2, true); }, Missing::lost, nothing},
+      {"it is cut off", Phase::started, [](Playing& link) { link.CutOff(2, true); }, Missing::lost, nothing},
+      {"it moves", Phase::started, [](Playing& link) { link.Move(2, Link::AddressOf(2) + 1); }, Missing::lost, nothing},
+      {"its session ends", Phase::started, [](Playing& link) { link.End(2); }, Missing::lost, Reason::superseded},
+      {"its clock is lost", Phase::started,
+       [](Playing& link) { link.At(2).leastCorrelation = 3 * kSecond, link.LoseClock(2); }, Missing::failed,
+       Reason::declined},
+      {"its host declines", Phase::primed, [](Playing& link) { link.At(2).host.percentDeclined = 100; },
+       Missing::failed, Reason::declined},
+      {"its host says nothing", Phase::primed, [](Playing& link) { link.At(2).host.percentSilent = 100; },
+       Missing::notReported, Reason::hostSilent},
+  };
+  for (const int conductor : {0, 1}) {
+    for (const auto& test : cases) {
+      SCOPED_TRACE(test.name);
+      SCOPED_TRACE(conductor);
+      Playing link(GetParam(), 4, conductor);
+      link.PrimeAll();
+      if (test.phase != Phase::started) {
+        test.what(link);
+        link.Run(kSecond / 10);
+      }
+      const Time start = link.StartIn(kSecond + kSecond / 2, true);
+      link.Run(kSecond / 10);
+      if (test.phase == Phase::started) {
+        test.what(link);
+      }
+      link.Run(5 * kSecond);
+      for (const int other : {0, 1, 3}) {
+        EXPECT_EQ(link.Last(other, EventKind::started).start.runningTime, start);
+      }
+      const Trel_StartOutcome outcome = link.Last(0, EventKind::together).outcome;
+      EXPECT_EQ(outcome.runningTime, start);
+      const auto missing = outcome.missing.find(Link::AddressOf(2));
+      ASSERT_EQ(missing != outcome.missing.end(), test.missing.has_value());
+      EXPECT_TRUE(!test.missing || missing->second == *test.missing) << static_cast<int>(missing->second);
+      EXPECT_EQ(outcome.late.size(), 3U);
+      if (link.At(2).core) {
+        const Reason reason = link.Last(2, EventKind::startFailed).reason;
+        EXPECT_EQ(reason, test.failed.value_or(Reason::none));
+      }
+    }
+  }
+}
+
+TEST_P(SessionTest, WhoComesBackWhileTheOthersPlayJoinsThem) {
+  const struct {
+    const char* name;
+    bool isLoop, isDuringCountdown;
+    std::function<void(Playing&)> goes, returns;
+  } cases[] = {
+      {"restarts", false, false, [](Playing& link) { link.Kill(2, false); }, [](Playing& link) { link.Start(2); }},
+      {"restarts, in a loop", true, false, [](Playing& link) { link.Kill(2, false); },
+       [](Playing& link) { link.Start(2); }},
+      {"was cut off", true, false, [](Playing& link) { link.CutOff(2, true); },
+       [](Playing& link) { link.CutOff(2, false); }},
+      {"was frozen", false, false, [](Playing& link) { link.Freeze(2, true); },
+       [](Playing& link) { link.Freeze(2, false); }},
+      {"moves", false, false, [](Playing& link) { link.Move(2, Link::AddressOf(2) + 1); }, [](Playing&) {}},
+      {"restarts before they begin", false, true, [](Playing& link) { link.Kill(2, false); },
+       [](Playing& link) { link.Start(2); }},
+      {"is primed for something else", false, false,
+       [](Playing& link) {
+         link.CutOff(2, true);
+         link.Run(4 * kSecond);
+         EXPECT_EQ(link.Prime(link.holder, {.in = 0}), Trel_LinkRefusal::none);
+         link.Run(kSecond);
+         link.range.in = 0;
+         link.StartIn(kSecond / 10);
+       },
+       [](Playing& link) { link.CutOff(2, false); }},
+  };
+  for (const auto& test : cases) {
+    for (const int conductor : {0, 1}) {
+      SCOPED_TRACE(test.name);
+      Playing link(GetParam(), 4, conductor);
+      EXPECT_EQ(link.At(conductor).core->State().SetLoopPlay(test.isLoop), Trel_LinkRefusal::none);
+      link.PrimeAll();
+      link.StartIn(kSecond);
+      link.Run(kSecond / 10);
+      if (!test.isDuringCountdown) {
+        link.Run(2 * kSecond);
+      }
+      test.goes(link);
+      link.Run(test.isDuringCountdown ? kSecond / 10 : 4 * kSecond);
+      const Time start = link.At(conductor).starts.back().runningTime;
+      test.returns(link);
+      link.Run(10 * kSecond);
+      EXPECT_TRUE(link.Plays(2));
+      const Link::Event started = link.Last(2, EventKind::started);
+      const Time played = started.start.runningTime - start;
+      EXPECT_TRUE(played > 0 || test.isDuringCountdown);
+      EXPECT_EQ(started.start.isJoining, played > 0);
+      EXPECT_EQ(started.start.position, link.range.in + (test.isLoop ? played % (2 * kSecond) : played));
+      EXPECT_EQ(started.value, 0);
+      EXPECT_EQ(link.Last(0, EventKind::together).outcome.runningTime, start) << "another round";
+
+      EXPECT_EQ(link.Stop(conductor), Trel_LinkRefusal::none);
+      link.Kill(3, false);
+      link.Start(3);
+      link.Run(5 * kSecond);
+      EXPECT_FALSE(link.At(3).host.hasSomething) << "nobody plays any more";
+    }
+  }
+}
+
+TEST_P(SessionTest, NobodyStartsByTheClockOfAMasterThatIsGone) {
+  for (const bool isStarted : {false, true}) {
+    SCOPED_TRACE(isStarted);
+    Playing link(GetParam(), 4);
+    link.PrimeAll();
+    const Time start = isStarted ? link.StartIn(6 * kSecond) : 0;
+    link.Run(kSecond);
+    link.Kill(0, false);
+    link.Start(0); // with a running time of its own
+    EXPECT_TRUE(link.RunUntilAgreed(8 * kSecond)) << link.Disagreement();
+    link.Run(6 * kSecond);
+    for (int number = 1; number < 4; ++number) {
+      const Link::Event failed = link.Last(number, EventKind::startFailed);
+      EXPECT_EQ(failed.reason, isStarted ? Reason::masterGone : Reason::none);
+      EXPECT_EQ(failed.start.runningTime, start);
+      EXPECT_EQ(link.Last(number, EventKind::started).kind, EventKind::searching);
+      EXPECT_EQ(link.At(number).host.isPrimed, !isStarted) << "it would begin";
+    }
+    link.PrimeAll();
+    link.StartIn(kSecond / 10);
+    link.Run(kSecond);
+    EXPECT_EQ(link.Last(0, EventKind::together).outcome.late.size(), 4U);
+  }
+}
+
+TEST_P(SessionTest, AStartIsRefusedInOneWord) {
+  using Refusal = Trel_LinkRefusal;
+  constexpr Time kFarthest = Trel_Conductor::kFarthestStart;
+  const struct {
+    const char* name;
+    std::function<void(Playing&)> what;
+    int who;
+    Trel_StartRequest start;
+    Refusal refusal;
+  } cases[] = {
+      {"not in control", [](Playing&) {}, 1, {}, Refusal::notInControl},
+      {"not linked", [](Playing& link) { link.Kill(0, false), link.Run(kSecond); }, 1, {}, Refusal::notLinked},
+      {"in the past", [](Playing&) {}, 0, {.when = When::at}, Refusal::inThePast},
+      {"before now", [](Playing&) {}, 0, {.when = When::in, .time = -1}, Refusal::inThePast},
+      {"too far", [](Playing&) {}, 0, {.when = When::in, .time = kFarthest + 1}, Refusal::tooFarAhead},
+      {"far", [](Playing&) {}, 0, {.when = When::in, .time = kFarthest}, Refusal::none},
+      {"not primed", [](Playing& link) { link.Stop(0); }, 0, {}, Refusal::notPrimed},
+      {"one is not primed",
+       [](Playing& link) { link.Add({.masterAddress = Link::AddressOf(0)}), link.Start(3), link.Run(kSecond / 2); },
+       0,
+       {},
+       Refusal::othersNotReady},
+      {"one has no clock",
+       [](Playing& link) { link.LoseClock(2), link.Run(kSecond / 5); },
+       0,
+       {},
+       Refusal::othersNotReady},
+      {"one takes no part",
+       [](Playing& link) {
+         link.LoseClock(2);
+         link.Input(2, [](auto& core) { core.State().SetTakingPart(false); });
+         link.Run(kSecond / 5);
+       },
+       0,
+       {.when = When::in},
+       Refusal::none},
+      {"without the one",
+       [](Playing& link) { link.LoseClock(2), link.Run(kSecond / 5); },
+       0,
+       {.when = When::in, .withoutUnready = true},
+       Refusal::none},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    Playing link(GetParam(), 3);
+    link.PrimeAll();
+    test.what(link);
+    link.StartPlayback(test.who, test.start);
+    ASSERT_EQ(link.At(test.who).starts.size(), 1U) << "not at once";
+    const Trel_StartAnswer answer = link.At(test.who).starts.back();
+    EXPECT_EQ(answer.refusal, test.refusal);
+    EXPECT_EQ(answer.unready.empty(), test.refusal != Refusal::othersNotReady && !test.start.withoutUnready);
+    link.Run(kSecond);
+    EXPECT_EQ(link.Last(0, EventKind::start).kind == EventKind::start, test.refusal == Refusal::none);
+  }
+}
+
+TEST_P(SessionTest, OnlyWhoIsInControlConducts) {
+  using Command = Link::Message;
+  Playing link(GetParam(), 3, 1);
+  link.PrimeAll();
+  const struct {
+    Command::Any message;
+    Link::Event::Wish wish;
+    Reason reason = Reason::notInControl;
+  } cases[] = {{Command::Prime{}, Link::Event::Wish::prime},
+               {Command::StartPlayback{1}, Link::Event::Wish::start},
+               {Command::StartPlayback{std::numeric_limits<Time>::min()}, Link::Event::Wish::start, Reason::noSuchTime},
+               {Command::StartPlayback{100'000 * kSecond}, Link::Event::Wish::start, Reason::tooFarAhead},
+               {Command::StopPlayback{}, Link::Event::Wish::stop},
+               {Command::SetLoopPlay{true}, Link::Event::Wish::loopPlay},
+               {Command::SetCurrentSelection{}, Link::Event::Wish::selection},
+               {Command::RequestGroupEnable{eTrel_Group_1, true}, Link::Event::Wish::groups},
+               {Command::SoloAllTracks{true}, Link::Event::Wish::soloAll},
+               {Command::RequestLink{false}, Link::Event::Wish::takePart},
+               {Command::RequestOnline{true}, Link::Event::Wish::online}};
+  for (const auto& test : cases) {
+    SCOPED_TRACE(static_cast<int>(test.wish));
+    link.At(0).told.clear();
+    link.Input(0, [&](auto& core) { core.Received(Link::AddressOf(2), test.message, link.Now()); });
+    const Link::Event refused = link.Last(0, EventKind::wishRefused);
+    EXPECT_EQ(refused.kind, EventKind::wishRefused);
+    EXPECT_EQ(refused.system.address, Link::AddressOf(2));
+    EXPECT_EQ(refused.wish, test.wish);
+    EXPECT_EQ(refused.reason, test.reason);
+  }
+  link.Run(kSecond);
+  EXPECT_EQ(link.RunUntilAgreed(2 * kSecond), 0) << link.Disagreement();
+  EXPECT_EQ(link.At(1).core->State().Own().transport, eTrel_State_PrimeCompleted);
+}
+
+TEST_P(SessionTest, AStartWaitsForWhoNeedsLongest) {
+  const struct {
+    int conductor;
+    Time delays[4]; ///< -1: does not answer
+    Time atLeast, atMost;
+    bool isNamed;
+  } cases[] = {
+      {0, {0, 0, 0, 0}, 100, 130, false},      {0, {0, 20, 400, 30}, 500, 530, false},
+      {0, {700, 0, 0, 0}, 800, 830, false},    {0, {0, 0, 10'000, 0}, 10'100, 10'130, false},
+      {0, {0, 0, 10'001, 20}, 120, 150, true}, {0, {0, 200, -1, 0}, 300, 330, false},
+      {1, {0, 0, 400, 0}, 500, 550, false},    {1, {0, 300, 0, 0}, 400, 450, false},
+  };
+  for (const auto& test : cases) {
+    Playing link(GetParam(), 4, test.conductor);
+    for (int number = 0; number < 4; ++number) {
+      link.At(number).largestDelay = kMillisecond;
+      link.At(number).host.answersDelay = test.delays[number] >= 0;
+      link.SetAround(number,
+                     [&](auto& around) { around.startDelay = std::max<Time>(0, test.delays[number]) * kMillisecond; });
+    }
+    link.PrimeAll();
+    const Time asked = link.Now();
+    link.StartPlayback(test.conductor);
+    while (link.At(test.conductor).starts.empty() && link.Now() - asked <= kSecond) {
+      link.Run(kMillisecond);
+    }
+    ASSERT_EQ(link.At(test.conductor).starts.size(), 1U);
+    const Trel_StartAnswer answer = link.At(test.conductor).starts.back();
+    EXPECT_EQ(answer.refusal, Trel_LinkRefusal::none);
+    const Time ahead = answer.runningTime - *link.RunningTime(test.conductor);
+    EXPECT_GE(ahead, test.atLeast * kMillisecond);
+    EXPECT_LE(ahead, test.atMost * kMillisecond);
+    EXPECT_EQ(answer.unready.contains(Link::AddressOf(2)), test.isNamed);
+    link.Run(12 * kSecond);
+    EXPECT_EQ(link.Last(0, EventKind::together).outcome.late.size(), 4U);
+  }
+}
+
+// --- what all know of each other ----------------------------------------------------------------------------------
+
+TEST_P(SessionTest, TheSatellitesOfAStarHearEachOtherThroughTheMaster) {
+  Playing link(GetParam(), 4, 1);
+  const auto change = [&link](int number, auto what) {
+    link.Input(number, [&](auto& core) { what(core.State()); });
+    link.Run(kSecond / 10);
+  };
+  const auto seen = [&link](int number) { return link.At(number).core->State().Of(Link::AddressOf(0)); };
+  const auto settings = [&link](int number) { return link.At(number).core->State().Shared(); };
+
+  change(1, [](auto& state) { state.SetSoloed(true), state.SetRecording(true), state.SetDialog("Save?"); });
+  EXPECT_FALSE(seen(1).isSoloed || seen(1).isRecording) << "its own";
+  EXPECT_TRUE(seen(2).isSoloed && seen(2).isRecording);
+  EXPECT_EQ(seen(3).dialog, "Save?");
+  change(2, [](auto& state) { state.SetSoloed(true), state.SetDialog("Quit?"); });
+  EXPECT_TRUE(seen(1).isSoloed);
+  EXPECT_EQ(seen(1).dialog, "Quit?");
+  EXPECT_EQ(seen(2).dialog, "Save?");
+
+  change(3, [](auto& state) { EXPECT_EQ(state.PressButton(true), Trel_LinkRefusal::none); });
+  EXPECT_TRUE(link.Last(1, EventKind::dialogClosed).isOn);
+  EXPECT_EQ(seen(3).dialog, "Quit?") << "the other one";
+  link.Kill(2, false); // with the dialog
+  link.Run(kSecond / 10);
+  EXPECT_EQ(seen(3).dialog, "");
+  EXPECT_FALSE(seen(1).isSoloed);
+  EXPECT_TRUE(seen(3).isSoloed);
+  change(3, [](auto& state) { EXPECT_EQ(state.PressButton(true), Trel_LinkRefusal::noDialog); });
+
+  const auto setAll = [](auto& state) {
+    return std::array{state.SetLoopPlay(true), state.SetSelection({.in = 1, .out = 2}),
+                      state.EnableGroup(eTrel_Group_3, true), state.SoloAll(true)};
+  };
+  for (const int who : {3, 1}) {
+    const auto refusal = who == 1 ? Trel_LinkRefusal::none : Trel_LinkRefusal::notInControl;
+    change(who, [&](auto& state) { EXPECT_EQ(setAll(state), (std::array{refusal, refusal, refusal, refusal})); });
+    EXPECT_EQ(settings(3).loopPlay, who == 1);
+  }
+  link.Start(2);
+  EXPECT_TRUE(link.RunUntilAgreed(5 * kSecond)) << link.Disagreement();
+  for (int number = 0; number < 4; ++number) {
+    EXPECT_EQ(settings(number), (Trel_SharedSettings{true, {.in = 1, .out = 2}, {false, false, true, false}}));
+    EXPECT_EQ(link.At(number).core->State().Own().isSoloed, number != 2);
+  }
+}
+
+/// One core, and nothing around it.
+struct Single {
+  using Core = Link::Core;
+  using Action = Link::Action;
+  using Message = Link::Message;
+
+  Single(bool isCurrent, bool isMaster)
+      : core(Core::Make({.isMaster = isMaster,
+                         .isCurrentNumbering = isCurrent,
+                         .masterAddress = isMaster ? 0U : 1U,
+                         .wantsMesh = isMaster})) {
+    core->Notice({.self = {.address = isMaster ? 1U : 2U, .port = 1, .uniqueID = 7},
+                  .allowsSatellites = true,
+                  .maxSatellites = 8},
+                 0);
+    core->Begin(0);
+  }
+  /// What it does up to a time, as far as it is of one kind.
+  template <class What>
+  std::vector<std::pair<Time, What>> Take(Time until) {
+    std::vector<std::pair<Time, What>> taken;
+    for (Time now = 0;;) {
+      for (const Action::Any& action : core->TakeActions()) {
+        if (const auto* const of = std::get_if<What>(&action)) {
+          taken.emplace_back(now, *of);
+        }
+      }
+      now = core->NextDeadline();
+      if (now > until) {
+        return taken;
+      }
+      core->Tick(now);
+    }
+  }
+  std::unique_ptr<Core> core;
+};
+
+TEST_P(SessionTest, AMasterGivesASequenceItsTime) {
+  Single master(GetParam(), true);
+  master.core->Connected({.address = 3, .uniqueID = 3}, 3, 0);
+  master.core->Received(3, Link::Message::ConnectComplete{}, 0);
+  master.core->Connected({.address = 4, .uniqueID = 4}, 4, 0); // is to connect to the other, and says nothing
+  const auto disconnects = master.Take<Link::Action::Disconnect>(60 * kSecond);
+  ASSERT_EQ(disconnects.size(), 1U);
+  EXPECT_EQ(disconnects[0].second.address, 4U);
+  EXPECT_EQ(disconnects[0].first, 35 * kSecond); // for the word on its connections, and to complete
+}
+
+TEST_P(SessionTest, ASatelliteGivesASequenceItsTime) {
+  Single satellite(GetParam(), false);
+  satellite.core->ConnectEnded(1, 9, 0);
+  const auto disconnects = satellite.Take<Link::Action::Disconnect>(25 * kSecond);
+  ASSERT_EQ(disconnects.size(), 1U);
+  EXPECT_EQ(disconnects[0].first, 20 * kSecond);
+}
+
+TEST_P(SessionTest, PausesGrow) {
+  Single satellite(GetParam(), false);
+  Time now = 0;
+  for (Time pause = kSecond / 4; pause < 20 * kSecond; pause *= 2) {
+    satellite.core->ConnectEnded(1, 0, now);
+    const auto connects = satellite.Take<Link::Action::Connect>(now += 6 * kSecond);
+    const Time longest = std::min(pause, 5 * kSecond);
+    ASSERT_FALSE(connects.empty());
+    const Time waited = connects.back().first - (now - 6 * kSecond) - kSecond / 10; // for the reason of a refusal
+    EXPECT_GE(waited, longest * 3 / 4);
+    EXPECT_LE(waited, longest);
+  }
+}
+
+TEST_P(SessionTest, ConnectionsBeforeAreNotTakenForThePresentOne) {
+  Single satellite(GetParam(), false);
+  satellite.core->TakeActions();
+  satellite.core->NetworkError(1, eNetworkError_ConnectionLost, false, 0);
+  satellite.core->ConnectEnded(1, 9, 0);
+  EXPECT_TRUE(satellite.Take<Link::Action::Disconnect>(0).empty()) << "what stands has not ended";
+  satellite.core->Connected({.address = 3}, 3, kSecond);
+  EXPECT_EQ(satellite.core->GetLinkedAddresses(), std::set{3U});
+  EXPECT_EQ(satellite.Take<Link::Action::Listen>(0).size(), 1U);
+  satellite.core->Heard(3, std::nullopt, kSecond); // an end of the connection before has ended this one
+  EXPECT_EQ(satellite.core->GetLinkedAddresses(), std::set<std::uint32_t>());
+}
+
+TEST_P(SessionTest, NobodyTakesAnothersIdentifierForItsOwn) {
+  Single satellite(GetParam(), false);
+  satellite.core->ConnectEnded(1, 9, 0);
+  satellite.core->Received(1, Link::Message::ListSystems{{{.address = 1, .place = 2}, {.address = 2, .place = 1}}}, 0);
+  satellite.core->Received(1, Link::Message::AllConnectionsComplete{}, 0);
+  satellite.Take<Link::Action::Send>(kSecond);
+  satellite.core->Received(1, Link::Message::SetOrderNumber{1, 1, 5}, kSecond); // its place by an old list
+  satellite.core->Received(1, Link::Message::SystemInControl{1, 5}, kSecond);
+  EXPECT_TRUE(satellite.core->IsLinked()) << "who hears of control is";
+  EXPECT_FALSE(satellite.core->Control().HasControl());
+}
+
+} // namespace
