@@ -12,8 +12,8 @@
 #include "foundation/Sys_Process.h"
 #include "foundation/Sys_SecretFile.h"
 #include "tcpe/TCPE_AdaptorChoice.h"
+#include "tcpe/engine/TCPE_Engine.h"
 #include "tcpe/net/TCPE_ByteTap.h"
-#include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
@@ -238,8 +238,8 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
         std::max(1, SPSStartupOptionSInt32(
                         "AuthenticationFailureSeconds",
                         static_cast<std::int32_t>(limits.authenticationFailure / kMicrosecondsPerSecond)));
-    const std::shared_ptr<TCPE_Engine> engine =
-        TCPE_Engine::Make({.manager = this,
+    const std::shared_ptr<TCPE_Engine> engine = std::make_shared<TCPE_Engine>(
+        TCPE_Engine::Setup{.manager = this,
                            .task = std::move(task),
                            .limits = limits,
                            .localAddress = adaptor.address,

@@ -3,7 +3,7 @@
 #include "link/host/Trel_LinkClock.h"
 #include "link/host/Trel_LinkEvents.h"
 #include "link/session/Trel_SessionCore.h"
-#include "tcpe/net/TCPE_HandlerPool.h"
+#include "tcpe/engine/TCPE_HandlerPool.h"
 
 #include <trel/host/Trel_LinkSession.h>
 

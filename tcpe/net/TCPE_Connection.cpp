@@ -1,7 +1,5 @@
 #include "tcpe/net/TCPE_Connection.h"
 
-#include "tcpe/net/TCPE_HandlerPool.h"
-
 #include <trel/Sys_Clock.h>
 
 #include <array>
@@ -85,21 +83,24 @@ std::optional<TCPE_CommErr> TCPE_Connection::TrySendCommand(std::span<const std:
   return eTCPE_CommErr_None;
 }
 
-TCPE_CommErr TCPE_Connection::SendCommand(std::span<const std::byte> frame, Keeping keeping) {
-  std::optional<TCPE_HandlerPool::WaitScope> waits; // ends outside the lock
-  std::unique_lock lock(mMutex);
+bool TCPE_Connection::LineUp(Waiter& waiter) {
+  const std::lock_guard lock(mMutex);
   if (mWaitingEnded != eTCPE_CommErr_None) {
-    return mWaitingEnded;
+    waiter.error = mWaitingEnded;
+    return false;
   }
-  if (!IsAnybodyWaiting() && MaySendCommand(frame)) {
-    return SendCommandNow(frame);
+  if (!IsAnybodyWaiting() && MaySendCommand(waiter.frame)) {
+    waiter.error = SendCommandNow(waiter.frame);
+    return false;
   }
-  Waiter waiter{.frame = frame, .isHandler = keeping == Keeping::ofHandler};
   mWaiters.push_back(&waiter);
   WatchProgress();
-  waits.emplace();
+  return true;
+}
+
+void TCPE_Connection::Await(Waiter& waiter) {
+  std::unique_lock lock(mMutex);
   waiter.ended.wait(lock, [&waiter] { return waiter.hasEnded; });
-  return waiter.error;
 }
 
 bool TCPE_Connection::HasWaitingSenders() const {

@@ -53,6 +53,15 @@ public:
     std::size_t waiting = 0; ///< senders that wait for that
   };
 
+  /// A sender that waits for its turn; on its stack.
+  struct Waiter {
+    std::span<const std::byte> frame;
+    bool isHandler = false; ///< whose command may be kept
+    TCPE_CommErr error = eTCPE_CommErr_None;
+    bool hasEnded = false;
+    std::condition_variable ended{};
+  };
+
   TCPE_Connection(asio::io_context& context, asio::ip::tcp::socket socket, Owner& owner, const TCPE_Limits& limits,
                   TCPE_ByteTap& tap, TCPE_Endpoint::Id id, std::uint32_t address);
 
@@ -75,9 +84,11 @@ public:
   /// Sends an asynchronous command, or keeps it. Never blocks. Nothing when it would have to wait.
   std::optional<TCPE_CommErr> TrySendCommand(std::span<const std::byte> frame, Keeping keeping,
                                              std::size_t* keptByThisJob = nullptr);
-  /// Sends an asynchronous command when it is its turn, or keeps that of a handler as soon as there is room for that;
-  /// fails when the connection ends.
-  TCPE_CommErr SendCommand(std::span<const std::byte> frame, Keeping keeping);
+  /// Has an asynchronous command sent when it is its turn. False when its sender need not wait: it has been sent, or
+  /// has failed. Who gets true must call Await.
+  bool LineUp(Waiter& waiter);
+  /// Until the command has been sent or kept, or the connection ends.
+  void Await(Waiter& waiter);
   Flow GetFlow() const;
   /// Somebody waits for a reply, or to send.
   bool HasWaitingSenders() const;
@@ -127,14 +138,6 @@ private:
   enum class Urgency : std::uint8_t {
     now,  ///< write at once
     soon, ///< write at once when the connection was quiet; within a burst leave it to the network thread
-  };
-  /// A sender that waits for its turn; on its stack.
-  struct Waiter {
-    std::span<const std::byte> frame;
-    bool isHandler = false; ///< whose command may be kept
-    TCPE_CommErr error = eTCPE_CommErr_None;
-    bool hasEnded = false;
-    std::condition_variable ended{};
   };
 
   std::size_t QueuedBytes() const { return mQueue.size() - mQueueBegin; }

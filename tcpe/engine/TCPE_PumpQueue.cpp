@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_PumpQueue.h"
+#include "tcpe/engine/TCPE_PumpQueue.h"
 
 #include "foundation/Cmn_HostCall.h"
 

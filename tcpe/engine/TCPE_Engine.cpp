@@ -1,8 +1,8 @@
-#include "tcpe/net/TCPE_RunningEngine.h"
+#include "tcpe/engine/TCPE_Engine.h"
 
 #include "foundation/Cmn_HostCall.h"
-#include "tcpe/net/TCPE_HandlerDelivery.h"
-#include "tcpe/net/TCPE_PumpQueue.h"
+#include "tcpe/engine/TCPE_HandlerDelivery.h"
+#include "tcpe/engine/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 
 #include <trel/Sys_Clock.h>
@@ -39,13 +39,7 @@ ETCPE_NetworkError RefusalOf(TCPE_CommErr error) {
 
 } // namespace
 
-void TCPE_Engine::DisposeOrphan(TCPE_Command* command) { TCPE_PumpQueue::ReturnOrphan(command); }
-
-std::shared_ptr<TCPE_Engine> TCPE_Engine::Make(Setup setup) {
-  return std::make_shared<TCPE_RunningEngine>(std::move(setup));
-}
-
-TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
+TCPE_Engine::TCPE_Engine(Setup setup)
     : mManager(*setup.manager), mTask(std::move(setup.task)), mLimits(setup.limits),
       mMaxConnections(std::min<std::size_t>(mTask->GetMaxSatellites(), mLimits.maxConnections)),
       mLocalAddress(setup.localAddress), mBroadcastAddress(setup.broadcastAddress),
@@ -63,13 +57,13 @@ TCPE_RunningEngine::TCPE_RunningEngine(Setup setup)
                               .discoveryPort = setup.answersDiscovery ? mTask->GetDiscoveryPort() : std::uint16_t{0}},
           *mByteTap, static_cast<TCPE_Network::Listener&>(*this))) {}
 
-void TCPE_RunningEngine::SetHostPumpedDelivery(bool hostPumped) {
+void TCPE_Engine::SetHostPumpedDelivery(bool hostPumped) {
   if (hostPumped) {
     mDelivery = std::make_unique<TCPE_PumpQueue>(mLimits, mOnNetworkError);
   }
 }
 
-ETCPE_Status TCPE_RunningEngine::Start() {
+ETCPE_Status TCPE_Engine::Start() {
   try {
     mDelivery->Start(shared_from_this());
   } catch (const std::system_error&) {
@@ -82,7 +76,7 @@ ETCPE_Status TCPE_RunningEngine::Start() {
   return status;
 }
 
-void TCPE_RunningEngine::Stop() {
+void TCPE_Engine::Stop() {
   mIsStopping = true;
   mDiscoveryClient.Stop();
   mNetwork->Stop();
@@ -97,9 +91,9 @@ void TCPE_RunningEngine::Stop() {
   mDelivery->Stop(mLimits.handlersAtEnd);
 }
 
-bool TCPE_RunningEngine::IsOnOwnThread() const { return mNetwork->IsOnNetworkThread() || mDelivery->IsOnOwnThread(); }
+bool TCPE_Engine::IsOnOwnThread() const { return mNetwork->IsOnNetworkThread() || mDelivery->IsOnOwnThread(); }
 
-bool TCPE_RunningEngine::Connect(std::uint32_t address) {
+bool TCPE_Engine::Connect(std::uint32_t address) {
   if (!IsPossiblePeer(address) || mNetwork->IsOnNetworkThread()) {
     return false;
   }
@@ -129,7 +123,7 @@ bool TCPE_RunningEngine::Connect(std::uint32_t address) {
   return attempt->isConnected;
 }
 
-bool TCPE_RunningEngine::Disconnect(std::uint32_t address) {
+bool TCPE_Engine::Disconnect(std::uint32_t address) {
   ConnectionPointer connection;
   {
     const std::lock_guard lock(mConnectedMutex);
@@ -151,9 +145,9 @@ bool TCPE_RunningEngine::Disconnect(std::uint32_t address) {
   return isEnded;
 }
 
-bool TCPE_RunningEngine::IsConnected(std::uint32_t address) const { return ConnectionOf(address) != nullptr; }
+bool TCPE_Engine::IsConnected(std::uint32_t address) const { return ConnectionOf(address) != nullptr; }
 
-std::set<std::uint32_t> TCPE_RunningEngine::GetConnectedAddresses() const {
+std::set<std::uint32_t> TCPE_Engine::GetConnectedAddresses() const {
   std::set<std::uint32_t> addresses;
   const std::lock_guard lock(mConnectedMutex);
   for (const auto& [address, connection] : mConnected) {
@@ -162,17 +156,17 @@ std::set<std::uint32_t> TCPE_RunningEngine::GetConnectedAddresses() const {
   return addresses;
 }
 
-std::uint64_t TCPE_RunningEngine::GetPeerInstance(std::uint32_t address) const {
+std::uint64_t TCPE_Engine::GetPeerInstance(std::uint32_t address) const {
   const ConnectionPointer connection = ConnectionOf(address);
   return connection ? connection->GetPeerInstance() : 0;
 }
 
-std::uint64_t TCPE_RunningEngine::GetConnection(std::uint32_t address) const {
+std::uint64_t TCPE_Engine::GetConnection(std::uint32_t address) const {
   const ConnectionPointer connection = ConnectionOf(address);
   return connection ? connection->GetId() : 0;
 }
 
-std::map<std::uint32_t, std::uint64_t> TCPE_RunningEngine::GetConnections() const {
+std::map<std::uint32_t, std::uint64_t> TCPE_Engine::GetConnections() const {
   std::map<std::uint32_t, std::uint64_t> connections;
   const std::lock_guard lock(mConnectedMutex);
   for (const auto& [address, connection] : mConnected) {
@@ -181,7 +175,7 @@ std::map<std::uint32_t, std::uint64_t> TCPE_RunningEngine::GetConnections() cons
   return connections;
 }
 
-void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
+void TCPE_Engine::SendCommand(TCPE_Command& command) {
   const TCPE_CommErr error = Send(command);
   command.SetError(error);
   if (error != eTCPE_CommErr_None && command.IsSynchronous()) {
@@ -189,9 +183,9 @@ void TCPE_RunningEngine::SendCommand(TCPE_Command& command) {
   }
 }
 
-TCPE_Command* TCPE_RunningEngine::TakeCommand() { return mDelivery->Take(); }
+TCPE_Command* TCPE_Engine::TakeCommand() { return mDelivery->Take(); }
 
-void TCPE_RunningEngine::DisposeCommand(TCPE_Command* command) {
+void TCPE_Engine::DisposeCommand(TCPE_Command* command) {
   if (const ReceivedPointer received = mDelivery->Return(command)) {
     mDispatcher.Finish(*received);
   } else {
@@ -199,7 +193,7 @@ void TCPE_RunningEngine::DisposeCommand(TCPE_Command* command) {
   }
 }
 
-void TCPE_RunningEngine::NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) {
+void TCPE_Engine::NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) {
   if (error == eNetworkError_None) {
     return;
   }
@@ -210,17 +204,17 @@ void TCPE_RunningEngine::NetworkErrorOccured(ETCPE_NetworkError error, std::uint
   }
 }
 
-void TCPE_RunningEngine::SetLocalSystemType(ETCPE_SystemType type) {
+void TCPE_Engine::SetLocalSystemType(ETCPE_SystemType type) {
   mNetwork->SetLocalSystemType(static_cast<std::uint8_t>(type));
 }
 
-void TCPE_RunningEngine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { mDispatcher.SetCommandLog(log); }
+void TCPE_Engine::SetCommandLog(TCPE_CommManager::CommandLogProc log) { mDispatcher.SetCommandLog(log); }
 
-bool TCPE_RunningEngine::GetAuthenticationFailed(std::uint32_t address) const {
+bool TCPE_Engine::GetAuthenticationFailed(std::uint32_t address) const {
   return mNetwork->HasAuthenticationFailed(address);
 }
 
-TCPE_Counters TCPE_RunningEngine::GetCounters() const {
+TCPE_Counters TCPE_Engine::GetCounters() const {
   TCPE_Counters counters = mDispatcher.GetCounters();
   const TCPE_Endpoint::Counts& counts = mNetwork->Counts();
   counters.refusedConnections = counts.refusals;
@@ -238,7 +232,7 @@ TCPE_Counters TCPE_RunningEngine::GetCounters() const {
   return counters;
 }
 
-TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
+TCPE_EngineSnapshot TCPE_Engine::GetSnapshot() const {
   std::map<std::uint32_t, ConnectionPointer> connected;
   std::string adaptorName;
   {
@@ -277,8 +271,7 @@ TCPE_EngineSnapshot TCPE_RunningEngine::GetSnapshot() const {
   return snapshot;
 }
 
-bool TCPE_RunningEngine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
-                                            std::uint32_t address) {
+bool TCPE_Engine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) {
   const std::uint32_t target = address != 0 ? address : mBroadcastAddress.load();
   return target != 0 && mLocalAddress != 0 &&
          mDiscoveryClient.Ask(socket,
@@ -289,17 +282,17 @@ bool TCPE_RunningEngine::SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_Discover
                               mLocalAddress, target, mTask->GetDiscoveryPort());
 }
 
-bool TCPE_RunningEngine::ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
-                                               std::int32_t* remainingMilliseconds, TCPE_DiscoveryCodec::Reply* reply) {
+bool TCPE_Engine::ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind,
+                                        std::int32_t* remainingMilliseconds, TCPE_DiscoveryCodec::Reply* reply) {
   return mDiscoveryClient.Receive(socket, kind, mLocalAddress, remainingMilliseconds, reply);
 }
 
-bool TCPE_RunningEngine::IsFull() const {
+bool TCPE_Engine::IsFull() const {
   const std::lock_guard lock(mConnectedMutex);
   return mConnected.size() >= mMaxConnections;
 }
 
-void TCPE_RunningEngine::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) {
+void TCPE_Engine::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) {
   {
     const std::lock_guard lock(mConnectedMutex);
     mAdaptorName = adaptorName;
@@ -309,7 +302,7 @@ void TCPE_RunningEngine::MoveTo(std::uint32_t address, std::uint32_t broadcastAd
   mNetwork->MoveTo(address, broadcastAddress);
 }
 
-TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
+TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
   TCPE_Endpoint::Config config;
   config.limits = mLimits;
   config.local.hello.majorVersion = mTask->GetCurrentProtocolMajorVersion();
@@ -334,15 +327,14 @@ TCPE_Endpoint::Config TCPE_RunningEngine::EndpointConfig(std::shared_ptr<const T
   return config;
 }
 
-TCPE_DiscoveryCodec::Config
-TCPE_RunningEngine::DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const {
+TCPE_DiscoveryCodec::Config TCPE_Engine::DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const {
   return {.majorVersion = mTask->GetCurrentProtocolMajorVersion(),
           .minorVersion = mTask->GetCurrentProtocolMinorVersion(),
           .types = mTypes,
           .key = std::move(key)};
 }
 
-TCPE_DiscoveryResponder::Config TCPE_RunningEngine::ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
+TCPE_DiscoveryResponder::Config TCPE_Engine::ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
   return {.limits = mLimits,
           .datagrams = DatagramConfig(std::move(key)),
           .describe =
@@ -356,7 +348,7 @@ TCPE_DiscoveryResponder::Config TCPE_RunningEngine::ResponderConfig(std::shared_
           .random = Sys_Umid::Random64};
 }
 
-std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t address) {
+std::vector<std::byte> TCPE_Engine::MakeConnectFrame(std::uint32_t address) {
   TCPE_CommandCodec codec;
   const TCPE_CommandCodec::Stamp stamp{.wireType = mTypes.connect,
                                        .serial = ++mLastSerial,
@@ -378,19 +370,19 @@ std::vector<std::byte> TCPE_RunningEngine::MakeConnectFrame(std::uint32_t addres
   return {codec.Frame().begin(), codec.Frame().end()};
 }
 
-bool TCPE_RunningEngine::IsPossiblePeer(std::uint32_t address) const {
+bool TCPE_Engine::IsPossiblePeer(std::uint32_t address) const {
   constexpr std::uint32_t kFirstMulticast = 0xe0000000;
   return address != 0 && address != mLocalAddress && address != mBroadcastAddress && address < kFirstMulticast &&
          mLocalAddress != 0;
 }
 
-TCPE_RunningEngine::ConnectionPointer TCPE_RunningEngine::ConnectionOf(std::uint32_t address) const {
+TCPE_Engine::ConnectionPointer TCPE_Engine::ConnectionOf(std::uint32_t address) const {
   const std::lock_guard lock(mConnectedMutex);
   const auto position = mConnected.find(address);
   return position != mConnected.end() ? position->second : nullptr;
 }
 
-bool TCPE_RunningEngine::TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+bool TCPE_Engine::TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error) {
   const std::uint32_t address = connection->GetAddress();
   {
     const std::lock_guard lock(mConnectedMutex);
@@ -407,7 +399,7 @@ bool TCPE_RunningEngine::TryEnd(const ConnectionPointer& connection, ETCPE_Netwo
   return true;
 }
 
-bool TCPE_RunningEngine::EndAttempt(std::uint32_t address, bool isConnected) {
+bool TCPE_Engine::EndAttempt(std::uint32_t address, bool isConnected) {
   const auto position = mAttempts.find(address);
   if (position == mAttempts.end()) {
     return false;
@@ -419,7 +411,7 @@ bool TCPE_RunningEngine::EndAttempt(std::uint32_t address, bool isConnected) {
   return true;
 }
 
-void TCPE_RunningEngine::Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet) {
+void TCPE_Engine::Farewell(const ConnectionPointer& connection, TCPE_CommErr waitersGet) {
   connection->Calls().FailAll(waitersGet);
   connection->EndWaiting(waitersGet, true);
   TCPE_Cmd_Disconnect farewell(nullptr, mTypes.disconnect);
@@ -435,7 +427,7 @@ void TCPE_RunningEngine::Farewell(const ConnectionPointer& connection, TCPE_Comm
   mNetwork->End(connection, eNetworkError_None);
 }
 
-TCPE_CommErr TCPE_RunningEngine::Prepare(TCPE_Command& command, TCPE_eCmd* wireType) {
+TCPE_CommErr TCPE_Engine::Prepare(TCPE_Command& command, TCPE_eCmd* wireType) {
   if (mIsStopping) {
     return eTCPE_CommErr_NotInitialized;
   }
@@ -449,7 +441,7 @@ TCPE_CommErr TCPE_RunningEngine::Prepare(TCPE_Command& command, TCPE_eCmd* wireT
   return *wireType == mTypes.connect ? eTCPE_CommErr_NotSendable : eTCPE_CommErr_None;
 }
 
-TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
+TCPE_CommErr TCPE_Engine::Send(TCPE_Command& command) {
   TCPE_eCmd wireType = 0;
   if (const TCPE_CommErr error = Prepare(command, &wireType); error != eTCPE_CommErr_None) {
     return error;
@@ -479,14 +471,13 @@ TCPE_CommErr TCPE_RunningEngine::Send(TCPE_Command& command) {
   return error;
 }
 
-void TCPE_RunningEngine::NoteRefused(TCPE_Connection& connection, TCPE_CommErr error) {
+void TCPE_Engine::NoteRefused(TCPE_Connection& connection, TCPE_CommErr error) {
   connection.Traffic().AddError(error);
   TCPE_PeerTraffic::Add(connection.Traffic().sent.refused, 1);
 }
 
-std::vector<TCPE_CommErr> TCPE_RunningEngine::SendCommandToAll(TCPE_Command& command,
-                                                               std::span<const std::uint32_t> addresses,
-                                                               const TCPE_CommManager::ReplyProc& onReply) {
+std::vector<TCPE_CommErr> TCPE_Engine::SendCommandToAll(TCPE_Command& command, std::span<const std::uint32_t> addresses,
+                                                        const TCPE_CommManager::ReplyProc& onReply) {
   const bool isSynchronous = command.IsSynchronous();
   TCPE_eCmd wireType = 0;
   TCPE_CommErr error = Prepare(command, &wireType);
@@ -560,14 +551,14 @@ std::vector<TCPE_CommErr> TCPE_RunningEngine::SendCommandToAll(TCPE_Command& com
   return errors;
 }
 
-TCPE_CommErr TCPE_RunningEngine::Encode(TCPE_CommandCodec& codec, TCPE_Command& command,
-                                        const TCPE_CommandCodec::Stamp& stamp) {
+TCPE_CommErr TCPE_Engine::Encode(TCPE_CommandCodec& codec, TCPE_Command& command,
+                                 const TCPE_CommandCodec::Stamp& stamp) {
   return Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, eTCPE_CommErr_HandlerFailed,
                            [&] { return codec.EncodeCommand(*mTask, command, stamp); });
 }
 
-TCPE_CommErr TCPE_RunningEngine::SendInCredit(TCPE_Command& command, TCPE_Connection& connection,
-                                              const TCPE_CommandCodec::Stamp& stamp) {
+TCPE_CommErr TCPE_Engine::SendInCredit(TCPE_Command& command, TCPE_Connection& connection,
+                                       const TCPE_CommandCodec::Stamp& stamp) {
   TCPE_CommandCodec codec;
   TCPE_CommErr error = Encode(codec, command, stamp);
   if (error == eTCPE_CommErr_None) {
@@ -579,7 +570,7 @@ TCPE_CommErr TCPE_RunningEngine::SendInCredit(TCPE_Command& command, TCPE_Connec
   return error;
 }
 
-TCPE_CommErr TCPE_RunningEngine::SendInCredit(std::span<const std::byte> frame, TCPE_Connection& connection) {
+TCPE_CommErr TCPE_Engine::SendInCredit(std::span<const std::byte> frame, TCPE_Connection& connection) {
   using Keeping = TCPE_Connection::Keeping;
   std::size_t* const keptByThisJob = TCPE_HandlerPool::KeptByThisJob();
   const bool mayKeep = keptByThisJob != nullptr && *keptByThisJob < mLimits.maxKeptOfHandler;
@@ -592,11 +583,16 @@ TCPE_CommErr TCPE_RunningEngine::SendInCredit(std::span<const std::byte> frame, 
   if (mNetwork->IsOnNetworkThread() || !mDelivery->MayWaitHere()) {
     return eTCPE_CommErr_QueueFull;
   }
-  return connection.SendCommand(frame, keeping);
+  TCPE_Connection::Waiter waiter{.frame = frame, .isHandler = keeping == Keeping::ofHandler};
+  if (connection.LineUp(waiter)) {
+    const TCPE_HandlerPool::WaitScope waits;
+    connection.Await(waiter);
+  }
+  return waiter.error;
 }
 
-TCPE_CommErr TCPE_RunningEngine::SendQuery(std::span<const std::byte> frame, TCPE_Connection& connection,
-                                           std::uint32_t serial, TCPE_Call& call) {
+TCPE_CommErr TCPE_Engine::SendQuery(std::span<const std::byte> frame, TCPE_Connection& connection, std::uint32_t serial,
+                                    TCPE_Call& call) {
   if (const TCPE_CommErr refused = connection.Calls().Add(serial, call); refused != eTCPE_CommErr_None) {
     return refused;
   }
@@ -610,8 +606,8 @@ TCPE_CommErr TCPE_RunningEngine::SendQuery(std::span<const std::byte> frame, TCP
   return eTCPE_CommErr_None;
 }
 
-TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connection& connection,
-                                             TCPE_CommandCodec::Stamp stamp, bool* isSent) {
+TCPE_CommErr TCPE_Engine::SendAndWait(TCPE_Command& command, TCPE_Connection& connection,
+                                      TCPE_CommandCodec::Stamp stamp, bool* isSent) {
   if (mNetwork->IsOnNetworkThread()) {
     return eTCPE_CommErr_WrongThread;
   }
@@ -637,7 +633,7 @@ TCPE_CommErr TCPE_RunningEngine::SendAndWait(TCPE_Command& command, TCPE_Connect
   return error == eTCPE_CommErr_None ? TakeReply(command, stamp.wireType, call) : error;
 }
 
-TCPE_CommErr TCPE_RunningEngine::ResultOf(TCPE_Connection& connection, const TCPE_Call& call) {
+TCPE_CommErr TCPE_Engine::ResultOf(TCPE_Connection& connection, const TCPE_Call& call) {
   if (call.error != eTCPE_CommErr_None) {
     TCPE_PeerTraffic::Add(connection.Traffic().sent.abandoned, 1);
     return call.error;
@@ -651,7 +647,7 @@ TCPE_CommErr TCPE_RunningEngine::ResultOf(TCPE_Connection& connection, const TCP
 }
 
 /// A fresh object takes the reply first: one that is malformed must not leave its traces in the caller's.
-TCPE_CommErr TCPE_RunningEngine::TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call) {
+TCPE_CommErr TCPE_Engine::TakeReply(TCPE_Command& command, TCPE_eCmd wireType, const TCPE_Call& call) {
   if (!DecodeReply(wireType, call)) {
     return eTCPE_CommErr_MalformedPayload;
   }
@@ -660,19 +656,19 @@ TCPE_CommErr TCPE_RunningEngine::TakeReply(TCPE_Command& command, TCPE_eCmd wire
   return eTCPE_CommErr_None;
 }
 
-TCPE_RunningEngine::ReceivedPointer TCPE_RunningEngine::DecodeReply(TCPE_eCmd wireType, const TCPE_Call& call) {
+TCPE_Engine::ReceivedPointer TCPE_Engine::DecodeReply(TCPE_eCmd wireType, const TCPE_Call& call) {
   ReceivedPointer fresh = call.header.type == wireType ? mDispatcher.Fresh(wireType) : nullptr;
   const bool isSound = fresh && TCPE_CommandCodec::DecodeReply(*fresh->Command(), call.header, call.payload);
   return isSound ? std::move(fresh) : nullptr;
 }
 
-void TCPE_RunningEngine::NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address) {
+void TCPE_Engine::NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address) {
   command.SetRemoteSystemType(static_cast<ETCPE_SystemType>(call.header.senderSystemType));
   command.SetIsReply(true);
   mDispatcher.Log(TCPE_Dispatcher::LogEvent::answered, command, address);
 }
 
-void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) {
+void TCPE_Engine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) {
   connection->SetPeerSystemType(event.header.senderSystemType);
   connection->CountIn(
       mHistory.Opened(connection->GetAddress(), connection->GetId(), event.openedByPeer, Sys_Clock::RawMicroseconds()));
@@ -689,16 +685,16 @@ void TCPE_RunningEngine::OnOpened(const ConnectionPointer& connection, const TCP
   }
 }
 
-void TCPE_RunningEngine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
-                                 std::span<const std::byte> payload) {
+void TCPE_Engine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                          std::span<const std::byte> payload) {
   if (!connection->HasEnded()) {
     TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
     mDispatcher.OnFrame(connection, header, payload);
   }
 }
 
-void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
-                                        std::span<const std::byte> payload) {
+void TCPE_Engine::OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
+                                 std::span<const std::byte> payload) {
   if (TryEnd(connection, eNetworkError_None)) {
     TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
@@ -707,7 +703,7 @@ void TCPE_RunningEngine::OnDisconnected(const ConnectionPointer& connection, con
   }
 }
 
-void TCPE_RunningEngine::OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) {
+void TCPE_Engine::OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) {
   if (TryEnd(connection, error)) {
     mDispatcher.LogLoss(error, connection->GetAddress());
     connection->Calls().FailAll(eTCPE_CommErr_ConnectionLost);
@@ -716,7 +712,7 @@ void TCPE_RunningEngine::OnLost(const ConnectionPointer& connection, ETCPE_Netwo
   }
 }
 
-void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr error) {
+void TCPE_Engine::OnConnectEnded(std::uint32_t address, TCPE_CommErr error) {
   const bool isConnected = error == eTCPE_CommErr_None;
   {
     const std::lock_guard lock(mConnectedMutex);
@@ -731,14 +727,14 @@ void TCPE_RunningEngine::OnConnectEnded(std::uint32_t address, TCPE_CommErr erro
   }
 }
 
-void TCPE_RunningEngine::OnUnproved(std::uint32_t address) {
+void TCPE_Engine::OnUnproved(std::uint32_t address) {
   if (!mDelivery->IsFull(address)) { // a stranger who goes on guessing must not fill the memory
     ReportNetworkError(eNetworkError_Authentication, address);
   }
 }
 
 /// On the network thread, where no peer can come in meanwhile.
-void TCPE_RunningEngine::OnStopping() {
+void TCPE_Engine::OnStopping() {
   constexpr auto kPatience = std::chrono::milliseconds(100);
   std::map<std::uint32_t, ConnectionPointer> connected;
   {
@@ -754,20 +750,19 @@ void TCPE_RunningEngine::OnStopping() {
   }
 }
 
-void TCPE_RunningEngine::OnConnectionCommand(const TCPE_ReceivedCommand& received) {
+void TCPE_Engine::OnConnectionCommand(const TCPE_ReceivedCommand& received) {
   if (const std::string name = mTask->GetConnectingSystemName(received.Command()); !name.empty()) {
     mHistory.SetName(received.Origin()->GetAddress(), name);
   }
 }
 
-void TCPE_RunningEngine::OnArrived(TCPE_Connection& connection, TCPE_ReceivedCommand::Kind kind) {
+void TCPE_Engine::OnArrived(TCPE_Connection& connection, TCPE_ReceivedCommand::Kind kind) {
   if (kind != TCPE_QueueLoad::Kind::notice) {
     TCPE_PeerTraffic::AddAlone(connection.Traffic().received.commands, 1);
   }
 }
 
-void TCPE_RunningEngine::OnFinished(const ConnectionPointer& connection, TCPE_ReceivedCommand::Kind kind,
-                                    bool wasHandled) {
+void TCPE_Engine::OnFinished(const ConnectionPointer& connection, TCPE_ReceivedCommand::Kind kind, bool wasHandled) {
   if (kind == TCPE_QueueLoad::Kind::notice) {
     return;
   }
@@ -782,7 +777,7 @@ void TCPE_RunningEngine::OnFinished(const ConnectionPointer& connection, TCPE_Re
   }
 }
 
-bool TCPE_RunningEngine::Deliver(ReceivedPointer& received) {
+bool TCPE_Engine::Deliver(ReceivedPointer& received) {
   constexpr std::size_t kLargestBatch = 64; // what is gathered must not wait for long, and comes beyond the bound
   const ConnectionPointer& connection = received->Origin();
   const TCPE_QueueLoad::Kind kind = received->GetKind();
@@ -801,7 +796,7 @@ bool TCPE_RunningEngine::Deliver(ReceivedPointer& received) {
   return true;
 }
 
-void TCPE_RunningEngine::DeliverBatch() {
+void TCPE_Engine::DeliverBatch() {
   if (mBatch.IsEmpty()) {
     return;
   }
@@ -822,7 +817,7 @@ void TCPE_RunningEngine::DeliverBatch() {
   }
 }
 
-void TCPE_RunningEngine::Handle(TCPE_ReceivedCommand& received) {
+void TCPE_Engine::Handle(TCPE_ReceivedCommand& received) {
   if (!Cmn_HostCall::Run(Cmn_HostCall::Kind::handler, [&] { mTask->DoCommand(received.Command()); })) {
     received.Command()->SetError(eTCPE_CommErr_HandlerFailed);
   }
@@ -833,15 +828,15 @@ void TCPE_RunningEngine::Handle(TCPE_ReceivedCommand& received) {
 
 /// A peer is admitted only when its connect command can be delivered; so what a peer that comes and goes leaves in the
 /// queue is bounded though the commands of its coming and going are never dropped.
-TCPE_CommErr TCPE_RunningEngine::ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
-                                                std::span<const std::byte> payload) {
+TCPE_CommErr TCPE_Engine::ExamineConnect(std::uint32_t address, const TCPE_FrameHeader& header,
+                                         std::span<const std::byte> payload) {
   if (!Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [&] { return mDispatcher.IsSound(header, payload); })) {
     return eTCPE_CommErr_MalformedPayload;
   }
   return mDelivery->IsFull(address) ? eTCPE_CommErr_QueueFull : eTCPE_CommErr_None;
 }
 
-void TCPE_RunningEngine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
+void TCPE_Engine::ReportNetworkError(ETCPE_NetworkError error, std::uint32_t address) {
   if (mOnNetworkError == nullptr || mIsStopping) {
     return;
   }

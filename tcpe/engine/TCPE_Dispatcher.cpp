@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_Dispatcher.h"
+#include "tcpe/engine/TCPE_Dispatcher.h"
 
 #include "foundation/Cmn_HostCall.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Delivery.h"
+#include "tcpe/engine/TCPE_Delivery.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <condition_variable>

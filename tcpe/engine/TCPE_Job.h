@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tcpe/net/TCPE_QueueLoad.h"
+#include "tcpe/engine/TCPE_QueueLoad.h"
 
 #include <cstddef>
 #include <memory>

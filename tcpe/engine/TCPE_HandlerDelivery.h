@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Delivery.h"
-#include "tcpe/net/TCPE_HandlerPool.h"
+#include "tcpe/engine/TCPE_Delivery.h"
+#include "tcpe/engine/TCPE_HandlerPool.h"
 
 /// Commands run their handlers on threads of the engine's.
 class TCPE_HandlerDelivery final : public TCPE_Delivery {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Job.h"
-#include "tcpe/net/TCPE_QueueLoad.h"
+#include "tcpe/engine/TCPE_Job.h"
+#include "tcpe/engine/TCPE_QueueLoad.h"
 
 #include <trel/TCPE_EngineSnapshot.h>
 

@@ -1,14 +1,19 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Delivery.h"
+#include "tcpe/engine/TCPE_Delivery.h"
+#include "tcpe/engine/TCPE_Dispatcher.h"
+#include "tcpe/engine/TCPE_PeerHistory.h"
+#include "tcpe/engine/TCPE_PumpQueue.h"
 #include "tcpe/net/TCPE_DiscoveryClient.h"
-#include "tcpe/net/TCPE_Dispatcher.h"
-#include "tcpe/net/TCPE_Engine.h"
 #include "tcpe/net/TCPE_Network.h"
-#include "tcpe/net/TCPE_PeerHistory.h"
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tcpe/protocol/TCPE_DiscoveryCodec.h"
+#include "tcpe/protocol/TCPE_Limits.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
 
 #include <trel/Sys_Clock.h>
+#include <trel/TCPE_CommManager.h>
+#include <trel/TCPE_CommTask.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -17,49 +22,83 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// The engine over real sockets and threads.
-class TCPE_RunningEngine final : public TCPE_Engine,
-                                 public std::enable_shared_from_this<TCPE_RunningEngine>,
-                                 private TCPE_Network::Listener,
-                                 private TCPE_Dispatcher::Receiver {
-public:
-  explicit TCPE_RunningEngine(Setup setup);
-  ~TCPE_RunningEngine() override = default;
+class Sys_UDPSocket;
+class TCPE_Command;
 
-  void SetHostPumpedDelivery(bool hostPumped) override;
-  ETCPE_Status Start() override;
-  void Stop() override;
-  bool IsOnOwnThread() const override;
-  bool Connect(std::uint32_t address) override;
-  bool Disconnect(std::uint32_t address) override;
-  bool IsConnected(std::uint32_t address) const override;
-  std::set<std::uint32_t> GetConnectedAddresses() const override;
-  std::uint64_t GetPeerInstance(std::uint32_t address) const override;
-  std::uint64_t GetConnection(std::uint32_t address) const override;
-  std::map<std::uint32_t, std::uint64_t> GetConnections() const override;
-  void SendCommand(TCPE_Command& command) override;
+/// A running engine: what stands between a manager's callers, the network and the handlers.
+///
+/// Lives from the manager's Initialize to its Terminate; callers and handlers that are still inside then keep it.
+class TCPE_Engine final : public std::enable_shared_from_this<TCPE_Engine>,
+                          private TCPE_Network::Listener,
+                          private TCPE_Dispatcher::Receiver {
+public:
+  struct Setup {
+    TCPE_CommManager* manager = nullptr;
+    std::unique_ptr<TCPE_CommTask> task;
+    TCPE_Limits limits;
+    std::uint32_t localAddress = 0;
+    std::string adaptorName;
+    std::uint32_t broadcastAddress = 0;
+    /// Of the shared secret; null without one.
+    std::shared_ptr<const TCPE_AuthenticationKey> key{};
+    TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
+    std::shared_ptr<TCPE_ByteTap> byteTap;
+    bool answersDiscovery = true;
+  };
+
+  /// Does nothing yet.
+  explicit TCPE_Engine(Setup setup);
+  TCPE_Engine(const TCPE_Engine&) = delete;
+  TCPE_Engine& operator=(const TCPE_Engine&) = delete;
+
+  /// As in TCPE_CommManager; before Start.
+  void SetHostPumpedDelivery(bool hostPumped);
+  /// Starts listening and the threads. After a failure nothing is left running.
+  ETCPE_Status Start();
+  /// Tells the peers, fails waiting senders, ends the threads.
+  void Stop();
+  /// On one of its own threads an engine cannot be stopped: it would wait for itself.
+  bool IsOnOwnThread() const;
+
+  // As in TCPE_CommManager.
+  bool Connect(std::uint32_t address);
+  bool Disconnect(std::uint32_t address);
+  bool IsConnected(std::uint32_t address) const;
+  std::set<std::uint32_t> GetConnectedAddresses() const;
+  std::uint64_t GetPeerInstance(std::uint32_t address) const;
+  std::uint64_t GetConnection(std::uint32_t address) const;
+  std::map<std::uint32_t, std::uint64_t> GetConnections() const;
+  void SendCommand(TCPE_Command& command);
   std::vector<TCPE_CommErr> SendCommandToAll(TCPE_Command& command, std::span<const std::uint32_t> addresses,
-                                             const TCPE_CommManager::ReplyProc& onReply) override;
-  TCPE_Command* TakeCommand() override;
-  void DisposeCommand(TCPE_Command* command) override;
-  void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address) override;
-  void SetLocalSystemType(ETCPE_SystemType type) override;
-  void SetCommandLog(TCPE_CommManager::CommandLogProc log) override;
-  bool GetAuthenticationFailed(std::uint32_t address) const override;
-  TCPE_Counters GetCounters() const override;
-  TCPE_EngineSnapshot GetSnapshot() const override;
-  void SetPeerName(std::uint32_t address, const char* name) override { mHistory.SetName(address, name); }
-  bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address) override;
+                                             const TCPE_CommManager::ReplyProc& onReply);
+  TCPE_Command* TakeCommand();
+  void DisposeCommand(TCPE_Command* command);
+  void NetworkErrorOccured(ETCPE_NetworkError error, std::uint32_t address);
+  void SetLocalSystemType(ETCPE_SystemType type);
+  void SetCommandLog(TCPE_CommManager::CommandLogProc log);
+  bool GetAuthenticationFailed(std::uint32_t address) const;
+  TCPE_Counters GetCounters() const;
+  TCPE_EngineSnapshot GetSnapshot() const;
+  void SetPeerName(std::uint32_t address, const char* name) { mHistory.SetName(address, name); }
+  bool SendDiscoveryQuery(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::uint32_t address);
   bool ReceiveDiscoveryReply(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Kind kind, std::int32_t* remainingMilliseconds,
-                             TCPE_DiscoveryCodec::Reply* reply) override;
-  bool IsFull() const override;
-  void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName) override;
-  bool IsListening() const override { return mNetwork->IsListening(); }
+                             TCPE_DiscoveryCodec::Reply* reply);
+
+  /// Whether the task's limit of connections is reached.
+  bool IsFull() const;
+  /// Gives the engine another address; 0 while there is none. Carried out soon after.
+  void MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, const std::string& adaptorName);
+  /// False after a move while its sockets could not be opened.
+  bool IsListening() const { return mNetwork->IsListening(); }
+
+  /// Gives back a command that was taken from an engine which has been stopped meanwhile.
+  static void DisposeOrphan(TCPE_Command* command) { TCPE_PumpQueue::ReturnOrphan(command); }
 
 private:
   using ConnectionPointer = TCPE_Network::ConnectionPointer;

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "tcpe/TCPE_CommandCodec.h"
-#include "tcpe/net/TCPE_BlockStore.h"
+#include "tcpe/engine/TCPE_BlockStore.h"
+#include "tcpe/engine/TCPE_Job.h"
 #include "tcpe/net/TCPE_Connection.h"
-#include "tcpe/net/TCPE_Job.h"
 
 #include <trel/TCPE_CommManager.h>
 

@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_PeerHistory.h"
+#include "tcpe/engine/TCPE_PeerHistory.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_HandlerDelivery.h"
+#include "tcpe/engine/TCPE_HandlerDelivery.h"
 
 #include "foundation/Cmn_HostCall.h"
 

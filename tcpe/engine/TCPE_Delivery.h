@@ -1,8 +1,8 @@
 #pragma once
 
-#include "tcpe/net/TCPE_Dispatcher.h"
-#include "tcpe/net/TCPE_Job.h"
-#include "tcpe/net/TCPE_QueueLoad.h"
+#include "tcpe/engine/TCPE_Dispatcher.h"
+#include "tcpe/engine/TCPE_Job.h"
+#include "tcpe/engine/TCPE_QueueLoad.h"
 
 #include <trel/TCPE_EngineSnapshot.h>
 #include <trel/TCPE_Types.h>

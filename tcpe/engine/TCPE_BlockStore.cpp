@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_BlockStore.h"
+#include "tcpe/engine/TCPE_BlockStore.h"
 
 #include <new>
 #include <utility>

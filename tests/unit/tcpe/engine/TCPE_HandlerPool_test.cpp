@@ -1,4 +1,4 @@
-#include "tcpe/net/TCPE_HandlerPool.h"
+#include "tcpe/engine/TCPE_HandlerPool.h"
 
 #include <gtest/gtest.h>
 
