@@ -20,9 +20,35 @@ void Sys_Process::ThreadsHaveStarted() {
 
 #else
 
+#include <atomic>
+
+#include <pthread.h>
 #include <unistd.h>
 
+#if defined(__GLIBC__) // asks the kernel each time, and forgets the handlers of a library that is unloaded
+
+namespace {
+
+std::atomic<std::int64_t> sIdentifier = 0;
+
+void RememberIdentifier() { sIdentifier.store(getpid(), std::memory_order_relaxed); }
+
+} // namespace
+
+std::int64_t Sys_Process::Identifier() {
+  static const bool sIsFollowed = [] {
+    const bool isFollowed = pthread_atfork(nullptr, nullptr, &RememberIdentifier) == 0;
+    RememberIdentifier();
+    return isFollowed;
+  }();
+  return sIsFollowed ? sIdentifier.load(std::memory_order_relaxed) : getpid();
+}
+
+#else
+
 std::int64_t Sys_Process::Identifier() { return getpid(); }
+
+#endif
 
 bool Sys_Process::CanJoinWhenUnloaded() { return true; }
 

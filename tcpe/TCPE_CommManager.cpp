@@ -88,36 +88,59 @@ bool TCPE_CommManager::NeverWaits::IsInForce() { return sNeverWaits != 0; }
 class TCPE_CommManager::Caller {
 public:
   enum class Finds : std::uint8_t { running, endingToo };
-  explicit Caller(const TCPE_CommManager& manager, Finds finds = Finds::running)
-      : mManager(manager), mIsInside(!manager.IsInherited()) {
-    if (!mIsInside) {
+  explicit Caller(const TCPE_CommManager& manager, Finds finds = Finds::running) : mManager(manager) {
+    if (manager.IsInherited()) {
       return;
     }
-    const std::lock_guard lock(manager.mMutex);
-    ++manager.mCallers;
-    mEngine = !manager.mEngine && finds == Finds::endingToo ? manager.mEndingEngine : manager.mEngine;
+    mIsInside = manager.TryEnter();
+    if (!mIsInside) {
+      const std::lock_guard lock(manager.mMutex); // held while an engine starts
+      mIsInside = manager.TryEnter();
+      mEndingEngine = finds == Finds::endingToo ? manager.mEndingEngine : nullptr;
+    }
+    mEngine = mIsInside ? manager.mEntered.load() : mEndingEngine.get();
   }
   ~Caller() {
-    if (!mIsInside) {
-      return;
-    }
-    mEngine.reset();
-    const std::lock_guard lock(mManager.mMutex);
-    if (--mManager.mCallers == 0) {
-      mManager.mCallersHaveLeft.notify_all();
+    if (mIsInside) {
+      mManager.Leave();
     }
   }
   Caller(const Caller&) = delete;
   Caller& operator=(const Caller&) = delete;
 
   explicit operator bool() const { return mEngine != nullptr; }
-  TCPE_Engine* operator->() const { return mEngine.get(); }
+  TCPE_Engine* operator->() const { return mEngine; }
 
 private:
   const TCPE_CommManager& mManager;
-  const bool mIsInside;
-  std::shared_ptr<TCPE_Engine> mEngine;
+  bool mIsInside = false;
+  TCPE_Engine* mEngine = nullptr;
+  std::shared_ptr<TCPE_Engine> mEndingEngine;
 };
+
+bool TCPE_CommManager::TryEnter() const {
+  std::uint32_t callers = mCallers;
+  while ((callers & kIsClosed) == 0) {
+    if (mCallers.compare_exchange_weak(callers, callers + kCaller)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// While it is open nobody waits for the last one, and the manager may be gone as soon as that has left.
+void TCPE_CommManager::Leave() const {
+  std::uint32_t callers = mCallers;
+  while ((callers & kIsClosed) == 0) {
+    if (mCallers.compare_exchange_weak(callers, callers - kCaller)) {
+      return;
+    }
+  }
+  const std::lock_guard lock(mMutex);
+  if (mCallers.fetch_sub(kCaller) == kCaller + kIsClosed) {
+    mCallersHaveLeft.notify_all();
+  }
+}
 
 TCPE_CommManager::TCPE_CommManager() : mByteTap(std::make_shared<TCPE_ByteTap>()) {
   mLocalSystem.SetUniqueID(Sys_Umid::RandomPositive31());
@@ -127,6 +150,7 @@ TCPE_CommManager::~TCPE_CommManager() {
   if (IsInherited()) {
     Sys_Process::Abandon(std::move(mEngine));
     Sys_Process::Abandon(std::move(mEndingEngine));
+    Sys_Process::Abandon(std::make_shared<std::vector<std::shared_ptr<TCPE_Engine>>>(std::move(mEnded)));
   }
   // The subclass is gone by now: whoever has one terminates before destroying it.
   Terminate();
@@ -261,6 +285,8 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
       mBroadcastAddress = adaptor.broadcast;
       mAdaptorCheckIsDue = 0;
       mEngine = engine;
+      mEntered = engine.get();
+      mCallers -= kIsClosed;
       return status;
     }
     mProcess = 0;
@@ -318,16 +344,21 @@ void TCPE_CommManager::Terminate() {
     if (mEngine != engine || !engine) {
       return;
     }
+    mCallers += kIsClosed;
     mEndingEngine = std::move(mEngine);
     mEngine.reset();
   }
   engine->Stop();
+  std::vector<std::shared_ptr<TCPE_Engine>> ended; // outside the lock
   {
     // Bounded, because a caller may be inside a callback of the host.
     constexpr auto kPatience = std::chrono::milliseconds(200);
     std::unique_lock lock(mMutex);
-    mCallersHaveLeft.wait_for(lock, kPatience, [this] { return mCallers == 0; });
+    mEnded.push_back(std::move(mEndingEngine));
     mEndingEngine.reset();
+    if (mCallersHaveLeft.wait_for(lock, kPatience, [this] { return mCallers == kIsClosed; })) {
+      ended.swap(mEnded);
+    }
     mProcess = 0;
   }
   mAdaptorIPAddress = 0;

@@ -257,6 +257,11 @@ protected:
 
 private:
   class Caller;
+  static constexpr std::uint32_t kIsClosed = 1;
+  static constexpr std::uint32_t kCaller = 2;
+
+  bool TryEnter() const;
+  void Leave() const;
 
   std::int32_t Start(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError, std::string* report);
   /// In a process forked from the one in which the engine runs.
@@ -268,17 +273,20 @@ private:
                              bool* isAvailable);
   void SetUpLocalSystem(std::uint32_t address, std::uint16_t port, TCPE_CommTask& task);
 
-  mutable std::mutex mMutex; // guards the engine pointer, the number of callers, the report, the local record and its
-                             // name as handed out, the log and the way of delivery
+  mutable std::mutex mMutex; // guards the engine pointers, the report, the local record and its name as handed out, the
+                             // log and the way of delivery
   mutable std::condition_variable mCallersHaveLeft;
-  mutable std::int32_t mCallers = 0;
-  std::mutex mLifecycleMutex; // guards what follows, and starting and ending
+  /// That are inside, and whether nobody comes in any more.
+  mutable std::atomic<std::uint32_t> mCallers = kIsClosed;
+  std::atomic<TCPE_Engine*> mEntered = nullptr; // the last one that callers have come into
+  std::mutex mLifecycleMutex;                   // guards what follows, and starting and ending
   std::uint32_t mPreferredAddress = 0;
   std::uint32_t mBroadcastAddress = 0;
   std::atomic<std::int64_t> mAdaptorCheckIsDue = 0; // raw time
   std::atomic<std::int64_t> mProcess = 0;           // in which the engine runs; 0: none does
   std::shared_ptr<TCPE_Engine> mEngine;
-  std::shared_ptr<TCPE_Engine> mEndingEngine; // while Terminate waits for it
+  std::shared_ptr<TCPE_Engine> mEndingEngine;       // while Terminate stops it
+  std::vector<std::shared_ptr<TCPE_Engine>> mEnded; // that a caller has not left in time
   TCPE_System mLocalSystem;
   /// The name as each thread has got it, which reads it while another one may set it. Not of the thread's own storage:
   /// a destructor there keeps a library from being unloaded.

@@ -49,11 +49,14 @@ std::uint8_t Trel_CommTask::GetCurrentProtocolMinorVersion() { return Trel_Comma
 bool Trel_CommTask::HasHandler(const TCPE_Command* command) { return Trel_Command::HasHandler(command); }
 
 TCPE_CommErr Trel_CommTask::PrepareToSend(TCPE_Command* command) {
+  const bool isCurrentNumbering = TCPE_CommManager::GetSupportsMarlo11();
+  if (isCurrentNumbering && !IsTypeOfNoClass(command->GetCommandType())) {
+    return eTCPE_CommErr_None;
+  }
   const auto* linkCommand = dynamic_cast<const Trel_Command*>(command);
   if (linkCommand == nullptr) {
     return TCPE_CommTask::PrepareToSend(command);
   }
-  const bool isCurrentNumbering = TCPE_CommManager::GetSupportsMarlo11();
   const Trel_CommandDescription* description = linkCommand->GetDescription();
   if (description != nullptr && description->traits.currentOnly && !isCurrentNumbering) {
     return eTCPE_CommErr_NotInThisNumbering;

@@ -54,7 +54,8 @@ void TCPE_ReceivedCommand::Discard() {
 
 TCPE_Dispatcher::TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
     : mManager(manager), mTask(task), mReceiver(receiver),
-      mBlocks(std::make_shared<TCPE_BlockStore>(kBlockOffset + task.GetMaxCommandSize())) {}
+      mBlocks(std::make_shared<TCPE_BlockStore>(kBlockOffset + task.GetMaxCommandSize())),
+      mLocalSystemType(manager.GetSystemType()) {}
 
 void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
                               std::span<const std::byte> payload) {
@@ -123,7 +124,7 @@ void TCPE_Dispatcher::Reply(TCPE_ReceivedCommand& received) {
   TCPE_Command& command = *received.Command();
   const TCPE_CommandCodec::Stamp stamp{.wireType = received.Header().type,
                                        .serial = received.Header().serial,
-                                       .localSystemType = mManager.GetSystemType(),
+                                       .localSystemType = GetLocalSystemType(),
                                        .remoteSystemType = received.Origin()->GetPeerSystemType()};
   const auto encode = [&] { return codec.EncodeReply(mTask, command, stamp); };
   TCPE_CommErr error = Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, eTCPE_CommErr_HandlerFailed, encode);
@@ -221,7 +222,7 @@ TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_pt
   command->SetSerialNumber(header.serial);
   command->SetReplyWanted(header.Has(kTCPE_Flag_ReplyWanted));
   command->SetRemoteSystemType(connection->GetPeerSystemType());
-  command->SetLocalSystemType(mManager.GetSystemType());
+  command->SetLocalSystemType(GetLocalSystemType());
   command->SetConnection(connection->GetId());
   command->SetIPAddressFrom(connection->GetAddress());
   command->SetPortFrom(static_cast<std::uint32_t>(mTask.GetCommunicationPort()));
@@ -250,7 +251,7 @@ void TCPE_Dispatcher::Drop(const Connection& connection, const TCPE_FrameHeader&
   answer.majorVersion = mTask.GetCurrentProtocolMajorVersion();
   answer.minorVersion = mTask.GetCurrentProtocolMinorVersion();
   answer.flags = kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply;
-  answer.senderSystemType = static_cast<std::uint8_t>(mManager.GetSystemType());
+  answer.senderSystemType = static_cast<std::uint8_t>(GetLocalSystemType());
   answer.receiverSystemType = header.senderSystemType;
   answer.type = header.type;
   answer.serial = header.serial;

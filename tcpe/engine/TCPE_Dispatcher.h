@@ -95,6 +95,10 @@ public:
   /// A command has been handled: sends its reply, if one is wanted. From any thread.
   void Finish(TCPE_ReceivedCommand& received);
 
+  /// What is stamped on what leaves and arrives.
+  ETCPE_SystemType GetLocalSystemType() const { return mLocalSystemType; }
+  void SetLocalSystemType(ETCPE_SystemType type) { mLocalSystemType = type; }
+
   void SetCommandLog(TCPE_CommManager::CommandLogProc log) { mLog = log; }
   enum class LogEvent : std::uint8_t { sent, received, replied, answered };
   /// One line for the command log, if there is one and the command may be logged.
@@ -126,6 +130,7 @@ private:
   TCPE_CommTask& mTask;
   Receiver& mReceiver;
   const std::shared_ptr<TCPE_BlockStore> mBlocks; ///< of the network thread
+  std::atomic<ETCPE_SystemType> mLocalSystemType;
   std::atomic<TCPE_CommManager::CommandLogProc> mLog = nullptr;
   std::atomic<std::uint64_t> mUnknownCommands = 0;
   std::atomic<std::uint64_t> mMalformedPayloads = 0;

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Two writes within this time are a burst: what follows is gathered, so that it leaves in few packets.
+/// Two writes within this time are a burst: what follows is gathered for as long, so that it leaves in few packets.
 constexpr TCPE_Time kBurst = 100;
 
 /// Room that is left for heartbeats and farewell, bytes.
@@ -24,7 +24,7 @@ TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socke
                                  const TCPE_Limits& limits, TCPE_ByteTap& tap, TCPE_Endpoint::Id id,
                                  std::uint32_t address)
     : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
-      mCalls(limits), mTap(tap), mCredits(limits) {}
+      mCalls(limits), mTap(tap), mGathering(context), mCredits(limits) {}
 
 void TCPE_Connection::TransportOpened(bool openedByPeer) {
   asio::error_code gone;
@@ -95,6 +95,9 @@ bool TCPE_Connection::LineUp(Waiter& waiter) {
   }
   mWaiters.push_back(&waiter);
   WatchProgress();
+  if (mSocket && !mHasFailed && QueuedBytes() != 0) { // what is gathered is what the credit is waited for
+    WriteNow();
+  }
   return true;
 }
 
@@ -395,6 +398,18 @@ bool TCPE_Connection::WriteQueue() {
   return isSound;
 }
 
+bool TCPE_Connection::WriteNow() {
+  if (!WriteQueue()) {
+    EndWriting();
+    return false;
+  }
+  mLastWrite = Sys_Clock::RawMicroseconds();
+  if (mSession) {
+    mSession->NoteSent(mLastWrite);
+  }
+  return true;
+}
+
 void TCPE_Connection::FlushLater() {
   if (!mFlushIsDue) {
     mFlushIsDue = true;
@@ -407,21 +422,22 @@ void TCPE_Connection::Flush() {
   if (!mSocket) {
     return;
   }
-  if (!WriteQueue()) {
-    EndWriting();
+  const bool isBurst = QueuedBytes() != 0;
+  if (!WriteNow()) {
     return;
   }
-  mLastWrite = Sys_Clock::RawMicroseconds();
-  if (mSession) {
-    mSession->NoteSent(mLastWrite);
-  }
+  const bool isStuck = QueuedBytes() != 0;
   SendWaiting();
-  mFlushIsDue = QueuedBytes() != 0;
-  if (mFlushIsDue) {
+  if (isStuck) {
     mSocket->async_wait(asio::ip::tcp::socket::wait_write,
                         [self = shared_from_this()](const asio::error_code&) { self->Flush(); });
   } else if (mClosesWhenSent) {
     CloseSocket();
+  } else if (isBurst) {
+    mGathering.expires_after(std::chrono::microseconds(kBurst));
+    mGathering.async_wait([self = shared_from_this()](const asio::error_code&) { self->Flush(); });
+  } else {
+    mFlushIsDue = false;
   }
 }
 

@@ -19,6 +19,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
 
 /// The socket of one connection, and what is queued for it.
 ///
@@ -167,6 +168,8 @@ private:
   /// False when the transport has failed.
   bool Write(std::span<const std::byte>& bytes);
   bool WriteQueue();
+  /// False when the transport has failed.
+  bool WriteNow();
   void FlushLater();
   void Flush();
   /// The transport takes nothing any more.
@@ -192,6 +195,8 @@ private:
   std::shared_ptr<TCPE_PeerTraffic> mTraffic;
   TCPE_ByteTap& mTap;
   TCPE_TappedBytes mEnds; ///< of the transport, as a tap is told; no ports while it is not connected
+
+  asio::steady_timer mGathering;
 
   mutable std::mutex mMutex; // guards writing and closing the socket, and what follows
   std::vector<std::byte> mQueue;

@@ -303,13 +303,19 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
 }
 
 void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> concerned) {
+  TCPE_Time now = Now();
   TCPE_Time nearest = TCPE_Endpoint::kNever;
-  while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(Now())) {
+  const auto look = [&] { nearest = concerned ? std::min(nearest, mEndpoint.DeadlineOf(*concerned)) : nearest; };
+  while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(now)) {
     CarryOut(*event);
-    nearest = std::min(nearest, mEndpoint.DeadlineOf(event->id));
+    if (event->id != concerned || event->kind != TCPE_Endpoint::Event::Kind::frame) {
+      look();
+      concerned = event->id;
+      now = Now();
+    }
   }
   mListener.OnAllTold();
-  nearest = concerned ? std::min(nearest, mEndpoint.DeadlineOf(*concerned)) : nearest;
+  look();
   // A deadline that has moved away is left to the timer, which then comes too early and looks again.
   if (mTimerArmedFor == 0) {
     ArmTimer(mEndpoint.NextDeadline());

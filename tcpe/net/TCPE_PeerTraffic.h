@@ -17,7 +17,8 @@ struct TCPE_PeerTraffic {
     Counter frames = 0;
     Counter bytes = 0;
     Counter commands = 0;
-    Counter finished = 0; ///< of what was received; how many of those that were sent follows from the others
+    /// Of what was received, by the handlers; how many of those that were sent follows from the others.
+    alignas(64) Counter finished = 0;
     Counter refused = 0;
     Counter abandoned = 0;
 

@@ -23,13 +23,14 @@ void TCPE_Credits::SetWaiting(bool isWaiting, TCPE_Time now) {
 bool TCPE_FinishedCount::NoteFinished() {
   // In one order with Tell: what it does not see yet finds the announcement withdrawn.
   mFinished.fetch_add(1);
-  return (Untold() >= mLimits.finishedStep || MustBeWaiting()) && !mIsAnnounced.load() && !mIsAnnounced.exchange(true);
+  return (Untold() >= mLimits.finishedStep || mMustBeWaiting) && !mIsAnnounced.load() && !mIsAnnounced.exchange(true);
 }
 
 std::uint32_t TCPE_FinishedCount::Tell(TCPE_Time now) {
   mIsAnnounced.store(false);
   const std::uint64_t finished = mFinished.load();
   mTold.store(finished, std::memory_order_relaxed);
+  mMustBeWaiting = mArrived - finished >= mLimits.maxCommandsOut;
   mHasTold = true;
   mLastTold = now;
   return static_cast<std::uint32_t>(finished);
@@ -46,5 +47,5 @@ TCPE_Time TCPE_FinishedCount::Deadline() const {
   if (untold >= mLimits.finishedStep) {
     return mLastTold;
   }
-  return mLastTold + (MustBeWaiting() ? mLimits.finishedPause : mLimits.heartbeat);
+  return mLastTold + (mMustBeWaiting ? mLimits.finishedPause : mLimits.heartbeat);
 }

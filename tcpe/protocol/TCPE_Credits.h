@@ -49,7 +49,11 @@ class TCPE_FinishedCount {
 public:
   explicit TCPE_FinishedCount(const TCPE_Limits& limits) : mLimits(limits) {}
 
-  void NoteArrived() { mArrived.fetch_add(1, std::memory_order_relaxed); }
+  void NoteArrived() {
+    if (++mArrived - mTold.load(std::memory_order_relaxed) == mLimits.maxCommandsOut) {
+      mMustBeWaiting = true;
+    }
+  }
   /// @return whether the one who tells has to look at the deadline; once for each telling
   bool NoteFinished();
 
@@ -62,16 +66,14 @@ public:
 
 private:
   std::uint64_t Untold() const { return Finished() - mTold.load(std::memory_order_relaxed); }
-  /// The sender has no credit, as far as one can see from here.
-  bool MustBeWaiting() const {
-    return mArrived.load(std::memory_order_relaxed) - mTold.load(std::memory_order_relaxed) >= mLimits.maxCommandsOut;
-  }
 
   const TCPE_Limits& mLimits;
-  std::atomic<std::uint64_t> mArrived = 0;
-  std::atomic<std::uint64_t> mFinished = 0;
-  std::atomic<std::uint64_t> mTold = 0;
-  std::atomic<bool> mIsAnnounced = false; ///< NoteFinished has said so, and nothing has been told since
+  std::uint64_t mArrived = 0;
   bool mHasTold = false;
   TCPE_Time mLastTold = 0;
+  // What those who finish read seldom changes; what they write nobody else reads often.
+  alignas(64) std::atomic<std::uint64_t> mTold = 0;
+  std::atomic<bool> mMustBeWaiting = false; ///< the sender has no credit, as far as one can see from here
+  std::atomic<bool> mIsAnnounced = false;   ///< NoteFinished has said so, and nothing has been told since
+  alignas(64) std::atomic<std::uint64_t> mFinished = 0;
 };
