@@ -1,11 +1,10 @@
 #include "tcpe/engine/TCPE_BlockStore.h"
 
-#include <new>
 #include <utility>
 
 TCPE_BlockStore::~TCPE_BlockStore() {
-  Release(mTaken);
-  Release(mGiven);
+  ReleaseAll(mTaken);
+  ReleaseAll(mGiven);
 }
 
 void* TCPE_BlockStore::Take() {
@@ -14,14 +13,18 @@ void* TCPE_BlockStore::Take() {
     std::size_t kept = 1;
     for (Free* free = mTaken; free != nullptr; free = free->next) {
       if (kept++ == kKept) {
-        Release(std::exchange(free->next, nullptr));
+        ReleaseAll(std::exchange(free->next, nullptr));
       }
     }
   }
   if (mTaken == nullptr) {
-    return ::operator new(mSize);
+    return TakeNew();
   }
-  return std::exchange(mTaken, mTaken->next);
+  Free* const next = mTaken->next;
+#if defined(__GNUC__)
+  __builtin_prefetch(next, 1); // the core that gave it back has written to it
+#endif
+  return std::exchange(mTaken, next);
 }
 
 void TCPE_BlockStore::Give(void* block) {
@@ -30,8 +33,8 @@ void TCPE_BlockStore::Give(void* block) {
   }
 }
 
-void TCPE_BlockStore::Release(Free* first) {
+void TCPE_BlockStore::ReleaseAll(Free* first) {
   while (first != nullptr) {
-    ::operator delete(std::exchange(first, first->next));
+    Release(std::exchange(first, first->next));
   }
 }

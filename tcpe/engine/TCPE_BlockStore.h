@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <new>
 
 /// Memory for received commands, used again and again.
 class TCPE_BlockStore {
@@ -17,6 +18,10 @@ public:
   /// From any thread.
   void Give(void* block);
 
+  /// A block that has not been used, for a thread that does not take others; it is not given back.
+  void* TakeNew() const { return ::operator new(mSize); }
+  static void Release(void* block) { ::operator delete(block); }
+
 private:
   struct Free {
     Free* next;
@@ -24,7 +29,7 @@ private:
   /// Beyond so many blocks are not kept.
   static constexpr std::size_t kKept = 1024;
 
-  static void Release(Free* first);
+  static void ReleaseAll(Free* first);
 
   const std::size_t mSize;
   Free* mTaken = nullptr; ///< of those given back; the taking thread's own

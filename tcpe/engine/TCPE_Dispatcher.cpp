@@ -25,18 +25,15 @@ std::size_t MemoryOf(const TCPE_BlockStore& blocks, const TCPE_FrameHeader& head
 
 } // namespace
 
-TCPE_ReceivedCommand::Pointer TCPE_ReceivedCommand::Make(std::shared_ptr<TCPE_BlockStore> blocks,
-                                                         std::shared_ptr<TCPE_Connection> origin,
-                                                         const TCPE_FrameHeader& header, Kind kind, Handler* handler) {
-  void* const memory = blocks->Take();
-  return Pointer(new (memory) TCPE_ReceivedCommand(std::move(blocks), std::move(origin), header, kind, handler));
+TCPE_ReceivedCommand::Pointer TCPE_ReceivedCommand::Make(std::shared_ptr<const Batch> batch,
+                                                         const TCPE_FrameHeader& header, Kind kind) {
+  void* const memory = batch->origin ? batch->blocks->Take() : batch->blocks->TakeNew();
+  return Pointer(new (memory) TCPE_ReceivedCommand(std::move(batch), header, kind));
 }
 
-TCPE_ReceivedCommand::TCPE_ReceivedCommand(std::shared_ptr<TCPE_BlockStore> blocks,
-                                           std::shared_ptr<TCPE_Connection> origin, const TCPE_FrameHeader& header,
-                                           Kind kind, Handler* handler)
-    : TCPE_Job(kind, MemoryOf(*blocks, header)), mBlocks(std::move(blocks)), mOrigin(std::move(origin)),
-      mHeader(header), mHandler(handler) {}
+TCPE_ReceivedCommand::TCPE_ReceivedCommand(std::shared_ptr<const Batch> batch, const TCPE_FrameHeader& header,
+                                           Kind kind)
+    : TCPE_Job(kind, MemoryOf(*batch->blocks, header)), mBatch(std::move(batch)), mHeader(header) {}
 
 TCPE_ReceivedCommand::~TCPE_ReceivedCommand() {
   if (mCommand != nullptr) {
@@ -47,14 +44,19 @@ TCPE_ReceivedCommand::~TCPE_ReceivedCommand() {
 void* TCPE_ReceivedCommand::Block() { return reinterpret_cast<std::byte*>(this) + kBlockOffset; }
 
 void TCPE_ReceivedCommand::Discard() {
-  const std::shared_ptr<TCPE_BlockStore> blocks = std::move(mBlocks);
+  const std::shared_ptr<const Batch> batch = std::move(mBatch);
   this->~TCPE_ReceivedCommand();
-  blocks->Give(this);
+  if (batch->origin) {
+    batch->blocks->Give(this);
+  } else {
+    TCPE_BlockStore::Release(this);
+  }
 }
 
 TCPE_Dispatcher::TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
     : mManager(manager), mTask(task), mReceiver(receiver),
       mBlocks(std::make_shared<TCPE_BlockStore>(kBlockOffset + task.GetMaxCommandSize())),
+      mWithoutOrigin(std::make_shared<TCPE_ReceivedCommand::Batch>(mBlocks)),
       mLocalSystemType(manager.GetSystemType()) {}
 
 void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
@@ -77,7 +79,7 @@ void TCPE_Dispatcher::OnConnectionFrame(const Connection& connection, TCPE_Frame
 }
 
 bool TCPE_Dispatcher::IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const {
-  const ReceivedPointer trial = TCPE_ReceivedCommand::Make(mBlocks, nullptr, header, Kind::notice);
+  const ReceivedPointer trial = TCPE_ReceivedCommand::Make(mWithoutOrigin, header, Kind::notice);
   trial->SetCommand(Build(header.type, trial->Block()));
   return trial->Command() != nullptr && TCPE_CommandCodec::DecodeCommand(*trial->Command(), header, payload);
 }
@@ -199,8 +201,7 @@ TCPE_Counters TCPE_Dispatcher::GetCounters() const {
 }
 
 TCPE_ReceivedCommand::Pointer TCPE_Dispatcher::Fresh(TCPE_eCmd wireType) const {
-  ReceivedPointer fresh = TCPE_ReceivedCommand::Make(std::make_shared<TCPE_BlockStore>(mBlocks->Size()), nullptr,
-                                                     TCPE_FrameHeader(), Kind::notice);
+  ReceivedPointer fresh = TCPE_ReceivedCommand::Make(mWithoutOrigin, TCPE_FrameHeader(), Kind::notice);
   fresh->SetCommand(mTask.ConstructCommand(mTask.GetCompatibleID(wireType), fresh->Block()));
   return fresh->Command() != nullptr ? std::move(fresh) : nullptr;
 }
@@ -208,7 +209,10 @@ TCPE_ReceivedCommand::Pointer TCPE_Dispatcher::Fresh(TCPE_eCmd wireType) const {
 TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_ptr<TCPE_Connection>& connection,
                                                             const TCPE_FrameHeader& header,
                                                             std::span<const std::byte> payload, Kind kind) {
-  ReceivedPointer received = TCPE_ReceivedCommand::Make(mBlocks, connection, header, kind, &mReceiver);
+  if (!mBatch || mBatch->origin != connection) {
+    mBatch = std::make_shared<TCPE_ReceivedCommand::Batch>(mBlocks, connection, &mReceiver);
+  }
+  ReceivedPointer received = TCPE_ReceivedCommand::Make(mBatch, header, kind);
   TCPE_Command* command = Build(header.type, received->Block());
   if (command == nullptr) {
     Drop(connection, header, kind, nullptr, eTCPE_CommErr_UnknownCommand, mUnknownCommands);

@@ -30,30 +30,31 @@ public:
   protected:
     ~Handler() = default;
   };
+  /// What commands of one batch have in common.
+  struct Batch {
+    std::shared_ptr<TCPE_BlockStore> blocks; ///< where those that have an origin are taken from, and where they go
+    std::shared_ptr<TCPE_Connection> origin{};
+    Handler* handler = nullptr;
+  };
 
-  /// @param blocks where to take the block from, and where it goes in the end
-  static Pointer Make(std::shared_ptr<TCPE_BlockStore> blocks, std::shared_ptr<TCPE_Connection> origin,
-                      const TCPE_FrameHeader& header, Kind kind, Handler* handler = nullptr);
+  static Pointer Make(std::shared_ptr<const Batch> batch, const TCPE_FrameHeader& header, Kind kind);
 
   void* Block();
   /// Takes over the command that was built in the block.
   void SetCommand(TCPE_Command* command) { mCommand = command; }
   TCPE_Command* Command() const override { return mCommand; }
   const TCPE_FrameHeader& Header() const { return mHeader; }
-  const std::shared_ptr<TCPE_Connection>& Origin() const { return mOrigin; }
+  const std::shared_ptr<TCPE_Connection>& Origin() const { return mBatch->origin; }
   bool IsReplyWanted() const { return mHeader.Has(kTCPE_Flag_ReplyWanted); }
-  void Run() override { mHandler->Handle(*this); }
+  void Run() override { mBatch->handler->Handle(*this); }
 
 private:
-  TCPE_ReceivedCommand(std::shared_ptr<TCPE_BlockStore> blocks, std::shared_ptr<TCPE_Connection> origin,
-                       const TCPE_FrameHeader& header, Kind kind, Handler* handler);
+  TCPE_ReceivedCommand(std::shared_ptr<const Batch> batch, const TCPE_FrameHeader& header, Kind kind);
   ~TCPE_ReceivedCommand() override;
   void Discard() override;
 
-  std::shared_ptr<TCPE_BlockStore> mBlocks;
-  std::shared_ptr<TCPE_Connection> mOrigin;
+  std::shared_ptr<const Batch> mBatch;
   TCPE_FrameHeader mHeader;
-  Handler* mHandler;
   TCPE_Command* mCommand = nullptr;
 };
 
@@ -92,6 +93,9 @@ public:
   bool IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const;
   /// A command of its class, as it is before it is filled; null when there is no such class. From any thread.
   ReceivedPointer Fresh(TCPE_eCmd wireType) const;
+  /// What comes from now on belongs to another batch: those who end the commands of one do not contend with the one who
+  /// makes those of the next.
+  void EndBatch() { mBatch.reset(); }
   /// A command has been handled: sends its reply, if one is wanted. From any thread.
   void Finish(TCPE_ReceivedCommand& received);
 
@@ -130,6 +134,8 @@ private:
   TCPE_CommTask& mTask;
   Receiver& mReceiver;
   const std::shared_ptr<TCPE_BlockStore> mBlocks; ///< of the network thread
+  const std::shared_ptr<const TCPE_ReceivedCommand::Batch> mWithoutOrigin;
+  std::shared_ptr<const TCPE_ReceivedCommand::Batch> mBatch;
   std::atomic<ETCPE_SystemType> mLocalSystemType;
   std::atomic<TCPE_CommManager::CommandLogProc> mLog = nullptr;
   std::atomic<std::uint64_t> mUnknownCommands = 0;

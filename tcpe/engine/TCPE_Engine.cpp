@@ -800,6 +800,7 @@ bool TCPE_Engine::Deliver(ReceivedPointer& received) {
 }
 
 void TCPE_Engine::DeliverBatch() {
+  mDispatcher.EndBatch();
   if (mBatch.IsEmpty()) {
     return;
   }

@@ -326,7 +326,7 @@ void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> concerned) {
 
 void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   using Kind = TCPE_Endpoint::Event::Kind;
-  const ConnectionPointer connection = Find(event.id);
+  const ConnectionPointer& connection = Find(event.id);
   if (event.kind == Kind::connectEnded) {
     mListener.OnConnectEnded(event.address, event.error);
     return;
@@ -360,12 +360,12 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
     connection->SendOfSession(event.payload);
     break;
   case Kind::close:
-    mConnections.erase(event.id);
     connection->CloseWhenSent();
     mClosing.remove_if([](const ConnectionPointer& closing) { return closing->Socket() == nullptr; });
     if (connection->Socket() != nullptr) {
       mClosing.push_back(connection);
     }
+    mConnections.erase(event.id);
     break;
   case Kind::unproved:
   case Kind::connectEnded:
@@ -412,7 +412,8 @@ TCPE_Network::ConnectionPointer TCPE_Network::Add(TCPE_Endpoint::Id id, std::uin
   return connection;
 }
 
-TCPE_Network::ConnectionPointer TCPE_Network::Find(TCPE_Endpoint::Id id) const {
+const TCPE_Network::ConnectionPointer& TCPE_Network::Find(TCPE_Endpoint::Id id) const {
+  static const ConnectionPointer kNone;
   const auto position = mConnections.find(id);
-  return position != mConnections.end() ? position->second : nullptr;
+  return position != mConnections.end() ? position->second : kNone;
 }

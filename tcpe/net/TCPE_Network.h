@@ -96,7 +96,8 @@ private:
   void OnTellingDue(TCPE_Endpoint::Id id) override;
   void OnReadingDue(const ConnectionPointer& connection) override;
   ConnectionPointer Add(TCPE_Endpoint::Id id, std::uint32_t address, asio::ip::tcp::socket socket);
-  ConnectionPointer Find(TCPE_Endpoint::Id id) const;
+  /// Null when there is none; valid until connections come or go.
+  const ConnectionPointer& Find(TCPE_Endpoint::Id id) const;
 
   static thread_local const TCPE_Network* sRunning; ///< on this thread
 
