@@ -145,10 +145,6 @@ void Trel_LinkSession::ReportNoStart(std::int64_t runningTime, const std::string
   Feed(mShell, [&](Core& core, Core::Time now) { core.DidNotBegin(runningTime, why, now); });
 }
 
-std::int64_t Trel_LinkSession::CountStarts() const {
-  return Ask(mShell, [](const Core& core) { return core.Conductor().CountStarts(); });
-}
-
 std::map<std::uint32_t, std::int64_t> Trel_LinkSession::GetLastStart() const {
   return Ask(mShell, [](const Core& core) { return core.Conductor().GetLastStart(); });
 }

@@ -383,9 +383,10 @@ void Trel_LinkShell::InOrder(std::uint32_t address, const Pool::Job& job) {
 void Trel_LinkShell::CarryOut(const Action::Send& send) {
   const auto message = std::make_shared<const Trel_SessionMessage::Any>(send.message);
   const bool isConfirmed = Commands::IsConfirmed(*message);
+  std::vector<std::uint32_t> atOnce;
   for (const std::uint32_t address : send.to) {
     if (!isConfirmed && IsIdle(address)) {
-      Commands::Send(*message, address);
+      atOnce.push_back(address);
       continue;
     }
     const bool isTaken = Later(address, [self = shared_from_this(), message, address, request = send.request] {
@@ -400,6 +401,9 @@ void Trel_LinkShell::CarryOut(const Action::Send& send) {
         core.SendEnded(send.request, address, Trel_SessionMessage::Outcome::none, now);
       });
     }
+  }
+  if (!atOnce.empty()) {
+    Commands::SendToAll(*message, atOnce);
   }
 }
 

@@ -201,6 +201,15 @@ Trel_SessionCommands::Sent Trel_SessionCommands::Send(const Message::Any& messag
       message);
 }
 
+void Trel_SessionCommands::SendToAll(const Message::Any& message, std::span<const std::uint32_t> addresses) {
+  std::visit(
+      [addresses](const auto& fields) {
+        auto command = Make(fields);
+        Trel_CommManager::SendCommandToAll(&command, addresses);
+      },
+      message);
+}
+
 bool Trel_SessionCommands::IsConfirmed(const Message::Any& message) {
   return std::visit(
       []<class Fields>(const Fields& /*fields*/) {

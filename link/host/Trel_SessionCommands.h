@@ -15,6 +15,7 @@
 #include <trel/Trel_System.h>
 
 #include <cstdint>
+#include <span>
 
 /// Between the messages of a session and the commands that carry them: the one place that knows both. Thread-safe.
 class Trel_SessionCommands {
@@ -30,6 +31,8 @@ public:
   /// Sends a message to one system. One that is to be confirmed waits for that; the outcome of any other is `none`.
   /// Not initialised or not connected, nothing is sent.
   static Sent Send(const Message::Any& message, std::uint32_t address);
+  /// Sends a message that is not to be confirmed, encoded once for all, and does not wait.
+  static void SendToAll(const Message::Any& message, std::span<const std::uint32_t> addresses);
   static bool IsConfirmed(const Message::Any& message);
 
   // What received commands say.

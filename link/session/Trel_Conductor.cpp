@@ -94,7 +94,7 @@ Trel_LinkRefusal Trel_Conductor::WhyNotStart(const Trel_StartRequest& start, Tim
     if (start.time < earliest) {
       return Trel_LinkRefusal::inThePast;
     }
-    if (start.time > earliest + kFarthestStart) {
+    if (start.time > earliest + Trel_StartRequest::kFarthest) {
       return Trel_LinkRefusal::tooFarAhead;
     }
   }
@@ -310,7 +310,6 @@ void Trel_Conductor::Began(Time runningTime, Time actual, Time now) {
     return;
   }
   mLastStart[mLink.Self()] = actual - runningTime;
-  ++mStarts;
   if (mLink.Master() != 0) {
     mLink.Send({mLink.Master()}, Message::ReportPlayStartData{actual});
   }
@@ -395,7 +394,7 @@ void Trel_Conductor::On(std::uint32_t from, const Message::StartPlayback& messag
   const auto running = mLink.RunningTime(now);
   if (!IsSane(message.runningTime)) {
     mLink.TellRefused(Event::Wish::start, from, Reason::noSuchTime);
-  } else if (running && message.runningTime - *running > kFarthestStart) {
+  } else if (running && message.runningTime - *running > Trel_StartRequest::kFarthest) {
     mLink.TellRefused(Event::Wish::start, from, Reason::tooFarAhead);
   } else if (mLink.MayConduct(from)) {
     TakeStart(message.runningTime, from, now);
@@ -544,7 +543,6 @@ void Trel_Conductor::TellRound() {
     event.others.push_back(mLink.Describe(address));
   }
   mLink.Tell(std::move(event));
-  ++mStarts;
 }
 
 Trel_StartOutcome Trel_Conductor::Round::Complete() const {

@@ -25,7 +25,6 @@ public:
   using Action = Trel_SessionAction;
   using Outcome = Message::Outcome;
 
-  static constexpr Time kFarthestStart = Time{24} * 3600 * 1'000'000; ///< ahead, microseconds
   static constexpr Time kLongestDelay = 10'000'000;                   ///< microseconds, that a system may tell
 
   /// A time that adds to and subtracts from any other of the link without an overflow. Peers may tell others.
@@ -77,8 +76,6 @@ public:
   const Trel_PlayRange& GetRange() const { return mRange; }
   /// The longest delay to be told to a system that asks: of this system, on a master of those linked with it too.
   Time GetStartDelay() const;
-  /// Starts that are over: at the master with all that there is to know of them, elsewhere this system's own.
-  std::int64_t CountStarts() const { return mStarts; }
   /// Of the last start, as far as known here.
   const std::map<std::uint32_t, Time>& GetLastStart() const { return mLastStart; }
 
@@ -174,5 +171,4 @@ private:
   std::map<std::uint32_t, Time> mDelays;  ///< told by the others when they were primed
   Action::Request mDelayRequest = 0;
   std::map<std::uint32_t, Time> mLastStart;
-  std::int64_t mStarts = 0;
 };

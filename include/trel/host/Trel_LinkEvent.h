@@ -75,7 +75,7 @@ struct Trel_LinkEvent {
 
     notInControl,   ///< the system that wanted it
     noSuchTime,     ///< a time that no clock shows
-    tooFarAhead,    ///< more than Trel_LinkSession::kFarthestStart
+    tooFarAhead,    ///< more than Trel_StartRequest::kFarthest
     notPrimed,      ///< this system
     clockNotLocked, ///< of this system, to the master's
     masterGone,     ///< it was agreed in the running time of a master that is gone

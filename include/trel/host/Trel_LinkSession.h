@@ -143,9 +143,6 @@ public:
 
   // --- playing together. Only the system in control conducts
 
-  /// Starts further ahead are refused, microseconds.
-  static constexpr std::int64_t kFarthestStart = std::int64_t{24} * 3600 * 1'000'000;
-
   /// Has all systems get ready to play a range. Their states tell when they are (GetState, EventKind::transport).
   Trel_LinkRefusal Prime(const Trel_PlayRange& range);
   /// Starts all systems together. As soon as everybody can: waits for the start delays that they tell, half a second at
@@ -160,8 +157,6 @@ public:
   void ReportStart(std::int64_t runningTime, std::int64_t hostTime);
   /// ... or has not, and why, for people.
   void ReportNoStart(std::int64_t runningTime, const std::string& why);
-  /// Starts that are over: on a master with all that there is to know of them, on a satellite those that it made.
-  std::int64_t CountStarts() const;
   /// Actual start minus agreed of those who made the last start, as far as known here: on a satellite its own.
   std::map<std::uint32_t, std::int64_t> GetLastStart() const;
 

@@ -94,6 +94,8 @@ enum class Trel_LinkRefusal : std::uint8_t {
 /// A start, as the host of the system in control wants it.
 struct Trel_StartRequest {
   enum class When : std::uint8_t { at, in, asSoonAsPossible };
+  /// Starts further ahead are refused, microseconds.
+  static constexpr std::int64_t kFarthest = std::int64_t{24} * 3600 * 1'000'000;
 
   When when = When::asSoonAsPossible;
   std::int64_t time = 0;       ///< `at`: a running time; `in`: from now

@@ -648,7 +648,7 @@ TEST_P(SessionTest, NobodyStartsByTheClockOfAMasterThatIsGone) {
 
 TEST_P(SessionTest, AStartIsRefusedInOneWord) {
   using Refusal = Trel_LinkRefusal;
-  constexpr Time kFarthest = Trel_Conductor::kFarthestStart;
+  constexpr Time kFarthest = Trel_StartRequest::kFarthest;
   const struct {
     const char* name;
     std::function<void(Playing&)> what;
