@@ -1,5 +1,6 @@
 #include "tools/trel/common/Status_Server.h"
 
+#include "tools/trel/common/JsonLine.h"
 #include "tools/trel/common/Status_Directory.h"
 
 #include <trel/Sys_Clock.h>
@@ -103,7 +104,7 @@ void Status_Server::Run() {
     const bool isDue = Sys_Clock::RawMicroseconds() >= next;
     if (isDue && !mClients.empty()) {
       // Names come from the network: what is no UTF-8 is replaced.
-      line = mMakeStatus().ToJson().dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+      line = JsonLine(mMakeStatus().ToJson()) + '\n';
       next = Sys_Clock::RawMicroseconds() + kPeriod;
     }
     std::erase_if(mClients, [&](Client& client) {

@@ -1,6 +1,7 @@
 #include "tools/trel/Commands.h"
 #include "tools/trel/common/EngineOptions.h"
 #include "tools/trel/common/ExitStatus.h"
+#include "tools/trel/common/JsonLine.h"
 #include "tools/trel/common/Texts.h"
 #include "tools/trel/doctor/Survey.h"
 #include "tools/trel/watch/Watch_Text.h"
@@ -57,7 +58,7 @@ void PrintJson(const Survey::Systems& systems) {
                        {"role", RoleText(system.GetSystemType())},
                        {"version", VersionOf(system)},
                        {"available", isAvailable}};
-    std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    std::cout << JsonLine(json) << '\n';
   }
 }
 

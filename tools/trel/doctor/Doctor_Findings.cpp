@@ -1,5 +1,7 @@
 #include "tools/trel/doctor/Doctor_Findings.h"
 
+#include "tools/trel/common/JsonLine.h"
+
 #include <trel/Cmn_Printable.h>
 
 #include <nlohmann/json.hpp>
@@ -23,7 +25,7 @@ void Doctor_Findings::Tell(const char* status, const std::string& check, const s
   if (mIsJson) {
     using Json = nlohmann::ordered_json;
     const Json json = {{"check", check}, {"status", status}, {"text", text}, {"advice", advice}};
-    std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
+    std::cout << JsonLine(json) << '\n' << std::flush;
     return;
   }
   constexpr int kStatusWidth = 8;

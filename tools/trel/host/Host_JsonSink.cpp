@@ -1,5 +1,6 @@
 #include "tools/trel/host/Host_JsonSink.h"
 
+#include "tools/trel/common/JsonLine.h"
 #include "tools/trel/host/Host_Event.h"
 
 void Host_JsonSink::Take(const Host_Event& event) {
@@ -14,6 +15,5 @@ void Host_JsonSink::Take(const Host_Event& event) {
   for (const auto& [name, value] : event.fields.items()) {
     json[name] = value;
   }
-  // Names come from the network: what is no UTF-8 is replaced.
-  mOut << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
+  mOut << JsonLine(json) << '\n' << std::flush;
 }

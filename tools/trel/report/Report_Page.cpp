@@ -1,6 +1,9 @@
 #include "tools/trel/report/Report_Page.h"
 
+#include "tools/trel/common/JsonLine.h"
 #include "tools/trel/common/Percentiles.h"
+
+#include <trel/Cmn_Printable.h>
 
 #include <nlohmann/json.hpp>
 
@@ -26,9 +29,11 @@ constexpr std::size_t kMostStates = 1'000;
 constexpr std::size_t kMostNotesShown = 500;
 constexpr double kLeastGap = 1.0; // seconds without a sample that leave a hole in a curve
 
-std::string Escaped(const std::string& text) {
+/// Names in a recording come from the network, and the recording from anywhere.
+std::string Escaped(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
   std::string escaped;
-  for (const char c : text) {
+  for (const char c : Cmn_Printable(text)) {
     switch (c) {
     case '&':
       escaped += "&amp;";
@@ -43,7 +48,7 @@ std::string Escaped(const std::string& text) {
       escaped += "&quot;";
       break;
     default:
-      escaped += static_cast<unsigned char>(c) < ' ' ? ' ' : c;
+      escaped += c;
     }
   }
   return escaped;
@@ -128,7 +133,7 @@ std::string DataText(const Report_Data& data) {
     json["starts"].push_back({{"time", Seconds(data, start.time)}, {"late", start.late}});
   }
   // In a script element nothing but "<" could end it.
-  std::string text = json.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
+  std::string text = JsonLine(json);
   for (std::size_t at = 0; (at = text.find('<', at)) != std::string::npos;) {
     text.replace(at, 1, "\\u003c");
   }

@@ -2,6 +2,7 @@
 
 #include "tools/trel/common/DurationText.h"
 #include "tools/trel/common/ExitStatus.h"
+#include "tools/trel/common/JsonLine.h"
 #include "tools/trel/common/Status_Client.h"
 #include "tools/trel/common/Status_Directory.h"
 #include "tools/trel/watch/Watch_Screen.h"
@@ -182,7 +183,7 @@ void Watch_Session::Show() {
   if (mOptions.json) {
     Json json = {{"time", TimeText()}};
     json.update(mSnapshot.ToJson());
-    std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
+    std::cout << JsonLine(json) << '\n' << std::flush;
     return;
   }
   Watch_Screen::Layout layout;
