@@ -2,6 +2,8 @@
 
 #include "foundation/Sys_Wipe.h"
 
+#include <algorithm>
+
 #include <gcrypt.h>
 
 namespace {
@@ -60,7 +62,9 @@ private:
 
 } // namespace
 
-TCPE_AuthenticationKey::~TCPE_AuthenticationKey() { Sys_Wipe(mBytes); }
+TCPE_AuthenticationKey::TCPE_AuthenticationKey(const Mac& bytes) : mBytes(bytes.size()) {
+  std::copy(bytes.begin(), bytes.end(), mBytes.Bytes().begin());
+}
 
 std::shared_ptr<const TCPE_AuthenticationKey> TCPE_AuthenticationKey::FromSecret(std::span<const std::byte> secret) {
   Mac bytes{};
@@ -82,19 +86,19 @@ std::unique_ptr<const TCPE_AuthenticationKey> TCPE_AuthenticationKey::Derive(std
 
 TCPE_AuthenticationKey::Mac TCPE_AuthenticationKey::MakeMac(std::string_view label, Parts parts) const {
   Mac mac{};
-  if (!Hmac(mBytes, label, parts).Read(mac)) {
-    gcry_create_nonce(mac.data(), mac.size());
+  if (!Hmac(mBytes.Bytes(), label, parts).Read(mac)) {
+    gcry_randomize(mac.data(), mac.size(), GCRY_STRONG_RANDOM);
   }
   return mac;
 }
 
 bool TCPE_AuthenticationKey::Verify(std::string_view label, Parts parts, std::span<const std::byte> mac) const {
-  return !mac.empty() && mac.size() <= kSize && Hmac(mBytes, label, parts).Verify(mac);
+  return !mac.empty() && mac.size() <= kSize && Hmac(mBytes.Bytes(), label, parts).Verify(mac);
 }
 
 TCPE_Hello::Nonce TCPE_AuthenticationKey::MakeNonce() {
   TCPE_Hello::Nonce nonce;
   PrepareLibrary();
-  gcry_create_nonce(nonce.data(), nonce.size());
+  gcry_randomize(nonce.data(), nonce.size(), GCRY_STRONG_RANDOM);
   return nonce;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "foundation/Sys_SecretMemory.h"
 #include "tcpe/protocol/TCPE_Hello.h"
 
 #include <array>
@@ -9,7 +10,7 @@
 #include <span>
 #include <string_view>
 
-/// A key for HMAC-SHA-256: the one that the shared secret gives, or one that was derived from it. Wiped when destroyed.
+/// A key for HMAC-SHA-256: the one that the shared secret gives, or one that was derived from it.
 ///
 /// The labels keep the uses of one key apart: what was made under one label proves nothing under another.
 /// All operations are thread-safe.
@@ -20,10 +21,7 @@ public:
   /// What is authenticated, one part after the other. Parts of variable length have their length told by another.
   using Parts = std::initializer_list<std::span<const std::byte>>;
 
-  explicit TCPE_AuthenticationKey(const Mac& bytes) : mBytes(bytes) {}
-  ~TCPE_AuthenticationKey();
-  TCPE_AuthenticationKey(const TCPE_AuthenticationKey&) = delete;
-  TCPE_AuthenticationKey& operator=(const TCPE_AuthenticationKey&) = delete;
+  explicit TCPE_AuthenticationKey(const Mac& bytes);
 
   /// The key of a shared secret, by scrypt: takes 16 MiB and some 50 ms, so do it once. Null when that fails.
   static std::shared_ptr<const TCPE_AuthenticationKey> FromSecret(std::span<const std::byte> secret);
@@ -40,5 +38,5 @@ public:
   static TCPE_Hello::Nonce MakeNonce();
 
 private:
-  Mac mBytes;
+  Sys_SecretMemory mBytes;
 };
