@@ -86,19 +86,19 @@ void Sys_Clock::Init() {
   });
 }
 
-std::int64_t Sys_Clock::Microseconds() {
+std::int64_t Sys_Clock::Microseconds() noexcept {
   const Source source = sSource.load(std::memory_order_acquire);
   return source != nullptr ? source() : FromRaw(RawMicroseconds());
 }
 
-std::int64_t Sys_Clock::RawMicroseconds() {
+std::int64_t Sys_Clock::RawMicroseconds() noexcept {
   const auto sinceZero = std::chrono::steady_clock::now().time_since_epoch();
   return std::chrono::duration_cast<std::chrono::microseconds>(sinceZero).count();
 }
 
-std::int64_t Sys_Clock::FromRaw(std::int64_t rawTime) { return Scale().FromRaw(rawTime); }
+std::int64_t Sys_Clock::FromRaw(std::int64_t rawTime) noexcept { return Scale().FromRaw(rawTime); }
 
-std::int64_t Sys_Clock::ToRaw(std::int64_t hostTime) { return Scale().ToRaw(hostTime); }
+std::int64_t Sys_Clock::ToRaw(std::int64_t hostTime) noexcept { return Scale().ToRaw(hostTime); }
 
 void Sys_Clock::WaitUntil(std::int64_t hostTime) {
   const std::int64_t rawTime = ToRaw(hostTime);
@@ -109,4 +109,4 @@ void Sys_Clock::WaitUntil(std::int64_t hostTime) {
   }
 }
 
-void Sys_Clock::SetSource(Source source) { sSource.store(source, std::memory_order_release); }
+void Sys_Clock::SetSource(Source source) noexcept { sSource.store(source, std::memory_order_release); }

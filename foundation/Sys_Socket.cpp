@@ -51,7 +51,7 @@ std::string Sys_Socket::DecodeIPAddress(std::uint32_t address) {
   return text;
 }
 
-bool Sys_Socket::EncodeIPAddress(const char* text, std::uint32_t* address) {
+bool Sys_Socket::EncodeIPAddress(const char* text, std::uint32_t* address) noexcept {
   std::string_view rest = text != nullptr ? text : "";
   std::uint32_t result = 0;
   for (int octet = 0; octet < 4; ++octet) {

@@ -24,23 +24,23 @@ public:
   static void Init();
 
   /// Host time. Thread-safe and real-time-safe.
-  static std::int64_t Microseconds();
+  [[nodiscard]] static std::int64_t Microseconds() noexcept;
 
   /// Raw time: microseconds of the machine's monotonic clock, whose zero is any moment of the past.
   ///
   /// Thread-safe and real-time-safe.
-  static std::int64_t RawMicroseconds();
+  [[nodiscard]] static std::int64_t RawMicroseconds() noexcept;
 
   /// The host time shown at a raw time: the greatest that has been reached by then. Exact.
   ///
   /// Thread-safe and real-time-safe.
-  static std::int64_t FromRaw(std::int64_t rawTime);
+  [[nodiscard]] static std::int64_t FromRaw(std::int64_t rawTime) noexcept;
 
   /// The first raw time at which the host clock shows that host time or more. Exact, and so within 1 us the reverse of
   /// FromRaw.
   ///
   /// Thread-safe and real-time-safe.
-  static std::int64_t ToRaw(std::int64_t hostTime);
+  [[nodiscard]] static std::int64_t ToRaw(std::int64_t hostTime) noexcept;
 
   /// Returns once the host clock shows that host time or more; at once if it is past.
   ///
@@ -56,5 +56,5 @@ public:
   /// whichever thread asks for the time.
   ///
   /// Thread-safe and real-time-safe.
-  static void SetSource(Source source);
+  static void SetSource(Source source) noexcept;
 };

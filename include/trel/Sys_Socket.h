@@ -43,7 +43,7 @@ public:
   /// Returns false and leaves the address as it is for any other text, null included.
   ///
   /// Thread-safe and real-time-safe.
-  static bool EncodeIPAddress(const char* text, std::uint32_t* address);
+  static bool EncodeIPAddress(const char* text, std::uint32_t* address) noexcept;
 
   /// Name of this machine; empty if the operating system does not tell it.
   ///

@@ -72,7 +72,7 @@ struct TREL_EXPORT Trel_ClockStatus {
   std::int64_t lastJump = 0; ///< how far the local clock jumped ahead; a jump of the master's back looks the same
 
   /// State and reason in words, for logs and displays; never null. Thread-safe and real-time-safe.
-  const char* GetStateText() const;
-  const char* GetReasonText() const;
-  static const char* GetRejectionText(ETrel_ClockRejection rejection);
+  [[nodiscard]] const char* GetStateText() const noexcept;
+  [[nodiscard]] const char* GetReasonText() const noexcept;
+  [[nodiscard]] static const char* GetRejectionText(ETrel_ClockRejection rejection) noexcept;
 };

@@ -39,10 +39,10 @@ public:
 
   /// The master's running time at a host time; the host time itself while there is no measurement. Rounding and results
   /// out of range are as in Trel_LinearCorrelator::Line.
-  static std::int64_t GetRunningTime(std::int64_t hostTime);
+  static std::int64_t GetRunningTime(std::int64_t hostTime) noexcept;
 
   /// The host time at a running time of the master; the running time itself while there is no measurement.
-  static std::int64_t GetHostTime(std::int64_t runningTime);
+  static std::int64_t GetHostTime(std::int64_t runningTime) noexcept;
 
   /// Forgets every measurement, so the clock is not locked. The latency maximum and the exchange that waits for its
   /// voucher are kept.
@@ -50,7 +50,7 @@ public:
 
   /// Whether the measurements lie well enough on a line for the other conversions to be relied on: at least four of
   /// them, and a correlation coefficient less than 0.005 away from 1.
-  static bool IsLocked();
+  static bool IsLocked() noexcept;
 
   /// Consumes the three timing commands of the numbering in force (UpdateRunningTime, LastUpdateRunningTimeValid,
   /// ResetClock). The host time of an exchange is taken at entry, so call it as early as possible after receipt.
@@ -58,7 +58,7 @@ public:
   static bool HandleTimingCommand(Trel_Command* inCommand);
 
   /// The longest round trip that a master reported since the manager was initialised, microseconds. Takes no lock.
-  static std::int64_t GetMaxNetworkLatencyForNonMaster();
+  static std::int64_t GetMaxNetworkLatencyForNonMaster() noexcept;
 
   /// What is known of the clock at a host time: state, possible error, offset and rate, exchanges taken and refused.
   /// Cheap enough to be polled, and no hindrance to those who convert times; not real-time-safe. Not initialised, there

@@ -35,10 +35,10 @@ public:
     bool mIsCorrelated = false; ///< the clocks are locked
 
     /// The remote running time at a local host time.
-    std::int64_t PredictRemote(std::int64_t local) const;
+    [[nodiscard]] std::int64_t PredictRemote(std::int64_t local) const noexcept;
 
     /// The local host time at a remote running time.
-    std::int64_t PredictLocal(std::int64_t remote) const;
+    [[nodiscard]] std::int64_t PredictLocal(std::int64_t remote) const noexcept;
   };
 
   /// A sum held without rounding as the unevaluated sum of two doubles, so that differences of large sums do not

@@ -1,6 +1,6 @@
 #include <trel/Trel_ClockStatus.h>
 
-const char* Trel_ClockStatus::GetStateText() const {
+const char* Trel_ClockStatus::GetStateText() const noexcept {
   switch (state) {
   case eTrel_ClockState_NoClock:
     return "no clock";
@@ -16,7 +16,7 @@ const char* Trel_ClockStatus::GetStateText() const {
   return "unknown";
 }
 
-const char* Trel_ClockStatus::GetReasonText() const {
+const char* Trel_ClockStatus::GetReasonText() const noexcept {
   switch (reason) {
   case eTrel_ClockReason_NoExchange:
     return "no running time comes from the master";
@@ -40,7 +40,7 @@ const char* Trel_ClockStatus::GetReasonText() const {
   return "unknown";
 }
 
-const char* Trel_ClockStatus::GetRejectionText(ETrel_ClockRejection rejection) {
+const char* Trel_ClockStatus::GetRejectionText(ETrel_ClockRejection rejection) noexcept {
   switch (rejection) {
   case eTrel_ClockRejection_None:
     return "none";

@@ -169,11 +169,11 @@ void Trel_CorrelatedClockMgr::AddMeasurement(std::int64_t runningTime, std::int6
   AddMeasurementLocked(state, runningTime, hostTime);
 }
 
-std::int64_t Trel_CorrelatedClockMgr::GetRunningTime(std::int64_t hostTime) {
+std::int64_t Trel_CorrelatedClockMgr::GetRunningTime(std::int64_t hostTime) noexcept {
   return LineInForce().PredictRemote(hostTime);
 }
 
-std::int64_t Trel_CorrelatedClockMgr::GetHostTime(std::int64_t runningTime) {
+std::int64_t Trel_CorrelatedClockMgr::GetHostTime(std::int64_t runningTime) noexcept {
   return LineInForce().PredictLocal(runningTime);
 }
 
@@ -185,7 +185,7 @@ void Trel_CorrelatedClockMgr::ResetClock() {
   state.mObserver.Reset();
 }
 
-bool Trel_CorrelatedClockMgr::IsLocked() { return LineInForce().mIsCorrelated; }
+bool Trel_CorrelatedClockMgr::IsLocked() noexcept { return LineInForce().mIsCorrelated; }
 
 bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
   const std::int64_t hostTime = Sys_Clock::Microseconds();
@@ -219,7 +219,7 @@ bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
   return isTimingCommand;
 }
 
-std::int64_t Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster() {
+std::int64_t Trel_CorrelatedClockMgr::GetMaxNetworkLatencyForNonMaster() noexcept {
   return sMaxNetworkLatencyForNonMaster.load(std::memory_order_relaxed);
 }
 

@@ -75,11 +75,11 @@ std::int64_t Truncate(double value) {
 
 } // namespace
 
-std::int64_t Trel_LinearCorrelator::Line::PredictRemote(std::int64_t local) const {
+std::int64_t Trel_LinearCorrelator::Line::PredictRemote(std::int64_t local) const noexcept {
   return Truncate(static_cast<double>(local) * mSlope + mOffset + 0.5);
 }
 
-std::int64_t Trel_LinearCorrelator::Line::PredictLocal(std::int64_t remote) const {
+std::int64_t Trel_LinearCorrelator::Line::PredictLocal(std::int64_t remote) const noexcept {
   return Truncate((static_cast<double>(remote) - mOffset) / mSlope + 0.5);
 }
 
