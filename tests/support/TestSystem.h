@@ -95,8 +95,6 @@ public:
   std::function<bool(const std::string& text, std::uint32_t from)> inPlace;
   /// Runs on the thread that sends, before anything is written.
   std::function<void(const TCPE_Command& command)> beforeSending;
-  /// Runs when the task is asked for its version, as it is several times while the system starts.
-  std::function<void()> beforeVersion;
   std::atomic<bool> admits = true;
   std::atomic<bool> hasHandler = true;
   std::uint16_t maxSatellites = 128;
@@ -116,9 +114,6 @@ private:
       Trel_CommTask::WriteCommandHeader(command, cursor);
     }
     std::uint8_t GetCurrentProtocolMajorVersion() override {
-      if (mSystem.beforeVersion) {
-        mSystem.beforeVersion();
-      }
       return mSystem.majorVersion != 0 ? mSystem.majorVersion : Trel_CommTask::GetCurrentProtocolMajorVersion();
     }
 

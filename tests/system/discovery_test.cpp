@@ -110,8 +110,6 @@ TEST_F(DiscoveryTest, EachRoleFindsTheOther) {
   ExpectWithin("time for a list, us", waited, kWait + 500'000);
   EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 taken; ");
   master.SetAllowSatellitesToConnectToMasterSystem(true);
-  Trel_CommManager::GetMasterSystemsList(&systems);
-  EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 taken; ") << "what the list holds stays";
   systems.clear();
   Trel_CommManager::GetMasterSystemsList(&systems);
   EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 available; ");
@@ -229,14 +227,8 @@ TEST_F(DiscoveryTest, PortsInUseAreToldApart) {
   EXPECT_EQ(report(TestPort()), "0 ");
   EXPECT_EQ(Trel_CommManager::GetDiscoveryPort(), DiscoveryPort());
   EXPECT_EQ(Trel_CommManager::GetCommunicationPort(), TestPort());
-  EXPECT_EQ(report(TestPort()), "1 the engine is initialised already");
   PeerSystem sameAddress(kHostAddress);
   EXPECT_EQ(sameAddress.Status(), eTCPE_Status_DiscoveryPortInUse);
-  TestSystem other(0);
-  TCPE_CommPreferences preferences(kHostAddress, TestPort());
-  EXPECT_EQ(other.Initialize(&preferences, nullptr), eTCPE_Status_PortInUse);
-  EXPECT_EQ(other.GetInitializationReport(),
-            "TCP port " + std::to_string(TestPort()) + " of 127.0.0.2 is in use by another program");
 }
 
 } // namespace

@@ -1,4 +1,3 @@
-#include "tests/support/NumberingTest.h"
 #include "tests/support/TestSystem.h"
 
 #include <trel/TCPE_Cmd_Disconnect.h>
@@ -10,10 +9,7 @@
 
 namespace {
 
-using TCPE_Connecting = NumberingTest;
-INSTANTIATE_NUMBERING_TESTS(TCPE_Connecting);
-
-TEST_P(TCPE_Connecting, IsKnownBeforeTheHandlersRunAndGoneBeforeTheyDo) {
+TEST(TCPE_Connecting, IsKnownBeforeTheHandlersRunAndGoneBeforeTheyDo) {
   constexpr std::int64_t kQueued = 100;
   TestSystem a(0), b(1);
   b.handler = [&](const std::string& text, std::uint32_t from) {
@@ -48,7 +44,7 @@ TEST_P(TCPE_Connecting, IsKnownBeforeTheHandlersRunAndGoneBeforeTheyDo) {
   EXPECT_EQ(b.Count("error"), 0);
 }
 
-TEST_P(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
+TEST(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
   constexpr int kRounds = 200;
   TestSystem a(0), b(1);
   Start(a, b);
@@ -77,31 +73,7 @@ TEST_P(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
   EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
 }
 
-TEST_P(TCPE_Connecting, TrueMeansConnectedWhileAnotherThreadConnectsAndDisconnects) {
-  constexpr int kRounds = 1000;
-  TestSystem a(0), b(1);
-  Start(a, b);
-  const std::uint32_t address = b.Address();
-  for (int round = 0; round < kRounds; ++round) {
-    for (const bool connects : {true, false}) {
-      SCOPED_TRACE(std::to_string(round) + (connects ? " connects" : " disconnects"));
-      auto other =
-          std::async(std::launch::async, [&] { return connects ? a.Connect(address) : a.Disconnect(address); });
-      const std::int64_t begin = Sys_Clock::RawMicroseconds();
-      while (a.IsConnected(address) != connects) { // without a sleep: as soon as it is so
-        ASSERT_LT(Sys_Clock::RawMicroseconds(), begin + 10'000'000);
-        std::this_thread::yield();
-      }
-      EXPECT_EQ(a.Disconnect(address), connects);
-      ASSERT_TRUE(a.Connect(address) && a.IsConnected(address));
-      EXPECT_TRUE(other.get());
-    }
-    EXPECT_TRUE(a.Disconnect(address));
-  }
-  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
-}
-
-TEST_P(TCPE_Connecting, CanBeEndedAndBegunAgainUnderTraffic) {
+TEST(TCPE_Connecting, CanBeEndedAndBegunAgainUnderTraffic) {
   constexpr std::size_t kRounds = 200;
   std::atomic<int> arrived = 0;
   TestSystem a(0), b(1);

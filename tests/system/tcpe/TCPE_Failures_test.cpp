@@ -57,38 +57,6 @@ TEST(TCPE_Failures, ARefusalIsToldOnceWithItsKind) {
     ExpectOnly(acceptor, caller.Address(), {});
     EXPECT_TRUE(Eventually([&] { return acceptor.GetCounters().refusedConnections == 1; }));
   }
-
-  const struct {
-    std::uint32_t address;
-    Bytes hello;
-    TCPE_CommErr answer;
-    std::vector<std::string> told;
-  } others[] = {
-      {0x7f000020, RawHello(true), eTCPE_CommErr_None, {ErrorText(eNetworkError_Authentication)}},
-      {0x7f000021, RawHello(), eTCPE_CommErr_DuplicateAddress, {ErrorText(eNetworkError_DuplicateAddress)}},
-      {0x7f000022, Bytes(64), eTCPE_CommErr_None, {}}, // no system
-      {0x7f000023, {}, eTCPE_CommErr_None, {}},        // says nothing
-  };
-  TestSystem caller(0);
-  ASSERT_EQ(caller.Start(), 0);
-  for (const auto& test : others) {
-    SCOPED_TRACE(test.address);
-    RawPeer acceptor(test.address);
-    const std::int64_t begin = Sys_Clock::RawMicroseconds();
-    auto connected = std::async(std::launch::async, [&] { return caller.Connect(test.address); });
-    acceptor.Accept();
-    acceptor.Send(test.hello);
-    if (test.answer != eTCPE_CommErr_None) {
-      TCPE_FrameHeader header = acceptor.Read();
-      header.flags = kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply;
-      header.error = test.answer;
-      acceptor.Send(RawFrame(header));
-    }
-    EXPECT_FALSE(connected.get());
-    ExpectWithin("Connect ended after us", Sys_Clock::RawMicroseconds() - begin, 4'000'000);
-    EXPECT_FALSE(caller.IsConnected(test.address));
-    ExpectOnly(caller, test.address, test.told);
-  }
 }
 
 TEST(TCPE_Failures, ALostPeerIsToldOnceAfterItsCommands) {

@@ -1,7 +1,5 @@
 #include "tests/support/RawPeer.h"
 
-#include <trel/Trel_CommPreferences.h>
-
 #include <future>
 #include <latch>
 
@@ -25,39 +23,33 @@ void ExpectUnbrokenBeginning(const TestSystem& system, std::uint32_t from, std::
 }
 
 TEST(TCPE_Flow, ABurstToASlowHandlerIsHandledToTheLast) {
-  const struct {
-    std::int64_t commands;
-    std::chrono::microseconds each;
-  } cases[] = {{20'000, std::chrono::microseconds(20)}, {2'000, std::chrono::microseconds(1'000)}};
-  for (const auto& test : cases) {
-    TestSystem a(0), b(1);
-    b.handler = [&test](const std::string& text, std::uint32_t) {
-      text.starts_with("TestRunningTime") ? Work(test.each) : void();
-    };
-    b.inPlace = [](const std::string& text, std::uint32_t) { return text == "GetState"; };
-    Link(a, b);
-    RoundTrips inPlace(a, b.Address());
-    std::size_t most = 0;
-    for (std::int64_t i = 0; i < test.commands; ++i) {
-      ASSERT_EQ(a.SendTime(i, b.Address()), eTCPE_CommErr_None);
-      most = i % 64 == 0 ? std::max(most, PeerOf(b, a.Address()).handlers.waiting) : most;
-    }
-    inPlace.ExpectUndisturbed();
-    TCPE_PeerSnapshot sent;
-    EXPECT_TRUE(Eventually([&] { return (sent = PeerOf(a, b.Address())).sentCommands.inFlight == 0; }));
-    ExpectUnbrokenBeginning(b, a.Address(), static_cast<std::size_t>(test.commands));
-    EXPECT_GT(most, TCPE_Limits{}.maxCommandsOut / 2);
-    ExpectWithin("commands that waited", static_cast<std::int64_t>(most),
-                 static_cast<std::int64_t>(TCPE_Limits{}.maxCommandsOut));
-    // Quiet: what one side sent is what the other one got, and all of it is finished.
-    const TCPE_CommandCount received = PeerOf(b, a.Address()).receivedCommands;
-    EXPECT_EQ(sent.sentCommands.commands, received.commands);
-    EXPECT_EQ(sent.sentCommands.finished, received.commands);
-    EXPECT_EQ(received.finished, received.commands);
-    EXPECT_EQ(received.inFlight + received.refused + sent.sentCommands.refused + sent.sentCommands.abandoned, 0U);
-    EXPECT_TRUE(a.IsConnected(b.Address()));
-    EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+  constexpr std::int64_t kCommands = 5'000;
+  TestSystem a(0), b(1);
+  b.handler = [](const std::string& text, std::uint32_t) {
+    text.starts_with("TestRunningTime") ? Work(std::chrono::microseconds(100)) : void();
+  };
+  b.inPlace = [](const std::string& text, std::uint32_t) { return text == "GetState"; };
+  Link(a, b);
+  RoundTrips inPlace(a, b.Address());
+  std::size_t most = 0;
+  for (std::int64_t i = 0; i < kCommands; ++i) {
+    ASSERT_EQ(a.SendTime(i, b.Address()), eTCPE_CommErr_None);
+    most = i % 64 == 0 ? std::max(most, PeerOf(b, a.Address()).handlers.waiting) : most;
   }
+  inPlace.ExpectUndisturbed();
+  TCPE_PeerSnapshot sent;
+  EXPECT_TRUE(Eventually([&] { return (sent = PeerOf(a, b.Address())).sentCommands.inFlight == 0; }));
+  ExpectUnbrokenBeginning(b, a.Address(), static_cast<std::size_t>(kCommands));
+  EXPECT_GT(most, TCPE_Limits{}.maxCommandsOut / 2);
+  ExpectWithin("commands that waited", static_cast<std::int64_t>(most),
+               static_cast<std::int64_t>(TCPE_Limits{}.maxCommandsOut));
+  // Quiet: what one side sent is what the other one got, and all of it is finished.
+  const TCPE_CommandCount received = PeerOf(b, a.Address()).receivedCommands;
+  EXPECT_EQ(sent.sentCommands.commands, received.commands);
+  EXPECT_EQ(sent.sentCommands.finished, received.commands);
+  EXPECT_EQ(received.finished, received.commands);
+  EXPECT_EQ(received.inFlight + received.refused + sent.sentCommands.refused + sent.sentCommands.abandoned, 0U);
+  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
 }
 
 TEST(TCPE_Flow, AHandlerThatNeverReturnsEndsTheConnectionAtBothSides) {
@@ -159,59 +151,38 @@ TEST(TCPE_Flow, WhoWaitsIsWokenByWhateverEndsTheConnection) {
       [](TestSystem& a, TestSystem& b) { a.Disconnect(b.Address()); },
       [](TestSystem&, TestSystem& b) { b.Terminate(); },
   };
-  for (int round = 0; round < 4; ++round) {
-    for (const auto& end : ends) {
-      std::latch hold(1);
-      TestSystem a(0), b(1);
-      b.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 0" ? hold.wait() : void(); };
-      Link(a, b);
-      std::vector<std::jthread> senders;
-      for (int sender = 0; sender < 4; ++sender) {
-        senders.emplace_back([&] {
-          while (a.SendTime(0, b.Address()) == eTCPE_CommErr_None) {
-          }
-        });
-      }
-      ASSERT_TRUE(Eventually([&] { return PeerOf(a, b.Address()).waitingSenders == senders.size(); }));
-      const std::int64_t begin = Sys_Clock::RawMicroseconds();
-      const auto ending = std::async(std::launch::async, [&] { end(a, b); });
-      senders.clear();
-      hold.count_down(); // no handler is left behind when b ends
-      ending.wait();
-      ASSERT_LE(Sys_Clock::RawMicroseconds() - begin, 1'000'000);
+  for (const auto& end : ends) {
+    std::latch hold(1);
+    TestSystem a(0), b(1);
+    b.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 0" ? hold.wait() : void(); };
+    Link(a, b);
+    std::vector<std::jthread> senders;
+    for (int sender = 0; sender < 4; ++sender) {
+      senders.emplace_back([&] {
+        while (a.SendTime(0, b.Address()) == eTCPE_CommErr_None) {
+        }
+      });
     }
+    ASSERT_TRUE(Eventually([&] { return PeerOf(a, b.Address()).waitingSenders == senders.size(); }));
+    const std::int64_t begin = Sys_Clock::RawMicroseconds();
+    const auto ending = std::async(std::launch::async, [&] { end(a, b); });
+    senders.clear();
+    hold.count_down(); // no handler is left behind when b ends
+    ending.wait();
+    ASSERT_LE(Sys_Clock::RawMicroseconds() - begin, 1'000'000);
   }
 }
-
-/// A host that pumps, at the address of the second test system.
-class PumpingHost final : public TCPE_CommManager {
-public:
-  ~PumpingHost() { Terminate(); }
-  std::int32_t Start() {
-    SetHostPumpedDelivery(true);
-    TCPE_CommPreferences preferences(kAddress, TestPort());
-    return Initialize(&preferences, nullptr);
-  }
-  static constexpr std::uint32_t kAddress = 0x7f00000b;
-
-private:
-  TCPE_CommTask* CreateCommTask(std::uint16_t communicationPort, std::uint16_t discoveryPort,
-                                TCPE_System* record) override {
-    return new Trel_CommTask(communicationPort, discoveryPort, record, 128, this);
-  }
-};
 
 TEST(TCPE_Flow, AHostThatPumpsGetsEverythingAndIsRefusedWhatItWouldHaveToWaitFor) {
   constexpr std::int64_t kFlood = 5'000;
   std::latch hold(1);
-  TestSystem a(0);
-  PumpingHost host;
+  TestSystem a(0), host(1);
   a.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 1" ? hold.wait() : void(); };
-  ASSERT_EQ(a.Start() + host.Start(), 0);
-  ASSERT_TRUE(a.Connect(PumpingHost::kAddress));
+  host.SetHostPumpedDelivery(true);
+  Link(a, host);
   std::jthread flood([&] {
     for (std::int64_t i = 0; i < kFlood; ++i) {
-      EXPECT_EQ(a.SendTime(i, PumpingHost::kAddress), eTCPE_CommErr_None);
+      EXPECT_EQ(a.SendTime(i, host.Address()), eTCPE_CommErr_None);
     }
   });
   std::int64_t next = 0;
@@ -223,18 +194,16 @@ TEST(TCPE_Flow, AHostThatPumpsGetsEverythingAndIsRefusedWhatItWouldHaveToWaitFor
     }
     return next == kFlood;
   }));
-  Trel_Cmd_TestRunningTime command(1);
-  command.SetIPAddressTo(a.Address());
   std::size_t sent = 0;
-  for (; command.GetError() == eTCPE_CommErr_None && sent <= 2 * TCPE_Limits{}.maxCommandsOut; ++sent) {
-    host.SendCommand(&command);
+  TCPE_CommErr error = eTCPE_CommErr_None;
+  for (; error == eTCPE_CommErr_None && sent <= 2 * TCPE_Limits{}.maxCommandsOut; ++sent) {
+    error = host.SendTime(1, a.Address());
   }
-  EXPECT_EQ(command.GetError(), eTCPE_CommErr_QueueFull);
+  EXPECT_EQ(error, eTCPE_CommErr_QueueFull);
   EXPECT_EQ(sent, TCPE_Limits{}.maxCommandsOut + 1);
   {
     const TCPE_CommManager::NeverWaits neverWaits;
-    host.SendCommand(&command);
-    EXPECT_EQ(command.GetError(), eTCPE_CommErr_None) << "kept";
+    EXPECT_EQ(host.SendTime(1, a.Address()), eTCPE_CommErr_None) << "kept";
   }
   hold.count_down();
   EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime") == static_cast<std::int64_t>(sent); }));

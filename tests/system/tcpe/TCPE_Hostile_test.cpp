@@ -35,34 +35,6 @@ protected:
   std::int64_t mMemory = 0;
 };
 
-TEST_F(TCPE_Hostile, StrangersWithoutAValidHandshakeAreTurnedAway) {
-  std::mt19937 random(1);
-  const auto noise = [&random] {
-    Bytes bytes(1 + random() % 2000);
-    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<std::byte>(random()); });
-    return bytes;
-  };
-  std::vector<Bytes> attacks{RawHello() + RawFrame({.type = eTrel_Cmd_GetState}),
-                             RawHello() + RawFrame({.type = eTrel_Cmd_Connect}, Bytes(513)), // too long
-                             RawHello() + RawFrame({.flags = kTCPE_Flag_Reply, .type = eTrel_Cmd_Connect})};
-  for (int i = 0; i < 200; ++i) {
-    attacks.push_back(noise());
-    attacks.push_back(RawHello() + noise());
-  }
-  const Bytes handshake = RawHandshake();
-  for (auto end = handshake.begin(); end != handshake.end(); ++end) {
-    attacks.emplace_back(handshake.begin(), end);
-  }
-  for (const Bytes& attack : attacks) {
-    const RawPeer stranger(kStranger, mVictim.Address());
-    stranger.Send(attack);
-    stranger.EndSending();
-    ASSERT_TRUE(stranger.IsClosed());
-  }
-  EXPECT_TRUE(Eventually([&] { return Refused() == attacks.size(); }));
-  EXPECT_TRUE(mVictim.From(kStranger).empty());
-}
-
 TEST_F(TCPE_Hostile, WhatIsNoCommandOfThisBuildIsAnsweredOrIgnored) {
   using Header = TCPE_FrameHeader;
   const auto query = [](void (*change)(Header & header)) {

@@ -1,8 +1,6 @@
-#include "tests/support/RawPeer.h"
+#include "tests/support/TestSystem.h"
 
 #include <future>
-#include <optional>
-#include <thread>
 
 namespace {
 
@@ -10,8 +8,6 @@ TEST(TCPE_Snapshot, CountsExactlyWhatPassed) {
   std::promise<void> goOn;
   TestSystem a(0), b(1);
   a.SetSystemName("the one that connects");
-  a.SetSystemType(eTCPE_SystemType_Satellite);
-  EXPECT_FALSE(a.GetSnapshot().isInitialized);
   Link(a, b);
   b.handler = [&](const std::string& text, std::uint32_t /*from*/) {
     if (text == "TestRunningTime 9") {
@@ -39,11 +35,8 @@ TEST(TCPE_Snapshot, CountsExactlyWhatPassed) {
   }));
   goOn.set_value();
 
-  EXPECT_EQ(a.GetSnapshot().adaptorName, "lo");
-  EXPECT_EQ(a.GetSnapshot().communicationPort, TestPort());
   EXPECT_EQ(b.GetSnapshot().counters.unhandledCommands, 1U);
   EXPECT_EQ(atB.name, "the one that connects");
-  EXPECT_EQ(atB.systemType, eTCPE_SystemType_Satellite);
   EXPECT_TRUE(atB.isOpenedByPeer && atB.isConnected && !atA.isOpenedByPeer && atA.isConnected);
   EXPECT_EQ(atA.sent.frames, 9U);
   EXPECT_EQ(atA.received.frames, 6U);
@@ -54,8 +47,6 @@ TEST(TCPE_Snapshot, CountsExactlyWhatPassed) {
   EXPECT_GE(atA.roundTrips.percentile99, atA.roundTrips.median);
   EXPECT_EQ(atA.errors.at(eTCPE_CommErr_NoHandler), 1U);
   EXPECT_EQ(atB.roundTrips.count, 0U);
-  EXPECT_EQ(atA.connections, 1U);
-  EXPECT_EQ(atA.losses + atB.losses, 0U);
 }
 
 } // namespace

@@ -43,6 +43,4 @@ TEST(Sys_Socket, FindsTheAdaptorOfAnAddress) {
   }
 }
 
-TEST(Sys_Socket, KnowsTheNameOfTheHost) { EXPECT_FALSE(Sys_Socket::GetHostName().empty()); }
-
 } // namespace
