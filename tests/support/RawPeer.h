@@ -38,42 +38,27 @@ inline Bytes RawTime(std::uint32_t time) {
   TCPE_ByteWriter(payload.data() + sizeof time).U32(time);
   return RawFrame({.type = eTrel_Cmd_TestRunningTime}, payload);
 }
-inline Bytes RawHello(bool authenticationRequired = false) {
-  Bytes bytes(TCPE_Hello::kSize);
-  TCPE_Hello{.majorVersion = 4, .authenticationRequired = authenticationRequired, .instance = 1}.Write(bytes.data());
-  return bytes;
-}
-/// All that an initiator says before it is admitted.
-inline Bytes RawHandshake() {
-  return RawHello() + RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = kTCPE_CurrentTypes.connect}, Bytes(294));
-}
 
 /// A peer without an engine: a socket, and whatever the test writes to it. Throws when it cannot do as told.
 class RawPeer {
 public:
   /// Opens a connection from an address of its own.
-  RawPeer(std::uint32_t from, std::uint32_t to) : mSocket(Open(from, 0)) {
+  RawPeer(std::uint32_t from, std::uint32_t to) : mSocket(Open(from)) {
     const sockaddr_in target = Endpoint(to, TestPort());
     Check(connect(mSocket, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0);
   }
-  /// Listens at its address.
-  explicit RawPeer(std::uint32_t address) : mListener(Open(address, TestPort())) { Check(listen(mListener, 1) == 0); }
   static RawPeer Admitted(std::uint32_t from, std::uint32_t to) {
     RawPeer peer(from, to);
-    peer.Send(RawHandshake());
+    Bytes hello(TCPE_Hello::kSize);
+    TCPE_Hello{.majorVersion = 4, .instance = 1}.Write(hello.data());
+    peer.Send(hello + RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = eTrel_Cmd_Connect}, Bytes(294)));
     Check(peer.Read().flags == kTCPE_Flag_Reply);
     return peer;
   }
-  RawPeer(RawPeer&& other) noexcept
-      : mSocket(std::exchange(other.mSocket, -1)), mListener(std::exchange(other.mListener, -1)),
-        mSawHello(other.mSawHello) {}
+  RawPeer(RawPeer&& other) noexcept : mSocket(std::exchange(other.mSocket, -1)), mSawHello(other.mSawHello) {}
   RawPeer& operator=(RawPeer&&) = delete;
-  ~RawPeer() {
-    Close();
-    close(mListener);
-  }
+  ~RawPeer() { Close(); }
 
-  void Accept() { Check((mSocket = accept(mListener, nullptr, nullptr)) >= 0); }
   /// What the other end has closed takes no more, and that is no fault.
   void Send(const Bytes& bytes) const { std::ignore = send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
   /// The next frame that is no heartbeat.
@@ -98,7 +83,6 @@ public:
     }
     return false;
   }
-  void EndSending() const { shutdown(mSocket, SHUT_WR); }
   void Close() { close(std::exchange(mSocket, -1)); }
   void Reset() {
     const linger atOnce{1, 0};
@@ -117,12 +101,11 @@ private:
   static sockaddr_in Endpoint(std::uint32_t address, std::uint16_t port) {
     return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(address)}, .sin_zero = {}};
   }
-  static int Open(std::uint32_t address, std::uint16_t port) {
+  static int Open(std::uint32_t address) {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int yes = 1;
-    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    const sockaddr_in local = Endpoint(address, port);
+    const sockaddr_in local = Endpoint(address, 0);
     Check(bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0);
     return descriptor;
   }
@@ -141,6 +124,5 @@ private:
   }
 
   int mSocket = -1;
-  int mListener = -1;
   bool mSawHello = false;
 };

@@ -1,7 +1,7 @@
 #include "tests/support/HostProcess.h"
+#include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,7 +27,8 @@ protected:
 
   static std::vector<std::string> Host(std::vector<std::string> role, const std::string& address) {
     role.insert(role.begin(), "host");
-    role.insert(role.end(), {"--json", "--address", address, "--port", "28582", "--discovery-port", "28583"});
+    role.insert(role.end(), {"--json", "--address", address, "--port", std::to_string(TestPort()), "--discovery-port",
+                             std::to_string(TestPort() + 8'000)});
     return role;
   }
 

@@ -2,7 +2,6 @@
 #include "tests/support/ReportCollector.h"
 
 #include <trel/Trel_Cmd_Connection.h>
-#include <trel/Trel_TCPEInterface.h>
 
 #include <gmock/gmock.h>
 
@@ -143,43 +142,25 @@ TEST(TCPE_Handlers, OfABrokenHostEndNothing) {
   }
 }
 
-std::atomic<int> sErrorsOfHost = 0;
-
-TEST(TCPE_HostPumped, CommandsWaitForTheHostAndTimingDoesNot) {
-  Trel_TCPEInterface host;
-  TestSystem peer(1);
-  const std::uint32_t address = 0x7f00000a;
-  TCPE_CommPreferences preferences(address, TestPort());
-  const std::array handled{eTrel_Cmd_Connect, eTrel_Cmd_GetState, eTrel_Cmd_UpdateRunningTime,
-                           eTrel_Cmd_TestRunningTime};
-  for (const Trel_eCmd identifier : handled) {
-    Trel_Command::SetDoItCommand(identifier, [](TCPE_Command* command) {
-      if (auto* query = dynamic_cast<Trel_Cmd_GetState*>(command)) {
-        query->SetState(eTrel_State_Play);
-      }
-    });
-  }
+TEST(TCPE_Handlers, OfAHostThatPumpsWaitForItButTimingDoesNot) {
+  TestSystem host(0), peer(1);
+  host.inPlace = [](const std::string& text, std::uint32_t) { return text == "UpdateRunningTime"; };
   const auto take = [&host](const char* name) {
     TCPE_Command* command = nullptr;
     EXPECT_TRUE(Eventually([&] { return (command = host.TakeCommand()) != nullptr; }));
     EXPECT_STREQ(command->GetCommandName(), name);
-    host.PreProcessConnectionCommands(command);
     return command;
   };
   EXPECT_EQ(host.TakeCommand(), nullptr);
   host.SetHostPumpedDelivery(true);
-  ASSERT_EQ(host.Initialize(&preferences, [](ETCPE_NetworkError, std::uint32_t) { ++sErrorsOfHost; }), 0);
-  ASSERT_EQ(peer.Start(), 0);
-
-  // Timing commands are answered while the host does not pump, and never come to it.
-  ASSERT_TRUE(peer.Connect(address));
-  EXPECT_EQ(peer.Send(Trel_Cmd_UpdateRunningTime(5), address), eTCPE_CommErr_None);
+  Link(peer, host);
+  EXPECT_EQ(peer.Send(Trel_Cmd_UpdateRunningTime(5), host.Address()), eTCPE_CommErr_None);
   Trel_Cmd_GetState query;
-  auto answer = std::async(std::launch::async, [&] { return peer.Send(query, address); });
+  auto answer = std::async(std::launch::async, [&] { return peer.Send(query, host.Address()); });
   host.DisposeCommand(take("Connect"));
-  TCPE_Command* command = take("GetState");
-  host.DisposeCommand(&query); // none of those that wait
-  Trel_Command::DoIt(command);
+  TCPE_Command* const command = take("GetState");
+  host.DisposeCommand(&query); // none of those that it has taken
+  dynamic_cast<Trel_Cmd_GetState&>(*command).SetState(eTrel_State_Play);
   EXPECT_EQ(answer.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   host.DisposeCommand(command);
   EXPECT_EQ(answer.get(), eTCPE_CommErr_None);
@@ -188,17 +169,15 @@ TEST(TCPE_HostPumped, CommandsWaitForTheHostAndTimingDoesNot) {
   EXPECT_EQ(host.TakeCommand(), nullptr);
 
   // A loss is told from within TakeCommand, after the peer's commands.
-  RawPeer::Admitted(0x7f000030, address).Send(RawTime(1));
+  RawPeer::Admitted(0x7f000030, host.Address()).Send(RawTime(1));
   EXPECT_TRUE(Eventually([&] { return host.GetConnectedAddresses().size() == 1; }));
   host.DisposeCommand(take("Connect"));
-  host.DisposeCommand(take("TestRunningTime"));
-  EXPECT_EQ(sErrorsOfHost, 0);
-  EXPECT_TRUE(Eventually([&] { return host.TakeCommand() == nullptr && sErrorsOfHost == 1; }));
-  host.Terminate();
+  TCPE_Command* const inHand = take("TestRunningTime");
+  EXPECT_EQ(host.Count("error"), 0);
+  EXPECT_TRUE(Eventually([&] { return host.TakeCommand() == nullptr && host.Count("error") == 1; }));
+  host.Terminate(); // with a command in hand
+  host.DisposeCommand(inHand);
   EXPECT_EQ(peer.Count("error"), 0);
-  for (const Trel_eCmd identifier : handled) {
-    Trel_Command::SetDoItCommand(identifier, nullptr);
-  }
 }
 
 TEST(TCPE_Handlers, OneCommandForManyIsEncodedOnceAndItsRepliesAreAwaitedTogether) {

@@ -3,7 +3,6 @@
 
 #include <limits>
 #include <optional>
-#include <random>
 
 #include <sys/resource.h>
 

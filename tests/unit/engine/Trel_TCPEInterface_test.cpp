@@ -1,7 +1,5 @@
 #include <trel/Trel_TCPEInterface.h>
 
-#include <trel/SPSStartupOption.h>
-#include <trel/TCPE_CommTask.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/Trel_CommManager.h>
@@ -12,7 +10,8 @@
 
 #include <gmock/gmock.h>
 
-#include <memory>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -20,7 +19,6 @@ class Trel_TCPEInterfaceTest : public NumberingTest {
 protected:
   void TearDown() override {
     Trel_CommManager::SetMaxNumberSatellites(11);
-    Trel_CommManager::SetMaxNumberSatellitesSupported(128);
     Trel_CorrelatedClockMgr::Terminate();
     NumberingTest::TearDown();
   }
@@ -37,18 +35,11 @@ struct Ports : TCPE_CommManager {
 };
 
 TEST_P(Trel_TCPEInterfaceTest, UnsetPortsBecomeTheDefaults) {
-  const struct {
-    std::uint16_t stored;
-    std::int32_t discovery;
-    std::int32_t communication;
-  } cases[] = {{0, 28283, 28282}, {65535, 65535, 28282}, {1, 1, 1}, {65534, 65534, 65534}};
-  for (const auto& test : cases) {
-    mInterface.*Ports::kDiscovery = test.stored;
-    mInterface.*Ports::kCommunication = test.stored;
-    EXPECT_EQ(mInterface.GetDiscoveryPort(), test.discovery);
-    EXPECT_EQ(mInterface.GetCommunicationPort(), test.communication);
-    EXPECT_EQ(mInterface.*Ports::kDiscovery, test.discovery);
-    EXPECT_EQ(mInterface.*Ports::kCommunication, test.communication);
+  for (const auto& [stored, discovery, communication] :
+       {std::tuple{0, 28283, 28282}, {65535, 65535, 28282}, {1, 1, 1}, {65534, 65534, 65534}}) {
+    mInterface.*Ports::kDiscovery = mInterface.*Ports::kCommunication = static_cast<std::uint16_t>(stored);
+    EXPECT_EQ(mInterface.GetDiscoveryPort(), discovery);
+    EXPECT_EQ(mInterface.GetCommunicationPort(), communication);
   }
 }
 
@@ -57,55 +48,31 @@ struct OtherWay : Command {
   bool IsSynchronous() const override { return !Command::IsSynchronous(); }
 };
 
-TEST_P(Trel_TCPEInterfaceTest, AnswersTheLimitsAndTheTimingCommands) {
+TEST_P(Trel_TCPEInterfaceTest, AnswersTheLimitsAndTakesTheRequestedOne) {
   ReportCollector reports;
-  Trel_CommManager::SetMaxNumberSatellites(7);
-  Trel_CommManager::SetMaxNumberSatellitesSupported(99);
+  OtherWay<Trel_Cmd_RequestMaxSatellites> request;
   OtherWay<Trel_Cmd_GetMaxSatellites> limit;
-  Trel_Cmd_GetMaxSatellitesSupported supported;
-  OtherWay<Trel_Cmd_ResetClock> reset;
   Trel_Cmd_GetIsMasterClock other;
-
-  EXPECT_TRUE(mInterface.HandleSyncCommand(&supported));
-  EXPECT_EQ(supported.GetMaxSatellitesSupported(), 99);
-  EXPECT_FALSE(mInterface.HandleSyncCommand(&other));
-  EXPECT_FALSE(mInterface.HandleSyncCommand(nullptr));
-  EXPECT_THAT(reports.Take(), testing::IsEmpty());
-
-  // The wrong kind is reported and handled all the same.
-  const char* const report = R"(inCommand->IsSynchronous()@$^$@..\Trel_CommManager)";
-  EXPECT_TRUE(mInterface.HandleSyncCommand(&limit));
-  EXPECT_EQ(limit.GetMaxSatellites(), 7);
-  EXPECT_THAT(reports.Take(), testing::ElementsAre(report));
+  for (const auto& [requested, taken] : {std::pair{1000, 128}, {0, 0}, {-3, -3}, {7, 7}}) {
+    request.SetMaxSatellitesRequested(requested);
+    EXPECT_TRUE(mInterface.HandleAsyncCommand(&request));
+    EXPECT_TRUE(mInterface.HandleSyncCommand(&limit));
+    EXPECT_EQ(limit.GetMaxSatellites(), taken);
+    // The wrong kind is reported and handled all the same.
+    EXPECT_THAT(reports.Take(), testing::ElementsAre(R"(! inCommand->IsSynchronous()@$^$@..\Trel_CommManager)",
+                                                     R"(inCommand->IsSynchronous()@$^$@..\Trel_CommManager)"));
+  }
+  EXPECT_FALSE(mInterface.HandleSyncCommand(&other) || mInterface.HandleSyncCommand(nullptr));
+  EXPECT_FALSE(mInterface.HandleAsyncCommand(&other) || mInterface.HandleAsyncCommand(nullptr));
+  Trel_Cmd_ResetClock reset;
   EXPECT_TRUE(mInterface.HandleSyncCommand(&reset));
-  EXPECT_THAT(reports.Take(),
-              testing::ElementsAre(R"(inCommand->IsSynchronous()@$^$@..\Trel_CorrelatedClockMgr)", report));
+  EXPECT_THAT(reports.Take(), testing::IsEmpty());
 
   // The number of the other numbering is another command here.
   limit.SetMaxSatellites(0);
   limit.SetCommandType(IsCurrent() ? 70 : 73);
   EXPECT_FALSE(mInterface.HandleSyncCommand(&limit));
   EXPECT_EQ(limit.GetMaxSatellites(), 0);
-}
-
-TEST_P(Trel_TCPEInterfaceTest, TakesTheRequestedLimit) {
-  ReportCollector reports;
-  for (const auto& [requested, limit] : {std::pair{1000, 128}, {0, 0}, {-3, -3}, {128, 128}}) {
-    Trel_Cmd_RequestMaxSatellites request;
-    request.SetMaxSatellitesRequested(requested);
-    EXPECT_TRUE(mInterface.HandleAsyncCommand(&request));
-    EXPECT_EQ(Trel_CommManager::GetMaxNumberSatellites(), limit);
-  }
-  Trel_Cmd_ConnectComplete other;
-  EXPECT_FALSE(mInterface.HandleAsyncCommand(&other));
-  EXPECT_FALSE(mInterface.HandleAsyncCommand(nullptr));
-  EXPECT_THAT(reports.Take(), testing::IsEmpty());
-
-  OtherWay<Trel_Cmd_RequestMaxSatellites> wrongKind;
-  wrongKind.SetMaxSatellitesRequested(3);
-  EXPECT_TRUE(mInterface.HandleAsyncCommand(&wrongKind));
-  EXPECT_EQ(Trel_CommManager::GetMaxNumberSatellites(), 3);
-  EXPECT_THAT(reports.Take(), testing::ElementsAre(R"(! inCommand->IsSynchronous()@$^$@..\Trel_CommManager)"));
 }
 
 } // namespace

@@ -248,25 +248,6 @@ TEST(TCPE_Endpoint, AnIdleConnectionBeatsAndASilentOneIsLost) {
   EXPECT_LE(systems.At(0).lastLogged, begin + 3 * kSecond);
 }
 
-TEST(TCPE_Endpoint, HeartbeatsThatAreDueSoonGoTogether) {
-  Systems systems;
-  std::vector<const SimulatedNetwork::Transport*> strangers;
-  for (const std::uint32_t address : {50U, 60U, 70U}) {
-    auto& stranger = systems.ConnectStranger(address, 0);
-    systems.Send(stranger, 1, Hello() + Connect());
-    strangers.push_back(&stranger);
-    systems.Run(100 * kMillisecond);
-  }
-  const std::size_t before = strangers[0]->sides[0].received.size();
-  systems.Run(kSecond - 301 * kMillisecond);
-  EXPECT_EQ(strangers[0]->sides[0].received.size(), before);
-  systems.Run(3 * kMillisecond); // due after 1000, 1100 and 1200 ms
-  const std::size_t after = before + TCPE_FrameHeader::kSize;
-  EXPECT_EQ(strangers[0]->sides[0].received.size(), after);
-  EXPECT_EQ(strangers[1]->sides[0].received.size(), after);
-  EXPECT_EQ(strangers[2]->sides[0].received.size(), before);
-}
-
 TEST(TCPE_Endpoint, AFrameIsCompleteWithinFiveSeconds) {
   Systems systems;
   systems.Link(1, 0);
