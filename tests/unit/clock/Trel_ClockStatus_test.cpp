@@ -2,7 +2,6 @@
 
 #include <trel/Sys_Clock.h>
 #include <trel/Trel_Cmd_Clock.h>
-#include <trel/Trel_CommManager.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
 #include <trel/host/Trel_RunningTimeExchange.h>
 
@@ -10,7 +9,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <numbers>
 #include <random>
 #include <string>
@@ -103,8 +101,7 @@ protected:
   }
 };
 
-template <class Value>
-Value Percentile(std::vector<Value>& values, std::size_t percent) {
+double Percentile(std::vector<double>& values, std::size_t percent) {
   const auto rank = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) * percent / 100);
   std::nth_element(values.begin(), rank, values.end());
   return *rank;
@@ -124,8 +121,6 @@ TEST_F(Trel_ClockStatusTest, ErrorBoundHoldsAndIsNotMuchTooLarge) {
     std::vector<double> bounds;
     int exceeded = 0;
   };
-  std::printf("%-14s %-8s %8s %8s %17s %13s %15s %12s\n", "network", "window", "ahead/s", "windows", "exceeded (< 1 %)",
-              "median bound", "p99 true error", "ratio (<= 4)");
   for (const Network& network : kNetworks) {
     Figures figures[2][std::size(kAhead)]; // of windows that fill and of full ones
     for (std::uint32_t run = 0; run < kRuns; ++run) {
@@ -152,9 +147,8 @@ TEST_F(Trel_ClockStatusTest, ErrorBoundHoldsAndIsNotMuchTooLarge) {
         const double share = those.exceeded * 100.0 / static_cast<double>(those.errors.size());
         const double bound = Percentile(those.bounds, 50);
         const double error = Percentile(those.errors, 99);
-        std::printf("%-14s %-8s %8.1f %8zu %15.2f %% %13.0f %15.1f %12.2f\n", network.name, isFull ? "full" : "filling",
-                    kAhead[i] / 1e6, those.errors.size(), share, bound, error, bound / error);
-        EXPECT_LT(share, 1.0);
+        SCOPED_TRACE(std::string(network.name) + (isFull ? ", full, " : ", filling, ") + std::to_string(kAhead[i]));
+        EXPECT_LT(share, 1.0); // per cent
         EXPECT_LE(bound, 4 * error);
       }
     }
@@ -292,20 +286,15 @@ TEST_F(Trel_ClockStatusTest, StateIsHarderToReachThanToKeep) {
 TEST_F(Trel_ClockStatusTest, WaitsForASmallErrorAndNoLongerThanTheManagerLives) {
   Sys_Clock::SetSource(nullptr);
   Trel_CorrelatedClockMgr::Initialize();
-  const auto add = [] {
-    const std::int64_t now = Sys_Clock::Microseconds();
-    Trel_CorrelatedClockMgr::AddMeasurement(now + 1'000, now);
-  };
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(1'000, 0), eTrel_ClockWait_TimedOut);
-  std::thread measuring([&add] {
+  std::thread measuring([] {
     while (Trel_CorrelatedClockMgr::GetStatus().state < eTrel_ClockState_Locked) {
-      add();
+      const std::int64_t now = Sys_Clock::Microseconds();
+      Trel_CorrelatedClockMgr::AddMeasurement(now + 1'000, now);
     }
   });
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(1'000'000, 60'000'000), eTrel_ClockWait_Locked);
   measuring.join();
-  EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(0, 10'000), eTrel_ClockWait_TimedOut);
-
   std::atomic<bool> isOver{false};
   std::thread terminating([&isOver] {
     while (!isOver) {
@@ -316,9 +305,6 @@ TEST_F(Trel_ClockStatusTest, WaitsForASmallErrorAndNoLongerThanTheManagerLives) 
   EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(0, 1'000'000'000), eTrel_ClockWait_Terminated);
   isOver = true;
   terminating.join();
-  Trel_CorrelatedClockMgr::Terminate();
-  Trel_CommManager::DoIdle(); // asks for the lock
-  EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(1'000, 1'000'000'000), eTrel_ClockWait_Terminated);
 }
 
 } // namespace

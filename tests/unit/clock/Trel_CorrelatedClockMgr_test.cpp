@@ -1,15 +1,12 @@
-#include <trel/Cmn_Assert.h>
 #include <trel/Sys_Clock.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_CorrelatedClockMgr.h>
 
-#include "link/clock/Trel_Trace.h"
 #include "tests/support/NumberingTest.h"
+#include "tests/support/ReportCollector.h"
 
 #include <atomic>
-#include <cstdarg>
 #include <cstdint>
-#include <cstdio>
 #include <limits>
 #include <string>
 #include <thread>
@@ -20,8 +17,6 @@
 namespace {
 
 std::atomic<std::int64_t> sNow{0};
-std::vector<std::string> sReports;
-std::vector<std::string> sTraceLines;
 
 class Trel_CorrelatedClockMgrTest : public NumberingTest {
 protected:
@@ -128,40 +123,13 @@ TEST_P(Trel_CorrelatedClockMgrTest, LocksAndIsResetByCommand) {
   EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(1'300'000), 300'000);
 }
 
-void KeepTraceLine(std::uint32_t, const char* format, ...) {
-  char line[100];
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(line, sizeof line, format, arguments);
-  va_end(arguments);
-  sTraceLines.emplace_back(line);
-}
-
-TEST_P(Trel_CorrelatedClockMgrTest, TracesEachNewMaximum) {
-  Trel_Trace::mFacilityOn = [](std::uint32_t category) { return category == 0x4000b07; };
-  Trel_Trace::mFormat = &KeepTraceLine;
-  sTraceLines.clear();
-  ReceiveVoucher(3'000);
-  EXPECT_TRUE(sTraceLines.empty());
-  Trel_CorrelatedClockMgr::Initialize();
-  Trel_Trace::mUsable = true;
-  for (const std::int64_t roundTripTime : {3'000LL, 2'500LL, 0x1'0000'1000LL}) {
-    ReceiveVoucher(roundTripTime);
-  }
-  Trel_Trace::mUsable = false;
-  EXPECT_EQ(sTraceLines, (std::vector<std::string>{"TREL: New Max Network Latency (non-master): 3000 usecs",
-                                                   "TREL: New Max Network Latency (non-master): 4096 usecs"}));
-}
-
 class AsynchronousResetClock : public Trel_Cmd_ResetClock {
 public:
   bool IsSynchronous() const override { return false; }
 };
 
 TEST_P(Trel_CorrelatedClockMgrTest, TakesTheTimingCommandsOfTheNumberingInForceOnly) {
-  sReports.clear();
-  Cmn_Assert::SetSink(
-      [](const char* text, std::int32_t line) { sReports.push_back(std::string(text) + " " + std::to_string(line)); });
+  ReportCollector reports;
   Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
   EXPECT_FALSE(Trel_CorrelatedClockMgr::HandleTimingCommand(nullptr));
   const std::vector<std::int32_t> expected =
@@ -177,14 +145,13 @@ TEST_P(Trel_CorrelatedClockMgrTest, TakesTheTimingCommandsOfTheNumberingInForceO
     }
   }
   EXPECT_EQ(taken, expected);
-  EXPECT_TRUE(sReports.empty());
+  EXPECT_TRUE(reports.Take().empty());
 
   Trel_CorrelatedClockMgr::AddMeasurement(500, 0);
   AsynchronousResetClock asynchronous;
   EXPECT_TRUE(Trel_CorrelatedClockMgr::HandleTimingCommand(&asynchronous));
   EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(0), 0);
-  EXPECT_EQ(sReports, std::vector<std::string>{R"(inCommand->IsSynchronous()@$^$@..\Trel_CorrelatedClockMgr 205)"});
-  Cmn_Assert::SetSink(nullptr);
+  EXPECT_EQ(reports.Take(), std::vector<std::string>{R"(inCommand->IsSynchronous()@$^$@..\Trel_CorrelatedClockMgr)"});
 }
 
 TEST_P(Trel_CorrelatedClockMgrTest, SurvivesHostileNumbers) {

@@ -1,4 +1,6 @@
+#include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_CommManager.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
 
 #include "link/clock/Trel_Trace.h"
 
@@ -22,7 +24,6 @@ const std::string kNames =
 
 int sAnswer = 0;
 int sTimesAsked = 0;
-bool sIsFacilityOn = true;
 std::vector<std::string> sLines;
 
 int IsActive() {
@@ -30,7 +31,7 @@ int IsActive() {
   return sAnswer;
 }
 
-bool IsFacilityOn(std::uint32_t category) { return sIsFacilityOn && category == 0x4000b07; }
+bool IsFacilityOn(std::uint32_t category) { return category == 0x4000b07; }
 
 void Format(std::uint32_t category, const char* format, ...) {
   char line[100];
@@ -84,21 +85,21 @@ TEST_F(Trel_TraceTest, BindsEveryEntryPointOrNone) {
   }
 }
 
-TEST_F(Trel_TraceTest, TheFacadeTracesItsStartAndItsRoles) {
+TEST_F(Trel_TraceTest, TellsRolesAndEachNewMaximumOfTheLatency) {
   Bind(1, "");
-  Trel_CommPreferences nowhere;
-  nowhere.SetLocalInterfaceAddress(0xc0000201); // no adaptor has 192.0.2.1
-  for (const bool on : {true, false}) {
-    sIsFacilityOn = on;
-    Trel_CommManager::Initialize(&nowhere, nullptr);
-    Trel_CommManager::SetIsSatellite(true);
-    Trel_CommManager::SetIsMasterClock(false);
-    Trel_CommManager::SetMasterSystemIPAddress(0x7f000002);
-    EXPECT_EQ(sLines, (std::vector<std::string>{"67111687 Trel_CommManager::Initialize\n",
-                                                "67111687 Trel_CommManager::SetIsSatellite true",
-                                                "67111687 Trel_CommManager::SetIsMasterClock false",
-                                                "67111687 Trel_CommManager::SetMasterSystemIPAddress 127.0.0.2"}));
+  Trel_CommManager::SetIsMasterClock(false);
+  Trel_CommManager::SetMasterSystemIPAddress(0x7f000002);
+  Trel_CorrelatedClockMgr::Initialize();
+  for (const std::int64_t roundTripTime : {3'000LL, 2'500LL, 0x1'0000'1000LL}) {
+    Trel_Cmd_LastUpdateRunningTimeValid voucher;
+    voucher.SetRoundTripTime(roundTripTime);
+    Trel_CorrelatedClockMgr::HandleTimingCommand(&voucher);
   }
+  EXPECT_EQ(sLines, (std::vector<std::string>{"67111687 Trel_CommManager::SetIsMasterClock false",
+                                              "67111687 Trel_CommManager::SetMasterSystemIPAddress 127.0.0.2",
+                                              "67111687 TREL: New Max Network Latency (non-master): 3000 usecs",
+                                              "67111687 TREL: New Max Network Latency (non-master): 4096 usecs"}));
+  Trel_CorrelatedClockMgr::Terminate();
 }
 
 } // namespace

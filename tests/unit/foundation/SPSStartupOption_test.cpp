@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 
 namespace {
@@ -54,10 +55,8 @@ TEST_F(SPSStartupOption, TakesTheStrongestSource) {
 }
 
 TEST_F(SPSStartupOption, ReportsWhatIsNoNumberAndTakesTheDefault) {
-  for (const char* const number : {"-2147483648", "0", "2147483647"}) {
-    SPSSetStartupOption("TestOption", number);
-    EXPECT_EQ(std::to_string(SPSStartupOptionSInt32("TestOption", 11)), number);
-  }
+  SPSSetStartupOption("TestOption", "-2147483648");
+  EXPECT_EQ(SPSStartupOptionSInt32("TestOption", 11), std::numeric_limits<std::int32_t>::min());
   EXPECT_THAT(mReports.Take(), IsEmpty());
   for (const char* const value : {"2147483648", "-2147483649", "", "x", "7x", " 7", "0x7", "7.0"}) {
     SPSSetStartupOption("TestOption", value);

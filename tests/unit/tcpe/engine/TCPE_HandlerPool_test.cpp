@@ -33,6 +33,18 @@ std::shared_ptr<TCPE_HandlerPool> Started(std::size_t maxThreads, std::size_t ma
   return pool;
 }
 
+/// Returns when the job has run.
+void RunJob(TCPE_HandlerPool& pool, std::uint32_t peer, Kind kind = Kind::command) {
+  std::promise<void> ran;
+  pool.Submit(
+      peer, [&ran] { ran.set_value(); }, kind);
+  ran.get_future().wait();
+}
+bool SubmitNothing(TCPE_HandlerPool& pool, std::uint32_t peer, Kind kind = Kind::command) {
+  return pool.Submit(
+      peer, [] {}, kind);
+}
+
 TEST(TCPE_HandlerPool, JobsOfOnePeerRunInOrderAndOneAtATime) {
   for (const std::size_t threads : {1U, 3U, 16U}) {
     const auto pool = Started(threads);
@@ -80,9 +92,7 @@ TEST(TCPE_HandlerPool, AJobThatWaitsForAnotherSystemLetsTheNextOneStart) {
     startedEarly = !mayStart;
     nextStarted.set_value();
   });
-  std::promise<void> other;
-  pool->Submit(2, [&other] { other.set_value(); });
-  other.get_future().wait();
+  RunJob(*pool, 2);
   goOn.set_value();
   EXPECT_TRUE(ended.get_future().get());
   pool->Stop(kLong);
@@ -159,13 +169,8 @@ TEST(TCPE_HandlerPool, WhoWaitsForManyPeersLeavesThreadsForOthersAndIdleThreadsG
   while (waiting < 2 * kPeers + limits.maxExtraHandlers / 2) {
     std::this_thread::yield();
   }
-  std::promise<void> query;
-  pool->Submit(
-      1, [&query] { query.set_value(); }, Kind::query);
-  query.get_future().wait();
-  std::promise<void> other;
-  pool->Submit(kPeers + 1, [&other] { other.set_value(); });
-  other.get_future().wait();
+  RunJob(*pool, 1, Kind::query);
+  RunJob(*pool, kPeers + 1);
   EXPECT_EQ(waiting, 2 * kPeers + limits.maxExtraHandlers / 2);
   goOn.set_value();
   all.wait();
@@ -179,34 +184,26 @@ TEST(TCPE_HandlerPool, IsBounded) {
   const auto pool = Started(1, 2);
   std::promise<void> started;
   std::promise<void> goOn;
-  std::promise<void> last;
   pool->Submit(1, [&] {
     started.set_value();
     goOn.get_future().wait();
   });
   started.get_future().wait();
-  EXPECT_TRUE(pool->Submit(
-      1, [] {}, Kind::query));
-  EXPECT_TRUE(pool->Submit(
-      1, [] {}, Kind::query));
-  EXPECT_FALSE(pool->Submit(
-      1, [] {}, Kind::query));
-  EXPECT_TRUE(pool->Submit(1, [] {}));
+  EXPECT_TRUE(SubmitNothing(*pool, 1, Kind::query) && SubmitNothing(*pool, 1, Kind::query));
+  EXPECT_FALSE(SubmitNothing(*pool, 1, Kind::query));
+  EXPECT_TRUE(SubmitNothing(*pool, 1));
   EXPECT_FALSE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1)));
-  EXPECT_TRUE(pool->Submit(1, [] {})) << "its sender is not read any more";
+  EXPECT_TRUE(SubmitNothing(*pool, 1)) << "its sender is not read any more";
   EXPECT_TRUE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1)));
-  EXPECT_TRUE(pool->Submit(2, [] {}));
+  EXPECT_TRUE(SubmitNothing(*pool, 2));
   EXPECT_FALSE(pool->IsFull(6));
-  for (const std::uint32_t peer : {3U, 4U, 5U}) {
-    EXPECT_TRUE(pool->Submit(peer, [] {}));
-  }
+  EXPECT_TRUE(SubmitNothing(*pool, 3) && SubmitNothing(*pool, 4) && SubmitNothing(*pool, 5));
   EXPECT_TRUE(pool->IsFull(6)) << "too many others have something waiting";
   EXPECT_FALSE(pool->IsFull(5));
-  EXPECT_TRUE(pool->Submit(6, [] {})) << "one that is linked already is not hindered";
-  EXPECT_TRUE(pool->Submit(
-      1, [&last] { last.set_value(); }, Kind::notice));
+  EXPECT_TRUE(SubmitNothing(*pool, 6)) << "one that is linked already is not hindered";
+  EXPECT_TRUE(SubmitNothing(*pool, 1, Kind::notice)) << "never dropped";
   goOn.set_value();
-  last.get_future().wait();
+  RunJob(*pool, 1, Kind::notice);
   pool->Stop(kLong);
 }
 
@@ -230,13 +227,8 @@ TEST(TCPE_HandlerPool, APeerHoldsNoMoreMemoryAndWaitingJobsThanItMay) {
   EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, Kind::command, 999));
   EXPECT_TRUE(pool->Submit(1, waitForAnotherSystem, Kind::command, 2));
   EXPECT_TRUE(pool->GetQueueLoad(1).IsOverfull(WithRoomFor(1000)));
-  std::promise<void> query; // the two may wait for its reply
-  pool->Submit(
-      1, [&query] { query.set_value(); }, Kind::query);
-  query.get_future().wait();
-  std::promise<void> other; // another peer is not delayed, and shows that the third had its chance
-  pool->Submit(2, [&other] { other.set_value(); });
-  other.get_future().wait();
+  RunJob(*pool, 1, Kind::query); // the two may wait for its reply
+  RunJob(*pool, 2);              // another peer is not delayed, and shows that the third had its chance
   EXPECT_EQ(started, 2);
   goOn.set_value();
   all.wait();
@@ -265,8 +257,7 @@ TEST(TCPE_HandlerPool, StopDropsWhatWaitsAndLeavesWhatIsBusy) {
       pool->Submit(1, [&ran] { ran = true; });
     }
     pool->Stop(1000);
-    EXPECT_FALSE(pool->Submit(
-        3, [&ran] { ran = true; }, Kind::notice));
+    EXPECT_FALSE(SubmitNothing(*pool, 3, Kind::notice));
     pool.reset(); // the thread that is still busy keeps what it needs
     goOn.set_value();
     jobGone.get_future().wait();
