@@ -23,7 +23,6 @@ public:
     mRest.erase(0, count);
     return bytes;
   }
-  std::string Rest() { return Bytes(mRest.size()); }
 
 private:
   std::string mRest;

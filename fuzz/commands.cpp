@@ -6,12 +6,11 @@
 #include <trel/Trel_CommTask.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
 // A payload, decoded as any command or reply, and encoded again. Input: class, 1: legacy numbering, 2: reply, revision,
-// payload. With the arguments "seeds <folder>" the program writes an input for each class instead.
+// payload.
 
 namespace {
 
@@ -71,22 +70,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::abort();
   }
   return 0;
-}
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { // NOLINT(readability-non-const-parameter)
-  if (*argc != 3 || std::string((*argv)[1]) != "seeds") {
-    return 0;
-  }
-  for (std::size_t index = 0; index < Trel_Catalogue::Classes().size(); ++index) {
-    const Trel_CommandClass& commandClass = Trel_Catalogue::Classes()[index];
-    const std::uint8_t revision = commandClass.description->traits.revision;
-    const std::string command = Recoded(commandClass, false, revision, std::string(700, 'A'));
-    const std::string reply = Recoded(commandClass, true, revision, std::string(700, 'A'));
-    if (!command.empty() || !reply.empty()) {
-      std::ofstream seed(std::string((*argv)[2]) + '/' + commandClass.description->identifiers.name, std::ios::binary);
-      seed << static_cast<char>(index) << (command.empty() ? '\x02' : '\0') << static_cast<char>(revision)
-           << (command.empty() ? reply : command);
-    }
-  }
-  std::exit(0);
 }

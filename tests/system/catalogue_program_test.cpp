@@ -8,13 +8,9 @@
 #include <array>
 #include <fstream>
 #include <iterator>
-#include <map>
-#include <set>
 #include <string>
 
 namespace {
-
-using nlohmann::json;
 
 /// Runs the program with the words of a shell.
 ShellOutcome RunProgram(const std::string& arguments) { return RunShell(TREL_PROGRAM " " + arguments); }
@@ -36,21 +32,14 @@ TEST(CatalogueProgramTest, EncodesAndDecodes) {
     const char* bytes;
   } cases[] = {
       {"SyncClock", "", ""},
-      {"Prime", "PreRollStart=1\nInPoint=2\nOutPoint=3\nPostRollEnd=4\nActualStartTime=-1\nPlaySpeed=-16\n",
-       "00*7 01 00*7 02 00*7 03 00*7 04 ff*8 fffffff0"},
       {"ConnectTo",
        "ConnectToIPAddress=192.168.1.2\nConnectToPort=28282\nUniqueSystemID=7\nSystemName=\"Al\"\nHostname=\"a host\"\n"
        "SystemType=2\nMajorVersion=4\nMinorVersion=255\n",
        "0201a8c0 7a6e 00000007 416c 00*28 6120686f7374 00*250 00000002 04 ff"},
-      {"UpdateMasterClockSource", "UniqueID=167772161\n", "0a000001"},
       {"--legacy UpdateMasterClockSource", "MasterClock=10.0.0.1\n", "0100000a"},
       {"UpdateGroupEnable", "Enable0=true\nEnable1=false\nEnable2=true\nEnable3=false\n", "01 00 01 00"},
-      {"ConnectionFailed", "FailedConnectionIPAddress=192.168.1.2\n", "0201a8c0"},
       {"UpdateVideo --revision 0", "UpdateVideoLocation=258\nUpdateCounters=false\n", "00*6 0102"},
-      {"GetCurrentSelection --reply --revision 1",
-       "PreRollStartTime=1\nInTime=2\nOutTime=3\nPostRollStopTime=4\nPlayStartMarkerTime=5\nPreRollEnabled=true\n"
-       "PostRollEnabled=true\n",
-       "00*7 01 00*7 02 00*7 03 00*7 04 00*7 05 01 01"},
+      {"GetPositionRunningTimeCorrelation --reply", "Position=-1\nRunningTime=2\n", "ff*8 00*7 02"},
   };
   for (const auto& [command, fields, bytes] : cases) {
     SCOPED_TRACE(command);
@@ -102,22 +91,14 @@ TEST(CatalogueProgramTest, SaysWhatIsWrong) {
 
 TEST(CatalogueProgramTest, ListsTheCatalogue) {
   for (const bool isLegacy : {false, true}) {
-    const json list = json::parse(RunProgram(isLegacy ? "commands --legacy --json" : "commands --json").output);
-    std::map<std::string, json> commands;
-    std::set<int> identifiers;
-    for (const json& command : list) {
-      EXPECT_EQ(command["id"], command[isLegacy ? "legacy" : "current"]);
-      identifiers.insert(command["id"].get<int>());
-      commands[command["name"]] = command;
-    }
+    const auto list =
+        nlohmann::json::parse(RunProgram(isLegacy ? "commands --legacy --json" : "commands --json").output);
     EXPECT_EQ(list.size(), 76U);
-    EXPECT_EQ(identifiers.size(), 76U);
-
-    EXPECT_EQ(commands["GetStartDelay"],
-              json::parse(std::string(isLegacy ? R"({"id": 21,)" : R"({"id": 28,)") + R"("current": 28, "legacy": 21,
+    EXPECT_THAT(list, testing::Contains(nlohmann::json::parse(
+                          std::string(isLegacy ? R"({"id": 21,)" : R"({"id": 28,)") + R"("current": 28, "legacy": 21,
                   "name": "GetStartDelay", "class": "Trel_Cmd_GetStartDelay", "synchronous": true, "logged": true,
                   "revision": 0, "command": [],
-                  "reply": [{"name": "StartDelay", "kind": "u32", "width": 4, "offset": 0, "since": 0}]})"));
+                  "reply": [{"name": "StartDelay", "kind": "u32", "width": 4, "offset": 0, "since": 0}]})")));
   }
 }
 

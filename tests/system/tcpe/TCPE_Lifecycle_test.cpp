@@ -129,27 +129,6 @@ TEST(TCPE_Lifecycle, OwnThreadsCannotTerminate) {
   }
 }
 
-TEST(TCPE_Lifecycle, TheFirstHandlerFindsTheEngineInForceAndTheLastFarewellIsSaid) {
-  std::atomic<int> good = 0;
-  TestSystem a(0), b(1);
-  a.handler = [&](const std::string&, std::uint32_t from) {
-    good += a.IsInitialized() && a.IsConnected(from) && a.SendTime(1, from) == eTCPE_CommErr_None ? 1 : 0;
-  };
-  ASSERT_EQ(b.Start(), 0);
-  std::jthread connecting([&](const std::stop_token& ends) {
-    while (!ends.stop_requested()) {
-      b.Connect(a.Address());
-    }
-  });
-  for (int i = 1; i <= 100; ++i) {
-    ASSERT_EQ(a.Start(), 0);
-    ASSERT_TRUE(Eventually([&] { return good == i && b.Count("TestRunningTime 1") == i; })) << i;
-    a.Terminate();
-    EXPECT_TRUE(Eventually([&] { return !b.IsConnected(a.Address()); }));
-  }
-  EXPECT_EQ(b.Count("error"), 0);
-}
-
 TEST(TCPE_Lifecycle, TerminateWaitsForTheFarewellOfADisconnect) {
   constexpr std::int64_t kLongestFarewell = 50'000; // us
   std::latch begun(1);

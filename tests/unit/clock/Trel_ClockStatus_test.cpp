@@ -192,7 +192,6 @@ TEST_F(Trel_ClockFaultsTest, BecomesStableAndIsLostWithoutItsMaster) {
   EXPECT_NEAR(mStatus.offset, SatelliteTime(sTrueTime) - sTrueTime, 10.0);
   EXPECT_TRUE(mStatus.residualDeviation > 0.5 && mStatus.residualDeviation < 8) << mStatus.residualDeviation;
   EXPECT_TRUE(mStatus.smallestRoundTrip >= 100 && mStatus.smallestRoundTrip < 105) << mStatus.smallestRoundTrip;
-  EXPECT_TRUE(mStatus.lastRoundTrip >= mStatus.smallestRoundTrip && mStatus.lastRoundTrip < 140);
   const auto exchange = *mMaster.GetStatus(kSatellite);
   EXPECT_EQ(mStatus.accepted, exchange.vouched);
   EXPECT_EQ(mStatus.rejectedNotVouchedFor, exchange.roundTrips - exchange.vouched);

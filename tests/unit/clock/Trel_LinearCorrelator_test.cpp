@@ -49,19 +49,6 @@ TEST(Trel_LinearCorrelator, PredictsAndLocksAsTheFitSays) {
   }
 }
 
-TEST(Trel_LinearCorrelator, AddsHalfAndTruncatesTowardZero) {
-  const struct {
-    double offset;
-    std::int64_t expected;
-  } cases[] = {{-1.7, -1}, {-1.5, -1}, {-0.4, 0}, {-2.6, -2}, {1.4, 1}, {1.5, 2}, {1e19, kUndefined}};
-  for (const auto& test : cases) {
-    const Trel_LinearCorrelator::Line line{1.0, test.offset, false};
-    EXPECT_EQ(line.PredictRemote(0), test.expected) << test.offset;
-    const Trel_LinearCorrelator::Line inverse{1.0, -test.offset, false};
-    EXPECT_EQ(inverse.PredictLocal(0), test.expected) << test.offset;
-  }
-}
-
 // Both clocks have run for a year, where the squares need 90 bits and their differences a few dozen.
 TEST(Trel_LinearCorrelator, LineIsExactAfterAYear) {
   constexpr std::int64_t kYear = 32'000'000'000'000;

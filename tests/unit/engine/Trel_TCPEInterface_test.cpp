@@ -1,5 +1,6 @@
 #include <trel/Trel_TCPEInterface.h>
 
+#include <trel/SPSStartupOption.h>
 #include <trel/Trel_Cmd_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/Trel_CommManager.h>
@@ -10,6 +11,7 @@
 
 #include <gmock/gmock.h>
 
+#include <string>
 #include <tuple>
 #include <utility>
 
@@ -41,6 +43,21 @@ TEST_P(Trel_TCPEInterfaceTest, UnsetPortsBecomeTheDefaults) {
     EXPECT_EQ(mInterface.GetDiscoveryPort(), discovery);
     EXPECT_EQ(mInterface.GetCommunicationPort(), communication);
   }
+}
+
+TEST_P(Trel_TCPEInterfaceTest, TheLimitsHaveAnUpperEndOnly) {
+  Trel_CommPreferences nowhere;
+  nowhere.SetLocalInterfaceAddress(0xc0000201); // no adaptor has 192.0.2.1
+  for (const auto& [option, limit] : {std::pair{"500", 128}, {"128", 128}, {"-3", -3}, {"11", 11}}) {
+    SPSSetStartupOption("MaxNumberSatellites", option);
+    EXPECT_EQ(Trel_CommManager::Initialize(&nowhere, nullptr), eTCPE_Status_AddressNotLocal);
+    EXPECT_EQ(Trel_CommManager::GetMaxNumberSatellites(), limit);
+    Trel_CommManager::SetMaxNumberSatellitesSupported(std::stoi(option));
+    EXPECT_EQ(Trel_CommManager::GetMaxNumberSatellitesSupported(), limit);
+  }
+  Trel_CommManager::SetMaxNumberSatellitesSupported(128);
+  SPSSetStartupOption("MaxNumberSatellites", nullptr);
+  Trel_CommManager::Terminate();
 }
 
 template <class Command>

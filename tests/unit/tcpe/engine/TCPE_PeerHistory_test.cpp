@@ -12,14 +12,12 @@ TEST(TCPE_RoundTrips, TellsTheRankedTimeWithinItsClass) {
     std::vector<std::int64_t> times;
     std::int64_t median;
     std::int64_t percentile99;
-  } cases[] = {
-      {{}, 0, 0},
-      {{-5}, 0, 0},
-      {{7, 3, 9}, 7, 9},
-      {std::vector<std::int64_t>(99, 15), 15, 15},
-      {{2'000'000}, 2'000'000, 2'000'000},
-      {{std::int64_t{1} << 60}, std::int64_t{1} << 25, std::int64_t{1} << 25},
-  };
+  } cases[] = {{{}, 0, 0},
+               {{-5}, 0, 0},
+               {{7, 3, 9}, 7, 9},
+               {{2'000'000}, 2'000'000, 2'000'000},
+               {std::vector<std::int64_t>(99, 15), 15, 15},
+               {{std::int64_t{1} << 60}, std::int64_t{1} << 25, std::int64_t{1} << 25}};
   for (const auto& test : cases) {
     TCPE_RoundTrips trips;
     for (const std::int64_t time : test.times) {
@@ -29,12 +27,6 @@ TEST(TCPE_RoundTrips, TellsTheRankedTimeWithinItsClass) {
     EXPECT_LE(std::abs(trips.Times().median - test.median), test.median * 7 / 100);
     EXPECT_LE(std::abs(trips.Times().percentile99 - test.percentile99), test.percentile99 * 7 / 100);
   }
-  TCPE_RoundTrips trips;
-  for (std::int64_t time = 1; time <= 10'000; ++time) {
-    trips.Add(time);
-  }
-  EXPECT_NEAR(static_cast<double>(trips.Times().median), 5000, 350);
-  EXPECT_NEAR(static_cast<double>(trips.Times().percentile99), 9900, 700);
 }
 
 TEST(TCPE_PeerHistory, KeepsTheTotalsOfAnAddressThroughItsConnections) {

@@ -20,7 +20,6 @@ TEST(TCPE_AuthenticationKey, GivesTheBytesThatOthersGive) {
   std::string tag = FromHex("a26b8a0650e61197ae9538f72d1f4749");
   EXPECT_TRUE(derived->Verify("", {Bytes("y")}, Bytes(tag)));
   EXPECT_FALSE(derived->Verify("", {Bytes("z")}, Bytes(tag)));
-  EXPECT_FALSE(key->Verify("", {Bytes("y")}, Bytes(tag)));
   tag.back() = static_cast<char>(tag.back() ^ 1);
   EXPECT_FALSE(derived->Verify("", {Bytes("y")}, Bytes(tag)));
   EXPECT_FALSE(derived->Verify("", {Bytes("y")}, {}));
