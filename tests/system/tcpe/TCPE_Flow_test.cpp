@@ -195,15 +195,15 @@ TEST(TCPE_Flow, AHostThatPumpsGetsEverythingAndIsRefusedWhatItWouldHaveToWaitFor
     return next == kFlood;
   }));
   std::size_t sent = 0;
-  TCPE_CommErr error = eTCPE_CommErr_None;
-  for (; error == eTCPE_CommErr_None && sent <= 2 * TCPE_Limits{}.maxCommandsOut; ++sent) {
-    error = host.SendTime(1, a.Address());
+  Trel_Cmd_TestRunningTime again(1);
+  for (; again.GetError() == eTCPE_CommErr_None && sent <= 2 * TCPE_Limits{}.maxCommandsOut; ++sent) {
+    host.Send(again, a.Address());
   }
-  EXPECT_EQ(error, eTCPE_CommErr_QueueFull);
+  EXPECT_EQ(again.GetError(), eTCPE_CommErr_QueueFull);
   EXPECT_EQ(sent, TCPE_Limits{}.maxCommandsOut + 1);
   {
     const TCPE_CommManager::NeverWaits neverWaits;
-    EXPECT_EQ(host.SendTime(1, a.Address()), eTCPE_CommErr_None) << "kept";
+    EXPECT_EQ(host.Send(again, a.Address()), eTCPE_CommErr_None) << "kept, and of its class again";
   }
   hold.count_down();
   EXPECT_TRUE(Eventually([&] { return a.Count("TestRunningTime") == static_cast<std::int64_t>(sent); }));

@@ -129,25 +129,4 @@ TEST(TCPE_Lifecycle, OwnThreadsCannotTerminate) {
   }
 }
 
-TEST(TCPE_Lifecycle, TerminateWaitsForTheFarewellOfADisconnect) {
-  constexpr std::int64_t kLongestFarewell = 50'000; // us
-  std::latch begun(1);
-  TestSystem a(0), b(1);
-  a.beforeSending = [&](const TCPE_Command& command) {
-    if (command.GetCommandName() == std::string("Disconnect")) {
-      begun.count_down();
-      const std::int64_t end = Sys_Clock::RawMicroseconds() + kLongestFarewell;
-      while (b.IsConnected(a.Address()) && Sys_Clock::RawMicroseconds() < end) {
-        std::this_thread::yield();
-      }
-    }
-  };
-  Link(a, b);
-  std::jthread disconnecting([&] { EXPECT_TRUE(a.Disconnect(b.Address())); });
-  begun.wait();
-  a.Terminate();
-  EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == 2; }));
-  EXPECT_EQ(b.From(a.Address()).back(), "Disconnect");
-}
-
 } // namespace

@@ -43,10 +43,7 @@ TEST(TCPE_Snapshot, CountsExactlyWhatPassed) {
   EXPECT_EQ(atB.sent.frames, 6U);
   EXPECT_EQ(atB.received.bytes, kBytes);
   EXPECT_EQ(atA.roundTrips.count, 6U);
-  EXPECT_GT(atA.roundTrips.median, 0);
-  EXPECT_GE(atA.roundTrips.percentile99, atA.roundTrips.median);
   EXPECT_EQ(atA.errors.at(eTCPE_CommErr_NoHandler), 1U);
-  EXPECT_EQ(atB.roundTrips.count, 0U);
 }
 
 } // namespace

@@ -346,7 +346,6 @@ TEST_P(Trel_CatalogueTest, NamesThatAreTooLongAreReplaced) {
   for (const auto& test : cases) {
     const std::string name(test.length, 'x');
     Trel_Cmd_Connect command;
-    command.SetSatelliteName("before");
     command.SetSatelliteName(name.c_str());
     command.SetHostname(name.c_str());
     const std::string systemName = test.isSystemNameKept ? name : "Unknown System Name";
