@@ -12,8 +12,11 @@
 class ReportCollector {
 public:
   ReportCollector() {
-    Texts().clear();
-    Cmn_Assert::SetSink(&Collect);
+    sTexts.clear();
+    Cmn_Assert::SetSink([](const char* text, std::int32_t /*line*/) {
+      const std::lock_guard lock(sMutex);
+      sTexts.emplace_back(text);
+    });
   }
   ~ReportCollector() { Cmn_Assert::SetSink(nullptr); }
   ReportCollector(const ReportCollector&) = delete;
@@ -21,23 +24,11 @@ public:
 
   /// What has been reported since the last call.
   std::vector<std::string> Take() {
-    const std::lock_guard lock(Mutex());
-    return std::exchange(Texts(), {});
+    const std::lock_guard lock(sMutex);
+    return std::exchange(sTexts, {});
   }
 
 private:
-  static std::mutex& Mutex() {
-    static std::mutex sMutex;
-    return sMutex;
-  }
-
-  static std::vector<std::string>& Texts() {
-    static std::vector<std::string> sTexts;
-    return sTexts;
-  }
-
-  static void Collect(const char* text, std::int32_t /*line*/) {
-    const std::lock_guard lock(Mutex());
-    Texts().emplace_back(text);
-  }
+  static inline std::mutex sMutex;
+  static inline std::vector<std::string> sTexts;
 };

@@ -93,8 +93,6 @@ public:
   std::function<void(const std::string& text, std::uint32_t from)> handler;
   /// Runs on the network thread; true consumes the command.
   std::function<bool(const std::string& text, std::uint32_t from)> inPlace;
-  /// Runs on the thread that sends, before anything is written.
-  std::function<void(const TCPE_Command& command)> beforeSending;
   std::atomic<bool> admits = true;
   std::atomic<bool> hasHandler = true;
   std::uint16_t maxSatellites = 128;
@@ -107,12 +105,6 @@ private:
         : Trel_CommTask(communicationPort, discoveryPort, record, system->maxSatellites, system), mSystem(*system) {}
     bool HasHandler(const TCPE_Command* /*command*/) override { return mSystem.hasHandler; }
     void DoCommand(TCPE_Command* command) override { mSystem.Arrive(TextOf(*command), command->GetIPAddressFrom()); }
-    void WriteCommandHeader(TCPE_Command* command, char** cursor) override {
-      if (mSystem.beforeSending) {
-        mSystem.beforeSending(*command);
-      }
-      Trel_CommTask::WriteCommandHeader(command, cursor);
-    }
     std::uint8_t GetCurrentProtocolMajorVersion() override {
       return mSystem.majorVersion != 0 ? mSystem.majorVersion : Trel_CommTask::GetCurrentProtocolMajorVersion();
     }

@@ -7,7 +7,6 @@
 
 #include <future>
 #include <latch>
-#include <semaphore>
 
 using testing::ElementsAre;
 
@@ -82,41 +81,6 @@ TEST(TCPE_Handlers, APeerThatDrainsNothingIsDroppedOnceAndDelaysNoOther) {
   EXPECT_EQ(a.Count("error"), 1);
 }
 
-TEST(TCPE_Handlers, ABusyNetworkThreadMakesNoPeerSlowAndLosesNoFarewell) {
-  std::binary_semaphore isHeld(0), hold(0);
-  std::atomic<std::size_t> arrived = 0;
-  TestSystem a(0), b(1);
-  a.inPlace = [&](const std::string& text, std::uint32_t) {
-    if (text == "TestRunningTime 1") {
-      isHeld.release();
-      hold.acquire();
-    }
-    return text != "Disconnect";
-  };
-  b.inPlace = [&](const std::string& text, std::uint32_t) { return text != "Connect" && ++arrived != 0; };
-  Link(a, b);
-  b.SendTime(1, a.Address());
-  isHeld.acquire();
-  const std::size_t kCommands = TCPE_Limits{}.maxOutboundBytes / Bulk::kSize + 4;
-  for (std::size_t i = 0; i < kCommands; ++i) {
-    EXPECT_EQ(a.Send(Bulk(), b.Address()), eTCPE_CommErr_None) << i;
-  }
-  hold.release();
-  EXPECT_TRUE(Eventually([&] { return arrived == kCommands; }));
-  // The farewell is unread when this side finds that it cannot send any more.
-  b.SendTime(1, a.Address());
-  isHeld.acquire();
-  EXPECT_TRUE(b.Disconnect(a.Address()));
-  EXPECT_FALSE(b.Connect(0x7f000030)); // so its network thread has closed the connection
-  EXPECT_TRUE(Eventually([&] {
-    a.SendTime(2, b.Address()); // the one after it is left to the network thread
-    return a.SendTime(2, b.Address()) != eTCPE_CommErr_None;
-  }));
-  hold.release();
-  EXPECT_TRUE(Eventually([&] { return a.Count("Disconnect") == 1; }));
-  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
-}
-
 TEST(TCPE_Handlers, OfABrokenHostEndNothing) {
   const auto fail = [](auto...) -> bool { throw std::runtime_error("broken"); };
   ReportCollector reports;
@@ -178,14 +142,10 @@ TEST(TCPE_Handlers, OfAHostThatPumpsWaitForItButTimingDoesNot) {
   EXPECT_EQ(peer.Count("error"), 0);
 }
 
-TEST(TCPE_Handlers, OneCommandForManyIsEncodedOnceAndItsRepliesAreAwaitedTogether) {
+TEST(TCPE_Handlers, RepliesToOneCommandForManyAreAwaitedTogether) {
   constexpr std::uint32_t kSilent = 0x7f000030;
   constexpr std::uint32_t kNobody = 0x7f000031;
-  std::atomic<int> encoded = 0;
   TestSystem a(0), b(1);
-  a.beforeSending = [&](const TCPE_Command& command) {
-    encoded += std::string("GetState TestRunningTime").find(command.GetCommandName()) != std::string::npos ? 1 : 0;
-  };
   Link(a, b);
   RawPeer silent = RawPeer::Admitted(kSilent, a.Address());
   const std::vector<std::uint32_t> addresses{kSilent, b.Address(), kNobody, kSilent, b.Address()};
@@ -210,7 +170,6 @@ TEST(TCPE_Handlers, OneCommandForManyIsEncodedOnceAndItsRepliesAreAwaitedTogethe
   for (const TCPE_eCmd type : {eTrel_Cmd_GetState, eTrel_Cmd_GetState, eTrel_Cmd_TestRunningTime}) {
     EXPECT_EQ(silent.Read().type, type);
   }
-  EXPECT_EQ(encoded, 2);
   Trel_Cmd_Disconnect farewell;
   EXPECT_THAT(a.SendCommandToAll(&farewell, addresses), testing::Each(eTCPE_CommErr_NotSendable));
 }

@@ -96,37 +96,21 @@ TEST(TCPE_Lifecycle, ProgramsThatTheHostStartsInheritNothing) {
 }
 
 TEST(TCPE_Lifecycle, OwnThreadsCannotTerminate) {
-  const struct {
-    const char* text;
-    bool inPlace;
-  } places[] = {{"GetState", false}, {"GetState", true}, {"error 1", false}};
-  for (const auto& place : places) {
-    SCOPED_TRACE(place.text);
-    ReportCollector reports;
-    std::atomic<int> calls = 0;
-    TestSystem a(0), b(1);
-    const auto terminate = [&](const std::string& text, std::uint32_t) {
-      if (text == place.text) {
-        a.Terminate();
-        ++calls;
-      }
-      return text == "GetState";
-    };
-    if (place.inPlace) {
-      a.inPlace = terminate;
-    } else {
-      a.handler = terminate;
-    }
-    Link(b, a);
-    EXPECT_EQ(b.Query(a.Address()), eTCPE_CommErr_None);
-    a.NetworkErrorOccured(eNetworkError_ConnectionLost, 0x7f000030);
-    EXPECT_TRUE(Eventually([&] { return calls == 1; }));
-    EXPECT_EQ(reports.Take().size(), 1U);
-    EXPECT_TRUE(a.IsInitialized() && a.IsConnected(b.Address()));
-    a.Terminate();
-    EXPECT_FALSE(a.IsInitialized());
-    EXPECT_TRUE(reports.Take().empty());
-  }
+  ReportCollector reports;
+  std::atomic<int> calls = 0;
+  TestSystem a(0), b(1);
+  const auto terminate = [&](const std::string&, std::uint32_t) { return a.Terminate(), ++calls != 0; };
+  a.handler = terminate;
+  a.inPlace = [&](const std::string& text, std::uint32_t from) { return text == "GetState" && terminate(text, from); };
+  Link(b, a);
+  EXPECT_EQ(b.Query(a.Address()), eTCPE_CommErr_None);
+  a.NetworkErrorOccured(eNetworkError_ConnectionLost, 0x7f000030);
+  EXPECT_TRUE(Eventually([&] { return calls == 3; })); // for the connect command, in place, and for the network error
+  EXPECT_EQ(reports.Take().size(), 3U);
+  EXPECT_TRUE(a.IsInitialized() && a.IsConnected(b.Address()));
+  a.Terminate();
+  EXPECT_FALSE(a.IsInitialized());
+  EXPECT_TRUE(reports.Take().empty());
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include <trel/Trel_LinearCorrelator.h>
 
-#include <trel/Sys_Clock.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -99,20 +97,6 @@ TEST(Trel_LinearCorrelator, KeepsNoMoreThanItsCapacity) {
     EXPECT_EQ(correlator.PredictRemote(2'000), 4'000) << test.capacity;
     EXPECT_EQ(correlator.IsCorrelated(), test.capacity >= 4) << test.capacity;
   }
-}
-
-TEST(Trel_LinearCorrelator, AveragePeriodRunsToThePresent) {
-  static std::int64_t now = 0;
-  Sys_Clock::SetSource([] { return now; });
-  Trel_LinearCorrelator correlator(2);
-  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 10'000'000);
-  correlator.AddMeasurement(1'000, 0);
-  correlator.AddMeasurement(2'000, 0);
-  now = 5'003;
-  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 2'001);
-  correlator.AddMeasurement(5'001, 0);
-  EXPECT_EQ(correlator.GetAverageMeasurementPeriod(), 1'501);
-  Sys_Clock::SetSource(nullptr);
 }
 
 } // namespace
