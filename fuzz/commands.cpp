@@ -14,21 +14,6 @@
 
 namespace {
 
-class Block {
-public:
-  explicit Block(const Trel_CommandClass& commandClass)
-      : mBlock(std::make_unique<std::byte[]>(Trel_Command::kMaxCommandSize)),
-        mCommand(commandClass.construct(mBlock.get())) {}
-  ~Block() { mCommand->~TCPE_Command(); }
-  Block(const Block&) = delete;
-  Block& operator=(const Block&) = delete;
-  TCPE_Command& Command() { return *mCommand; }
-
-private:
-  std::unique_ptr<std::byte[]> mBlock;
-  TCPE_Command* mCommand;
-};
-
 /// Payload of a command that has read the given one; all it can say when it read a cut one.
 std::string Recoded(const Trel_CommandClass& commandClass, bool isReply, std::uint8_t revision,
                     const std::string& payload) {
@@ -36,8 +21,8 @@ std::string Recoded(const Trel_CommandClass& commandClass, bool isReply, std::ui
   const auto bytes = std::make_unique<std::byte[]>(payload.size());
   const auto source = std::as_bytes(std::span(payload));
   std::copy(source.begin(), source.end(), bytes.get());
-  Block block(commandClass);
-  TCPE_Command& command = block.Command();
+  const auto owner = commandClass.create();
+  TCPE_Command& command = *owner;
   const auto decode = isReply ? &TCPE_CommandCodec::DecodeReply : &TCPE_CommandCodec::DecodeCommand;
   decode(command, {.revision = revision}, {bytes.get(), payload.size()});
   std::ostringstream text;

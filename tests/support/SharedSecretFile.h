@@ -26,7 +26,6 @@ public:
     std::filesystem::permissions(mName, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     SPSSetStartupOption("SharedSecretFile", secret.empty() ? nullptr : mName.c_str());
   }
-  const std::string& Name() const { return mName; }
 
 private:
   const std::string mName = testing::TempDir() + "trel-shared-secret-" + std::to_string(getpid());

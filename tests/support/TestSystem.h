@@ -96,7 +96,6 @@ public:
   std::atomic<bool> admits = true;
   std::atomic<bool> hasHandler = true;
   std::uint16_t maxSatellites = 128;
-  std::uint8_t majorVersion = 0; ///< in place of the numbering's, unless 0
 
 private:
   class Task final : public Trel_CommTask {
@@ -105,9 +104,6 @@ private:
         : Trel_CommTask(communicationPort, discoveryPort, record, system->maxSatellites, system), mSystem(*system) {}
     bool HasHandler(const TCPE_Command* /*command*/) override { return mSystem.hasHandler; }
     void DoCommand(TCPE_Command* command) override { mSystem.Arrive(TextOf(*command), command->GetIPAddressFrom()); }
-    std::uint8_t GetCurrentProtocolMajorVersion() override {
-      return mSystem.majorVersion != 0 ? mSystem.majorVersion : Trel_CommTask::GetCurrentProtocolMajorVersion();
-    }
 
   private:
     TestSystem& mSystem;

@@ -105,11 +105,9 @@ TEST_F(CommManagerTest, AClockEndsWithTheInstanceThatSuppliesIt) {
   };
   Connect(mPeer);
   const std::uint64_t instance = Trel_CommManager::GetPeerInstance(kPeerAddress);
-  EXPECT_NE(instance, 0U);
   supply(mPeer);
   EXPECT_EQ(meet(*other, eTCPE_SystemType_Master), 1) << "the supplier is still there";
   part(mPeer);
-  EXPECT_EQ(Trel_CommManager::GetPeerInstance(kPeerAddress), 0U);
   EXPECT_EQ(meet(*other, eTCPE_SystemType_Satellite), 1);
   ASSERT_TRUE(mPeer.Connect(kHostAddress));
   EXPECT_EQ(Trel_CommManager::GetPeerInstance(kPeerAddress), instance);

@@ -63,7 +63,12 @@ public:
            mCodec.ReadQuery(std::span(buffer).first(size), query) == TCPE_DiscoveryCodec::Verdict::sound;
   }
   std::uint32_t AskerAddress() const { return mSocket.GetReplyAddress(); }
-  std::uint16_t AskerPort() const { return mSocket.GetReplyPort(); }
+  /// Sends to who asked.
+  void Send(std::uint32_t from, const std::vector<std::byte>& datagram) const {
+    Sys_UDPSocket socket;
+    EXPECT_TRUE(socket.Register() && socket.Bind(from, 0) &&
+                socket.Send(datagram, mSocket.GetReplyAddress(), mSocket.GetReplyPort()));
+  }
   std::vector<std::byte> Reply(const TCPE_DiscoveryCodec::Query& query, const char* name) const {
     TCPE_DiscoveryCodec::Reply reply;
     reply.system.SetSystemName(name);
@@ -74,18 +79,6 @@ public:
 private:
   Sys_UDPSocket mSocket;
   const TCPE_DiscoveryCodec mCodec{{.majorVersion = 4, .minorVersion = 1}};
-};
-
-/// A socket at an address, to send replies from.
-class Sender {
-public:
-  explicit Sender(std::uint32_t address) { EXPECT_TRUE(mSocket.Register() && mSocket.Bind(address, 0)); }
-  void Send(const std::vector<std::byte>& datagram, const Stranger& to) {
-    EXPECT_TRUE(mSocket.Send(datagram, to.AskerAddress(), to.AskerPort()));
-  }
-
-private:
-  Sys_UDPSocket mSocket;
 };
 
 TEST_F(DiscoveryTest, EachRoleFindsTheOther) {
@@ -141,22 +134,23 @@ TEST_F(DiscoveryTest, TheFirstReplyOfAnAddressCountsAndGarbageIsIgnored) {
   TCPE_DiscoveryCodec::Query query;
   ASSERT_TRUE(stranger.Hear(&query));
   EXPECT_EQ(stranger.AskerAddress(), kHostAddress);
-  Sender one(0x7f000021), two(0x7f000022), host(kHostAddress);
-  host.Send(stranger.Reply(query, "itself"), stranger);
-  one.Send(stranger.Reply(query, "first"), stranger);
-  one.Send(stranger.Reply(query, "second"), stranger);
+  constexpr std::uint32_t kOne = 0x7f000021;
+  constexpr std::uint32_t kTwo = 0x7f000022;
+  stranger.Send(kHostAddress, stranger.Reply(query, "itself"));
+  stranger.Send(kOne, stranger.Reply(query, "first"));
+  stranger.Send(kOne, stranger.Reply(query, "second"));
   TCPE_DiscoveryCodec::Query other = query;
   ++other.serial;
-  two.Send(stranger.Reply(other, "to another query"), stranger);
+  stranger.Send(kTwo, stranger.Reply(other, "to another query"));
   // From here to the end something arrives all the time, and no more than half a millisecond apart.
   const std::vector<std::byte> garbage(100);
   const std::vector<std::byte> reply = stranger.Reply(query, "again");
   const std::int64_t begin = Sys_Clock::RawMicroseconds();
   while (Sys_Clock::RawMicroseconds() < begin + 1'200'000) {
-    one.Send(garbage, stranger);
-    one.Send(reply, stranger);
+    stranger.Send(kOne, garbage);
+    stranger.Send(kOne, reply);
     if (Sys_Clock::RawMicroseconds() > begin + 800'000) { // more replies came by now than there may be systems
-      two.Send(stranger.Reply(query, "late"), stranger);
+      stranger.Send(kTwo, stranger.Reply(query, "late"));
     }
     std::this_thread::sleep_for(std::chrono::microseconds(300));
   }
@@ -175,7 +169,7 @@ TEST_F(DiscoveryTest, AReplyFromElsewhereDoesNotMakeASatelliteAvailable) {
   std::jthread asking([&] { isAvailable = Trel_CommManager::VerifySatelliteIsAvailable(kPeerAddress, &system); });
   TCPE_DiscoveryCodec::Query query;
   ASSERT_TRUE(stranger.Hear(&query));
-  Sender(kOtherPeerAddress).Send(stranger.Reply(query, "foreign"), stranger);
+  stranger.Send(kOtherPeerAddress, stranger.Reply(query, "foreign"));
   asking.join();
   EXPECT_EQ(isAvailable, false);
   EXPECT_STREQ(system.GetSystemName(), "foreign");

@@ -34,7 +34,6 @@ TEST(TCPE_Failures, ARefusalIsToldOnceWithItsKind) {
   } systems[] = {
       {[](TestSystem& acceptor) { acceptor.admits = false; }, eNetworkError_NotAllowed},
       {[](TestSystem& acceptor) { acceptor.maxSatellites = 0; }, eNetworkError_Full},
-      {[](TestSystem& acceptor) { acceptor.majorVersion = 3; }, eNetworkError_OtherNumbering},
   };
   for (const auto& test : systems) {
     SCOPED_TRACE(test.error);

@@ -2,6 +2,7 @@
 #include "tests/support/ReportCollector.h"
 
 #include <trel/Trel_Cmd_Connection.h>
+#include <trel/Trel_Cmd_Identity.h>
 
 #include <gmock/gmock.h>
 
@@ -11,17 +12,6 @@
 using testing::ElementsAre;
 
 namespace {
-
-/// Travels as a TestRunningTime 0 with a large payload.
-class Bulk : public TCPE_Command {
-public:
-  static constexpr std::size_t kSize = 16'000;
-  Bulk() : TCPE_Command(nullptr, eTrel_Cmd_TestRunningTime, 0) {}
-  void PrepareTransmitCommand(char** cursor) override {
-    std::fill_n(*cursor, kSize, '\0');
-    *cursor += kSize;
-  }
-};
 
 TEST(TCPE_Handlers, AFullQueueAndTheWrongThreadAreErrorsAtOnce) {
   std::latch hold(1);
@@ -65,15 +55,18 @@ TEST(TCPE_Handlers, APeerThatDrainsNothingIsDroppedOnceAndDelaysNoOther) {
       slow.Send(RawFrame({.type = 0}));
     }
   });
+  Trel_Cmd_ListSystems bulk;
+  bulk.SetSystems(std::vector<Trel_System>(227));
+  constexpr std::size_t kBulk = 4 + 227 * 72;
   TCPE_CommErr error = eTCPE_CommErr_None;
   std::size_t sent = 0;
   for (; error == eTCPE_CommErr_None && sent < 10'000; ++sent) {
     const std::int64_t before = others.Count();
     EXPECT_TRUE(Eventually([&] { return others.Count() > before; }));
-    error = a.Send(Bulk(), kSlow);
+    error = a.Send(bulk, kSlow);
   }
   EXPECT_EQ(error, eTCPE_CommErr_ConnectionLost);
-  EXPECT_GE((sent + 1) * Bulk::kSize, TCPE_Limits{}.maxOutboundBytes - TCPE_Limits{}.outboundReserve);
+  EXPECT_GE((sent + 1) * kBulk, TCPE_Limits{}.maxOutboundBytes - TCPE_Limits{}.outboundReserve);
   EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
   EXPECT_THAT(a.From(kSlow), ElementsAre("Connect", ErrorText(eNetworkError_PeerTooSlow)));
   EXPECT_EQ(a.SendTime(1, kSlow), eTCPE_CommErr_NotConnected);

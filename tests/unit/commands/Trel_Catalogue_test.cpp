@@ -161,21 +161,6 @@ const struct {
 };
 constexpr std::uint8_t kNewestRevision = 2;
 
-/// A command in a block of its own, as the engine builds one.
-class Built {
-public:
-  explicit Built(const Trel_CommandClass& commandClass) : mCommand(commandClass.construct(mBlock)) {}
-  ~Built() { mCommand->~TCPE_Command(); }
-  Built(const Built&) = delete;
-  Built& operator=(const Built&) = delete;
-  TCPE_Command* operator->() { return mCommand; }
-  TCPE_Command& operator*() { return *mCommand; }
-
-private:
-  alignas(std::max_align_t) std::byte mBlock[Trel_Command::kMaxCommandSize];
-  TCPE_Command* mCommand;
-};
-
 /// The hooks of the command, or those of the reply.
 struct Hooks {
   void (TCPE_Command::*read)(char** cursor);
@@ -218,7 +203,7 @@ void ExpectRead(TCPE_Command& command, const Trel_CommandClass& commandClass, co
   EXPECT_FALSE(command.GetPayloadFault());
   EXPECT_EQ(Text(command, hooks), text);
   for (std::size_t length = 0; length < bytes.size(); ++length) {
-    Built reader(commandClass);
+    const auto reader = commandClass.create();
     reader->SetReceivedRevision(revision);
     Apply(*reader, hooks.read, bytes.substr(0, length), &used);
     EXPECT_TRUE(reader->GetPayloadFault()) << length;
@@ -256,7 +241,7 @@ TEST_P(Trel_CatalogueTest, EveryClassLooksAsItsRowSays) {
     const std::int32_t identifier = IsCurrent() ? row.current : row.legacy;
     EXPECT_EQ(Trel_Catalogue::Find(identifier), identifier == 666 ? nullptr : &commandClass);
 
-    Built command(commandClass);
+    const auto command = commandClass.create();
     EXPECT_EQ(command->GetCommandName(), name);
     EXPECT_EQ(command->GetCommandType(), row.Has('n') ? 0 : row.Has('c') ? row.current : identifier);
     EXPECT_EQ(command->IsSynchronous(), row.Has('s'));
@@ -278,7 +263,7 @@ TEST_P(Trel_CatalogueTest, EveryClassLooksAsItsRowSays) {
     for (const auto& older : kOlderPayloads) {
       if (name == older.name) {
         const bool isReply = *row.reply != '\0';
-        Built reader(commandClass);
+        const auto reader = commandClass.create();
         reader->SetReceivedRevision(kNewestRevision);
         Apply(*reader, payloads[isReply].hooks.read, FromHex(payloads[isReply].bytes));
         ExpectRead(*reader, commandClass, payloads[isReply].hooks, older.revision, FromHex(older.bytes), older.text);

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 namespace {
 
 TEST(Sys_Socket, WritesAndReadsDottedAddresses) {
@@ -24,23 +22,6 @@ TEST(Sys_Socket, WritesAndReadsDottedAddresses) {
     EXPECT_EQ(address, 77U) << text;
   }
   EXPECT_FALSE(Sys_Socket::EncodeIPAddress(nullptr, nullptr));
-}
-
-TEST(Sys_Socket, FindsTheAdaptorOfAnAddress) {
-  Sys_Adaptor adaptor;
-  for (const std::uint32_t address : {0x7f000001U, 0x7f000003U, 0x7fabcdefU}) {
-    ASSERT_TRUE(Sys_Socket::FindAdaptorOf(address, &adaptor));
-    EXPECT_TRUE(adaptor.isUp && adaptor.isLoopback && adaptor.canBroadcast);
-    EXPECT_EQ(adaptor.address, 0x7f000001U);
-    EXPECT_EQ(adaptor.broadcast, 0x7fffffffU);
-  }
-  for (const std::uint32_t foreign : {0U, 0xcb007101U /* 203.0.113.1, for documentation */, 0xffffffffU}) {
-    EXPECT_FALSE(Sys_Socket::FindAdaptorOf(foreign, &adaptor));
-  }
-  for (const Sys_Adaptor& own : Sys_Socket::GetAdaptors()) {
-    EXPECT_TRUE(Sys_Socket::FindAdaptorOf(own.address, &adaptor)) << own.name;
-    EXPECT_EQ(adaptor.name, own.name);
-  }
 }
 
 } // namespace
