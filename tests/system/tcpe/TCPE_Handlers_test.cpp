@@ -58,15 +58,18 @@ TEST(TCPE_Handlers, APeerThatDrainsNothingIsDroppedOnceAndDelaysNoOther) {
   Trel_Cmd_ListSystems bulk;
   bulk.SetSystems(std::vector<Trel_System>(227));
   constexpr std::size_t kBulk = 4 + 227 * 72;
+  std::size_t mostQueued = 0;
   TCPE_CommErr error = eTCPE_CommErr_None;
   std::size_t sent = 0;
   for (; error == eTCPE_CommErr_None && sent < 10'000; ++sent) {
     const std::int64_t before = others.Count();
     EXPECT_TRUE(Eventually([&] { return others.Count() > before; }));
     error = a.Send(bulk, kSlow);
+    mostQueued = std::max(mostQueued, PeerOf(a, kSlow).outboundBytes);
   }
   EXPECT_EQ(error, eTCPE_CommErr_ConnectionLost);
   EXPECT_GE((sent + 1) * kBulk, TCPE_Limits{}.maxOutboundBytes - TCPE_Limits{}.outboundReserve);
+  EXPECT_LE(mostQueued, TCPE_Limits{}.maxOutboundBytes);
   EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
   EXPECT_THAT(a.From(kSlow), ElementsAre("Connect", ErrorText(eNetworkError_PeerTooSlow)));
   EXPECT_EQ(a.SendTime(1, kSlow), eTCPE_CommErr_NotConnected);
@@ -83,11 +86,12 @@ TEST(TCPE_Handlers, OfABrokenHostEndNothing) {
   b.SetCommandLog([](const char*) { throw std::runtime_error("broken"); });
   b.SetByteTap([](const TCPE_TappedBytes&, void*) { throw std::runtime_error("broken"); });
   Link(a, b);
-  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_HandlerFailed);
+  Trel_Cmd_GetState query;
+  EXPECT_EQ(a.Send(query, b.Address()), eTCPE_CommErr_HandlerFailed);
   b.NetworkErrorOccured(eNetworkError_ConnectionLost, 0x7f000030);
   EXPECT_TRUE(Eventually([&] { return b.Count("error") == 1; }));
   b.hasHandler = false; // only what is answered in place is
-  EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_HandlerFailed);
+  EXPECT_EQ(a.Send(query, b.Address()), eTCPE_CommErr_HandlerFailed) << "an object that failed is sent by its class";
   EXPECT_TRUE(a.IsConnected(b.Address()));
   EXPECT_GE(b.GetSnapshot().hostFailures, 10U);
   b.Terminate();
@@ -133,6 +137,29 @@ TEST(TCPE_Handlers, OfAHostThatPumpsWaitForItButTimingDoesNot) {
   host.Terminate(); // with a command in hand
   host.DisposeCommand(inHand);
   EXPECT_EQ(peer.Count("error"), 0);
+}
+
+TEST(TCPE_Handlers, RepliesFindTheirCallsInAnyOrder) {
+  constexpr std::uint32_t kPeer = 0x7f000030;
+  TestSystem a(0);
+  ASSERT_EQ(a.Start(), 0);
+  RawPeer peer = RawPeer::Admitted(kPeer, a.Address());
+  std::vector<std::future<int>> states;
+  std::vector<Bytes> replies;
+  for (const int state : {1, 2, 3}) {
+    states.push_back(std::async(std::launch::async, [&a] {
+      Trel_Cmd_GetState query;
+      return a.Send(query, kPeer) == eTCPE_CommErr_None ? query.GetState() : -1;
+    }));
+    Bytes payload(4);
+    payload[3] = static_cast<std::byte>(state);
+    const std::uint32_t serial = peer.Read().serial;
+    replies.push_back(RawFrame({.flags = kTCPE_Flag_Reply, .type = eTrel_Cmd_GetState, .serial = serial}, payload));
+  }
+  peer.Send(replies[1] + replies[2] + replies[0]);
+  for (int state = 0; std::future<int> & told : states) {
+    EXPECT_EQ(told.get(), ++state);
+  }
 }
 
 TEST(TCPE_Handlers, RepliesToOneCommandForManyAreAwaitedTogether) {

@@ -82,7 +82,9 @@ TEST_P(Trel_TCPEInterfaceTest, AnswersTheLimitsAndTakesTheRequestedOne) {
   EXPECT_FALSE(mInterface.HandleSyncCommand(&other) || mInterface.HandleSyncCommand(nullptr));
   EXPECT_FALSE(mInterface.HandleAsyncCommand(&other) || mInterface.HandleAsyncCommand(nullptr));
   Trel_Cmd_ResetClock reset;
-  EXPECT_TRUE(mInterface.HandleSyncCommand(&reset));
+  Trel_Cmd_GetMaxSatellitesSupported supported;
+  EXPECT_TRUE(mInterface.HandleSyncCommand(&reset) && mInterface.HandleSyncCommand(&supported));
+  EXPECT_EQ(supported.GetMaxSatellitesSupported(), 128);
   EXPECT_THAT(reports.Take(), testing::IsEmpty());
 
   // The number of the other numbering is another command here.
