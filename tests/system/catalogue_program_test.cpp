@@ -73,9 +73,7 @@ TEST(CatalogueProgramTest, SaysWhatIsWrong) {
       {"encode SetSystemName SystemName=123456789012345678901234567890", 0, "arrives as \"Unknown System Name\"\n"},
       {"decode UpdateVideo 0", 2, "a byte has two"},
       {"decode RequestLink 0102", 0, "left over from offset 1: 02\n"},
-      // The flags behind the marker would fit.
-      {"decode SetCurrentSelection 0000000000000000000000000000000000000000000000000000000000000000000000000000", 1,
-       "PlayStartMarkerTime (8 bytes) does not fit at offset 32 of 38 bytes\n"},
+      {"decode StartPlayback 000000", 1, "StartAtRunningTime (8 bytes) does not fit at offset 0 of 3 bytes\n"},
   };
   for (const auto& [arguments, status, says] : cases) {
     const ShellOutcome outcome = RunProgram(std::string(arguments) + " 2>&1");

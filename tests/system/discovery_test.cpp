@@ -143,12 +143,10 @@ TEST_F(DiscoveryTest, TheFirstReplyOfAnAddressCountsAndGarbageIsIgnored) {
   ++other.serial;
   stranger.Send(kTwo, stranger.Reply(other, "to another query"));
   // From here to the end something arrives all the time, and no more than half a millisecond apart.
-  const std::vector<std::byte> garbage(100);
-  const std::vector<std::byte> reply = stranger.Reply(query, "again");
   const std::int64_t begin = Sys_Clock::RawMicroseconds();
   while (Sys_Clock::RawMicroseconds() < begin + 1'200'000) {
-    stranger.Send(kOne, garbage);
-    stranger.Send(kOne, reply);
+    stranger.Send(kOne, std::vector<std::byte>(100));
+    stranger.Send(kOne, stranger.Reply(query, "again"));
     if (Sys_Clock::RawMicroseconds() > begin + 800'000) { // more replies came by now than there may be systems
       stranger.Send(kTwo, stranger.Reply(query, "late"));
     }

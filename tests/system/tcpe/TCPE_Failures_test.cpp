@@ -28,21 +28,15 @@ TEST(TCPE_Failures, SendersToNobodyAreToldAtOnceAndNobodyElse) {
 }
 
 TEST(TCPE_Failures, ARefusalIsToldOnceWithItsKind) {
-  const struct {
-    void (*prepare)(TestSystem& acceptor);
-    ETCPE_NetworkError error;
-  } systems[] = {
-      {[](TestSystem& acceptor) { acceptor.admits = false; }, eNetworkError_NotAllowed},
-      {[](TestSystem& acceptor) { acceptor.maxSatellites = 0; }, eNetworkError_Full},
-  };
-  for (const auto& test : systems) {
-    SCOPED_TRACE(test.error);
+  for (const ETCPE_NetworkError error : {eNetworkError_NotAllowed, eNetworkError_Full}) {
+    SCOPED_TRACE(error);
     TestSystem caller(0), acceptor(1);
-    test.prepare(acceptor);
-    ASSERT_EQ(caller.Start() + acceptor.Start(), 0);
+    acceptor.admits = error != eNetworkError_NotAllowed;
+    acceptor.maxSatellites = error != eNetworkError_Full ? 128 : 0;
+    Start(caller, acceptor);
     EXPECT_FALSE(caller.Connect(acceptor.Address()));
     EXPECT_FALSE(caller.IsConnected(acceptor.Address()) || acceptor.IsConnected(caller.Address()));
-    ExpectOnly(caller, acceptor.Address(), {ErrorText(test.error)});
+    ExpectOnly(caller, acceptor.Address(), {ErrorText(error)});
     ExpectOnly(acceptor, caller.Address(), {});
     EXPECT_TRUE(Eventually([&] { return acceptor.GetCounters().refusedConnections == 1; }));
   }
@@ -69,14 +63,10 @@ TEST(TCPE_Failures, ALostPeerIsToldOnceAfterItsCommands) {
   };
   ASSERT_EQ(system.Start(), 0);
   std::vector<RawPeer> peers;
-  std::vector<std::future<std::pair<TCPE_CommErr, TCPE_eCmd>>> waiting;
+  std::vector<std::future<TCPE_CommErr>> waiting;
   for (const auto& test : cases) {
     peers.push_back(RawPeer::Admitted(test.address, system.Address()));
-    waiting.push_back(std::async(std::launch::async, [&system, address = test.address] {
-      Trel_Cmd_GetState query;
-      const TCPE_CommErr error = system.Send(query, address);
-      return std::pair(error, query.GetCommandType());
-    }));
+    waiting.push_back(std::async(std::launch::async, [&] { return system.Query(test.address); }));
     EXPECT_EQ(peers.back().Read().type, eTrel_Cmd_GetState);
     peers.back().Send(RawTime(1) + RawTime(2));
   }
@@ -86,7 +76,7 @@ TEST(TCPE_Failures, ALostPeerIsToldOnceAfterItsCommands) {
   }
   for (std::size_t i = peers.size(); i-- > 0;) {
     SCOPED_TRACE(cases[i].address);
-    EXPECT_EQ(waiting[i].get(), std::pair(cases[i].waitingSenderGets, TCPE_eCmd{-1}));
+    EXPECT_EQ(waiting[i].get(), cases[i].waitingSenderGets);
     EXPECT_TRUE(Eventually([&] { return system.From(cases[i].address).size() == 4; }));
     ExpectWithin("told after us", Sys_Clock::RawMicroseconds() - begin, 4'000'000);
     ExpectOnly(system, cases[i].address,

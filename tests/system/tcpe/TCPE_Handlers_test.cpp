@@ -19,11 +19,7 @@ TEST(TCPE_Handlers, AFullQueueAndTheWrongThreadAreErrorsAtOnce) {
   TestSystem a(0), b(1);
   b.handler = [&](const std::string& text, std::uint32_t) { text == "TestRunningTime 0" ? hold.wait() : void(); };
   b.inPlace = [&](const std::string& text, std::uint32_t from) {
-    if (text == "ResetClock") {
-      error = b.Query(from);
-      EXPECT_FALSE(b.Connect(0x7f000030));
-    }
-    return text == "ResetClock";
+    return text == "ResetClock" && (error = b.Query(from)) != eTCPE_CommErr_None && !b.Connect(0x7f000030);
   };
   Link(a, b);
   EXPECT_EQ(a.Send(Trel_Cmd_ResetClock(), b.Address()), eTCPE_CommErr_None);

@@ -69,10 +69,9 @@ Status_Snapshot Master() {
 /// As who watches gets it.
 Status_Snapshot Arrived(const Status_Snapshot& snapshot) { return Status_Snapshot::FromJson(snapshot.ToJson()); }
 
-constexpr std::pair<std::size_t, std::size_t> kTerminals[] = {{120, 40}, {80, 24}, {60, 14}, {30, 6}};
-
 TEST(WatchScreen, FitsEveryTerminalAndKeepsWhatMatters) {
-  for (const auto& [width, height] : kTerminals) {
+  using Size = std::pair<std::size_t, std::size_t>;
+  for (const auto& [width, height] : {Size(120, 40), Size(80, 24), Size(60, 14), Size(30, 6)}) {
     for (const Status_Snapshot& snapshot : {Satellite(), Master()}) {
       SCOPED_TRACE(snapshot.verdict + " at " + std::to_string(width) + " x " + std::to_string(height));
       const auto lines = Watch_Screen::Lines(Arrived(snapshot), {.width = width, .height = height});

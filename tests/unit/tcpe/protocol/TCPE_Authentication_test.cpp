@@ -158,16 +158,6 @@ TEST(TCPE_Authentication, EveryFrameIsThePeersNextOne) {
 }
 
 TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
-  const auto talk = [](SystemsWithSecrets& systems) {
-    systems.Connect(0, 1);
-    systems.Run(kSecond / 10);
-    for (const int system : {0, 1}) {
-      for (int i = 0; i < 2 && !systems.At(system).open.empty(); ++i) {
-        systems.Send(system, system == 0 ? 20 : 10, Command(7, 0, "abc"));
-      }
-    }
-    systems.Run(9 * kSecond);
-  };
   const auto accepted = [](const std::string& log) {
     std::size_t count = 0;
     for (const char* kind : {"opened", "frame"}) {
@@ -196,7 +186,14 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
           sent += bytes.size();
         }
       };
-      talk(systems);
+      systems.Connect(0, 1);
+      systems.Run(kSecond / 10);
+      for (const int system : {0, 1}) {
+        for (int i = 0; i < 2 && !systems.At(system).open.empty(); ++i) {
+          systems.Send(system, system == 0 ? 20 : 10, Command(7, 0, "abc"));
+        }
+      }
+      systems.Run(9 * kSecond);
       ASSERT_GT(8 * sent, bit);
       const std::size_t opened = kBegun[side] + kFinished;
       const std::size_t whole = bit / 8 < kBegun[side] ? 0 : bit / 8 < opened ? 1 : 1 + (bit / 8 - opened) / kFrame;
