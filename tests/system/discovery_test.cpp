@@ -62,7 +62,6 @@ public:
     return mSocket.Receive(buffer, 10'000'000, &size) == Sys_UDPSocket::Result::received &&
            mCodec.ReadQuery(std::span(buffer).first(size), query) == TCPE_DiscoveryCodec::Verdict::sound;
   }
-  std::uint32_t AskerAddress() const { return mSocket.GetReplyAddress(); }
   /// Sends to who asked.
   void Send(std::uint32_t from, const std::vector<std::byte>& datagram) const {
     Sys_UDPSocket socket;
@@ -133,7 +132,6 @@ TEST_F(DiscoveryTest, TheFirstReplyOfAnAddressCountsAndGarbageIsIgnored) {
   });
   TCPE_DiscoveryCodec::Query query;
   ASSERT_TRUE(stranger.Hear(&query));
-  EXPECT_EQ(stranger.AskerAddress(), kHostAddress);
   constexpr std::uint32_t kOne = 0x7f000021;
   constexpr std::uint32_t kTwo = 0x7f000022;
   stranger.Send(kHostAddress, stranger.Reply(query, "itself"));
