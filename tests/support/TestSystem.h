@@ -178,7 +178,6 @@ public:
   void ExpectUndisturbed() {
     mThread.request_stop();
     mThread.join();
-    std::cout << mCount << " round trips\n";
     EXPECT_EQ(mFailures, 0);
     ExpectWithin("worst of them, us", mWorst, 1'000'000);
   }

@@ -48,7 +48,6 @@ TEST(CatalogueProgramTest, SaysWhatIsWrong) {
       {"encode Prim", 2, "near ones: Prime\n"},
       {"encode RequestControl HasControl=1", 2, "add --reply"},
       {"encode UpdateMasterClockSource MasterClock=10.0.0.1", 2, "other numbering"},
-      {"encode Prime InPoint=1 InPoint=1", 2, "twice"},
       {"encode Prime PlaySpeed=2147483648", 2, "out of range, -2147483648 to 2147483647"},
       {"encode ConnectTo ConnectToIPAddress=10.0.0", 2, "no IPv4 address"},
       {"encode RequestLink Link=2", 2, "no flag"},

@@ -95,11 +95,7 @@ TEST_F(DiscoveryTest, EachRoleFindsTheOther) {
   Trel_System system;
   EXPECT_FALSE(Trel_CommManager::VerifySatelliteIsAvailable(kOtherPeerAddress, &system));
   EXPECT_EQ(Texts(systems), "");
-  const std::int64_t begin = Sys_Clock::RawMicroseconds();
   Trel_CommManager::GetMasterSystemsList(&systems);
-  const std::int64_t waited = Sys_Clock::RawMicroseconds() - begin;
-  EXPECT_GE(waited, kWait);
-  ExpectWithin("time for a list, us", waited, kWait + 500'000);
   EXPECT_EQ(Texts(systems), "127.0.0.3 stage 1 taken; ");
   master.SetAllowSatellitesToConnectToMasterSystem(true);
   systems.clear();
@@ -197,20 +193,17 @@ TEST_F(DiscoveryTest, OnlyThoseWhoShareTheSecretFindEachOther) {
 }
 
 TEST_F(DiscoveryTest, PortsInUseAreToldApart) {
-  const auto report = [] {
-    Trel_CommPreferences preferences = TestPreferences(kHostAddress);
-    preferences.SetCommunicationPort(TestPort());
-    const std::int32_t status = Trel_CommManager::Initialize(&preferences, nullptr);
-    return std::to_string(status) + ' ' + Trel_CommManager::GetInitializationReport();
-  };
-  const std::string port = std::to_string(DiscoveryPort());
+  Trel_CommPreferences preferences = TestPreferences(kHostAddress);
+  preferences.SetCommunicationPort(TestPort());
   {
     Sys_UDPSocket other;
     ASSERT_TRUE(other.Register() && other.Bind(0, DiscoveryPort()));
-    EXPECT_EQ(report(), "7 UDP port " + port + " of 127.0.0.2 is in use by another program");
+    EXPECT_EQ(Trel_CommManager::Initialize(&preferences, nullptr), eTCPE_Status_DiscoveryPortInUse);
+    EXPECT_EQ(Trel_CommManager::GetInitializationReport(),
+              "UDP port " + std::to_string(DiscoveryPort()) + " of 127.0.0.2 is in use by another program");
     EXPECT_FALSE(Trel_CommManager::IsInitialized());
   }
-  EXPECT_EQ(report(), "0 ");
+  EXPECT_EQ(Trel_CommManager::Initialize(&preferences, nullptr), 0);
   PeerSystem sameAddress(kHostAddress);
   EXPECT_EQ(sameAddress.Status(), eTCPE_Status_DiscoveryPortInUse);
 }

@@ -3,7 +3,6 @@
 #include <trel/TCPE_Cmd_Disconnect.h>
 
 #include <barrier>
-#include <future>
 
 namespace {
 

@@ -11,7 +11,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -153,7 +152,6 @@ const struct {
     {"GetProjectInfo", 0, "00000006 00000005 00000004 00 00",
      "DigitalCutRate=6 ProjectRate=5 EditPlayRate=4 DropFrame=0 VideoReferenceAvailable=0 VideoReferenceFormat=25"},
     {"DialogOnScreen", 0, "00000000", R"(DialogCode=0 DialogMsg="" DialogType=0)"},
-    {"DialogOnScreen", 0, "00000001", R"(DialogCode=1 DialogMsg="" DialogType=0)"},
     {"DialogOnScreen", 0, "00000003", R"(DialogCode=3 DialogMsg="" DialogType=2)"},
     {"DialogOnScreen", 0, "00000005", R"(DialogCode=5 DialogMsg="" DialogType=3)"},
     {"DialogOnScreen", 0, "80000000", R"(DialogCode=-2147483648 DialogMsg="" DialogType=3)"},

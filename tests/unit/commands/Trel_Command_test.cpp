@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstddef>
 #include <map>
 #include <stdexcept>
 #include <type_traits>

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <iostream>
-
 namespace {
 
 /// Systems 0, 1 and 2 have the addresses 10, 20 and 30 and, unless told otherwise, the same secret; 0 is none.
