@@ -194,23 +194,26 @@ std::mutex sLogMutex;
 std::vector<std::string> sLog;
 
 TEST(TCPE_Handlers, CommandLogTellsWhatIsSentReceivedAndReplied) {
+  sLog.clear();
   TestSystem a(0), b(1);
-  Link(a, b);
   for (TestSystem* system : {&a, &b}) {
     system->SetCommandLog([](const char* line) {
       const std::lock_guard lock(sLogMutex);
       sLog.emplace_back(line);
     });
   }
+  Link(a, b);
   EXPECT_EQ(a.Send(Trel_Cmd_GetCurrentRunningTime(), b.Address()), eTCPE_CommErr_None); // not logged
   a.SendTime(5, b.Address());
   EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
   EXPECT_TRUE(Eventually([] { // the reply is logged after it has gone
     const std::lock_guard lock(sLogMutex);
-    return sLog.size() == 6;
+    return sLog.size() == 8;
   }));
   EXPECT_THAT(sLog,
               testing::UnorderedElementsAre(
+                  testing::HasSubstr("sent Connect to 127.0.0.11: "),
+                  testing::HasSubstr("received Connect from 127.0.0.10: "),
                   "sent TestRunningTime to 127.0.0.11: Time=5", "sent GetState to 127.0.0.11",
                   "received TestRunningTime from 127.0.0.10: Time=5", "received GetState from 127.0.0.10",
                   "got the reply to GetState from 127.0.0.11: State=0", "replied to GetState of 127.0.0.10: State=0"));
