@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/TestSystem.h"
+
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -22,10 +24,21 @@
 class HostProcess {
 public:
   using Json = nlohmann::json;
+  using Arguments = std::vector<std::string>;
   using Milliseconds = std::chrono::milliseconds;
   static constexpr Milliseconds kTimeOut{20'000};
 
-  explicit HostProcess(std::vector<std::string> arguments, const std::string& program = TREL_PROGRAM) {
+  /// Arguments that let no other test and no host of the user matter.
+  static Arguments OnOwnPorts(Arguments arguments, const Arguments& more = {}) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    if (arguments.front() != "discover") {
+      arguments.insert(arguments.end(), {"--port", std::to_string(TestPort())});
+    }
+    arguments.insert(arguments.end(), {"--json", "--discovery-port", std::to_string(TestPort() + 8'000)});
+    return arguments;
+  }
+
+  explicit HostProcess(Arguments arguments, const std::string& program = TREL_PROGRAM) {
     std::array<int, 2> input = {};
     std::array<int, 2> output = {};
     EXPECT_EQ(pipe2(input.data(), O_CLOEXEC), 0);

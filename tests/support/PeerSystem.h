@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/TestSystem.h"
+
 #include <trel/TCPE_CommManager.h>
 #include <trel/Trel_CommPreferences.h>
 #include <trel/Trel_CommTask.h>
@@ -25,7 +27,7 @@ constexpr std::uint32_t kOtherPeerAddress = 0x7f000004;
 inline Trel_CommPreferences TestPreferences(std::uint32_t address) {
   Trel_CommPreferences preferences;
   preferences.SetLocalInterfaceAddress(address);
-  preferences.SetCommunicationPort(28390); // not the default, which a program on this machine may be using
+  preferences.SetCommunicationPort(TestPort());
   return preferences;
 }
 

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <mutex>
@@ -41,8 +42,14 @@ inline void ExpectWithin(const std::string& what, std::int64_t measured, std::in
   EXPECT_LE(measured, limit) << what;
 }
 
-/// The port of all systems of the running test; each test has a process of its own.
-inline std::uint16_t TestPort() { return static_cast<std::uint16_t>(20'000 + getpid() % 8'000); }
+/// The port of all systems of the running test; each test has a process of its own, and some start themselves again.
+inline std::uint16_t TestPort() {
+  static const int sPort = [] {
+    setenv("LINK_TEST_PORT", std::to_string(20'000 + getpid() % 8'000).c_str(), 0);
+    return std::stoi(std::getenv("LINK_TEST_PORT"));
+  }();
+  return static_cast<std::uint16_t>(sPort);
+}
 
 inline std::string ErrorText(ETCPE_NetworkError error) { return "error " + std::to_string(error); }
 

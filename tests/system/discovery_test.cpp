@@ -204,8 +204,9 @@ TEST_F(DiscoveryTest, PortsInUseAreToldApart) {
     EXPECT_FALSE(Trel_CommManager::IsInitialized());
   }
   EXPECT_EQ(Trel_CommManager::Initialize(&preferences, nullptr), 0);
-  PeerSystem sameAddress(kHostAddress);
-  EXPECT_EQ(sameAddress.Status(), eTCPE_Status_DiscoveryPortInUse);
+  TestSystem other(0);
+  TCPE_CommPreferences elsewhere(kHostAddress, DiscoveryPort());
+  EXPECT_EQ(other.Initialize(&elsewhere, nullptr), eTCPE_Status_DiscoveryPortInUse);
 }
 
 } // namespace

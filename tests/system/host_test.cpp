@@ -16,14 +16,8 @@ namespace {
 
 using Json = HostProcess::Json;
 
-/// Ports of their own, so that hosts of the user do not matter.
-std::vector<std::string> With(std::vector<std::string> arguments, const std::string& address) {
-  const bool asks = arguments.front() == "discover";
-  arguments.insert(arguments.end(), {"--json", "--address", address, "--discovery-port", "28483"});
-  if (!asks) {
-    arguments.insert(arguments.end(), {"--port", "28482"});
-  }
-  return arguments;
+HostProcess::Arguments With(const HostProcess::Arguments& arguments, const std::string& address) {
+  return HostProcess::OnOwnPorts(arguments, {"--address", address});
 }
 
 TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {

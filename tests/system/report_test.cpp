@@ -1,4 +1,5 @@
 #include "tests/support/Shell.h"
+#include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -118,8 +119,8 @@ TEST_F(Report, PageHoldsWhatWasRecordedAndShowsItInABrowser) {
 
 TEST_F(Report, HostsRecordTheirClockAndTheStarts) {
   const auto host = [this](const std::string& commands, const std::string& role, const std::string& name) {
-    return "printf '" + commands + "' | timeout 60 " TREL_PROGRAM " host --port 28371 --json --record " + mFolder +
-           "/" + name + " --name " + name + " --" + role;
+    return "printf '" + commands + "' | timeout 60 " TREL_PROGRAM " host --port " + std::to_string(TestPort()) +
+           " --json --record " + mFolder + "/" + name + " --name " + name + " --" + role;
   };
   const std::string satellite =
       host("wait locked\\nwait played\\n", "satellite", "room") + " --address 127.0.0.12 --connect 127.0.0.11";
