@@ -1,44 +1,38 @@
 #pragma once
 
-#include "link/session/Trel_SessionTypes.h"
+#include "link/session/Trel_SharedState.h"
 
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <stdexcept>
+#include <string>
 
-/// The host of a system in a simulated link: how it behaves, what it is doing, and what its session may ask of it and
-/// has to tell it. A breach throws std::logic_error.
+/// The host of a system in a simulated link: what it is doing, and what its session may ask of it and has to tell it. A
+/// breach throws std::logic_error.
 struct SimulatedHost {
   using Time = Trel_SessionTime;
   using Event = Trel_LinkEvent;
 
-  // How it behaves; microseconds, and percent of the times.
-  Time largestPreparation = 100'000; ///< for a prime
-  Time longestPreparation = 100'000; ///< ... in one of 20 cases
-  std::uint32_t percentReady = 100;  ///< when it was primed
-  std::uint32_t percentDeclined = 0; ///< of starts
-  std::uint32_t percentSilent = 0;   ///< of starts it has said to make, and does not tell about
-  Time mostLate = 100'000;           ///< it makes no start that comes later
-  bool answersDelay = true;          ///< when it is asked
+  /// Microseconds, and percent of the times.
+  struct Behaviour {
+    Time largestPreparation = 100'000; ///< for a prime
+    Time longestPreparation = 100'000; ///< ... in one of 20 cases
+    std::uint32_t percentReady = 100;  ///< when it was primed
+    std::uint32_t percentDeclined = 0; ///< of starts
+    std::uint32_t percentSilent = 0;   ///< of starts it has said to make, and does not tell about
+    Time mostLate = 100'000;           ///< it makes no start that comes later
+    bool answersDelay = true;          ///< when it is asked
+    Time largestThought = 300'000;     ///< when it is asked to let go
+    std::uint32_t percentAgreed = 80;  ///< ... then
+  };
 
-  // What it is doing.
   bool isBusy = false;
   bool isPrimed = false;
   bool hasSomething = false;     ///< to stop
   std::uint64_t generation = 0;  ///< what was agreed on before counts no more
   std::optional<Time> pending{}; ///< a start that it was told of and whose end it was not
   std::deque<Time> ended{};      ///< starts, the last ones
-
-  void Behave(const SimulatedHost& as) {
-    largestPreparation = as.largestPreparation;
-    longestPreparation = as.longestPreparation;
-    percentReady = as.percentReady;
-    percentDeclined = as.percentDeclined;
-    percentSilent = as.percentSilent;
-    mostLate = as.mostLate;
-    answersDelay = as.answersDelay;
-  }
 
   void Prime() {
     Ask();
@@ -70,6 +64,40 @@ struct SimulatedHost {
       if (ended.size() > 16) {
         ended.pop_front();
       }
+    }
+  }
+
+  /// Changes one of the things that systems tell each other; `below` chooses a number below a bound.
+  template <class Below>
+  static void Change(Trel_SharedState& state, std::uint32_t address, Below below) {
+    const bool isOn = below(2) == 0;
+    switch (below(13)) {
+    case 0:
+      return state.SetSoloed(isOn);
+    case 1:
+      return state.SetRecording(isOn);
+    case 2:
+      return state.SetOnline(isOn);
+    case 3:
+      return state.SetTakingPart(isOn);
+    case 4:
+      return state.SetVideoReference(static_cast<ETrel_VideoReferenceFormat>(below(8)));
+    case 5:
+      return state.SetDialog(std::string(below(3), '?'));
+    case 6:
+      return void(state.SetLoopPlay(isOn));
+    case 7:
+      return void(state.SetSelection({.in = below(100), .out = 100}));
+    case 8:
+      return void(state.EnableGroup(static_cast<ETrel_Group>(below(6)), isOn));
+    case 9:
+      return void(state.SoloAll(isOn));
+    case 10:
+      return void(state.RequestOnline(isOn, address));
+    case 11:
+      return void(state.RequestTakingPart(isOn, address));
+    default:
+      return void(state.PressButton(isOn));
     }
   }
 

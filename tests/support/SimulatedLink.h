@@ -1,10 +1,10 @@
 #pragma once
 
+#include "link/host/Trel_SessionCommands.h"
 #include "link/session/Trel_SessionCore.h"
 #include "tests/support/SimulatedHost.h"
 #include "tests/support/SimulatedNetwork.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -14,6 +14,7 @@
 #include <optional>
 #include <ostream>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -65,59 +66,53 @@ public:
     std::uint32_t serial = 0;
     bool isStart = false;
   };
-  /// A system from which a master expects that it makes a start.
-  struct Expected {
-    int system = 0;
-    std::uint64_t life = 0;
-    std::uint64_t connection = 0; ///< to the master
-  };
   /// A start that a master follows.
   struct Round {
-    std::map<std::uint32_t, Expected> expected{}; ///< by address, 0 is its own
-    bool isOver = false;                          ///< told, or given up
+    std::map<std::uint32_t, int> expected{}; ///< systems that are to make it, by address; 0 is its own
+    bool isOver = false;                     ///< told, or given up
   };
   enum class Stage : std::uint8_t { none, connected, linked };
 
-  struct System {
-    Core::Config config{};
-    Core::Surroundings around{};
-    Time largestDelay = 0;                    ///< of handlers and actions
-    Time largestThought = 300 * kMillisecond; ///< of its host
-    std::uint32_t percentAgreed = 80;         ///< of the times at which its host is asked to let go
-    std::unique_ptr<Core> core{};             ///< none while it does not run
-    Time leastCorrelation = 300 * kMillisecond;
+  /// What ends with the program of a system.
+  struct Process {
+    std::unique_ptr<Core> core{}; ///< none while it does not run
     SimulatedHost host{};
-    std::map<Answer, int> answers{};        ///< to its host
-    std::vector<Trel_StartAnswer> starts{}; ///< answers to its host, since it was started
-    std::vector<Event> told{};              ///< since it was started
-    std::uint64_t clockResets = 0;
     // The shell.
-    bool isChanged = false; ///< its surroundings
-    std::uint64_t life = 0;
-    Time frozenSince = 0;
-    Time thawed = 0;
     Time tickAt = Core::kNever;
     std::uint32_t connecting = 0;
-    std::uint32_t lastSerial = 0;
     std::map<std::uint64_t, Lane> lanes{};
     std::map<std::uint32_t, Call> calls{}; ///< by serial number
     std::map<Core::Token, Asked> asked{};
     std::vector<std::function<void()>> held{}; ///< while it is frozen
     // What its host knows from events.
     std::map<std::uint32_t, Stage> stages{};
-    std::uint32_t master = 0;
-    std::uint64_t link = 0;         ///< another one each time that a master begins
-    std::uint64_t connection = 0;   ///< to the master, counted
-    Time disturbed = 0;             ///< last
     std::map<Time, Round> rounds{}; ///< by running time
     // Clocks.
-    std::uint64_t instance = 0;          ///< of the engine of its master
-    std::uint64_t connectedInstance = 0; ///< ... as it is known before
-    std::uint64_t clock = 0;             ///< the instance that its clock is locked to; 0: none
-    std::uint64_t correlations = 0;      ///< begun and given up
-    bool isIdling = false;               ///< its idle loop has something to find
+    std::uint64_t clock = 0; ///< the instance that its clock is locked to; 0: none
+    bool isIdling = false;   ///< its idle loop has something to find
     std::set<std::uint32_t> idleAddresses{};
     bool wasLocked = false;
+  };
+  struct System : Process {
+    Core::Config config{};
+    Core::Surroundings around{};
+    bool isChanged = false; ///< its surroundings
+    Time largestDelay = 0;  ///< of handlers and actions
+    SimulatedHost::Behaviour behaviour{};
+    Time leastCorrelation = 300 * kMillisecond;
+    std::map<Answer, int> answers{};        ///< to its host
+    std::vector<Trel_StartAnswer> starts{}; ///< answers to its host, since it was started
+    std::vector<Event> told{};              ///< since it was started
+    std::uint64_t life = 0;
+    std::uint32_t lastSerial = 0;
+    Time frozenSince = 0;
+    Time thawed = 0;
+    Time disturbed = 0; ///< last
+    std::uint32_t master = 0;
+    std::uint64_t link = 0;              ///< another one each time that a master begins
+    std::uint64_t instance = 0;          ///< of the engine of its master
+    std::uint64_t connectedInstance = 0; ///< ... as it is known before
+    std::uint64_t correlations = 0;      ///< begun and given up
   };
 
   SimulatedLink(bool isCurrentNumbering, std::uint32_t seed) : network(seed), mIsCurrent(isCurrentNumbering) {
@@ -166,44 +161,31 @@ public:
       system.config.seed = network.Random(1U << 31U);
       system.core = Core::Make(system.config);
       system.isChanged = true;
+      system.disturbed = Now();
       system.told.clear();
       system.starts.clear();
       mZeros[InstanceOf(number)] = Now() - Random(kSecond);
       system.clock = system.config.isMaster ? InstanceOf(number) : 0;
-      Log(number, [] { return std::string("starts"); });
+      Log(number, "starts");
     }
     Begin(number);
   }
   void Kill(int number, bool isOff) {
     System& system = At(number);
-    Log(number, [=] { return std::string(isOff ? "loses its power" : "is killed"); });
+    Log(number, isOff ? "loses its power" : "is killed");
     Freeze(number, false);
     network.Kill(number, isOff);
+    static_cast<Process&>(system) = {};
     ++system.life;
-    system.disturbed = Now();
-    system.core.reset();
-    system.tickAt = Core::kNever;
-    system.connecting = 0;
-    system.lanes.clear();
-    system.calls.clear();
-    system.asked.clear();
-    system.held.clear();
-    system.stages.clear();
-    const SimulatedHost behaviour = std::exchange(system.host, {});
-    system.host.Behave(behaviour);
-    system.rounds.clear();
-    system.clock = 0;
     ++system.correlations;
-    system.isIdling = false;
-    system.idleAddresses.clear();
-    system.wasLocked = false;
+    system.disturbed = Now();
   }
   void Freeze(int number, bool isFrozen) {
     System& system = At(number);
     if (network.At(number).isFrozen == isFrozen) {
       return;
     }
-    Log(number, [=] { return std::string(isFrozen ? "is frozen" : "thaws"); });
+    Log(number, isFrozen ? "is frozen" : "thaws");
     network.Freeze(number, isFrozen);
     if (isFrozen) {
       system.frozenSince = Now();
@@ -220,13 +202,14 @@ public:
     network.After(kWakingTime, [this, number] { CheckControl(number); });
   }
   void CutOff(int number, bool isCutOff) {
-    Log(number, [=] { return std::string(isCutOff ? "is cut off" : "has a cable again"); });
+    Log(number, isCutOff ? "is cut off" : "has a cable again");
     network.CutOff(number, isCutOff);
     At(number).disturbed = Now();
   }
   void Move(int number, std::uint32_t address) {
-    Log(number, [=] { return "moves to " + Name(address); });
+    Log(number, "moves to ", Name(address));
     network.Move(number, address);
+    At(number).disturbed = Now();
     At(number).around.self.address = address;
     At(number).isChanged = true;
     Later(number, Random(kSecond), [this, number] { Input(number, [](Core&) {}); });
@@ -253,11 +236,12 @@ public:
     });
   }
   void End(int number) {
-    Log(number, [] { return std::string("ends"); });
+    Log(number, "ends");
     Input(number, [this](Core& core) { core.End(Now()); });
     if (!network.At(number).isFrozen) {
       At(number).stages.clear();
       At(number).rounds.clear();
+      At(number).disturbed = Now();
     }
   }
   void Ask(int number) {
@@ -269,7 +253,8 @@ public:
     Input(number, [=, this](Core& core) { core.RequestControl(token, Now()); });
   }
   void Unlink(int number, std::uint32_t address) {
-    Log(number, [=] { return "unlinks " + Name(address); });
+    Log(number, "unlinks ", Name(address));
+    At(number).disturbed = Now();
     Input(number, [=, this](Core& core) { core.DisconnectSystem(address, Now()); });
   }
   Trel_LinkRefusal Prime(int number, const Trel_PlayRange& range = {}) {
@@ -284,16 +269,14 @@ public:
     }
     const Core::Token token = ++mLastToken;
     At(number).asked[token] = {.since = Now(), .isStart = true};
-    Log(number, [&] {
-      return "wants to start " + std::to_string(static_cast<int>(start.when)) + ' ' + std::to_string(start.time);
-    });
+    Log(number, "wants to start ", static_cast<int>(start.when), ' ', start.time);
     Input(number, [=, this](Core& core) { core.Start(start, token, Now()); });
   }
   /// It has to be found anew.
   void LoseClock(int number) {
     System& system = At(number);
     if (system.core && !system.config.isMaster && system.clock != 0) {
-      Log(number, [] { return std::string("loses its clock"); });
+      Log(number, "loses its clock");
       SetClock(number, 0);
       Correlate(number);
     }
@@ -330,7 +313,7 @@ public:
     Check(core.State().Others().size() <= mSystems.size() + kStrangers, number, "it knows too many systems");
     Check(core.Conductor().GetLastStart().size() <= mSystems.size() + kStrangers, number, "too many have started");
     if (core.Control().HasControl() != hadControl) {
-      Log(number, [=] { return std::string(hadControl ? "has lost control" : "HAS CONTROL"); });
+      Log(number, hadControl ? "has lost control" : "HAS CONTROL");
       CheckControl(number);
     }
     Arm(number);
@@ -424,10 +407,20 @@ private:
     const std::uint32_t offset = address - AddressOf(0);
     return address == 0 ? "nobody" : "S" + std::to_string(offset / 256) + (offset % 256 == 0 ? "" : "'");
   }
-  template <class Text>
-  void Log(int number, Text text) {
+  /// Names are looked up only for a log that there is.
+  template <class Part>
+  static decltype(auto) Shown(const Part& part) {
+    if constexpr (requires { NameOf(part); }) {
+      return NameOf(part);
+    } else {
+      return (part);
+    }
+  }
+  template <class... Parts>
+  void Log(int number, const Parts&... parts) {
     if (log != nullptr) {
-      *log << static_cast<double>(Now() - 1'000'000'000) / 1e6 << " S" << number << ' ' << text() << '\n';
+      *log << static_cast<double>(Now() - 1'000'000'000) / 1e6 << " S" << number << ' ';
+      ((*log << Shown(parts)), ...) << '\n';
     }
   }
   void Check(bool condition, int number, const std::string& failure) {
@@ -485,13 +478,6 @@ private:
     return {};
   }
 
-  static std::string Described(const Trel_SystemState& state) {
-    std::string text = std::to_string(state.transport) + ' ' + std::to_string(state.link);
-    for (const bool isOn : {state.isClockLocked, state.isSoloed, state.isRecording, state.isOnline}) {
-      text += isOn ? " 1" : " 0";
-    }
-    return text + ' ' + std::to_string(state.videoReference) + ' ' + state.dialog;
-  }
   /// What a system has not heard of those that it is linked with.
   std::string Misunderstanding(int number, int master) {
     const Core& core = *At(number).core;
@@ -517,7 +503,7 @@ private:
         }
       }
       if (known != expected) {
-        return "knows another state of " + Name(address) + ": " + Described(known) + ", not " + Described(expected);
+        return "knows another state of " + Name(address);
       }
     }
     return core.State().Others().size() == linked.size() ? "" : "has not heard of all";
@@ -540,7 +526,7 @@ private:
             const auto stage = system.stages.find(system.master);
             if (system.correlations == which && system.instance == instance && stage != system.stages.end() &&
                 stage->second == Stage::linked) {
-              Log(number, [] { return std::string("locks its clock"); });
+              Log(number, "locks its clock");
               SetClock(number, instance);
             }
           });
@@ -605,13 +591,11 @@ private:
     auto& expected = system.rounds[runningTime].expected;
     for (const std::uint32_t address : system.core->GetLinkedAddresses()) {
       if (system.core->State().Of(address).IsTakingPart()) {
-        const int other = network.Find(address);
-        const bool isThere = other >= 0 && At(other).core;
-        expected[address] = isThere ? Expected{other, At(other).life, At(other).connection} : Expected{-1};
+        expected[address] = network.Find(address);
       }
     }
     if (system.core->State().Own().IsTakingPart()) {
-      expected[0] = {number, system.life};
+      expected[0] = number;
     }
     const Time due = std::max<Time>(runningTime - RunningTime(number).value_or(runningTime), 0);
     CheckLater(number, due + kReportTime, [=, this, began = Now()] { CheckRound(number, runningTime, began); });
@@ -633,23 +617,19 @@ private:
       return;
     }
     Check(round.mapped().isOver || !system.core->IsRunning(), number, "a round without an end");
-    for (const auto& [address, expected] : round.mapped().expected) {
+    for (const auto& [address, other] : round.mapped().expected) {
       const bool isLinked = address == 0 || system.core->GetLinkedAddresses().contains(address);
-      if (!isLinked || expected.system < 0 || !WasThere(expected, began) || WasDisturbed(number, began)) {
+      if (!isLinked || other < 0 || WasDisturbed(other, began) || WasDisturbed(number, began)) {
         continue;
       }
-      const auto& ended = At(expected.system).host.ended;
+      const auto& ended = At(other).host.ended;
       const auto isOfRound = [=](Time start) { return start >= runningTime; }; // later when it has joined the others
-      Check(std::any_of(ended.begin(), ended.end(), isOfRound), expected.system, "has not heard how its start ended");
+      Check(std::any_of(ended.begin(), ended.end(), isOfRound), other, "has not heard how its start ended");
     }
   }
-  bool WasThere(const Expected& expected, Time since) {
-    const System& system = At(expected.system);
-    return system.core && system.life == expected.life && system.connection == expected.connection &&
-           !WasDisturbed(expected.system, since);
-  }
   bool WasDisturbed(int number, Time since) {
-    return At(number).disturbed >= since || network.At(number).isCutOff || network.At(number).isFrozen;
+    return !At(number).core || At(number).disturbed >= since || network.At(number).isCutOff ||
+           network.At(number).isFrozen;
   }
 
   // --- the shell: time and order
@@ -726,7 +706,7 @@ private:
         Queue(number, lane,
               [=, this, id = event.id, system = mIntroductions.at(Index(event.payload)),
                instance = event.session->PeerInstance()] {
-                Log(number, [=] { return Name(peer) + " has connected"; });
+                Log(number, Name(peer), " has connected");
                 Core::System introduced = system;
                 introduced.address = peer;
                 InputFrom(number, peer, id, [&](Core& core) { core.Connected(introduced, instance, Now()); });
@@ -749,7 +729,7 @@ private:
     case Of::disconnected:
       FailCalls(number, peer);
       Queue(number, lane, [=, this, id = event.id] {
-        Log(number, [=] { return Name(peer) + " has disconnected"; });
+        Log(number, Name(peer), " has disconnected");
         InputFrom(number, peer, id, [=, this](Core& core) { core.Disconnected(peer, Now()); });
         return true;
       });
@@ -784,14 +764,14 @@ private:
   void TellError(int number, std::uint32_t peer, ETCPE_NetworkError error) {
     Queue(number, kFromPeer | peer, [=, this] {
       const bool isConnected = network.At(number).open.contains(peer);
-      Log(number, [=] { return "error " + std::to_string(error) + " of " + Name(peer); });
+      Log(number, "error ", error, " of ", Name(peer));
       Input(number, [=, this](Core& core) { core.NetworkError(peer, error, isConnected, Now()); });
       return true;
     });
   }
   void Take(int number, std::uint32_t peer, TCPE_Endpoint::Id connection, const TCPE_FrameHeader& header,
             const Message::Any& message) {
-    Log(number, [&] { return "gets " + std::string(NameOf(message)) + " from " + Name(peer); });
+    Log(number, "gets ", message, " from ", Name(peer));
     const Asked asked{Now(), peer, connection, header.serial};
     if (std::holds_alternative<Message::RequestControl>(message)) {
       const Core::Token token = ++mLastToken;
@@ -813,7 +793,7 @@ private:
       if (header.Has(kTCPE_Flag_ReplyWanted)) {
         Reply(number, asked, 1);
       }
-    } else if (At(number).core && At(number).host.answersDelay) {
+    } else if (At(number).core && At(number).behaviour.answersDelay) {
       Reply(number, asked, 1 + static_cast<std::size_t>(At(number).core->Conductor().GetStartDelay()));
     }
   }
@@ -884,7 +864,7 @@ private:
   void CarryOut(int number, const Action::Connect& action) {
     Queue(number, action.address, [=, this] {
       Queue(number, kConnector, [=, this] {
-        Log(number, [=] { return "connects to " + Name(action.address); });
+        Log(number, "connects to ", Name(action.address));
         At(number).connecting = action.address;
         if (action.address == At(number).around.self.address) {
           ConnectEnded(number, action.address);
@@ -898,7 +878,7 @@ private:
   }
   void CarryOut(int number, const Action::Disconnect& action) {
     Queue(number, action.address, [=, this] {
-      Log(number, [=] { return "disconnects from " + Name(action.address); });
+      Log(number, "disconnects from ", Name(action.address));
       FailCalls(number, action.address);
       network.End(number, action.address);
       return true;
@@ -906,10 +886,10 @@ private:
   }
   void CarryOut(int number, const Action::Send& action) {
     mMessages.push_back(action.message);
-    const bool isConfirmed = IsConfirmed(action.message);
+    const bool isConfirmed = Trel_SessionCommands::IsConfirmed(action.message);
     for (const std::uint32_t address : action.to) {
       Queue(number, address, [=, this, index = mMessages.size() - 1, request = action.request] {
-        Log(number, [&] { return "sends " + std::string(NameOf(mMessages.at(index))) + " to " + Name(address); });
+        Log(number, "sends ", mMessages.at(index), " to ", Name(address));
         ++messages;
         const std::uint32_t serial = ++At(number).lastSerial;
         if (isConfirmed) {
@@ -929,30 +909,22 @@ private:
     network.Send(number, address,
                  SimulatedNetwork::Frame({.flags = flags, .type = kMessage, .serial = serial}, Index(index)));
   }
-  template <class... Types>
-  static bool HoldsOneOf(const Message::Any& message) {
-    return (std::holds_alternative<Types>(message) || ...);
-  }
-  static bool IsConfirmed(const Message::Any& message) {
-    return HoldsOneOf<Message::ConnectComplete, Message::SystemInControl, Message::RequestControl,
-                      Message::GetStartDelay, Message::SendState, Message::UpdateSystemIsRecording, Message::OKDialog,
-                      Message::CancelDialog>(message);
-  }
   void CarryOut(int number, const Action::HostPrime& action) {
-    SimulatedHost& host = At(number).host;
-    Log(number, [&] { return "is to prime " + std::to_string(action.range.in); });
-    host.Prime();
-    const bool isReady = Percent(host.percentReady);
-    Later(number, Random(Random(20) == 0 ? host.longestPreparation : host.largestPreparation), [=, this] {
+    const SimulatedHost::Behaviour& as = At(number).behaviour;
+    Log(number, "is to prime ", action.range.in);
+    At(number).host.Prime();
+    const bool isReady = Percent(as.percentReady);
+    Later(number, Random(Random(20) == 0 ? as.longestPreparation : as.largestPreparation), [=, this] {
       At(number).host.isPrimed = isReady;
       HostIsDone(number, 0, isReady);
     });
   }
   void CarryOut(int number, const Action::HostStart& action) {
     SimulatedHost& host = At(number).host;
+    const SimulatedHost::Behaviour& as = At(number).behaviour;
     host.Start();
-    const bool declines = Percent(host.percentDeclined) || action.start.late > host.mostLate;
-    const bool isSilent = Percent(host.percentSilent);
+    const bool declines = Percent(as.percentDeclined) || action.start.late > as.mostLate;
+    const bool isSilent = Percent(as.percentSilent);
     HostIsDone(number, Random(10 * kMillisecond), !declines);
     if (declines || isSilent) {
       return;
@@ -966,7 +938,7 @@ private:
       }
       At(number).host.Begin();
       Input(number, [&, this](Core& core) {
-        const bool begins = running && *running - start <= At(number).host.mostLate;
+        const bool begins = running && *running - start <= At(number).behaviour.mostLate;
         begins ? core.Began(start, *running, Now()) : core.DidNotBegin(start, "no clock, or too late", Now());
       });
     });
@@ -981,16 +953,15 @@ private:
     Check(found != system.asked.end() && found->second.isStart, number, "an answer about a start that nobody wants");
     Check(Now() - found->second.since <= kLongestStartAnswer, number, "an answer about a start that comes too late");
     system.asked.erase(found);
-    Log(number,
-        [&] { return "answers its host about a start " + std::to_string(static_cast<int>(action.answer.refusal)); });
+    Log(number, "answers its host about a start ", static_cast<int>(action.answer.refusal));
     system.starts.push_back(action.answer);
     if (action.answer.refusal == Trel_LinkRefusal::none && system.config.isMaster) {
       BeginRound(number, action.answer.runningTime);
     }
   }
   void CarryOut(int number, const Action::AskHost& action) {
-    const bool agrees = Random(100) < At(number).percentAgreed;
-    Later(number, Random(At(number).largestThought),
+    const bool agrees = Random(100) < At(number).behaviour.percentAgreed;
+    Later(number, Random(At(number).behaviour.largestThought),
           [=, this] { Input(number, [=, this](Core& core) { core.HostAnswered(action.token, agrees, Now()); }); });
   }
   void CarryOut(int number, const Action::Answer& action) {
@@ -998,10 +969,7 @@ private:
     Check(found != At(number).asked.end() && !found->second.isStart, number, "an answer that nobody waits for");
     const Asked asked = found->second;
     At(number).asked.erase(found);
-    Log(number, [&] {
-      return "answers " + (asked.peer == 0 ? "its host " : Name(asked.peer) + ' ') +
-             std::to_string(static_cast<int>(action.value));
-    });
+    Log(number, "answers ", asked.peer == 0 ? "its host" : Name(asked.peer), ' ', static_cast<int>(action.value));
     Check(Now() - asked.since <= kLongestAnswer, number, "an answer that comes too late");
     if (asked.peer != 0) {
       Check(action.value != Answer::granted || !At(number).core->Control().HasControl(), number, "granted, but kept");
@@ -1020,17 +988,12 @@ private:
     });
   }
   void CarryOut(int /*number*/, const Action::SetMaster& /*action*/) {}
-  void CarryOut(int number, const Action::ResetClock& /*action*/) {
-    ++At(number).clockResets;
-    SetClock(number, 0);
-  }
+  void CarryOut(int number, const Action::ResetClock& /*action*/) { SetClock(number, 0); }
   void CarryOut(int number, const Action::Tell& action) {
     const Event& event = action.event;
     System& system = At(number);
-    Log(number, [&] {
-      return "tells " + std::string(NameOf(event.kind)) + ' ' + Name(event.system.address) + " (" +
-             std::to_string(static_cast<int>(event.reason)) + ", " + std::to_string(event.value) + ')';
-    });
+    Log(number, "tells ", event.kind, ' ', Name(event.system.address), " (", static_cast<int>(event.reason), ", ",
+        event.value, ')');
     system.host.Take(event);
     system.told.push_back(event);
     const auto isAt = [&](Stage stage) {
@@ -1046,7 +1009,7 @@ private:
         const int master = network.Find(system.master); // it may have moved away already
         system.link = master >= 0 ? At(master).link : 0;
         system.instance = system.connectedInstance;
-        ++system.connection;
+        system.disturbed = Now();
       }
       break;
     case Kind::linked:
@@ -1105,55 +1068,30 @@ private:
     round->second.isOver = true;
   }
 
-  static const char* NameOf(const Message::Any& message) {
-    static constexpr std::array<const char*, std::variant_size_v<Message::Any>> kNames = {"SetMasterSystem",
-                                                                                          "SetOrderNumber",
-                                                                                          "ListSystems",
-                                                                                          "ConnectTo",
-                                                                                          "DisconnectFrom",
-                                                                                          "DoConnectTo",
-                                                                                          "DoConnectToComplete",
-                                                                                          "ConnectToComplete",
-                                                                                          "ConnectionFailed",
-                                                                                          "AllConnectionsComplete",
-                                                                                          "SetSystemName",
-                                                                                          "ConnectComplete",
-                                                                                          "SystemInControl",
-                                                                                          "RequestControl",
-                                                                                          "Prime",
-                                                                                          "StartPlayback",
-                                                                                          "StopPlayback",
-                                                                                          "ReportPlayStartData",
-                                                                                          "GetStartDelay",
-                                                                                          "SendState",
-                                                                                          "ClockLockState",
-                                                                                          "UpdateLinkState",
-                                                                                          "RequestLink",
-                                                                                          "UpdateOnlineState",
-                                                                                          "RequestOnline",
-                                                                                          "UpdateSystemIsRecording",
-                                                                                          "TrackIsSoloed",
-                                                                                          "SoloAllTracks",
-                                                                                          "SetLoopPlay",
-                                                                                          "SetCurrentSelection",
-                                                                                          "RequestGroupEnable",
-                                                                                          "UpdateGroupEnable",
-                                                                                          "VideoReferenceAvailable",
-                                                                                          "VideoReferenceFormat",
-                                                                                          "DialogOnScreen",
-                                                                                          "OKDialog",
-                                                                                          "CancelDialog"};
-    return kNames.at(message.index());
+  static std::string NameOf(const Message::Any& message) {
+    return Word(
+        "SetMasterSystem SetOrderNumber ListSystems ConnectTo DisconnectFrom DoConnectTo DoConnectToComplete "
+        "ConnectToComplete ConnectionFailed AllConnectionsComplete SetSystemName ConnectComplete SystemInControl "
+        "RequestControl Prime StartPlayback StopPlayback ReportPlayStartData GetStartDelay SendState "
+        "ClockLockState UpdateLinkState RequestLink UpdateOnlineState RequestOnline UpdateSystemIsRecording "
+        "TrackIsSoloed SoloAllTracks SetLoopPlay SetCurrentSelection RequestGroupEnable UpdateGroupEnable "
+        "VideoReferenceAvailable VideoReferenceFormat DialogOnScreen OKDialog CancelDialog ",
+        message.index());
   }
-  static const char* NameOf(Kind kind) {
-    static constexpr std::array kNames = {
-        "searching",   "masterFound",  "noMaster",      "connecting",   "connectFailed", "connected", "refused",
-        "orderNumber", "systems",      "meshConnected", "meshFailed",   "linked",        "left",      "lost",
-        "waiting",     "named",        "control",       "networkError", "clock",         "primed",    "primeFailed",
-        "start",       "started",      "startFailed",   "stopped",      "together",      "transport", "takingPart",
-        "online",      "recording",    "soloed",        "loopPlay",     "selection",     "groups",    "videoReference",
-        "dialog",      "dialogClosed", "wishRefused"};
-    return kNames.at(static_cast<std::size_t>(kind));
+  static std::string NameOf(Kind kind) {
+    return Word("searching masterFound noMaster connecting connectFailed connected refused orderNumber systems "
+                "meshConnected meshFailed linked left lost waiting named control networkError clock primed primeFailed "
+                "start started startFailed stopped together transport takingPart online recording soloed loopPlay "
+                "selection groups videoReference dialog dialogClosed wishRefused ",
+                static_cast<std::size_t>(kind));
+  }
+  static std::string Word(const char* words, std::size_t index) {
+    std::istringstream text(words);
+    std::string word;
+    for (std::size_t read = 0; read <= index; ++read) {
+      text >> word;
+    }
+    return word;
   }
 
   const bool mIsCurrent;

@@ -51,8 +51,7 @@ public:
     const bool wantsMesh = mayMesh && Below(2) == 0;
     const Time delays[] = {0, 2 * kMillisecond, 20 * kMillisecond};
     const Time delay = delays[Below(3)];
-    const Time thought = Below(3) == 0 ? 3 * kSecond : 100 * kMillisecond;
-    SimulatedHost host;
+    SimulatedHost::Behaviour host{.largestThought = Below(3) == 0 ? 3 * kSecond : 100 * kMillisecond};
     if (Below(3) != 0) {
       host.longestPreparation = 6 * kSecond;
       host.percentReady = 95;
@@ -66,9 +65,8 @@ public:
                  .masterAddress = isMaster || searches ? 0 : Link::AddressOf(static_cast<int>(Below(mMasters))),
                  .wantsMesh = isMaster && wantsMesh});
       mLink.At(number).largestDelay = delay;
-      mLink.At(number).largestThought = thought;
-      mLink.At(number).host.Behave(host);
-      mLink.At(number).host.answersDelay = Below(8) != 0;
+      mLink.At(number).behaviour = host;
+      mLink.At(number).behaviour.answersDelay = Below(8) != 0;
       mLink.At(number).around.startDelay = Below(4) == 0 ? Below(300 * kMillisecond) : 0;
       mLink.network.After(Below(3) == 0 ? Below(2 * kSecond) : 0, [this, number] { mLink.Start(number); });
     }
@@ -111,7 +109,7 @@ public:
   /// All links are well: so each of them can play.
   void PlayTogether() {
     for (int number = 0; number < mLink.Count(); ++number) {
-      mLink.At(number).host.Behave({});
+      mLink.At(number).behaviour = {};
       mLink.SetAround(number, [](auto& around) { around.startDelay = 100 * kMillisecond; });
       mLink.Input(number, [](auto& core) { core.State().SetTakingPart(true); });
     }
@@ -164,42 +162,6 @@ private:
     if (Below(3) == 0) {
       mLink.network.After(Below(5 * kSecond), [=, this] { mLink.Stop(who); });
     }
-  }
-  /// A system changes what it tells the others.
-  void ChangeState(int number) {
-    const bool isOn = Below(2) == 0;
-    const auto group = static_cast<ETrel_Group>(Below(6));
-    const std::uint32_t address = Below(2) == 0 ? 0 : Link::AddressOf(Below(mLink.Count()));
-    const int what = Below(12);
-    mLink.Input(number, [=, this](auto& core) {
-      Trel_SharedState& state = core.State();
-      switch (what) {
-      case 0:
-        return state.SetSoloed(isOn);
-      case 1:
-        return state.SetRecording(isOn);
-      case 2:
-        return state.SetOnline(isOn);
-      case 3:
-        return state.SetTakingPart(isOn);
-      case 4:
-        return state.SetVideoReference(isOn ? eTrel_VideoReferenceFormat_NTSC : eTrel_VideoReferenceFormat_Undefined);
-      case 5:
-        return state.SetDialog(isOn ? "Save S" + std::to_string(number) + '?' : "");
-      case 6:
-        return void(state.SetLoopPlay(isOn));
-      case 7:
-        return void(state.SetSelection({.in = mFaults, .out = kSecond}));
-      case 8:
-        return void(state.EnableGroup(group, isOn));
-      case 9:
-        return void(state.SoloAll(isOn));
-      case 10:
-        return void(state.RequestTakingPart(isOn, address));
-      default:
-        return void(state.PressButton(isOn));
-      }
-    });
   }
   void Befall(int number) {
     Link::System& system = mLink.At(number);
@@ -255,7 +217,11 @@ private:
     case 13:
     case 14:
       for (int changes = 1 + Below(8); changes > 0; --changes) {
-        ChangeState(Below(2) == 0 ? Below(mMasters) : Below(mLink.Count()));
+        const int who = Below(2) == 0 ? Below(mMasters) : Below(mLink.Count());
+        const std::uint32_t whom = Below(2) == 0 ? 0 : Link::AddressOf(Below(mLink.Count()));
+        mLink.Input(who, [&](auto& core) {
+          SimulatedHost::Change(core.State(), whom, [this](std::uint32_t bound) { return Below(bound); });
+        });
       }
       break;
     default:
@@ -340,7 +306,7 @@ struct Linked : Link {
     EXPECT_TRUE(RunUntilAgreed(3 * kSecond)) << Disagreement();
   }
   void GiveControl(int number) {
-    At(0).percentAgreed = 100;
+    At(0).behaviour.percentAgreed = 100;
     Ask(number);
     Run(kSecond);
     EXPECT_EQ(At(number).answers[Answer::granted], 1);
@@ -373,7 +339,7 @@ TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
        3 * kSecond, 4 * kSecond},
       {"is left while it is being asked",
        [](Linked& link) {
-         link.At(1).largestThought = 9 * kSecond;
+         link.At(1).behaviour.largestThought = 9 * kSecond;
          link.Ask(2);
          link.Run(kSecond / 10);
          link.Move(0, Link::AddressOf(0) + 1);
@@ -397,7 +363,7 @@ TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
 TEST_P(SessionTest, ARefusalIsToldAtOnce) {
   Linked link(GetParam(), 3);
   link.GiveControl(1);
-  link.At(1).percentAgreed = 0;
+  link.At(1).behaviour.percentAgreed = 0;
   link.Ask(2);
   link.Run(kSecond);
   EXPECT_EQ(link.At(2).answers[Answer::busy], 1);
@@ -522,9 +488,9 @@ TEST_P(SessionTest, AStartHasAnEndWhateverBefallsASystem) {
       {"its clock is lost", Phase::started,
        [](Playing& link) { link.At(2).leastCorrelation = 3 * kSecond, link.LoseClock(2); }, Missing::failed,
        Reason::declined},
-      {"its host declines", Phase::primed, [](Playing& link) { link.At(2).host.percentDeclined = 100; },
+      {"its host declines", Phase::primed, [](Playing& link) { link.At(2).behaviour.percentDeclined = 100; },
        Missing::failed, Reason::declined},
-      {"its host says nothing", Phase::primed, [](Playing& link) { link.At(2).host.percentSilent = 100; },
+      {"its host says nothing", Phase::primed, [](Playing& link) { link.At(2).behaviour.percentSilent = 100; },
        Missing::notReported, Reason::hostSilent},
   };
   for (const int conductor : {0, 1}) {
@@ -753,7 +719,7 @@ TEST_P(SessionTest, AStartWaitsForWhoNeedsLongest) {
     Playing link(GetParam(), 4, test.conductor);
     for (int number = 0; number < 4; ++number) {
       link.At(number).largestDelay = kMillisecond;
-      link.At(number).host.answersDelay = test.delays[number] >= 0;
+      link.At(number).behaviour.answersDelay = test.delays[number] >= 0;
       link.SetAround(number,
                      [&](auto& around) { around.startDelay = std::max<Time>(0, test.delays[number]) * kMillisecond; });
     }
