@@ -1,13 +1,17 @@
 #include "fuzz/FuzzInput.h"
 #include "link/session/Trel_SessionCore.h"
+#include "tests/support/SimulatedHost.h"
 
 #include <sanitizer/allocator_interface.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -55,71 +59,57 @@ Core::Time Time(FuzzInput& input) {
   return time < 192 ? time * Core::Time{10'000} : static_cast<Core::Time>(any);
 }
 
+/// Becomes whatever a field of a message is.
+template <class Of>
+struct Field {
+  FuzzInput& input;
+
+  template <class Value>
+  requires(!std::is_same_v<Value, Of>) operator Value() const {
+    if constexpr (std::is_same_v<Value, bool>) {
+      return input.U8() % 2 == 0;
+    } else if constexpr (std::is_same_v<Value, std::uint32_t>) {
+      return Address(input);
+    } else if constexpr (std::is_same_v<Value, Core::Time>) {
+      return Time(input);
+    } else if constexpr (std::is_integral_v<Value> || std::is_enum_v<Value>) {
+      return static_cast<Value>(input.U8() % 64 - 2);
+    } else if constexpr (std::is_same_v<Value, std::string>) {
+      return input.Bytes(input.U8() % 8);
+    } else if constexpr (std::is_same_v<Value, Core::System>) {
+      return System(input);
+    } else if constexpr (std::is_same_v<Value, Trel_PlayRange>) {
+      return {Time(input), Time(input)};
+    } else if constexpr (std::is_same_v<Value, std::vector<Core::System>>) {
+      Value systems(input.U8());
+      std::generate(systems.begin(), systems.end(), [this] { return System(input); });
+      return systems;
+    } else {
+      Value flags;
+      flags.fill(input.U8() % 2 == 0);
+      return flags;
+    }
+  }
+};
+
+/// With as many fields as it has.
+template <class Made, class... Fields>
+Made MakeOf(FuzzInput& input, Fields... fields) {
+  if constexpr (requires { Made{fields..., Field<Made>{input}}; }) {
+    return MakeOf<Made>(input, fields..., Field<Made>{input});
+  } else {
+    return {fields...};
+  }
+}
+
 template <std::size_t kIndex = 0>
 Message::Any Make(std::size_t index, FuzzInput& input) {
-  if constexpr (kIndex < std::variant_size_v<Message::Any>) {
+  if constexpr (kIndex + 1 < std::variant_size_v<Message::Any>) {
     if (index != kIndex) {
       return Make<kIndex + 1>(index, input);
     }
-    std::variant_alternative_t<kIndex, Message::Any> message;
-    const Core::System system = System(input);
-    if constexpr (requires { message.systems; }) {
-      for (int count = input.U8(); count > 0; --count) {
-        message.systems.push_back(input.IsEmpty() ? system : System(input));
-      }
-    }
-    if constexpr (requires { message.system; }) {
-      message.system = system;
-    }
-    if constexpr (requires { message.address; }) {
-      message.address = system.address;
-    }
-    if constexpr (requires { message.uniqueID; }) {
-      message.uniqueID = system.uniqueID;
-    }
-    if constexpr (requires { message.uniqueIDTo; }) {
-      message.uniqueIDTo = system.uniqueID;
-    }
-    if constexpr (requires { message.place; }) {
-      message.place = system.place;
-    }
-    if constexpr (requires { message.success; }) {
-      message.success = system.place % 2 == 0;
-    }
-    if constexpr (requires { message.name; }) {
-      message.name = system.name;
-    }
-    if constexpr (requires { message.text; }) {
-      message.text = system.name;
-    }
-    if constexpr (requires { message.isOn; }) {
-      message.isOn = system.place % 2 == 0;
-    }
-    if constexpr (requires { message.runningTime; }) {
-      message.runningTime = Time(input);
-    }
-    if constexpr (requires { message.range; }) {
-      message.range = {Time(input), Time(input)};
-    }
-    if constexpr (requires { message.transport; }) {
-      message.transport = static_cast<ETrel_State>(system.place % 16);
-    }
-    if constexpr (requires { message.link; }) {
-      message.link = static_cast<ETrel_LinkState>(system.place % 5);
-    }
-    if constexpr (requires { message.group; }) {
-      message.group = static_cast<ETrel_Group>(system.uniqueID - 2);
-    }
-    if constexpr (requires { message.groups; }) {
-      message.groups.fill(system.place % 2 == 0);
-    }
-    if constexpr (requires { message.format; }) {
-      message.format = static_cast<ETrel_VideoReferenceFormat>(system.place % 8);
-    }
-    return message;
-  } else {
-    return Message::RequestControl{};
   }
+  return MakeOf<std::variant_alternative_t<kIndex, Message::Any>>(input);
 }
 
 /// One core and its owner.
@@ -135,110 +125,98 @@ public:
   }
 
   void Step(FuzzInput& input) {
-    const std::uint8_t operation = input.U8();
-    const std::uint32_t peer = Address(input);
-    const std::uint8_t value = input.U8();
-    Core& core = *mCore;
-    switch (operation % 30) {
-    case 0:
-      mAround = {.self = System(input), .allowsSatellites = value % 8 != 0, .maxSatellites = value};
-      mAround.runningTime = value % 4 != 0 ? std::optional(Time(input)) : std::nullopt;
-      mAround.startDelay = Time(input);
-      core.Notice(mAround, mNow);
-      break;
-    case 1:
-      if (!core.IsRunning()) {
-        mIsHostBusy = false;
-      }
-      core.Begin(mNow);
-      break;
-    case 2:
-      core.Resume(mNow);
-      break;
-    case 3:
-      core.End(mNow);
-      break;
-    case 4: {
-      Core::System system = System(input);
-      system.address = peer;
-      core.Connected(system, value, mNow);
-      break;
+    mOperation = input.U8();
+    mPeer = Address(input);
+    mValue = input.U8();
+    mInput = &input;
+    if (const std::size_t step = mOperation % 30U; step < std::size(kSteps)) {
+      kSteps[step](*this);
+    } else {
+      mCore->Received(mPeer, Make(mValue % std::variant_size_v<Message::Any>, input), mNow);
     }
-    case 5:
-      core.Disconnected(peer, mNow);
-      break;
-    case 6:
-      core.NetworkError(peer, static_cast<ETCPE_NetworkError>(value % 9), value >= 128, mNow);
-      break;
-    case 7:
-      core.ControlAsked(peer, NewToken(), mNow);
-      break;
-    case 8:
-      core.ConnectEnded(peer, value % 3, mNow);
-      break;
-    case 9: {
-      std::vector<Core::Event::System> masters(value % 4);
-      for (auto& master : masters) {
-        master = {.address = Address(input), .isAvailable = value >= 64};
-      }
-      core.SearchEnded(masters, mNow);
-      break;
-    }
-    case 10:
-      core.SendEnded(value, peer, static_cast<Core::Outcome>(operation / 30 % 3), mNow, Time(input));
-      break;
-    case 11:
-      core.HostAnswered(value, operation >= 128, mNow);
-      break;
-    case 12:
-      core.Heard(peer, value < 64 ? std::optional<Core::Time>() : value * 50'000, mNow);
-      break;
-    case 13:
-      core.RequestControl(NewToken(), mNow);
-      break;
-    case 14:
-      core.SetOrderNumber(peer, value, mNow);
-      break;
-    case 15:
-      core.DisconnectSystem(peer, mNow);
-      break;
-    case 16:
-      core.Renamed(mNow);
-      break;
-    case 17:
-      mNow += Core::Time{value} * value * 1000;
-      core.Tick(mNow);
-      Check(core.NextDeadline() > mNow, "what was due stays due");
-      break;
-    case 18:
-      if (operation < 128) {
-        const bool isRefused = core.Prime({Time(input), Time(input)}, mNow) != Trel_LinkRefusal::none;
-        Check(isRefused != core.Control().HasControl(), "who is in control is refused");
-      } else {
-        core.Stop(mNow);
-      }
-      break;
-    case 19:
-      core.Start({.when = static_cast<Trel_StartRequest::When>(value % 3),
-                  .time = Time(input),
-                  .withoutUnready = value >= 128},
-                 NewToken(), mNow);
-      break;
-    case 20:
-      if (std::exchange(mIsHostBusy, false)) {
-        core.HostDone(value % 4 != 0, mNow);
-      }
-      break;
-    case 21:
-      value < 192 ? core.Began(mStart, Time(input), mNow) : core.DidNotBegin(mStart, "why", mNow);
-      break;
-    case 22:
-      ChangeState(core.State(), input, value);
-      break;
-    default:
-      core.Received(peer, Make(value % std::variant_size_v<Message::Any>, input), mNow);
-    }
-    const std::vector<Action::Any> actions = core.TakeActions();
+    CarryOut();
+  }
+
+private:
+  static constexpr void (*kSteps[])(Shell& on) = {
+      [](Shell& on) { on.Notice(); },
+      [](Shell& on) {
+        on.mIsHostBusy = on.mIsHostBusy && on.mCore->IsRunning();
+        on.mCore->Begin(on.mNow);
+      },
+      [](Shell& on) { on.mCore->Resume(on.mNow); },
+      [](Shell& on) { on.mCore->End(on.mNow); },
+      [](Shell& on) {
+        Core::System system = System(*on.mInput);
+        system.address = on.mPeer;
+        on.mCore->Connected(system, on.mValue, on.mNow);
+      },
+      [](Shell& on) { on.mCore->Disconnected(on.mPeer, on.mNow); },
+      [](Shell& on) {
+        on.mCore->NetworkError(on.mPeer, static_cast<ETCPE_NetworkError>(on.mValue % 9), on.mValue >= 128, on.mNow);
+      },
+      [](Shell& on) { on.mCore->ControlAsked(on.mPeer, on.NewToken(), on.mNow); },
+      [](Shell& on) { on.mCore->ConnectEnded(on.mPeer, on.mValue % 3, on.mNow); },
+      [](Shell& on) {
+        std::vector<Core::Event::System> masters(on.mValue % 4);
+        for (auto& master : masters) {
+          master = {.address = Address(*on.mInput), .isAvailable = on.mValue >= 64};
+        }
+        on.mCore->SearchEnded(masters, on.mNow);
+      },
+      [](Shell& on) {
+        const auto outcome = static_cast<Core::Outcome>(on.mOperation / 30 % 3);
+        on.mCore->SendEnded(on.mValue, on.mPeer, outcome, on.mNow, Time(*on.mInput));
+      },
+      [](Shell& on) { on.mCore->HostAnswered(on.mValue, on.mOperation >= 128, on.mNow); },
+      [](Shell& on) {
+        on.mCore->Heard(on.mPeer, on.mValue < 64 ? std::optional<Core::Time>() : on.mValue * 50'000, on.mNow);
+      },
+      [](Shell& on) { on.mCore->RequestControl(on.NewToken(), on.mNow); },
+      [](Shell& on) { on.mCore->SetOrderNumber(on.mPeer, on.mValue, on.mNow); },
+      [](Shell& on) { on.mCore->DisconnectSystem(on.mPeer, on.mNow); },
+      [](Shell& on) { on.mCore->Renamed(on.mNow); },
+      [](Shell& on) {
+        on.mNow += Core::Time{on.mValue} * on.mValue * 1000;
+        on.mCore->Tick(on.mNow);
+        Check(on.mCore->NextDeadline() > on.mNow, "what was due stays due");
+      },
+      [](Shell& on) {
+        if (on.mOperation >= 128) {
+          on.mCore->Stop(on.mNow);
+        } else {
+          const auto refusal = on.mCore->Prime({Time(*on.mInput), Time(*on.mInput)}, on.mNow);
+          Check((refusal == Trel_LinkRefusal::none) == on.mCore->Control().HasControl(), "refused, or not, wrongly");
+        }
+      },
+      [](Shell& on) {
+        const auto when = static_cast<Trel_StartRequest::When>(on.mValue % 3);
+        on.mCore->Start({when, Time(*on.mInput), on.mValue >= 128}, on.NewToken(), on.mNow);
+      },
+      [](Shell& on) {
+        if (std::exchange(on.mIsHostBusy, false)) {
+          on.mCore->HostDone(on.mValue % 4 != 0, on.mNow);
+        }
+      },
+      [](Shell& on) {
+        on.mValue < 192 ? on.mCore->Began(on.mStart, Time(*on.mInput), on.mNow)
+                        : on.mCore->DidNotBegin(on.mStart, "why", on.mNow);
+      },
+      [](Shell& on) {
+        SimulatedHost::Change(on.mCore->State(), on.mPeer, [&on](std::uint32_t bound) {
+          return static_cast<std::uint8_t>(on.mInput->U8() % bound);
+        });
+      },
+  };
+
+  void Notice() {
+    mAround = {.self = System(*mInput), .allowsSatellites = mValue % 8 != 0, .maxSatellites = mValue};
+    mAround.runningTime = mValue % 4 != 0 ? std::optional(Time(*mInput)) : std::nullopt;
+    mAround.startDelay = Time(*mInput);
+    mCore->Notice(mAround, mNow);
+  }
+  void CarryOut() {
+    const std::vector<Action::Any> actions = mCore->TakeActions();
     Check(actions.size() <= 16 + 6 * (kMostPeers + 1), "much because of little");
     for (const Action::Any& action : actions) {
       if (const auto* answer = std::get_if<Action::Answer>(&action)) {
@@ -254,40 +232,7 @@ public:
         mStart = start->start.runningTime;
       }
     }
-    Check(core.GetSystems().size() <= kMostPeers + 1 && core.GetLinkedAddresses().size() <= kMostPeers, "too many");
-  }
-
-private:
-  static void ChangeState(Trel_SharedState& state, FuzzInput& input, std::uint8_t value) {
-    const bool isOn = value % 2 == 0;
-    switch (value / 2 % 13) {
-    case 0:
-      return state.SetSoloed(isOn);
-    case 1:
-      return state.SetRecording(isOn);
-    case 2:
-      return state.SetOnline(isOn);
-    case 3:
-      return state.SetTakingPart(isOn);
-    case 4:
-      return state.SetVideoReference(static_cast<ETrel_VideoReferenceFormat>(input.U8() % 8));
-    case 5:
-      return state.SetDialog(input.Bytes(input.U8() % 8));
-    case 6:
-      return void(state.SetLoopPlay(isOn));
-    case 7:
-      return void(state.SetSelection({Time(input), Time(input)}));
-    case 8:
-      return void(state.EnableGroup(static_cast<ETrel_Group>(input.U8()), isOn));
-    case 9:
-      return void(state.SoloAll(isOn));
-    case 10:
-      return void(state.RequestOnline(isOn, Address(input)));
-    case 11:
-      return void(state.RequestTakingPart(isOn, Address(input)));
-    default:
-      return void(state.PressButton(isOn));
-    }
+    Check(mCore->GetSystems().size() <= kMostPeers + 1 && mCore->GetLinkedAddresses().size() <= kMostPeers, "too many");
   }
   Action::Token NewToken() {
     mAsked.insert(++mLastToken);
@@ -295,6 +240,12 @@ private:
   }
 
   std::unique_ptr<Core> mCore;
+  // The step.
+  FuzzInput* mInput = nullptr;
+  std::uint8_t mOperation = 0;
+  std::uint32_t mPeer = 0;
+  std::uint8_t mValue = 0;
+
   Core::Surroundings mAround{
       .self = {.address = kMostPeers, .port = 1, .uniqueID = 7}, .allowsSatellites = true, .maxSatellites = 128};
   Core::Time mNow = 0;

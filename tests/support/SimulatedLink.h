@@ -797,13 +797,16 @@ private:
       Reply(number, asked, 1 + static_cast<std::size_t>(At(number).core->Conductor().GetStartDelay()));
     }
   }
+  /// Now and then too late.
   void Reply(int number, const Asked& asked, std::size_t answer) {
-    const auto& open = network.At(number).open;
-    if (const auto peer = open.find(asked.peer); peer != open.end() && peer->second.id == asked.connection) {
-      network.Send(number, asked.peer,
-                   SimulatedNetwork::Frame({.flags = kTCPE_Flag_Reply, .type = kMessage, .serial = asked.serial},
-                                           Index(answer)));
-    }
+    Later(number, Random(200) == 0 ? Random(2 * kReplyTime) : 0, [=, this] {
+      const auto& open = network.At(number).open;
+      if (const auto peer = open.find(asked.peer); peer != open.end() && peer->second.id == asked.connection) {
+        network.Send(number, asked.peer,
+                     SimulatedNetwork::Frame({.flags = kTCPE_Flag_Reply, .type = kMessage, .serial = asked.serial},
+                                             Index(answer)));
+      }
+    });
   }
   void EndCall(int number, std::uint32_t serial, Core::Outcome outcome, Time value = 0) {
     System& system = At(number);

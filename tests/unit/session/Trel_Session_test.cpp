@@ -330,6 +330,14 @@ TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
   } cases[] = {
       {"leaves", [](Linked& link) { link.End(1); }, 0, kSecond / 10},
       {"is cut off", [](Linked& link) { link.CutOff(1, true); }, 3 * kSecond, 5 * kSecond},
+      {"is cut off, and another asks all the time",
+       [](Linked& link) {
+         link.CutOff(1, true);
+         for (int time = 0; time < 100; ++time) {
+           link.network.After(time * kSecond / 20, [&link] { link.Ask(2); });
+         }
+       },
+       3 * kSecond, 5 * kSecond},
       {"is unlinked", [](Linked& link) { link.Unlink(0, Link::AddressOf(1)); }, 0, kSecond},
       {"is unlinked while it is cut off",
        [](Linked& link) {
