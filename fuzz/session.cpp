@@ -125,6 +125,77 @@ public:
   }
 
   void Step(FuzzInput& input) {
+    static constexpr void (*kSteps[])(Shell & on) = {
+        [](Shell& on) { on.Notice(); },
+        [](Shell& on) {
+          on.mIsHostBusy = on.mIsHostBusy && on.mCore->IsRunning();
+          on.mCore->Begin(on.mNow);
+        },
+        [](Shell& on) { on.mCore->Resume(on.mNow); },
+        [](Shell& on) { on.mCore->End(on.mNow); },
+        [](Shell& on) {
+          Core::System system = System(*on.mInput);
+          system.address = on.mPeer;
+          on.mCore->Connected(system, on.mValue, on.mNow);
+        },
+        [](Shell& on) { on.mCore->Disconnected(on.mPeer, on.mNow); },
+        [](Shell& on) {
+          on.mCore->NetworkError(on.mPeer, static_cast<ETCPE_NetworkError>(on.mValue % 9), on.mValue >= 128, on.mNow);
+        },
+        [](Shell& on) { on.mCore->ControlAsked(on.mPeer, on.NewToken(), on.mNow); },
+        [](Shell& on) { on.mCore->ConnectEnded(on.mPeer, on.mValue % 3, on.mNow); },
+        [](Shell& on) {
+          std::vector<Core::Event::System> masters(on.mValue % 4);
+          for (auto& master : masters) {
+            master = {.address = Address(*on.mInput), .isAvailable = on.mValue >= 64};
+          }
+          on.mCore->SearchEnded(masters, on.mNow);
+        },
+        [](Shell& on) {
+          const auto outcome = static_cast<Core::Outcome>(on.mOperation / 30 % 3);
+          on.mCore->SendEnded(on.mValue, on.mPeer, outcome, on.mNow, Time(*on.mInput));
+        },
+        [](Shell& on) { on.mCore->HostAnswered(on.mValue, on.mOperation >= 128, on.mNow); },
+        [](Shell& on) {
+          on.mCore->Heard(on.mPeer, on.mValue < 64 ? std::optional<Core::Time>() : on.mValue * 50'000, on.mNow);
+        },
+        [](Shell& on) { on.mCore->RequestControl(on.NewToken(), on.mNow); },
+        [](Shell& on) { on.mCore->SetOrderNumber(on.mPeer, on.mValue, on.mNow); },
+        [](Shell& on) { on.mCore->DisconnectSystem(on.mPeer, on.mNow); },
+        [](Shell& on) { on.mCore->Renamed(on.mNow); },
+        [](Shell& on) {
+          on.mNow += Core::Time{on.mValue} * on.mValue * 1000;
+          on.mCore->Tick(on.mNow);
+          Check(on.mCore->NextDeadline() > on.mNow, "what was due stays due");
+        },
+        [](Shell& on) {
+          if (on.mOperation >= 128) {
+            on.mCore->Stop(on.mNow);
+          } else {
+            const auto refusal = on.mCore->Prime({Time(*on.mInput), Time(*on.mInput)}, on.mNow);
+            Check((refusal == Trel_LinkRefusal::none) == on.mCore->Control().HasControl(), "refused, or not, wrongly");
+          }
+        },
+        [](Shell& on) {
+          const auto when = static_cast<Trel_StartRequest::When>(on.mValue % 3);
+          on.mCore->Start({when, Time(*on.mInput), on.mValue >= 128}, on.NewToken(), on.mNow);
+        },
+        [](Shell& on) {
+          if (std::exchange(on.mIsHostBusy, false)) {
+            on.mCore->HostDone(on.mValue % 4 != 0, on.mNow);
+          }
+        },
+        [](Shell& on) {
+          on.mValue < 192 ? on.mCore->Began(on.mStart, Time(*on.mInput), on.mNow)
+                          : on.mCore->DidNotBegin(on.mStart, "why", on.mNow);
+        },
+        [](Shell& on) {
+          SimulatedHost::Change(on.mCore->State(), on.mPeer, [&on](std::uint32_t bound) {
+            return static_cast<std::uint8_t>(on.mInput->U8() % bound);
+          });
+        },
+    };
+
     mOperation = input.U8();
     mPeer = Address(input);
     mValue = input.U8();
@@ -138,77 +209,6 @@ public:
   }
 
 private:
-  static constexpr void (*kSteps[])(Shell& on) = {
-      [](Shell& on) { on.Notice(); },
-      [](Shell& on) {
-        on.mIsHostBusy = on.mIsHostBusy && on.mCore->IsRunning();
-        on.mCore->Begin(on.mNow);
-      },
-      [](Shell& on) { on.mCore->Resume(on.mNow); },
-      [](Shell& on) { on.mCore->End(on.mNow); },
-      [](Shell& on) {
-        Core::System system = System(*on.mInput);
-        system.address = on.mPeer;
-        on.mCore->Connected(system, on.mValue, on.mNow);
-      },
-      [](Shell& on) { on.mCore->Disconnected(on.mPeer, on.mNow); },
-      [](Shell& on) {
-        on.mCore->NetworkError(on.mPeer, static_cast<ETCPE_NetworkError>(on.mValue % 9), on.mValue >= 128, on.mNow);
-      },
-      [](Shell& on) { on.mCore->ControlAsked(on.mPeer, on.NewToken(), on.mNow); },
-      [](Shell& on) { on.mCore->ConnectEnded(on.mPeer, on.mValue % 3, on.mNow); },
-      [](Shell& on) {
-        std::vector<Core::Event::System> masters(on.mValue % 4);
-        for (auto& master : masters) {
-          master = {.address = Address(*on.mInput), .isAvailable = on.mValue >= 64};
-        }
-        on.mCore->SearchEnded(masters, on.mNow);
-      },
-      [](Shell& on) {
-        const auto outcome = static_cast<Core::Outcome>(on.mOperation / 30 % 3);
-        on.mCore->SendEnded(on.mValue, on.mPeer, outcome, on.mNow, Time(*on.mInput));
-      },
-      [](Shell& on) { on.mCore->HostAnswered(on.mValue, on.mOperation >= 128, on.mNow); },
-      [](Shell& on) {
-        on.mCore->Heard(on.mPeer, on.mValue < 64 ? std::optional<Core::Time>() : on.mValue * 50'000, on.mNow);
-      },
-      [](Shell& on) { on.mCore->RequestControl(on.NewToken(), on.mNow); },
-      [](Shell& on) { on.mCore->SetOrderNumber(on.mPeer, on.mValue, on.mNow); },
-      [](Shell& on) { on.mCore->DisconnectSystem(on.mPeer, on.mNow); },
-      [](Shell& on) { on.mCore->Renamed(on.mNow); },
-      [](Shell& on) {
-        on.mNow += Core::Time{on.mValue} * on.mValue * 1000;
-        on.mCore->Tick(on.mNow);
-        Check(on.mCore->NextDeadline() > on.mNow, "what was due stays due");
-      },
-      [](Shell& on) {
-        if (on.mOperation >= 128) {
-          on.mCore->Stop(on.mNow);
-        } else {
-          const auto refusal = on.mCore->Prime({Time(*on.mInput), Time(*on.mInput)}, on.mNow);
-          Check((refusal == Trel_LinkRefusal::none) == on.mCore->Control().HasControl(), "refused, or not, wrongly");
-        }
-      },
-      [](Shell& on) {
-        const auto when = static_cast<Trel_StartRequest::When>(on.mValue % 3);
-        on.mCore->Start({when, Time(*on.mInput), on.mValue >= 128}, on.NewToken(), on.mNow);
-      },
-      [](Shell& on) {
-        if (std::exchange(on.mIsHostBusy, false)) {
-          on.mCore->HostDone(on.mValue % 4 != 0, on.mNow);
-        }
-      },
-      [](Shell& on) {
-        on.mValue < 192 ? on.mCore->Began(on.mStart, Time(*on.mInput), on.mNow)
-                        : on.mCore->DidNotBegin(on.mStart, "why", on.mNow);
-      },
-      [](Shell& on) {
-        SimulatedHost::Change(on.mCore->State(), on.mPeer, [&on](std::uint32_t bound) {
-          return static_cast<std::uint8_t>(on.mInput->U8() % bound);
-        });
-      },
-  };
-
   void Notice() {
     mAround = {.self = System(*mInput), .allowsSatellites = mValue % 8 != 0, .maxSatellites = mValue};
     mAround.runningTime = mValue % 4 != 0 ? std::optional(Time(*mInput)) : std::nullopt;

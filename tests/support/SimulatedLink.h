@@ -324,7 +324,7 @@ public:
   std::optional<Time> RunUntilAgreed(Time atMost) {
     const Time begin = Now();
     for (Time agreed = begin; agreed - begin <= atMost; Run(50 * kMillisecond)) {
-      if (CountAsked() != 0 || !Disagreement().empty()) {
+      if (!Disagreement().empty()) {
         agreed = Now();
       } else if (Now() - agreed >= kSecond) {
         return agreed - begin;
@@ -338,6 +338,9 @@ public:
     std::map<std::uint32_t, std::vector<int>> links;
     for (int number = 0; number < Count(); ++number) {
       const System& system = At(number);
+      if (!system.asked.empty()) {
+        return "S" + std::to_string(number) + " has not answered";
+      }
       if (!system.core || !system.core->IsRunning()) {
         continue;
       }
@@ -357,14 +360,6 @@ public:
     }
     return {};
   }
-  /// Who waits for an answer.
-  std::size_t CountAsked() const {
-    std::size_t count = 0;
-    for (const System& system : mSystems) {
-      count += system.asked.size();
-    }
-    return count;
-  }
   /// By the clock of a system.
   std::optional<Time> RunningTime(int number) {
     const std::uint64_t clock = At(number).clock;
@@ -381,11 +376,6 @@ public:
     }
     return members;
   }
-
-  std::int64_t messages = 0; ///< sent so far
-  std::int64_t begun = 0;    ///< starts of single systems
-  std::int64_t failed = 0;
-  std::int64_t together = 0; ///< rounds
 
 private:
   static constexpr std::int32_t kMessage = 100;
@@ -893,7 +883,6 @@ private:
     for (const std::uint32_t address : action.to) {
       Queue(number, address, [=, this, index = mMessages.size() - 1, request = action.request] {
         Log(number, "sends ", mMessages.at(index), " to ", Name(address));
-        ++messages;
         const std::uint32_t serial = ++At(number).lastSerial;
         if (isConfirmed) {
           At(number).calls[serial] = {request, address};
@@ -1029,15 +1018,10 @@ private:
                  });
       break;
     case Kind::started:
-      ++begun;
       Check(system.config.isMaster || !system.stages.contains(system.master) || system.clock == system.instance, number,
             "begins by the clock of a master that is gone");
       break;
-    case Kind::startFailed:
-      ++failed;
-      break;
     case Kind::together:
-      ++together;
       CheckOutcome(number, event.outcome);
       break;
     case Kind::left:

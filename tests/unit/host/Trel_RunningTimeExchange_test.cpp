@@ -176,18 +176,6 @@ TEST_F(Trel_RunningTimeExchangeTest, KeepsThePeerAccurateWhenHalfOfTheRoundTrips
   EXPECT_LE(LongestGap(mExchange.mVouchers), 1'050'000);
 }
 
-TEST_F(Trel_RunningTimeExchangeTest, FollowsANetworkThatHasBecomeSlower) {
-  mExchange.Run(20'000'000);
-  mExchange.mWays = [](std::uint32_t, bool) { return Ways{.there = 250, .back = 250}; };
-  mExchange.Run(30'000'000);
-  EXPECT_LE(LongestGap(mExchange.mVouchers), 1'100'000);
-  const auto before = *mExchange.GetStatus(kPeer);
-  EXPECT_EQ(before.smallestRoundTrip, 500);
-  mExchange.Run(10'000'000);
-  const auto after = *mExchange.GetStatus(kPeer);
-  EXPECT_EQ(after.roundTrips - before.roundTrips, after.vouched - before.vouched);
-}
-
 TEST_F(Trel_RunningTimeExchangeTest, DeadPeersHardlyDelayTheOthers) {
   constexpr std::int64_t kTimeOut = 2'000'000;
   mExchange.mWays = [](std::uint32_t address, bool) {

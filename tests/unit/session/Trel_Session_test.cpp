@@ -100,11 +100,7 @@ public:
       }
     }
     const auto time = mLink.RunUntilAgreed(kTimeToRecover);
-    if (!time) {
-      throw std::logic_error("not well again: " + std::to_string(mLink.CountAsked()) + " wait, " +
-                             mLink.Disagreement());
-    }
-    return *time;
+    return time ? *time : throw std::logic_error("not well again: " + mLink.Disagreement());
   }
   /// All links are well: so each of them can play.
   void PlayTogether() {
@@ -133,8 +129,6 @@ public:
       }
     }
   }
-  int Faults() const { return mFaults; }
-  Link& GetLink() { return mLink; }
 
 private:
   template <class Bound>
@@ -238,56 +232,31 @@ private:
   int mFaults = 0;
 };
 
-struct Totals {
-  std::int64_t runs = 0;
-  std::int64_t faults = 0;
-  std::int64_t messages = 0;
-  std::int64_t begun = 0;
-  std::int64_t failed = 0;
-  std::int64_t together = 0;
-  Time longestRecovery = 0;
-  std::uint32_t slowest = 0;
-};
-
-void Play(bool isCurrent, std::uint32_t seed, int systems, bool mayMesh, Totals* totals, std::ostream* log) {
+/// How long it took until all was well again.
+Time Play(bool isCurrent, std::uint32_t seed, int systems, bool mayMesh, std::ostream* log) {
   RandomRun run(isCurrent, seed, systems, mayMesh, log);
   run.Suffer(1 + static_cast<int>(seed % 9));
   const Time recovery = run.Heal();
   run.PlayTogether();
-  ++totals->runs;
-  totals->faults += run.Faults();
-  totals->messages += run.GetLink().messages;
-  totals->begun += run.GetLink().begun;
-  totals->failed += run.GetLink().failed;
-  totals->together += run.GetLink().together;
-  if (recovery > totals->longestRecovery) {
-    totals->longestRecovery = recovery;
-    totals->slowest = seed;
-  }
+  return recovery;
 }
 
 /// Plays runs, of 3 to 8 systems unless told otherwise; shows the first that fails.
 void PlayAll(bool isCurrent, std::uint32_t runs, int systems, bool mayMesh) {
-  Totals totals;
+  Time longestRecovery = 0;
   for (std::uint32_t seed = 1; seed <= runs; ++seed) {
     const int count = systems != 0 ? systems : 3 + static_cast<int>(seed % 6);
     try {
-      Play(isCurrent, seed, count, mayMesh, &totals, nullptr);
+      longestRecovery = std::max(longestRecovery, Play(isCurrent, seed, count, mayMesh, nullptr));
     } catch (const std::logic_error& failure) {
       std::ostringstream log;
-      try {
-        Play(isCurrent, seed, count, mayMesh, &totals, &log);
-      } catch (const std::logic_error&) { // of course
-      }
+      EXPECT_THROW(Play(isCurrent, seed, count, mayMesh, &log), std::logic_error);
       const std::string text = log.str();
       FAIL() << text.substr(text.size() - std::min(text.size(), kMostShown)) << failure.what() << ", seed " << seed
              << ", " << count << " systems";
     }
   }
-  std::cout << totals.runs << " runs with " << totals.faults << " faults and " << totals.messages << " messages, "
-            << totals.begun << " starts and " << totals.failed << " that failed, " << totals.together
-            << " together; until all was well again " << totals.longestRecovery << " us, limit " << kTimeToRecover
-            << " (seed " << totals.slowest << ")\n";
+  std::cout << "until all was well again " << longestRecovery << " us, limit " << kTimeToRecover << '\n';
 }
 
 TEST_P(SessionTest, LinksSurviveWhateverBefallsThem) { PlayAll(GetParam(), 2000 / kSlowness, 0, true); }
@@ -320,8 +289,6 @@ struct Linked : Link {
   }
 };
 
-TEST_P(SessionTest, AMeshOfEightComesTogether) { Linked link(GetParam(), 8, true); }
-
 TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
   const struct {
     const char* name;
@@ -330,14 +297,6 @@ TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
   } cases[] = {
       {"leaves", [](Linked& link) { link.End(1); }, 0, kSecond / 10},
       {"is cut off", [](Linked& link) { link.CutOff(1, true); }, 3 * kSecond, 5 * kSecond},
-      {"is cut off, and another asks all the time",
-       [](Linked& link) {
-         link.CutOff(1, true);
-         for (int time = 0; time < 100; ++time) {
-           link.network.After(time * kSecond / 20, [&link] { link.Ask(2); });
-         }
-       },
-       3 * kSecond, 5 * kSecond},
       {"is unlinked", [](Linked& link) { link.Unlink(0, Link::AddressOf(1)); }, 0, kSecond},
       {"is unlinked while it is cut off",
        [](Linked& link) {
