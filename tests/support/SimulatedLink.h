@@ -68,7 +68,7 @@ public:
   };
   /// A start that a master follows.
   struct Round {
-    std::map<std::uint32_t, int> expected{}; ///< systems that are to make it, by address; 0 is its own
+    std::map<std::uint32_t, int> expected{}; ///< who makes it, by address; 0 is its own, -1 does not after all
     bool isOver = false;                     ///< told, or given up
   };
   enum class Stage : std::uint8_t { none, connected, linked };
@@ -581,7 +581,9 @@ private:
     auto& expected = system.rounds[runningTime].expected;
     for (const std::uint32_t address : system.core->GetLinkedAddresses()) {
       if (system.core->State().Of(address).IsTakingPart()) {
-        expected[address] = network.Find(address);
+        const int other = network.Find(address);
+        const bool isThere = other >= 0 && At(other).core;
+        expected[address] = isThere && At(other).core->State().Own().IsTakingPart() ? other : -1;
       }
     }
     if (system.core->State().Own().IsTakingPart()) {

