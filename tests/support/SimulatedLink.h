@@ -89,9 +89,6 @@ public:
     std::map<Time, Round> rounds{}; ///< by running time
     // Clocks.
     std::uint64_t clock = 0; ///< the instance that its clock is locked to; 0: none
-    bool isIdling = false;   ///< its idle loop has something to find
-    std::set<std::uint32_t> idleAddresses{};
-    bool wasLocked = false;
   };
   struct System : Process {
     Core::Config config{};
@@ -248,9 +245,8 @@ public:
     if (!At(number).core || network.At(number).isFrozen) {
       return;
     }
-    const Core::Token token = ++mLastToken;
-    At(number).asked[token] = {.since = Now()};
-    Input(number, [=, this](Core& core) { core.RequestControl(token, Now()); });
+    At(number).asked[++mLastToken] = {.since = Now()};
+    Input(number, [this](Core& core) { core.RequestControl(mLastToken, Now()); });
   }
   void Unlink(int number, std::uint32_t address) {
     Log(number, "unlinks ", Name(address));
@@ -267,10 +263,9 @@ public:
     if (!At(number).core || network.At(number).isFrozen) {
       return;
     }
-    const Core::Token token = ++mLastToken;
-    At(number).asked[token] = {.since = Now(), .isStart = true};
+    At(number).asked[++mLastToken] = {.since = Now(), .isStart = true};
     Log(number, "wants to start ", static_cast<int>(start.when), ' ', start.time);
-    Input(number, [=, this](Core& core) { core.Start(start, token, Now()); });
+    Input(number, [&, this](Core& core) { core.Start(start, mLastToken, Now()); });
   }
   /// It has to be found anew.
   void LoseClock(int number) {
@@ -521,26 +516,14 @@ private:
             }
           });
   }
-  /// As the idle loop of the engine does: whether the clock is locked, to all connected systems.
+  /// As the idle loop of the engine does: tells all connected systems whether the clock is locked.
   void Idle(int number) {
-    if (At(number).config.isMaster || std::exchange(At(number).isIdling, true)) {
+    if (At(number).config.isMaster) {
       return;
     }
     Later(number, Random(100 * kMillisecond), [=, this] {
-      System& system = At(number);
-      system.isIdling = false;
-      std::set<std::uint32_t> addresses;
+      mMessages.emplace_back(Message::ClockLockState{At(number).clock != 0});
       for (const auto& [address, opened] : network.At(number).open) {
-        addresses.insert(address);
-      }
-      const bool isLocked = system.clock != 0;
-      if (system.idleAddresses == addresses && system.wasLocked == isLocked) {
-        return;
-      }
-      system.idleAddresses = addresses;
-      system.wasLocked = isLocked;
-      mMessages.emplace_back(Message::ClockLockState{isLocked});
-      for (const std::uint32_t address : addresses) {
         Send(number, address, mMessages.size() - 1, 0, 0);
       }
     });
@@ -691,7 +674,9 @@ private:
     using Of = SimulatedNetwork::Event::Kind;
     const std::uint32_t peer = event.address;
     const std::uint64_t lane = kFromPeer | peer;
-    Idle(number);
+    if (event.kind != Of::frame) {
+      Idle(number);
+    }
     switch (event.kind) {
     case Of::opened:
       if (event.openedByPeer) {
@@ -766,10 +751,8 @@ private:
     Log(number, "gets ", message, " from ", Name(peer));
     const Asked asked{Now(), peer, connection, header.serial};
     if (std::holds_alternative<Message::RequestControl>(message)) {
-      const Core::Token token = ++mLastToken;
-      At(number).asked[token] = asked;
-      Input(number, [=, this](Core& core) { core.ControlAsked(peer, token, Now()); });
-      return;
+      At(number).asked[++mLastToken] = asked;
+      return Input(number, [=, this](Core& core) { core.ControlAsked(peer, mLastToken, Now()); });
     }
     InputFrom(number, peer, connection, [&, this](Core& core) {
       const bool isCommanded = core.IsRunning() && At(number).config.isMaster && core.Control().GetHolder() == peer;
