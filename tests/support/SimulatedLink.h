@@ -50,7 +50,7 @@ public:
   /// After a start everybody has told by then, and the word has got around.
   static constexpr Time kReportTime = 2'500 * kMillisecond;
 
-  using Job = std::function<bool()>; ///< false when Next comes later
+  using Job = std::function<void()>;
   struct Lane {
     std::deque<Job> jobs{};
     bool isBusy = false;
@@ -209,7 +209,7 @@ public:
     At(number).disturbed = Now();
     At(number).around.self.address = address;
     At(number).isChanged = true;
-    Later(number, Random(kSecond), [this, number] { Input(number, [](Core&) {}); });
+    InputLater(number, Random(kSecond), [](Core&) {});
   }
   void SetAround(int number, const std::function<void(Core::Surroundings&)>& change) {
     change(At(number).around);
@@ -502,15 +502,14 @@ private:
     ++At(number).correlations;
     At(number).isChanged = true;
     Idle(number);
-    Later(number, 0, [=, this] { Input(number, [](Core&) {}); });
+    InputLater(number, 0, [](Core&) {});
   }
   void Correlate(int number) {
     Later(number, At(number).leastCorrelation + Random(1200 * kMillisecond),
           [=, this, which = At(number).correlations, instance = At(number).instance] {
-            const System& system = At(number);
-            const auto stage = system.stages.find(system.master);
-            if (system.correlations == which && system.instance == instance && stage != system.stages.end() &&
-                stage->second == Stage::linked) {
+            System& system = At(number);
+            if (system.correlations == which && system.instance == instance &&
+                system.stages[system.master] == Stage::linked) {
               Log(number, "locks its clock");
               SetClock(number, instance);
             }
@@ -628,6 +627,13 @@ private:
     });
   }
   void Queue(int number, std::uint64_t lane, Job job) {
+    QueueLong(number, lane, [=, this] {
+      job();
+      Next(number, lane);
+    });
+  }
+  /// Next comes later.
+  void QueueLong(int number, std::uint64_t lane, Job job) {
     Lane& queue = At(number).lanes[lane];
     queue.jobs.push_back(std::move(job));
     if (!queue.isBusy) {
@@ -641,14 +647,12 @@ private:
       At(number).lanes.erase(lane);
       return;
     }
-    Later(number, Random(At(number).largestDelay), [this, number, lane] {
-      Lane& due = At(number).lanes.at(lane);
-      const Job job = std::move(due.jobs.front());
-      due.jobs.pop_front();
-      if (job()) {
-        Next(number, lane);
-      }
-    });
+    Later(number, Random(At(number).largestDelay), std::move(queue.jobs.front()));
+    queue.jobs.pop_front();
+  }
+  template <class Function>
+  void InputLater(int number, Time delay, Function function) {
+    Later(number, delay, [=, this] { Input(number, function); });
   }
   void Arm(int number) {
     System& system = At(number);
@@ -687,7 +691,6 @@ private:
                 Core::System introduced = system;
                 introduced.address = peer;
                 InputFrom(number, peer, id, [&](Core& core) { core.Connected(introduced, instance, Now()); });
-                return true;
               });
       }
       break;
@@ -699,7 +702,6 @@ private:
       } else {
         Queue(number, lane, [=, this, id = event.id, header = event.header, index = Index(event.payload)] {
           Take(number, peer, id, header, mMessages.at(index));
-          return true;
         });
       }
       break;
@@ -708,7 +710,6 @@ private:
       Queue(number, lane, [=, this, id = event.id] {
         Log(number, Name(peer), " has disconnected");
         InputFrom(number, peer, id, [=, this](Core& core) { core.Disconnected(peer, Now()); });
-        return true;
       });
       break;
     case Of::lost:
@@ -743,7 +744,6 @@ private:
       const bool isConnected = network.At(number).open.contains(peer);
       Log(number, "error ", error, " of ", Name(peer));
       Input(number, [=, this](Core& core) { core.NetworkError(peer, error, isConnected, Now()); });
-      return true;
     });
   }
   void Take(int number, std::uint32_t peer, TCPE_Endpoint::Id connection, const TCPE_FrameHeader& header,
@@ -792,9 +792,8 @@ private:
     const Call call = found->second;
     system.calls.erase(found);
     if (call.request != 0) {
-      Later(number, Random(system.largestDelay), [=, this] {
-        Input(number, [=, this](Core& core) { core.SendEnded(call.request, call.address, outcome, Now(), value); });
-      });
+      InputLater(number, Random(system.largestDelay),
+                 [=, this](Core& core) { core.SendEnded(call.request, call.address, outcome, Now(), value); });
     }
   }
   void FailCalls(int number, std::uint32_t peer) {
@@ -822,7 +821,7 @@ private:
   // --- the shell: what its core wants
 
   void CarryOut(int number, const Action::Search& /*action*/) {
-    Queue(number, kConnector, [=, this] {
+    QueueLong(number, kConnector, [=, this] {
       Later(number, 100 * kMillisecond + Random(kSecond), [=, this] {
         std::vector<Event::System> masters;
         for (int other = 0; other < Count() && !network.At(number).isCutOff; ++other) {
@@ -836,12 +835,11 @@ private:
         Input(number, [&, this](Core& core) { core.SearchEnded(masters, Now()); });
         Next(number, kConnector);
       });
-      return false;
     });
   }
   void CarryOut(int number, const Action::Connect& action) {
-    Queue(number, action.address, [=, this] {
-      Queue(number, kConnector, [=, this] {
+    QueueLong(number, action.address, [=, this] {
+      QueueLong(number, kConnector, [=, this] {
         Log(number, "connects to ", Name(action.address));
         At(number).connecting = action.address;
         if (action.address == At(number).around.self.address) {
@@ -849,9 +847,7 @@ private:
         } else {
           network.ConnectTo(number, action.address);
         }
-        return false;
       });
-      return false;
     });
   }
   void CarryOut(int number, const Action::Disconnect& action) {
@@ -859,7 +855,6 @@ private:
       Log(number, "disconnects from ", Name(action.address));
       FailCalls(number, action.address);
       network.End(number, action.address);
-      return true;
     });
   }
   void CarryOut(int number, const Action::Send& action) {
@@ -878,7 +873,6 @@ private:
         } else {
           EndCall(number, serial, Core::Outcome::none);
         }
-        return true;
       });
     }
   }
@@ -938,8 +932,8 @@ private:
   }
   void CarryOut(int number, const Action::AskHost& action) {
     const bool agrees = Random(100) < At(number).behaviour.percentAgreed;
-    Later(number, Random(At(number).behaviour.largestThought),
-          [=, this] { Input(number, [=, this](Core& core) { core.HostAnswered(action.token, agrees, Now()); }); });
+    InputLater(number, Random(At(number).behaviour.largestThought),
+               [=, this](Core& core) { core.HostAnswered(action.token, agrees, Now()); });
   }
   void CarryOut(int number, const Action::Answer& action) {
     const auto found = At(number).asked.find(action.token);
@@ -959,9 +953,8 @@ private:
   void CarryOut(int number, const Action::Listen& action) {
     Queue(number, action.address, [=, this] {
       const auto silence = network.Silence(number, action.address);
-      Later(number, Random(At(number).largestDelay),
-            [=, this] { Input(number, [&, this](Core& core) { core.Heard(action.address, silence, Now()); }); });
-      return true;
+      InputLater(number, Random(At(number).largestDelay),
+                 [=, this](Core& core) { core.Heard(action.address, silence, Now()); });
     });
   }
   void CarryOut(int /*number*/, const Action::SetMaster& /*action*/) {}
@@ -973,14 +966,11 @@ private:
         event.value, ')');
     system.host.Take(event);
     system.told.push_back(event);
-    const auto isAt = [&](Stage stage) {
-      const auto found = system.stages.find(event.system.address);
-      return (found == system.stages.end() ? Stage::none : found->second) == stage;
-    };
+    Stage& stage = system.stages[event.system.address];
     switch (event.kind) {
     case Kind::connected:
-      Check(isAt(Stage::none), number, "connected again");
-      system.stages[event.system.address] = Stage::connected;
+      Check(stage == Stage::none, number, "connected again");
+      stage = Stage::connected;
       if (!system.config.isMaster) {
         system.master = event.system.address;
         const int master = network.Find(system.master); // it may have moved away already
@@ -990,8 +980,8 @@ private:
       }
       break;
     case Kind::linked:
-      Check(isAt(Stage::connected), number, "linked before it is connected, or again");
-      system.stages[event.system.address] = Stage::linked;
+      Check(stage == Stage::connected, number, "linked before it is connected, or again");
+      stage = Stage::linked;
       if (!system.config.isMaster && system.clock == 0) {
         Correlate(number);
       }
@@ -1003,21 +993,21 @@ private:
                  });
       break;
     case Kind::started:
-      Check(system.config.isMaster || !system.stages.contains(system.master) || system.clock == system.instance, number,
-            "begins by the clock of a master that is gone");
+      Check(system.config.isMaster || system.stages[system.master] == Stage::none || system.clock == system.instance,
+            number, "begins by the clock of a master that is gone");
       break;
     case Kind::together:
       CheckOutcome(number, event.outcome);
       break;
     case Kind::left:
     case Kind::lost:
-      Check(!isAt(Stage::none), number, "gone without having come");
-      system.stages.erase(event.system.address);
+      Check(stage != Stage::none, number, "gone without having come");
+      stage = Stage::none;
       break;
     case Kind::refused:
     case Kind::connectFailed:
-      Check(!isAt(Stage::linked), number, "refused though it is linked");
-      system.stages.erase(event.system.address);
+      Check(stage != Stage::linked, number, "refused though it is linked");
+      stage = Stage::none;
       break;
     case Kind::control:
       Check(system.config.isMaster || system.stages[system.master] == Stage::linked, number,
