@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,8 @@ HostProcess::Arguments With(const HostProcess::Arguments& arguments, const std::
 }
 
 TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
-  HostProcess master(With({"host", "--master", "--name", "Stage"}, "127.0.7.2"));
+  const std::string recording = testing::TempDir() + "trel_host_" + std::to_string(getpid()) + ".recording";
+  HostProcess master(With({"host", "--master", "--name", "Stage", "--record", recording}, "127.0.7.2"));
   master.Await({{"event", "ready"}, {"role", "master"}, {"name", "Stage"}, {"address", "127.0.7.2"}});
   HostProcess first(
       With({"host", "--satellite", "--name", "One", "--connect", "127.0.7.2", "--max-late", "50ms"}, "127.0.7.3"));
@@ -92,6 +94,16 @@ TEST(HostProgram, SystemsLinkStartTogetherAndHandOverControl) {
   EXPECT_EQ(first.End(), 128 + SIGINT);
   master.Await({{"event", "left"}, {"address", "127.0.7.3"}});
   EXPECT_EQ(master.End(), 1); // two of its commands failed
+
+  HostProcess report({"report", recording});
+  EXPECT_EQ(report.End(), 0) << report.Text();
+  std::ifstream page(recording + ".html");
+  const std::string text(std::istreambuf_iterator<char>(page), {});
+  for (const char* drawn : {"127.0.7.3", "\"roundTrips\":[[", "\"starts\":[{"}) {
+    EXPECT_NE(text.find(drawn), std::string::npos) << drawn;
+  }
+  std::remove(recording.c_str());
+  std::remove((recording + ".html").c_str());
 }
 
 TEST(HostProgram, SaysWhatIsWrongWithACommand) {

@@ -1,5 +1,4 @@
 #include "tests/support/Shell.h"
-#include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -69,16 +68,6 @@ protected:
     mRecording.close();
   }
 
-  /// What the pictures of the report of a recording are drawn from.
-  json Data(const std::string& name) const {
-    RunShell(TREL_PROGRAM " report " + mFolder + '/' + name);
-    std::ifstream file(mFolder + '/' + name + ".html");
-    const std::string page(std::istreambuf_iterator<char>(file), {});
-    const std::string begin = R"(id="data">)";
-    const std::size_t at = page.find(begin) + begin.size();
-    return json::parse(page.substr(at, page.find('<', at) - at));
-  }
-
   const std::string mFolder = testing::TempDir() + "trel_report_" + std::to_string(getpid());
   const std::string mPage = mFolder + "/recording.html";
   std::ofstream mRecording;
@@ -115,31 +104,6 @@ TEST_F(Report, PageHoldsWhatWasRecordedAndShowsItInABrowser) {
   EXPECT_EQ(Count(dom, "<g class=\"mark\""), kRounds * kSystems);
   EXPECT_EQ(Count(dom, "<button "), kSystems);
   EXPECT_EQ(Count(dom, "class=\"empty\""), 0);
-}
-
-TEST_F(Report, HostsRecordTheirClockAndTheStarts) {
-  const auto host = [this](const std::string& commands, const std::string& role, const std::string& name) {
-    return "printf '" + commands + "' | timeout 60 " TREL_PROGRAM " host --port " + std::to_string(TestPort()) +
-           " --json --record " + mFolder + "/" + name + " --name " + name + " --" + role;
-  };
-  const std::string satellite =
-      host("wait locked\\nwait played\\n", "satellite", "room") + " --address 127.0.0.12 --connect 127.0.0.11";
-  const std::string master =
-      host("wait linked 1\\nwait locked\\nprime\\nwait primed\\nstart in 500ms\\nwait played\\n", "master", "stage") +
-      " --address 127.0.0.11";
-  const auto [status, output] = RunShell("(" + satellite + " & " + master + "; wait) 2>&1");
-  ASSERT_EQ(status, 0) << output;
-  EXPECT_EQ(Data("stage").at("starts").at(0).at("late").size(), 2U) << output;
-  for (const std::string name : {"room", "stage"}) {
-    const json data = Data(name);
-    const auto room = std::find_if(data.at("systems").begin(), data.at("systems").end(),
-                                   [](const json& system) { return system.at("name") == "room"; });
-    ASSERT_NE(room, data.at("systems").end());
-    EXPECT_EQ(room->at("clock").size() > 2, name == "room");
-    EXPECT_FALSE(room->at("roundTrips").empty()); // each side measures its own
-    EXPECT_GE(room->at("states").size(), 1U);
-    EXPECT_EQ(data.at("starts").size(), 1U);
-  }
 }
 
 } // namespace

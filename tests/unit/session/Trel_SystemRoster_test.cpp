@@ -1,7 +1,5 @@
 #include "link/session/Trel_SystemRoster.h"
 
-#include "link/session/Trel_RetryPause.h"
-
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -14,10 +12,7 @@ namespace {
 using Verdict = Trel_SystemRoster::Verdict;
 
 Trel_SessionSystem System(std::uint32_t address, std::int32_t uniqueID) {
-  Trel_SessionSystem system;
-  system.address = address;
-  system.uniqueID = uniqueID;
-  return system;
+  return {.address = address, .uniqueID = uniqueID};
 }
 
 std::string Text(const std::vector<Trel_SessionSystem>& systems) {
