@@ -618,6 +618,12 @@ TEST_P(SessionTest, OnlyWhoIsInControlConducts) {
                {Command::SoloAllTracks{true}, Link::Event::Wish::soloAll},
                {Command::RequestLink{false}, Link::Event::Wish::takePart},
                {Command::RequestOnline{true}, Link::Event::Wish::online}};
+  for (const Command::Any& set :
+       {Command::Any(Command::SetLoopPlay{true}), Command::Any(Command::SetCurrentSelection{{.in = 3}})}) {
+    // It has set that while it was in control, and says so too late.
+    link.Input(2, [&](auto& core) { core.Received(Link::AddressOf(0), set, link.Now()); });
+  }
+  EXPECT_NE(link.Disagreement(), "");
   for (const auto& test : cases) {
     SCOPED_TRACE(static_cast<int>(test.wish));
     link.At(0).told.clear();
