@@ -100,6 +100,10 @@ public:
   std::function<void(const std::string& text, std::uint32_t from)> handler;
   /// Runs on the network thread; true consumes the command.
   std::function<bool(const std::string& text, std::uint32_t from)> inPlace;
+  /// Runs on the thread that sends, before anything is written.
+  std::function<void(const TCPE_Command& command)> beforeSending;
+  /// Runs when the task is asked for its version, as it is several times while the system starts.
+  std::function<void()> beforeVersion;
   std::atomic<bool> admits = true;
   std::atomic<bool> hasHandler = true;
   std::uint16_t maxSatellites = 128;
@@ -111,6 +115,18 @@ private:
         : Trel_CommTask(communicationPort, discoveryPort, record, system->maxSatellites, system), mSystem(*system) {}
     bool HasHandler(const TCPE_Command* /*command*/) override { return mSystem.hasHandler; }
     void DoCommand(TCPE_Command* command) override { mSystem.Arrive(TextOf(*command), command->GetIPAddressFrom()); }
+    void WriteCommandHeader(TCPE_Command* command, char** cursor) override {
+      if (mSystem.beforeSending) {
+        mSystem.beforeSending(*command);
+      }
+      Trel_CommTask::WriteCommandHeader(command, cursor);
+    }
+    std::uint8_t GetCurrentProtocolMajorVersion() override {
+      if (mSystem.beforeVersion) {
+        mSystem.beforeVersion();
+      }
+      return Trel_CommTask::GetCurrentProtocolMajorVersion();
+    }
 
   private:
     TestSystem& mSystem;

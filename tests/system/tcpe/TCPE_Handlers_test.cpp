@@ -135,6 +135,48 @@ TEST(TCPE_Handlers, OfAHostThatPumpsWaitForItButTimingDoesNot) {
   EXPECT_EQ(peer.Count("error"), 0);
 }
 
+TEST(TCPE_Handlers, TerminatesAfterCallbacksThatOverlapAndWithCommandsInHand) {
+  constexpr std::uint32_t kSecond = 0x7f000031;
+  std::latch isTaken(1), bothRun(2), firstIsOver(1), secondIsOver(1);
+  TestSystem a(0), b(1);
+  a.SetHostPumpedDelivery(true);
+  a.handler = [&](const std::string&, std::uint32_t from) {
+    bothRun.arrive_and_wait();
+    if (from == kSecond) {
+      firstIsOver.wait();
+      throw std::runtime_error("broken");
+    }
+  };
+  const auto take = [&a] {
+    TCPE_Command* command = nullptr;
+    EXPECT_TRUE(Eventually([&] { return (command = a.TakeCommand()) != nullptr; }));
+    return command;
+  };
+  Link(b, a);
+  b.SendTime(1, a.Address());
+  TCPE_Command* const own = take();
+  const std::jthread other([&] {
+    TCPE_Command* const command = take();
+    isTaken.count_down();
+    EXPECT_TRUE(Eventually([&] { return a.Count("error") == 1; }));
+    EXPECT_EQ(a.TakeCommand(), nullptr);
+    secondIsOver.count_down();
+    EXPECT_TRUE(Eventually([&] { return !a.IsInitialized(); }));
+    a.DisposeCommand(command);
+  });
+  isTaken.wait();
+  a.NetworkErrorOccured(eNetworkError_ConnectionLost, kSecond - 1);
+  a.NetworkErrorOccured(eNetworkError_ConnectionLost, kSecond);
+  EXPECT_EQ(a.TakeCommand(), nullptr);
+  firstIsOver.count_down();
+  secondIsOver.wait();
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  a.Terminate();
+  ExpectWithin("Terminate with commands in hand, us", Sys_Clock::RawMicroseconds() - begin, 500'000);
+  EXPECT_FALSE(a.IsInitialized());
+  a.DisposeCommand(own);
+}
+
 TEST(TCPE_Handlers, RepliesFindTheirCallsInAnyOrder) {
   constexpr std::uint32_t kPeer = 0x7f000030;
   TestSystem a(0);

@@ -59,10 +59,39 @@ TEST(TCPE_Lifecycle, TerminatesWithCallsInFlightAndStartsAgain) {
   EXPECT_EQ(timedOut, 0);
 }
 
+TEST(TCPE_Lifecycle, WhatIsSetWhileItStartsIsInForce) {
+  constexpr auto kType = static_cast<ETCPE_SystemType>(77);
+  bool isSetInTime = true;
+  for (int moment = 0; isSetInTime; ++moment) {
+    SCOPED_TRACE(moment);
+    std::atomic<int> calls = 0;
+    TestSystem a(0), b(1);
+    a.beforeVersion = [&] {
+      if (calls++ == moment) {
+        a.SetSystemType(kType);
+        a.SetHostPumpedDelivery(true);
+      }
+    };
+    ASSERT_EQ(a.Start(), 0);
+    isSetInTime = calls > moment;
+    if (isSetInTime) {
+      ASSERT_EQ(b.Start(), 0);
+      ASSERT_TRUE(b.Connect(a.Address()));
+      EXPECT_EQ(b.GetSnapshot().peers.at(0).systemType, kType);
+      EXPECT_TRUE(Eventually([&] { return a.TakeCommand() != nullptr; }));
+    } else {
+      EXPECT_GT(moment, 2);
+    }
+  }
+}
+
 TEST(TCPE_Lifecycle, AHandlerThatDoesNotEndIsLeftBehindAndHindersNoNewStart) {
+  ReportCollector reports;
   std::latch hold(1);
   std::latch hasEnded(1);
+  std::thread::id network;
   TestSystem a(0), b(1);
+  a.inPlace = [&](const std::string&, std::uint32_t) { return (network = std::this_thread::get_id(), false); };
   a.handler = [&](const std::string& text, std::uint32_t) {
     if (text == "GetState") {
       hold.wait();
@@ -73,7 +102,19 @@ TEST(TCPE_Lifecycle, AHandlerThatDoesNotEndIsLeftBehindAndHindersNoNewStart) {
   Link(b, a);
   std::jthread waiting([&] { EXPECT_EQ(b.Query(a.Address()), eTCPE_CommErr_ConnectionLost); });
   EXPECT_TRUE(Eventually([&] { return a.Count("GetState") == 1; }));
-  ExpectWithin("Terminate with a handler that does not end, us", TimeToTerminate(a), kTerminateLimit);
+  {
+    // Whoever gets the number of the network thread when that has ended is not taken for it.
+    const std::jthread heirs([&](const std::stop_token& ends) {
+      while (!ends.stop_requested()) {
+        std::vector<std::jthread> some(16);
+        for (std::jthread& each : some) {
+          each = std::jthread([&] { std::this_thread::get_id() == network ? a.Terminate() : void(); });
+        }
+      }
+    });
+    ExpectWithin("Terminate with a handler that does not end, us", TimeToTerminate(a), kTerminateLimit);
+  }
+  EXPECT_EQ(reports.Take().size(), 0U);
   EXPECT_EQ(a.Start(), 0);
   hold.count_down();
   hasEnded.wait();
@@ -110,6 +151,48 @@ TEST(TCPE_Lifecycle, OwnThreadsCannotTerminate) {
   EXPECT_TRUE(a.IsInitialized() && a.IsConnected(b.Address()));
   a.Terminate();
   EXPECT_FALSE(a.IsInitialized());
+}
+
+TEST(TCPE_Lifecycle, TheFirstHandlerFindsTheEngineInForceAndTheLastFarewellIsSaid) {
+  std::atomic<int> good = 0;
+  TestSystem a(0), b(1);
+  a.handler = [&](const std::string&, std::uint32_t from) {
+    good += a.IsInitialized() && a.IsConnected(from) && a.SendTime(1, from) == eTCPE_CommErr_None ? 1 : 0;
+  };
+  ASSERT_EQ(b.Start(), 0);
+  std::jthread connecting([&](const std::stop_token& ends) {
+    while (!ends.stop_requested()) {
+      b.Connect(a.Address());
+    }
+  });
+  for (int i = 1; i <= 100; ++i) {
+    ASSERT_EQ(a.Start(), 0);
+    ASSERT_TRUE(Eventually([&] { return good == i && b.Count("TestRunningTime 1") == i; })) << i;
+    a.Terminate();
+    EXPECT_TRUE(Eventually([&] { return !b.IsConnected(a.Address()); }));
+  }
+  EXPECT_EQ(b.Count("error"), 0);
+}
+
+TEST(TCPE_Lifecycle, TerminateWaitsForTheFarewellOfADisconnect) {
+  constexpr std::int64_t kLongestFarewell = 50'000; // us
+  std::latch begun(1);
+  TestSystem a(0), b(1);
+  a.beforeSending = [&](const TCPE_Command& command) {
+    if (command.GetCommandName() == std::string("Disconnect")) {
+      begun.count_down();
+      const std::int64_t end = Sys_Clock::RawMicroseconds() + kLongestFarewell;
+      while (b.IsConnected(a.Address()) && Sys_Clock::RawMicroseconds() < end) {
+        std::this_thread::yield();
+      }
+    }
+  };
+  Link(a, b);
+  std::jthread disconnecting([&] { EXPECT_TRUE(a.Disconnect(b.Address())); });
+  begun.wait();
+  a.Terminate();
+  EXPECT_TRUE(Eventually([&] { return b.From(a.Address()).size() == 2; }));
+  EXPECT_EQ(b.From(a.Address()).back(), "Disconnect");
 }
 
 } // namespace
