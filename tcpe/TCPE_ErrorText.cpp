@@ -68,6 +68,8 @@ const char* TCPE_ErrorText(ETCPE_NetworkError error) noexcept {
     return "a live system with this address is connected";
   case eNetworkError_PeerTooSlow:
     return "does not take what is sent";
+  case eNetworkError_Flood:
+    return "keeps the places for new connections taken";
   }
   return "unknown";
 }

@@ -50,6 +50,7 @@ enum ETCPE_NetworkError : std::int32_t {
   eNetworkError_Authentication = 6,   ///< the shared secret was not proved
   eNetworkError_DuplicateAddress = 7, ///< the peer is linked with another live system of this address
   eNetworkError_PeerTooSlow = 8,      ///< one of the two did not take, or not finish, what the other one sent
+  eNetworkError_Flood = 9,            ///< strangers keep the places for new connections taken; no connection has ended
 };
 
 /// What TCPE_CommManager::Initialize answers.

@@ -35,6 +35,8 @@ const char* AdviceFor(ETCPE_NetworkError error) {
     return " Give one of the two that have this system's address another one.";
   case eNetworkError_PeerTooSlow:
     return " Check whether it is overloaded.";
+  case eNetworkError_Flood:
+    return " Find out what runs there; it may not be the only one.";
   case eNetworkError_None:
     break;
   }

@@ -319,20 +319,17 @@ void Trel_MasterSession::Disconnected(std::uint32_t address, Time now) {
 }
 
 void Trel_MasterSession::NetworkError(std::uint32_t address, ETCPE_NetworkError error, bool isConnected, Time now) {
-  if (!isConnected) {
+  const bool isOfStrangers = error == eNetworkError_Flood;
+  if (!isConnected && !isOfStrangers) {
     mEarly.erase(address);
     mApplicants.erase(address);
   }
   if (!mLink) {
     return;
   }
-  if (isConnected || address == Self() || !mLink->roster.Find(address)) {
+  if (isConnected || isOfStrangers || address == Self() || !mLink->roster.Find(address)) {
     // A stranger, or another connection of a system that is linked.
-    Tell({.kind = Kind::networkError,
-          .reason = Reason::networkError,
-          .error = error,
-          .value = error,
-          .system = Describe(address)});
+    TellNetworkError(address, error);
     return;
   }
   mLink->arbiter.SystemGone(address, true);

@@ -405,6 +405,10 @@ void Trel_SatelliteSession::Disconnected(std::uint32_t address, Time now) {
 }
 
 void Trel_SatelliteSession::NetworkError(std::uint32_t address, ETCPE_NetworkError error, bool isConnected, Time now) {
+  if (IsRunning() && error == eNetworkError_Flood) {
+    TellNetworkError(address, error);
+    return;
+  }
   if (!IsRunning() || isConnected) {
     return; // about another connection than the one that stands
   }
@@ -416,11 +420,7 @@ void Trel_SatelliteSession::NetworkError(std::uint32_t address, ETCPE_NetworkErr
     mMesh.Gone(address, Reason::networkError, error, now);
     GoOn(now);
   } else {
-    Tell({.kind = Kind::networkError,
-          .reason = Reason::networkError,
-          .error = error,
-          .value = error,
-          .system = Describe(address)});
+    TellNetworkError(address, error);
   }
 }
 

@@ -134,6 +134,14 @@ Trel_LinkEvent::System Trel_SessionCore::Described(const System& system) const {
   return {.address = system.address, .uniqueID = system.uniqueID, .name = system.name};
 }
 
+void Trel_SessionCore::TellNetworkError(std::uint32_t address, ETCPE_NetworkError error) {
+  Tell({.kind = Event::Kind::networkError,
+        .reason = Trel_LinkEvent::Reason::networkError,
+        .error = error,
+        .value = error,
+        .system = Describe(address)});
+}
+
 bool Trel_SessionCore::BeginOwnRequest(Token token, Time now) {
   if (mControl.HasControl()) {
     Do(Action::Answer{token, Answer::granted});

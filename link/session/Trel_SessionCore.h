@@ -156,6 +156,8 @@ protected:
   bool IsCurrent() const { return mConfig.isCurrentNumbering; }
   void Disconnect(std::uint32_t address) { Do(Action::Disconnect{address}); }
   Event::System Described(const System& system) const;
+  /// One that changes nothing in the link.
+  void TellNetworkError(std::uint32_t address, ETCPE_NetworkError error);
 
   // What all roles do for conducting and the shared state.
   void BeginShared();

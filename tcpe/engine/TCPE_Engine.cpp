@@ -321,6 +321,7 @@ TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(std::shared_ptr<const TCPE_Aut
   };
   config.key = std::move(key);
   config.makeNonce = &TCPE_AuthenticationKey::MakeNonce;
+  config.random = &Sys_Umid::Random64;
   config.examineConnect = [this](std::uint32_t address, const TCPE_FrameHeader& header,
                                  std::span<const std::byte> payload) {
     return ExamineConnect(address, header, payload);
@@ -730,9 +731,9 @@ void TCPE_Engine::OnConnectEnded(std::uint32_t address, TCPE_CommErr error) {
   }
 }
 
-void TCPE_Engine::OnUnproved(std::uint32_t address) {
+void TCPE_Engine::OnStrangers(ETCPE_NetworkError error, std::uint32_t address) {
   if (!mDelivery->IsFull(address)) { // a stranger who goes on guessing must not fill the memory
-    ReportNetworkError(eNetworkError_Authentication, address);
+    ReportNetworkError(error, address);
   }
 }
 

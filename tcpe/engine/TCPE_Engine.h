@@ -161,7 +161,7 @@ private:
                       std::span<const std::byte> payload) override;
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;
   void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) override;
-  void OnUnproved(std::uint32_t address) override;
+  void OnStrangers(ETCPE_NetworkError error, std::uint32_t address) override;
   void OnAllTold() override { DeliverBatch(); }
   void OnStopping() override;
   void OnConnectionCommand(const TCPE_ReceivedCommand& received) override;

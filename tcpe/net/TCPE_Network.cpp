@@ -259,15 +259,13 @@ void TCPE_Network::Accept() {
     }
     asio::error_code gone;
     const tcp::endpoint remote = socket.remote_endpoint(gone);
-    const std::optional<TCPE_Endpoint::Id> id =
-        gone ? std::nullopt : mEndpoint.TransportAccepted(remote.address().to_v4().to_uint(), Now());
-    if (id) {
-      const ConnectionPointer connection = Add(*id, remote.address().to_v4().to_uint(), std::move(socket));
+    if (!gone) {
+      const std::uint32_t address = remote.address().to_v4().to_uint();
+      const TCPE_Endpoint::Id id = mEndpoint.TransportAccepted(address, Now());
+      const ConnectionPointer connection = Add(id, address, std::move(socket));
       connection->TransportOpened(true);
       CarryOut(id);
       Read(connection);
-    } else {
-      socket.close(gone);
     }
     Accept();
   });
@@ -331,8 +329,8 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
     mListener.OnConnectEnded(event.address, event.error);
     return;
   }
-  if (event.kind == Kind::unproved) {
-    mListener.OnUnproved(event.address);
+  if (event.kind == Kind::unproved || event.kind == Kind::flooded) {
+    mListener.OnStrangers(event.networkError, event.address);
     return;
   }
   if (!connection) {
@@ -368,6 +366,7 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
     mConnections.erase(event.id);
     break;
   case Kind::unproved:
+  case Kind::flooded:
   case Kind::connectEnded:
     break;
   }

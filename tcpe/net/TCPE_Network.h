@@ -32,7 +32,8 @@ public:
                                 std::span<const std::byte> payload) = 0;
     virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
     virtual void OnConnectEnded(std::uint32_t address, TCPE_CommErr error) = 0;
-    virtual void OnUnproved(std::uint32_t address) = 0;
+    /// Strangers at the address are a nuisance: they do not prove the secret, or flood this system.
+    virtual void OnStrangers(ETCPE_NetworkError error, std::uint32_t address) = 0;
     /// There is nothing more to tell for the time being.
     virtual void OnAllTold() = 0;
     /// The last that is told, while the connections are still there.

@@ -26,15 +26,8 @@ void TCPE_Endpoint::TransportConnected(Id id, TCPE_Time now) {
   }
 }
 
-std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::TransportAccepted(std::uint32_t address, TCPE_Time now) {
-  const auto fromThere =
-      static_cast<std::size_t>(std::count_if(mConnections.begin(), mConnections.end(), [address](const auto& entry) {
-        return entry.second.openedByPeer && entry.second.address == address && !IsOpen(entry.second);
-      }));
-  if (HalfOpenConnections() >= mConfig.limits.maxHalfOpen || fromThere >= mConfig.limits.maxHalfOpenPerAddress) {
-    ++mCounts.refusals;
-    return std::nullopt;
-  }
+TCPE_Endpoint::Id TCPE_Endpoint::TransportAccepted(std::uint32_t address, TCPE_Time now) {
+  MakeRoom(address, now);
   mConnections[++mLastId] = {.address = address, .openedByPeer = true};
   AddSession(mLastId, TCPE_Session::Role::acceptor, {}, now);
   if (HasAuthenticationFailed(address, now)) {
@@ -43,6 +36,56 @@ std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::TransportAccepted(std::uint32_t 
     PushOutput(mLastId);
   }
   return mLastId;
+}
+
+/// The one with least proved gives way, among equals one of the address with most, drawn at random: who holds places
+/// has to go on working for it, and a system that knows the secret needs one for a few milliseconds.
+void TCPE_Endpoint::MakeRoom(std::uint32_t address, TCPE_Time now) {
+  std::map<std::uint32_t, std::size_t> taken;
+  for (const auto& [id, connection] : mConnections) {
+    if (IsHalfOpen(connection)) {
+      ++taken[connection.address];
+    }
+  }
+  const bool isOfAll = HalfOpenConnections() >= mConfig.limits.maxHalfOpen;
+  const bool isOfAddress = taken[address] >= mConfig.limits.maxHalfOpenPerAddress;
+  if (!isOfAll && !isOfAddress) {
+    return;
+  }
+  using Rank = std::pair<bool, std::size_t>;
+  std::optional<Rank> first;
+  std::vector<Id> equals;
+  for (const auto& [id, connection] : mConnections) {
+    if (!IsHalfOpen(connection) || (isOfAddress && connection.address != address)) {
+      continue;
+    }
+    const Rank rank(connection.session->HasProved(), mConfig.limits.maxHalfOpen - taken[connection.address]);
+    if (!first || rank < *first) {
+      first = rank;
+      equals.clear();
+    }
+    if (rank == *first) {
+      equals.push_back(id);
+    }
+  }
+  const Id id = equals[mConfig.random ? mConfig.random() % equals.size() : 0];
+  NoteFlood(mConnections.at(id).address, isOfAll, now);
+  ++mCounts.refusals;
+  Close(id);
+}
+
+/// Of an address that is marked the host has been told. Others suffer only when the places of all are taken.
+void TCPE_Endpoint::NoteFlood(std::uint32_t address, bool isOfAll, TCPE_Time now) {
+  if (now >= mFloodUntil) {
+    mFloodSince = now;
+  }
+  mFloodUntil = now + mConfig.limits.floodEnds;
+  const bool isWorthIt =
+      isOfAll || (now >= mFloodSince + mConfig.limits.floodBegins && !mFailures.IsMarked(address, now));
+  if (isWorthIt && now >= mTellFloodsFrom) {
+    mTellFloodsFrom = now + mConfig.limits.floodPause;
+    Push({.kind = Event::Kind::flooded, .address = address, .networkError = eNetworkError_Flood});
+  }
 }
 
 void TCPE_Endpoint::TransportEnded(Id id, TCPE_Time now) {
@@ -188,9 +231,8 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::NextEvent(TCPE_Time now) {
 }
 
 std::size_t TCPE_Endpoint::HalfOpenConnections() const {
-  return static_cast<std::size_t>(std::count_if(mConnections.begin(), mConnections.end(), [](const auto& entry) {
-    return entry.second.openedByPeer && !IsOpen(entry.second);
-  }));
+  return static_cast<std::size_t>(std::count_if(mConnections.begin(), mConnections.end(),
+                                                [](const auto& entry) { return IsHalfOpen(entry.second); }));
 }
 
 TCPE_Endpoint::Connection* TCPE_Endpoint::Find(Id id) {
@@ -374,7 +416,7 @@ void TCPE_Endpoint::TellOfFailure(std::uint32_t address, TCPE_Time now) {
   const bool isNew = !mFailures.IsMarked(address, now);
   mFailures.Add(address, now);
   if (isNew) {
-    Push({.kind = Event::Kind::unproved, .address = address});
+    Push({.kind = Event::Kind::unproved, .address = address, .networkError = eNetworkError_Authentication});
   }
 }
 

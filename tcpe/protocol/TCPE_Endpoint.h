@@ -42,6 +42,8 @@ public:
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
     /// A fresh nonce for each connection. Empty: zeros.
     std::function<TCPE_Hello::Nonce()> makeNonce{};
+    /// Draws who gives way. Empty: zeros.
+    std::function<std::uint64_t()> random{};
     /// Makes the connect command for an address, a complete frame.
     std::function<std::vector<std::byte>(std::uint32_t address)> makeConnectFrame;
   };
@@ -55,6 +57,7 @@ public:
       lost,         ///< an open connection ended with `networkError`
       unproved, ///< a system that would connect from the address did not prove the secret, or requires one that this
                 ///< side does not have; once while the address is marked
+      flooded,  ///< strangers, the address among them, keep the places for newcomers taken; not often
       connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
       send,         ///< send `payload`
       close,        ///< close the transport; what was given to send goes out first
@@ -89,8 +92,8 @@ public:
   /// or when a connectEnded event answers at once.
   std::optional<Id> BeginConnect(std::uint32_t address, TCPE_Time now);
   void TransportConnected(Id id, TCPE_Time now);
-  /// A transport that a peer opened; nothing when there is no room for it and it is to be closed at once.
-  std::optional<Id> TransportAccepted(std::uint32_t address, TCPE_Time now);
+  /// A transport that a peer opened. When all places for newcomers are taken, another one gives way to it.
+  Id TransportAccepted(std::uint32_t address, TCPE_Time now);
   /// The transport failed or was closed at the other end.
   void TransportEnded(Id id, TCPE_Time now);
   /// Where to put arriving bytes; empty for a connection that is gone. The space is the session's.
@@ -148,7 +151,10 @@ private:
 
   static TCPE_Time DeadlineOf(const Connection& connection);
   static bool IsOpen(const Connection& connection) { return connection.session && connection.session->IsOpen(); }
+  static bool IsHalfOpen(const Connection& connection) { return connection.openedByPeer && !IsOpen(connection); }
   Connection* Find(Id id);
+  void MakeRoom(std::uint32_t address, TCPE_Time now);
+  void NoteFlood(std::uint32_t address, bool isOfAll, TCPE_Time now);
   Id AttemptOf(std::uint32_t address) const;
   bool IsAttemptUnderWay(std::uint32_t address, std::uint64_t instance) const;
   std::vector<Id> WaitingFor(std::uint32_t address) const;
@@ -184,5 +190,8 @@ private:
   std::vector<std::byte> mCurrentBytes;
   Id mLastId = 0;
   TCPE_AuthenticationFailures mFailures;
+  TCPE_Time mFloodSince = 0;
+  TCPE_Time mFloodUntil = 0;
+  TCPE_Time mTellFloodsFrom = 0;
   Counts mCounts;
 };

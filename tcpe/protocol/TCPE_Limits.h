@@ -16,6 +16,12 @@ struct TCPE_Limits {
   std::size_t maxHalfOpen = 160;
   /// ... from one address: simultaneous connections, and one that comes back before the old one is known to be dead.
   std::size_t maxHalfOpenPerAddress = 4;
+  /// That the places of one address are taken is a flood when it lasts so long; a busy moment does not ...
+  TCPE_Time floodBegins = 100'000;
+  /// ... and when nobody wanted one for so long, it is over.
+  TCPE_Time floodEnds = 1'000'000;
+  /// A host is told of floods this often at the most.
+  TCPE_Time floodPause = 10'000'000;
   /// Systems beside this one, whatever the task allows.
   std::size_t maxConnections = 128;
   /// Systems that have left and are still known with their totals: a whole link.

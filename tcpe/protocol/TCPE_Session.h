@@ -111,6 +111,8 @@ public:
   void NoteSent(TCPE_Time now) { mLastSent.store(now, std::memory_order_relaxed); }
 
   bool IsOpen() const { return mState == State::open; }
+  /// Acceptor, before the verdict: the peer has proved the secret, or without one has sent its connect command.
+  bool HasProved() const { return mPeerTagger.has_value() || mState == State::deciding; }
   std::uint64_t PeerInstance() const { return mPeerInstance; }
 
 private:

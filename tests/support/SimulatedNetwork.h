@@ -38,7 +38,8 @@ public:
     std::unique_ptr<TCPE_Endpoint> endpoint{}; ///< none while it does not run
     std::map<std::uint32_t, Event> open{};     ///< opened events, by address
     std::set<std::uint32_t> connecting{};      ///< addresses whose connectEnded is due
-    std::string log{};                         ///< every event but send and close
+    std::string log{};                         ///< every event but send, close and flooded
+    std::vector<std::uint32_t> floods{};       ///< addresses of the flooded events
     TCPE_Time lastLogged = 0;
     std::map<TCPE_Endpoint::Id, std::pair<Transport*, int>> sides{}; ///< of its open transports
     bool isOff = false;                                              ///< the machine
@@ -104,6 +105,7 @@ public:
   }
 
   int Add(TCPE_Endpoint::Config config) {
+    config.random = [this] { return mRandom(); };
     mSystems.push_back({std::move(config)});
     mDeadlines.push_back(TCPE_Endpoint::kNever);
     const int system = static_cast<int>(mSystems.size()) - 1;
@@ -357,7 +359,7 @@ private:
       if (!isThere || !isStillWanted) {
         return;
       }
-      side.id = endpoint != nullptr ? endpoint->TransportAccepted(transport.sides[0].address, mNow).value_or(0) : 0;
+      side.id = endpoint != nullptr ? endpoint->TransportAccepted(transport.sides[0].address, mNow) : 0;
       if (side.id != 0) {
         system.sides[side.id] = {&transport, index};
       }
@@ -443,6 +445,9 @@ private:
     case Event::Kind::unproved:
       log("unproved ");
       break;
+    case Event::Kind::flooded:
+      system.floods.push_back(event.address);
+      break;
     case Event::Kind::send:
       if (transport != nullptr) {
         const std::string bytes(reinterpret_cast<const char*>(event.payload.data()), event.payload.size());
@@ -461,7 +466,8 @@ private:
       }
       break;
     }
-    if (program && event.kind < Event::Kind::send && event.kind != Event::Kind::unproved) {
+    if (program && event.kind < Event::Kind::send && event.kind != Event::Kind::unproved &&
+        event.kind != Event::Kind::flooded) {
       program(index, event);
     }
   }

@@ -1,0 +1,143 @@
+#include "tests/support/Hex.h"
+#include "tests/support/SimulatedNetwork.h"
+#include "tests/support/Times.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+/// Systems 0 and 1 have the addresses 10 and 20 and, if they have one, the same secret.
+struct Doors : SimulatedNetwork {
+  explicit Doors(bool haveSecret, std::uint32_t seed = 1) : SimulatedNetwork(seed), mHasSecret(haveSecret) {
+    for (const std::uint32_t address : {10U, 20U}) {
+      TCPE_Endpoint::Config config = Config(address);
+      config.key = haveSecret ? Key('x') : nullptr;
+      Add(config);
+    }
+  }
+  std::string Hello() const {
+    std::string hello = FromHex("5452454c 01 04 00 00 00*7 99 a0a1a2a3a4a5a6a7a8a9aaabacadaeaf");
+    hello[6] = mHasSecret ? 1 : 0;
+    return hello;
+  }
+  static std::string WrongProof() {
+    return Frame({.flags = kTCPE_Flag_ReplyWanted, .type = 4}, std::string(TCPE_AuthenticationKey::kSize, '?'));
+  }
+  std::string Take(int system) { return std::exchange(At(system).log, {}); }
+  std::size_t HalfOpen() { return At(0).endpoint->HalfOpenConnections(); }
+
+  /// Strangers come to system 0, one after the other from the addresses from `first` on, each with `bytes`.
+  void Flood(std::uint32_t first, std::uint32_t addresses, TCPE_Time pause, const std::string& bytes) {
+    mFlooding = [=, this] {
+      Send(ConnectStranger(first + mFlooded++ % addresses, 0), 1, bytes);
+      After(pause, mFlooding);
+    };
+    mFlooding();
+  }
+  /// Until system 1 is connected to system 0, which it tries again and again; the time that it took.
+  TCPE_Time Link(TCPE_Time pause, TCPE_Time atMost) {
+    const TCPE_Time begin = Now();
+    for (TCPE_Time next = begin; !At(0).open.contains(20) && Now() < begin + atMost; Run(kMillisecond)) {
+      if (Now() >= next && At(1).connecting.empty()) {
+        Connect(1, 0);
+        next = Now() + pause;
+      }
+    }
+    return Now() - begin;
+  }
+
+private:
+  bool mHasSecret;
+  std::uint32_t mFlooded = 0;
+  std::function<void()> mFlooding;
+};
+
+TEST(TCPE_Doors, StrangersKeepNobodyOut) {
+  enum Kind { silent, hello, wrongProof };
+  const struct {
+    std::uint32_t first, addresses;
+    TCPE_Time pause;
+    Kind kind;
+    TCPE_Time limit;
+    bool isTold;
+  } cases[] = {{100, 1, kMillisecond, silent, 2 * kSecond, true},
+               {100, 4, kMillisecond, hello, 2 * kSecond, true},
+               {100, 254, kMillisecond, silent, 2 * kSecond, true},
+               {100, 254, 30 * kMillisecond, hello, 2 * kSecond, false}, // there are places enough
+               {100, 254, kMillisecond, wrongProof, 2 * kSecond, false},
+               {20, 1, 10 * kMillisecond, silent, 10 * kSecond, true},
+               {20, 1, 10 * kMillisecond, hello, 10 * kSecond, true}};
+  for (const bool haveSecret : {false, true}) {
+    for (const auto& test : cases) {
+      SCOPED_TRACE(testing::Message() << "case " << &test - cases << (haveSecret ? " with" : " without")
+                                      << " a secret");
+      Doors doors(haveSecret);
+      doors.Flood(test.first, test.addresses, test.pause,
+                  test.kind == silent  ? ""
+                  : test.kind == hello ? doors.Hello()
+                                       : doors.Hello() + Doors::WrongProof());
+      doors.Run(kSecond);
+      EXPECT_LE(doors.Link(kSecond / 4, 20 * kSecond), test.limit);
+      doors.Run(4 * kSecond);
+      EXPECT_TRUE(doors.At(0).open.contains(20)) << "who is linked stays so";
+      EXPECT_EQ(doors.At(0).floods.size(), test.isTold ? 1U : 0U);
+    }
+  }
+}
+
+TEST(TCPE_Doors, OfThoseWithLeastProvedOneOfTheAddressWithMostGivesWay) {
+  std::set<std::size_t> gone;
+  for (std::uint32_t seed = 1; seed <= 40; ++seed) {
+    Doors doors(true, seed);
+    const auto come = [&doors](std::uint32_t address) {
+      auto& stranger = doors.ConnectStranger(address, 0);
+      doors.Run(kMillisecond);
+      return &stranger;
+    };
+    std::vector<SimulatedNetwork::Transport*> most;
+    std::vector<SimulatedNetwork::Transport*> others;
+    for (std::uint32_t i = 0; i < 156; ++i) {
+      others.push_back(come(100 + i));
+    }
+    for (int i = 0; i < 4; ++i) {
+      most.push_back(come(50));
+    }
+    ASSERT_EQ(doors.HalfOpen(), 160U);
+    const auto hasEnded = [](const auto* transport) { return transport->sides[0].hasEnded; };
+    others.push_back(come(60));
+    ASSERT_EQ(std::count_if(most.begin(), most.end(), hasEnded), 1);
+    gone.insert(static_cast<std::size_t>(std::find_if(most.begin(), most.end(), hasEnded) - most.begin()));
+    others.push_back(come(61));
+    others.push_back(come(62));
+    EXPECT_EQ(std::count_if(most.begin(), most.end(), hasEnded), 3);
+    EXPECT_EQ(std::count_if(others.begin(), others.end(), hasEnded), 0);
+    EXPECT_EQ(doors.HalfOpen(), 160U);
+    EXPECT_EQ(doors.At(0).floods, std::vector<std::uint32_t>{50});
+  }
+  EXPECT_EQ(gone.size(), 4U) << "drawn at random";
+}
+
+/// Of a system that connects anew while its old connection is being probed.
+TEST(TCPE_Doors, WhoHasProvedDoesNotGiveWay) {
+  for (const bool haveSecret : {false, true}) {
+    Doors doors(haveSecret);
+    doors.Link(kSecond, kSecond);
+    doors.Take(1);
+    doors.Restart(1);
+    doors.Connect(1, 0);
+    doors.Run(10 * kMillisecond);
+    doors.Flood(20, 1, kMillisecond, doors.Hello());
+    doors.Run(2 * kSecond);
+    EXPECT_EQ(doors.Take(0), "opened 20 by peer, lost 20 1, opened 20 by peer");
+    EXPECT_EQ(doors.Take(1), "opened 10, ended 10 0");
+  }
+}
+
+TEST(TCPE_Doors, AFloodIsToldEveryTenSeconds) {
+  Doors doors(false);
+  doors.Flood(100, 50, 10 * kMillisecond, "");
+  doors.Run(25 * kSecond);
+  EXPECT_EQ(doors.At(0).floods.size(), 3U);
+}
+
+} // namespace
