@@ -179,8 +179,8 @@ public:
   /// Reports a network error of a peer: the connection, if there is one, is closed and the host's callback is told.
   void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
   /// Whether a system at the address failed to prove the shared secret within the last ten seconds (start-up option
-  /// "AuthenticationFailureSeconds"; after five failures within ten seconds until these are over). Its connections are
-  /// turned away meanwhile. False when not initialised.
+  /// "AuthenticationFailureSeconds"; after five failures within ten seconds until these are over), and none has proved
+  /// it since. False when not initialised.
   bool GetAuthenticationFailed(std::uint32_t address) const;
 
   /// Sends the question for master systems, or for satellites, from a registered socket to one address; with address 0

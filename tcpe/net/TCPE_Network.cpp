@@ -295,7 +295,7 @@ void TCPE_Network::Read(const ConnectionPointer& connection) {
                                             connection->NoteReceived(space.first(count), now);
                                             mEndpoint.Received(connection->GetId(), count, now);
                                           }
-                                          CarryOut();
+                                          CarryOut(connection->GetId());
                                           Read(connection);
                                         });
 }

@@ -1,6 +1,7 @@
 #include "tcpe/protocol/TCPE_Endpoint.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t address, TCPE_Time now) {
@@ -30,11 +31,7 @@ TCPE_Endpoint::Id TCPE_Endpoint::TransportAccepted(std::uint32_t address, TCPE_T
   MakeRoom(address, now);
   mConnections[++mLastId] = {.address = address, .openedByPeer = true};
   AddSession(mLastId, TCPE_Session::Role::acceptor, {}, now);
-  if (HasAuthenticationFailed(address, now)) {
-    TurnAway(mLastId);
-  } else {
-    PushOutput(mLastId);
-  }
+  PushOutput(mLastId);
   return mLastId;
 }
 
@@ -68,7 +65,7 @@ void TCPE_Endpoint::MakeRoom(std::uint32_t address, TCPE_Time now) {
       equals.push_back(id);
     }
   }
-  const Id id = equals[mConfig.random ? mConfig.random() % equals.size() : 0];
+  const Id id = equals[Draw(equals.size())];
   NoteFlood(mConnections.at(id).address, isOfAll, now);
   ++mCounts.refusals;
   Close(id);
@@ -184,11 +181,18 @@ void TCPE_Endpoint::MoveTo(std::uint32_t address, TCPE_Time now) {
 }
 
 void TCPE_Endpoint::Tick(TCPE_Time now) {
+  std::set<std::uint32_t> withProofs;
   for (const auto& [id, connection] : mConnections) {
+    if (connection.proofDue <= now) {
+      withProofs.insert(connection.address);
+    }
     if (connection.session ? connection.session->NextDeadline() <= now + mConfig.limits.heartbeatEarly
                            : connection.deadline <= now) {
       mToAdvance.push_back(id);
     }
+  }
+  for (const std::uint32_t address : withProofs) {
+    ExamineProofs(address, now);
   }
 }
 
@@ -206,7 +210,7 @@ TCPE_Time TCPE_Endpoint::DeadlineOf(Id id) const {
 }
 
 TCPE_Time TCPE_Endpoint::DeadlineOf(const Connection& connection) {
-  return connection.session ? connection.session->NextDeadline() : connection.deadline;
+  return connection.session ? std::min(connection.session->NextDeadline(), connection.proofDue) : connection.deadline;
 }
 
 std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::NextEvent(TCPE_Time now) {
@@ -314,7 +318,8 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
   case Kind::finished:
     return Event{.kind = Event::Kind::finished, .id = id, .address = connection->address, .finished = event->finished};
   case Kind::challenged:
-    Examine(id, now);
+    connection->proofDue = now;
+    ExamineProofs(connection->address, now);
     break;
   case Kind::unproved:
     OnUnproved(id, now);
@@ -322,6 +327,9 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
   case Kind::connectRequested:
     connection->connectHeader = event->header;
     connection->connectPayload.assign(event->payload.begin(), event->payload.end());
+    if (mConfig.key) {
+      mFailures.Forget(connection->address); // it has proved the secret, and the host may ask for that when it decides
+    }
     if (mConfig.allowConnect(connection->address)) {
       Decide(id, now);
     } else {
@@ -384,24 +392,38 @@ void TCPE_Endpoint::Count(const TCPE_Session::Event& failure) {
   }
 }
 
-/// The address may have been marked since it connected: of several connections at once, one gets to offer a wrong
-/// proof.
-void TCPE_Endpoint::Examine(Id id, TCPE_Time now) {
-  const Connection& connection = mConnections.at(id);
-  if (mFailures.IsMarked(connection.address, now)) {
-    TurnAway(id);
-    return;
-  }
-  const bool isRight = connection.session->ExamineProof();
-  PushOutput(id);
-  if (!isRight) {
-    OnUnproved(id, now);
+/// Of those that wait one at a time, drawn at random: nobody who offers many has more than his share of the few that
+/// are examined.
+void TCPE_Endpoint::ExamineProofs(std::uint32_t address, TCPE_Time now) {
+  while (true) {
+    const TCPE_Time due = mFailures.NextProof(address);
+    std::vector<Id> waiting;
+    for (auto& [id, connection] : mConnections) {
+      if (connection.address == address && connection.proofDue != kNever) {
+        connection.proofDue = std::max(due, now);
+        waiting.push_back(id);
+      }
+    }
+    if (waiting.empty() || now < due) {
+      return;
+    }
+    const Id id = waiting[Draw(waiting.size())];
+    Connection& connection = mConnections.at(id);
+    connection.proofDue = kNever;
+    const bool isRight = connection.session->ExamineProof();
+    PushOutput(id);
+    if (isRight) {
+      Look(id);
+    } else {
+      OnUnproved(id, now);
+      mFailures.PutOffNextProof(address, now);
+    }
   }
 }
 
 void TCPE_Endpoint::OnUnproved(Id id, TCPE_Time now) {
   const auto [address, openedByPeer] = std::pair(mConnections.at(id).address, mConnections.at(id).openedByPeer);
-  ++mCounts.unproved;
+  ++(openedByPeer && mFailures.IsMarked(address, now) ? mCounts.turnedAway : mCounts.unproved);
   if (!openedByPeer) {
     mFailures.Add(address, now);
     AttemptFailed(id, eTCPE_CommErr_Authentication, now);
@@ -468,11 +490,6 @@ void TCPE_Endpoint::Refuse(Id id, TCPE_CommErr error) {
   mConnections.at(id).session->Refuse(error);
   PushOutput(id);
   Close(id);
-}
-
-void TCPE_Endpoint::TurnAway(Id id) {
-  ++mCounts.turnedAway;
-  Refuse(id, eTCPE_CommErr_Authentication);
 }
 
 /// The opened event goes out before the acceptor's answer, so that the peer is known here before it knows it is

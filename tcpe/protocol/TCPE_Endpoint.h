@@ -42,7 +42,7 @@ public:
     std::shared_ptr<const TCPE_AuthenticationKey> key{};
     /// A fresh nonce for each connection. Empty: zeros.
     std::function<TCPE_Hello::Nonce()> makeNonce{};
-    /// Draws who gives way. Empty: zeros.
+    /// Draws who gives way, and whose proof is examined. Empty: zeros.
     std::function<std::uint64_t()> random{};
     /// Makes the connect command for an address, a complete frame.
     std::function<std::vector<std::byte>(std::uint32_t address)> makeConnectFrame;
@@ -78,7 +78,7 @@ public:
   struct Counts {
     std::atomic<std::uint64_t> refusals = 0;   ///< connections, and strangers that sent no valid handshake
     std::atomic<std::uint64_t> unproved = 0;   ///< systems that did not prove the secret
-    std::atomic<std::uint64_t> turnedAway = 0; ///< connections from addresses that were marked for that
+    std::atomic<std::uint64_t> turnedAway = 0; ///< ... at addresses that were marked for that already
     std::atomic<std::uint64_t> wrongTags = 0;  ///< connections ended by a frame that is not the peer's next one
     std::atomic<std::uint64_t> malformed = 0;  ///< connections ended by what is no frame, or one out of place
     std::atomic<std::uint64_t> unfinished = 0; ///< connections ended by a frame that was not complete in time
@@ -142,8 +142,9 @@ private:
     std::shared_ptr<TCPE_Session> session{}; ///< none while the transport connects
     TCPE_Time deadline = 0;                  ///< of the transport connection, or of a yielded attempt
     bool openedByPeer = false;
-    bool yielded = false;       ///< our attempt was refused because the peer's own survives; it waits for that one
-    bool waitsForProbe = false; ///< a newcomer whose predecessor is being probed
+    bool yielded = false;        ///< our attempt was refused because the peer's own survives; it waits for that one
+    bool waitsForProbe = false;  ///< a newcomer whose predecessor is being probed
+    TCPE_Time proofDue = kNever; ///< from when on its proof may be examined; kNever: none waits
     TCPE_FrameHeader connectHeader{}; ///< of the connect command, or of its reply
     std::vector<std::byte> connectPayload{};
   };
@@ -161,7 +162,8 @@ private:
   void AddSession(Id id, TCPE_Session::Role role, std::vector<std::byte> connectFrame, TCPE_Time now);
   std::optional<Event> Advance(Id id, TCPE_Time now);
   void CheckDeadline(Id id, TCPE_Time now);
-  void Examine(Id id, TCPE_Time now);
+  void ExamineProofs(std::uint32_t address, TCPE_Time now);
+  std::size_t Draw(std::size_t count) const { return mConfig.random ? mConfig.random() % count : 0; }
   void Count(const TCPE_Session::Event& failure);
   void OnUnproved(Id id, TCPE_Time now);
   /// Marks an address, and tells of it unless it is marked already.
@@ -169,7 +171,6 @@ private:
   void Decide(Id id, TCPE_Time now);
   void DecideWaiting(std::uint32_t address, TCPE_Time now);
   void Refuse(Id id, TCPE_CommErr error);
-  void TurnAway(Id id);
   void Open(Id id, bool openedByPeer);
   void AttemptFailed(Id id, TCPE_CommErr error, TCPE_Time now);
   void Lose(Id id, ETCPE_NetworkError error, TCPE_Time now);

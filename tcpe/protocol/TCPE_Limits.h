@@ -99,11 +99,14 @@ struct TCPE_Limits {
   TCPE_Time probe = 1'000'000;
   /// How long a connection that is being closed may take to send what is queued.
   TCPE_Time linger = 1'000'000;
-  /// How long a system that did not prove the shared secret is turned away ...
+  /// How long the address of a system that did not prove the shared secret is marked ...
   TCPE_Time authenticationFailure = 10'000'000;
   /// ... and longer than that, when so many wrong proofs came from its address within so long.
   static constexpr std::size_t kWrongProofs = 5;
   static constexpr TCPE_Time kWrongProofsTime = 10'000'000;
+  /// After a wrong proof no other from its address is examined for so long: too few for guessing, and enough for a
+  /// system that shares its address with somebody who guesses.
+  TCPE_Time proofPause = 100'000;
   /// How long a synchronous sender waits for its reply.
   TCPE_Time reply = 2'000'000;
   /// How long a handler that need not wait any more lets the one end that has started meanwhile.

@@ -46,8 +46,8 @@ void TCPE_Session::Received(std::size_t count, TCPE_Time now) {
 }
 
 std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
-  if (mState == State::deciding && !Unread().empty()) {
-    return Fail(eNetworkError_MalformedData); // nobody speaks before the verdict
+  if ((mState == State::examining || mState == State::deciding) && !Unread().empty()) {
+    return Fail(eNetworkError_MalformedData); // nobody speaks before a verdict
   }
   while (mState != State::ended && mState != State::examining && mState != State::deciding && !IsPaused()) {
     const std::span<const std::byte> unread = Unread();

@@ -59,14 +59,16 @@ TEST(TCPE_Doors, StrangersKeepNobodyOut) {
     TCPE_Time pause;
     Kind kind;
     TCPE_Time limit;
-    bool isTold;
-  } cases[] = {{100, 1, kMillisecond, silent, 2 * kSecond, true},
-               {100, 4, kMillisecond, hello, 2 * kSecond, true},
-               {100, 254, kMillisecond, silent, 2 * kSecond, true},
-               {100, 254, 30 * kMillisecond, hello, 2 * kSecond, false}, // there are places enough
-               {100, 254, kMillisecond, wrongProof, 2 * kSecond, false},
-               {20, 1, 10 * kMillisecond, silent, 10 * kSecond, true},
-               {20, 1, 10 * kMillisecond, hello, 10 * kSecond, true}};
+    bool isTold[2]; ///< without a secret, with one
+  } cases[] = {{100, 1, kMillisecond, silent, 2 * kSecond, {true, true}},
+               {100, 4, kMillisecond, hello, 2 * kSecond, {true, true}},
+               {100, 254, kMillisecond, silent, 2 * kSecond, {true, true}},
+               {100, 254, 30 * kMillisecond, hello, 2 * kSecond, {false, false}}, // there are places enough
+               {100, 254, kMillisecond, wrongProof, 2 * kSecond, {false, false}},
+               {20, 1, 10 * kMillisecond, silent, 10 * kSecond, {true, true}},
+               {20, 1, 10 * kMillisecond, hello, 10 * kSecond, {true, true}},
+               {20, 1, 2 * kSecond, wrongProof, kSecond / 5, {false, false}},
+               {20, 1, 10 * kMillisecond, wrongProof, 10 * kSecond, {false, true}}};
   for (const bool haveSecret : {false, true}) {
     for (const auto& test : cases) {
       SCOPED_TRACE(testing::Message() << "case " << &test - cases << (haveSecret ? " with" : " without")
@@ -77,10 +79,10 @@ TEST(TCPE_Doors, StrangersKeepNobodyOut) {
                   : test.kind == hello ? doors.Hello()
                                        : doors.Hello() + Doors::WrongProof());
       doors.Run(kSecond);
-      EXPECT_LE(doors.Link(kSecond / 4, 20 * kSecond), test.limit);
+      EXPECT_LE(doors.Link(kSecond / 10, 20 * kSecond), test.limit);
       doors.Run(4 * kSecond);
       EXPECT_TRUE(doors.At(0).open.contains(20)) << "who is linked stays so";
-      EXPECT_EQ(doors.At(0).floods.size(), test.isTold ? 1U : 0U);
+      EXPECT_EQ(doors.At(0).floods.size(), test.isTold[haveSecret ? 1 : 0] ? 1U : 0U);
     }
   }
 }
@@ -130,6 +132,49 @@ TEST(TCPE_Doors, WhoHasProvedDoesNotGiveWay) {
     doors.Run(2 * kSecond);
     EXPECT_EQ(doors.Take(0), "opened 20 by peer, lost 20 1, opened 20 by peer");
     EXPECT_EQ(doors.Take(1), "opened 10, ended 10 0");
+  }
+}
+
+TEST(TCPE_Doors, AtAMarkedAddressTheSecretCanBeProved) {
+  Doors doors(true);
+  std::string asked;
+  doors.At(0).config.allowConnect = [&](std::uint32_t address) {
+    asked += doors.At(0).endpoint->HasAuthenticationFailed(address, doors.Now()) ? "marked " : "not marked ";
+    return true;
+  };
+  doors.Restart(0);
+  const auto guess = [&doors](const std::string& more = {}) {
+    auto& guesser = doors.ConnectStranger(20, 0);
+    doors.Send(guesser, 1, doors.Hello() + Doors::WrongProof() + more);
+    return &guesser;
+  };
+  guess();
+  doors.Run(kMillisecond);
+  EXPECT_EQ(doors.Take(0), "unproved 20");
+  const auto* waiting = guess();
+  guess("?");
+  doors.Run(kMillisecond);
+  EXPECT_EQ(doors.HalfOpen(), 1U) << "nobody speaks before the verdict";
+  doors.Connect(1, 0);
+  doors.Run(90 * kMillisecond);
+  EXPECT_FALSE(waiting->sides[0].hasEnded);
+  EXPECT_EQ(doors.Take(0) + doors.Take(1), "");
+  doors.Run(200 * kMillisecond); // whichever is drawn first
+  EXPECT_TRUE(waiting->sides[0].hasEnded);
+  EXPECT_EQ(doors.Take(1), "opened 10, ended 10 0");
+  EXPECT_EQ(asked, "not marked ");
+}
+
+TEST(TCPE_Doors, TenProofsASecondAreExaminedOfOneAddress) {
+  for (const std::uint32_t addresses : {1U, 3U}) {
+    Doors doors(true);
+    doors.Flood(100, addresses, kMillisecond, doors.Hello() + Doors::WrongProof());
+    doors.Run(10 * kSecond);
+    const std::uint64_t examined = doors.Counts(0).unproved + doors.Counts(0).turnedAway;
+    EXPECT_EQ(doors.Counts(0).unproved, addresses);
+    EXPECT_GE(examined, addresses * 95U);
+    EXPECT_LE(examined, addresses * 100U);
+    EXPECT_EQ(doors.Take(0), addresses == 1 ? "unproved 100" : "unproved 100, unproved 101, unproved 102");
   }
 }
 
