@@ -249,10 +249,11 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnProof(const TCPE_FrameHeader&
   if (header.type != mLocal.challengeType || isReply != (mState == State::proof)) {
     return Fail(eNetworkError_MalformedData);
   }
-  if (header.Has(kTCPE_Flag_ErrorReply)) {
-    return RefusedByPeer(header);
+  if (header.Has(kTCPE_Flag_ErrorReply) && header.error == eTCPE_CommErr_Authentication) {
+    return Refused(eTCPE_CommErr_Authentication);
   }
-  if (payload.size() != mProof.size()) {
+  // Whatever else a refusal says may be forged: a peer that knows the secret says it with a tag.
+  if (header.Has(kTCPE_Flag_ErrorReply) || payload.size() != mProof.size()) {
     return Fail(eNetworkError_MalformedData);
   }
   if (mState == State::challenge) {

@@ -178,6 +178,23 @@ TEST(TCPE_Doors, TenProofsASecondAreExaminedOfOneAddress) {
   }
 }
 
+/// Who is on the way can say so, but nothing else, before frames have tags.
+TEST(TCPE_Doors, OfARefusalWithoutATagTheAuthenticationErrorAloneIsTaken) {
+  for (const TCPE_eCmd type : {4, 5, 0}) {
+    for (std::uint16_t error = 0; error <= 20; ++error) {
+      for (const std::uint8_t flags : {std::uint8_t{2}, std::uint8_t{3}}) {
+        Doors doors(true);
+        doors.Send(*doors.ConnectToStranger(0, 20), 0,
+                   doors.Hello() + Doors::Frame({.flags = flags, .type = type, .error = error}));
+        doors.Run(kMillisecond);
+        const bool isTaken = type == 4 && error == eTCPE_CommErr_Authentication;
+        EXPECT_EQ(doors.Take(0), isTaken ? "ended 20 17" : "ended 20 2") << type << ' ' << error;
+        EXPECT_EQ(doors.Counts(0).malformed, isTaken ? 0U : 1U);
+      }
+    }
+  }
+}
+
 TEST(TCPE_Doors, AFloodIsToldEveryTenSeconds) {
   Doors doors(false);
   doors.Flood(100, 50, 10 * kMillisecond, "");
