@@ -69,7 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       break;
     case 2:
       for (std::uint8_t times = input.U8() % 32; times > 0; --times) {
-        receive(codec.WriteQuery({.kind = self.isSatellite ? Codec::Kind::satellites : Codec::Kind::masters}));
+        Codec::Query query{.kind = self.isSatellite ? Codec::Kind::satellites : Codec::Kind::masters,
+                           .asker = asker.address};
+        query.nonce[0] = std::byte{times};
+        receive(codec.WriteQuery(query));
       }
       break;
     case 3: {

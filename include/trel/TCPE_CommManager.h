@@ -184,8 +184,9 @@ public:
   bool GetAuthenticationFailed(std::uint32_t address) const;
 
   /// Sends the question for master systems, or for satellites, from a registered socket to one address; with address 0
-  /// to the adaptor's whole network. A socket's new question takes the place of its old one. False when it could not be
-  /// sent.
+  /// to the adaptor's whole network. A socket's new question takes the place of its old one. With a shared secret who
+  /// is asked from another address than the adaptor's does not answer; a socket that is not bound is bound to that.
+  /// False when it could not be sent.
   bool SendDiscoverMasterSystemsCommand(Sys_UDPSocket* socket, std::uint32_t address);
   bool SendDiscoveryRequestCommand(Sys_UDPSocket* socket, std::uint32_t address);
   /// Waits for the next reply to the question that the socket has sent, from whatever address but this system's own;

@@ -18,6 +18,6 @@ struct TCPE_Counters {
   // Datagrams of discovery.
   std::uint64_t malformedDatagrams = 0;      ///< no queries, and no replies to what was asked
   std::uint64_t otherNumberingDatagrams = 0; ///< of systems that use the other command numbering
-  std::uint64_t unauthenticDatagrams = 0;    ///< tagged without a shared secret, or with one not tagged or wrongly
+  std::uint64_t unauthenticDatagrams = 0;    ///< tagged without a shared secret; with one not tagged, wrongly, or again
   std::uint64_t datagramsBeyondRate = 0;     ///< queries and replies that were more than is answered or taken
 };

@@ -24,6 +24,8 @@ struct TCPE_DiscoveryClient::Question {
 
 bool TCPE_DiscoveryClient::Ask(Sys_UDPSocket& socket, TCPE_DiscoveryCodec::Query query, std::uint32_t localAddress,
                                std::uint32_t address, std::uint16_t port) {
+  query.asker = localAddress;
+  socket.Bind(localAddress, 0); // from any other address the tag would be wrong; fails when the socket is bound
   socket.Attachment() = Question{query};
   const auto datagram = mCodec.WriteQuery(query);
   const TCPE_ByteTap::Turn turn(mTap);

@@ -43,12 +43,12 @@ std::vector<std::byte> TCPE_DiscoveryCodec::WriteQuery(const Query& query) const
   std::copy(query.nonce.begin(), query.nonce.end(), datagram.begin() + TCPE_FrameHeader::kSize);
   TCPE_SealFrame(datagram);
   if (mConfig.key) {
-    AppendTag(datagram, mConfig.key->MakeMac(kQueryLabel, {datagram}));
+    AppendTag(datagram, mConfig.key->MakeMac(kQueryLabel, {BytesOf(query.asker), datagram}));
   }
   return datagram;
 }
 
-TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::ReadQuery(Bytes datagram, Query* query) const {
+TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::ReadQuery(Bytes datagram, std::uint32_t source, Query* query) const {
   Parts parts;
   if (const Verdict verdict = TakeApart(datagram, &parts); verdict != Verdict::sound) {
     return verdict;
@@ -58,12 +58,13 @@ TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::ReadQuery(Bytes datagram, Quer
       parts.header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
     return Verdict::malformed;
   }
-  if (mConfig.key && !mConfig.key->Verify(kQueryLabel, {parts.frame}, parts.tag)) {
+  if (mConfig.key && !mConfig.key->Verify(kQueryLabel, {BytesOf(source), parts.frame}, parts.tag)) {
     return Verdict::notAuthentic;
   }
   query->kind = asksForMasters ? Kind::masters : Kind::satellites;
   query->serial = parts.header.serial;
   query->senderSystemType = parts.header.senderSystemType;
+  query->asker = source;
   std::copy_n(parts.payload.begin(), query->nonce.size(), query->nonce.begin());
   return Verdict::sound;
 }

@@ -18,7 +18,8 @@ class TCPE_AuthenticationKey;
 /// Writes and reads the datagrams by which systems find each other.
 ///
 /// A query is as long as its reply, so that nobody can use a system to multiply traffic. With a key both carry a tag:
-/// the query's shows that a system of this link asks, the reply's that one with this address answers this very query.
+/// the query's shows that a system of this link asks from its address, the reply's that one with this address answers
+/// this very query.
 /// Thread-safe.
 class TCPE_DiscoveryCodec {
 public:
@@ -30,6 +31,7 @@ public:
     std::uint32_t serial = 0;
     TCPE_Hello::Nonce nonce{};
     std::uint8_t senderSystemType = 0;
+    std::uint32_t asker = 0; ///< the address that the datagram comes from
   };
   struct Reply {
     TCPE_System system; ///< its address is the datagram's source
@@ -56,7 +58,7 @@ public:
   std::size_t Length() const { return TCPE_FrameHeader::kSize + kPayloadSize + (mConfig.key ? kTCPE_TagSize : 0); }
 
   std::vector<std::byte> WriteQuery(const Query& query) const;
-  Verdict ReadQuery(std::span<const std::byte> datagram, Query* query) const;
+  Verdict ReadQuery(std::span<const std::byte> datagram, std::uint32_t source, Query* query) const;
   /// `address` is the answering system's, from which the datagram is sent.
   std::vector<std::byte> WriteReply(const Query& query, std::uint32_t address, const Reply& reply) const;
   Verdict ReadReply(std::span<const std::byte> datagram, const Query& query, std::uint32_t source, Reply* reply) const;

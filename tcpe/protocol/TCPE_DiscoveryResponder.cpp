@@ -4,12 +4,16 @@
 #include <utility>
 
 TCPE_DiscoveryResponder::TCPE_DiscoveryResponder(Config config)
-    : mConfig(std::move(config)), mCodec(mConfig.datagrams), mRate(mConfig.limits) {}
+    : mConfig(std::move(config)), mCodec(mConfig.datagrams), mRate(mConfig.limits),
+      mKnownNonces(mConfig.limits.maxKnownQueries) {}
 
 void TCPE_DiscoveryResponder::Received(std::span<const std::byte> datagram, const Asker& from, bool wasBroadcast,
                                        TCPE_Time now) {
   TCPE_DiscoveryCodec::Query query;
-  const TCPE_DiscoveryCodec::Verdict verdict = mCodec.ReadQuery(datagram, &query);
+  TCPE_DiscoveryCodec::Verdict verdict = mCodec.ReadQuery(datagram, from.address, &query);
+  if (mConfig.datagrams.key && verdict == TCPE_DiscoveryCodec::Verdict::sound && !mKnownNonces.Add(query.nonce)) {
+    verdict = TCPE_DiscoveryCodec::Verdict::notAuthentic; // somebody has recorded it
+  }
   mCounters.Count(verdict);
   const bool looksForSatellites = query.kind == TCPE_DiscoveryCodec::Kind::satellites;
   if (verdict != TCPE_DiscoveryCodec::Verdict::sound || from.port == 0 ||

@@ -3,6 +3,7 @@
 #include "tcpe/protocol/TCPE_AnswerRate.h"
 #include "tcpe/protocol/TCPE_DiscoveryCodec.h"
 #include "tcpe/protocol/TCPE_DiscoveryCounters.h"
+#include "tcpe/protocol/TCPE_KnownNonces.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
 #include <cstdint>
@@ -15,7 +16,7 @@
 /// Answers queries, without sockets or a clock: who is answered, with what, and when.
 ///
 /// Satellites answer who looks for satellites, all others who looks for masters. A query that went to everybody is
-/// answered after a random delay, so that not everybody answers at once.
+/// answered after a random delay, so that not everybody answers at once. With a key each query is answered once.
 class TCPE_DiscoveryResponder {
 public:
   /// This system as it is now.
@@ -56,6 +57,7 @@ private:
   const Config mConfig;
   const TCPE_DiscoveryCodec mCodec;
   TCPE_AnswerRate mRate;
+  TCPE_KnownNonces mKnownNonces; ///< of queries with a right tag
   TCPE_DiscoveryCounters mCounters;
   std::multimap<TCPE_Time, Due> mDue;
 };

@@ -73,6 +73,8 @@ struct TCPE_Limits {
   int answersPerSecond = 20;
   /// Asking addresses whose rate is known: four full links on one network.
   std::size_t maxAskers = 512;
+  /// Queries with a right tag that are known again: of four full links that search all the time those of 16 s.
+  std::size_t maxKnownQueries = 8192;
   /// Answers that wait for their moment: everybody on such a network asks at once.
   std::size_t maxDueAnswers = 512;
   /// Systems whose replies to one query are taken: all of such a network, twice.

@@ -60,7 +60,8 @@ public:
     std::array<std::byte, 1000> buffer{};
     std::size_t size = 0;
     return mSocket.Receive(buffer, 10'000'000, &size) == Sys_UDPSocket::Result::received &&
-           mCodec.ReadQuery(std::span(buffer).first(size), query) == TCPE_DiscoveryCodec::Verdict::sound;
+           mCodec.ReadQuery(std::span(buffer).first(size), AskerAddress(), query) ==
+               TCPE_DiscoveryCodec::Verdict::sound;
   }
   /// Sends to who asked.
   void Send(std::uint32_t from, const std::vector<std::byte>& datagram) const {
@@ -186,6 +187,7 @@ TEST_F(DiscoveryTest, OnlyThoseWhoShareTheSecretFindEachOther) {
   Systems systems{{remembered, true}};
   Trel_CommManager::GetSatelliteList(&systems);
   EXPECT_EQ(Texts(systems), "127.0.0.3 friendly 0 available; 127.0.0.4  0 available; ");
+  EXPECT_TRUE(Trel_CommManager::VerifySatelliteIsAvailable(kPeerAddress, &remembered));
   EXPECT_EQ(foreign.GetCounters().unauthenticDatagrams, 1U);
   EXPECT_FALSE(foreign.Connect(kHostAddress));
   Trel_CommManager::GetSatelliteList(&systems);

@@ -79,11 +79,11 @@ TEST(TCPE_DiscoveryCodec, TellsWhyItTakesNoDatagram) {
   const Codec otherLock = Make(true, Key(std::byte{2}));
   const Codec legacy = Make(false);
   Codec::Query query;
-  EXPECT_EQ(legacy.ReadQuery(open.WriteQuery(Question()), &query), Verdict::otherNumbering);
-  EXPECT_EQ(locked.ReadQuery(open.WriteQuery(Question()), &query), Verdict::notAuthentic);
-  EXPECT_EQ(open.ReadQuery(locked.WriteQuery(Question()), &query), Verdict::notAuthentic);
-  EXPECT_EQ(otherLock.ReadQuery(locked.WriteQuery(Question()), &query), Verdict::notAuthentic);
-  EXPECT_EQ(open.ReadQuery(open.WriteReply(Question(), kAnswerer, Answer()), &query), Verdict::malformed);
+  EXPECT_EQ(legacy.ReadQuery(open.WriteQuery(Question()), 0, &query), Verdict::otherNumbering);
+  EXPECT_EQ(locked.ReadQuery(open.WriteQuery(Question()), 0, &query), Verdict::notAuthentic);
+  EXPECT_EQ(open.ReadQuery(locked.WriteQuery(Question()), 0, &query), Verdict::notAuthentic);
+  EXPECT_EQ(otherLock.ReadQuery(locked.WriteQuery(Question()), 0, &query), Verdict::notAuthentic);
+  EXPECT_EQ(open.ReadQuery(open.WriteReply(Question(), kAnswerer, Answer()), 0, &query), Verdict::malformed);
 
   Codec::Reply reply;
   const auto read = [&reply](const Codec& codec, const std::vector<std::byte>& datagram, const Codec::Query& asked,

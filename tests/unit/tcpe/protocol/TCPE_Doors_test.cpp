@@ -1,3 +1,4 @@
+#include "tcpe/protocol/TCPE_DiscoveryResponder.h"
 #include "tests/support/Hex.h"
 #include "tests/support/SimulatedNetwork.h"
 #include "tests/support/Times.h"
@@ -200,6 +201,58 @@ TEST(TCPE_Doors, AFloodIsToldEveryTenSeconds) {
   doors.Flood(100, 50, 10 * kMillisecond, "");
   doors.Run(25 * kSecond);
   EXPECT_EQ(doors.At(0).floods.size(), 3U);
+}
+
+/// The tags were calculated by another program, from the description of the protocol.
+TEST(TCPE_Doors, AQueryIsAnsweredOnceAndOnlyToWhoAsked) {
+  const struct {
+    bool isCurrent;
+    TCPE_DiscoveryCodec::Kind kind;
+    const char* header;
+    const char* tag;
+  } cases[] = {{true, TCPE_DiscoveryCodec::Kind::satellites, "0125 04 01 00 0c 01 00 00000002 01020304 7e4e 0000",
+                "8055d4b337d074c91323e7ca4fb3bf6e"},
+               {true, TCPE_DiscoveryCodec::Kind::masters, "0125 04 01 00 0c 01 00 00000003 01020304 7e4d 0000",
+                "de138f65c43e9b99a16d95a3baff6bde"},
+               {false, TCPE_DiscoveryCodec::Kind::satellites, "0125 03 01 00 0c 01 00 fffffffe 01020304 7f51 0000",
+                "1683384cbfd2e2773b91e5817d0bcf0c"},
+               {false, TCPE_DiscoveryCodec::Kind::masters, "0125 03 01 00 0c 01 00 fffffffd 01020304 7f52 0000",
+                "1a6aa25dd8f962cd9d219083d50ea083"}};
+  constexpr std::uint32_t kAsker = 0x0a000007;
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.header);
+    TCPE_DiscoveryResponder::Config config{
+        .limits = {.maxKnownQueries = 3},
+        .datagrams = {.majorVersion = static_cast<std::uint8_t>(test.isCurrent ? 4 : 3),
+                      .minorVersion = 1,
+                      .types = test.isCurrent ? kTCPE_CurrentTypes : kTCPE_LegacyTypes,
+                      .key = SimulatedNetwork::Key('\x01')},
+        .describe =
+            [&test] {
+              return TCPE_DiscoveryResponder::Self{.reply = {},
+                                                   .isSatellite = test.kind == TCPE_DiscoveryCodec::Kind::satellites};
+            },
+        .random = [] { return 0; }};
+    TCPE_DiscoveryResponder responder(config);
+    const auto isAnswered = [&](std::span<const std::byte> datagram, std::uint32_t from) {
+      responder.Received(datagram, {from, 1000}, false, kSecond);
+      return responder.NextAnswer(1, kSecond).has_value();
+    };
+    TCPE_DiscoveryCodec::Query query{.kind = test.kind, .serial = 0x01020304, .senderSystemType = 1, .asker = kAsker};
+    query.nonce.fill(std::byte{0xee});
+    const TCPE_DiscoveryCodec codec(config.datagrams);
+    const std::vector<std::byte> recorded = codec.WriteQuery(query);
+    const std::string expected = FromHex(test.header) + FromHex("ee*16 00*277") + FromHex(test.tag);
+    ASSERT_EQ(std::string(reinterpret_cast<const char*>(recorded.data()), recorded.size()), expected);
+    EXPECT_FALSE(isAnswered(recorded, kAsker + 1));
+    EXPECT_TRUE(isAnswered(recorded, kAsker));
+    for (int others = 0; others <= 3; ++others) {
+      EXPECT_EQ(isAnswered(recorded, kAsker), others == 3) << "the latest three are known";
+      query.nonce[0] = static_cast<std::byte>(others);
+      EXPECT_TRUE(isAnswered(codec.WriteQuery(query), kAsker));
+    }
+    EXPECT_EQ(responder.Counters().notAuthentic, 4U);
+  }
 }
 
 } // namespace
