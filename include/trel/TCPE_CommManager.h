@@ -55,7 +55,8 @@ public:
   ///
   /// With eNetworkError_Authentication also told when a system that wants to connect to this one does not prove the
   /// shared secret, or requires one and this system has none; then at most once in the time for which a failure marks
-  /// an address (see GetAuthenticationFailed), so that attempts cannot flood the host. eNetworkError_Flood names one of
+  /// an address (see GetAuthenticationFailed), and of all addresses together 32 times at once and once a second from
+  /// then on, so that attempts cannot flood the host (TCPE_Counters::untoldFailures). eNetworkError_Flood names one of
   /// the addresses from which more connections come than there are places for newcomers; every 10 s at the most.
   using NetworkErrorProc = void (*)(ENetworkError error, std::uint32_t address);
   /// Gets one line for each command sent, received and replied to, and for each connection that is lost; runs on the

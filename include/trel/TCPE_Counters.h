@@ -14,6 +14,7 @@ struct TCPE_Counters {
   std::uint64_t unfinishedFrames = 0;   ///< connections ended by a frame that was not complete in time
   std::uint64_t unprovedSecrets = 0;    ///< systems that did not prove the shared secret, on either side's connection
   std::uint64_t turnedAway = 0;         ///< ... at addresses where that had happened a short while before
+  std::uint64_t untoldFailures = 0;     ///< ... of which the host was not told, because there were too many
   std::uint64_t wrongTags = 0;          ///< authenticated connections ended by a frame that was not the peer's next one
   // Datagrams of discovery.
   std::uint64_t malformedDatagrams = 0;      ///< no queries, and no replies to what was asked

@@ -222,6 +222,7 @@ TCPE_Counters TCPE_Engine::GetCounters() const {
   counters.refusedConnections = counts.refusals;
   counters.unprovedSecrets = counts.unproved;
   counters.turnedAway = counts.turnedAway;
+  counters.untoldFailures = counts.untold;
   counters.wrongTags = counts.wrongTags;
   counters.malformedFrames = counts.malformed;
   counters.unfinishedFrames = counts.unfinished;

@@ -4,19 +4,13 @@
 
 bool TCPE_AnswerRate::Take(std::uint32_t address, TCPE_Time now) {
   constexpr TCPE_Time kBurst = 1'000'000;
-  if (!mPaidUntil.contains(address) && mPaidUntil.size() >= mMaxAddresses) {
+  if (!mRates.contains(address) && mRates.size() >= mMaxAddresses) {
     ForgetIdlest();
   }
-  TCPE_Time& paidUntil = mPaidUntil.try_emplace(address, now).first->second;
-  const TCPE_Time next = std::max(paidUntil, now) + mInterval;
-  if (next > now + kBurst) {
-    return false;
-  }
-  paidUntil = next;
-  return true;
+  return mRates[address].Take(mInterval, kBurst, now);
 }
 
 void TCPE_AnswerRate::ForgetIdlest() {
-  mPaidUntil.erase(std::min_element(mPaidUntil.begin(), mPaidUntil.end(),
-                                    [](const auto& left, const auto& right) { return left.second < right.second; }));
+  mRates.erase(std::min_element(mRates.begin(), mRates.end(),
+                                [](const auto& left, const auto& right) { return left.second < right.second; }));
 }

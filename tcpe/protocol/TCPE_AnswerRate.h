@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tcpe/protocol/TCPE_Limits.h"
+#include "tcpe/protocol/TCPE_Rate.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -14,13 +14,12 @@ public:
 
   /// Takes one answer to an address; false when it has none left.
   bool Take(std::uint32_t address, TCPE_Time now);
-  std::size_t Addresses() const { return mPaidUntil.size(); }
+  std::size_t Addresses() const { return mRates.size(); }
 
 private:
   void ForgetIdlest();
 
   const TCPE_Time mInterval;
   const std::size_t mMaxAddresses;
-  /// When the answers that an address got would have been spread evenly.
-  std::map<std::uint32_t, TCPE_Time> mPaidUntil;
+  std::map<std::uint32_t, TCPE_Rate> mRates;
 };

@@ -437,8 +437,14 @@ void TCPE_Endpoint::OnUnproved(Id id, TCPE_Time now) {
 void TCPE_Endpoint::TellOfFailure(std::uint32_t address, TCPE_Time now) {
   const bool isNew = !mFailures.IsMarked(address, now);
   mFailures.Add(address, now);
-  if (isNew) {
+  if (!isNew) {
+    return;
+  }
+  const TCPE_Time pause = mConfig.limits.failureReportPause;
+  if (mFailureReports.Take(pause, mConfig.limits.failureReports * pause, now)) {
     Push({.kind = Event::Kind::unproved, .address = address, .networkError = eNetworkError_Authentication});
+  } else {
+    ++mCounts.untold;
   }
 }
 

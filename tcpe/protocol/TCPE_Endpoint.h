@@ -2,6 +2,7 @@
 
 #include "tcpe/protocol/TCPE_AuthenticationFailures.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
+#include "tcpe/protocol/TCPE_Rate.h"
 #include "tcpe/protocol/TCPE_Session.h"
 
 #include <atomic>
@@ -56,7 +57,7 @@ public:
       disconnected, ///< the peer ended the connection with the disconnect command in header and payload
       lost,         ///< an open connection ended with `networkError`
       unproved, ///< a system that would connect from the address did not prove the secret, or requires one that this
-                ///< side does not have; once while the address is marked
+                ///< side does not have; once while the address is marked, and not often for all addresses together
       flooded,  ///< strangers, the address among them, keep the places for newcomers taken; not often
       connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
       send,         ///< send `payload`
@@ -79,6 +80,7 @@ public:
     std::atomic<std::uint64_t> refusals = 0;   ///< connections, and strangers that sent no valid handshake
     std::atomic<std::uint64_t> unproved = 0;   ///< systems that did not prove the secret
     std::atomic<std::uint64_t> turnedAway = 0; ///< ... at addresses that were marked for that already
+    std::atomic<std::uint64_t> untold = 0;     ///< unproved events that would have been too many
     std::atomic<std::uint64_t> wrongTags = 0;  ///< connections ended by a frame that is not the peer's next one
     std::atomic<std::uint64_t> malformed = 0;  ///< connections ended by what is no frame, or one out of place
     std::atomic<std::uint64_t> unfinished = 0; ///< connections ended by a frame that was not complete in time
@@ -191,6 +193,7 @@ private:
   std::vector<std::byte> mCurrentBytes;
   Id mLastId = 0;
   TCPE_AuthenticationFailures mFailures;
+  TCPE_Rate mFailureReports;
   TCPE_Time mFloodSince = 0;
   TCPE_Time mFloodUntil = 0;
   TCPE_Time mTellFloodsFrom = 0;

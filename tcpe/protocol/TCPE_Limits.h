@@ -69,6 +69,12 @@ struct TCPE_Limits {
   /// searched.
   std::size_t maxFailedAddresses = 256;
 
+  /// Failed proofs of strangers that a host is told of at once, whatever their addresses: a small link that has the
+  /// wrong secret ...
+  int failureReports = 32;
+  /// ... and one more each time so long has passed.
+  TCPE_Time failureReportPause = 1'000'000;
+
   /// Answers to one asking address: a host that searches all the time asks once a second.
   int answersPerSecond = 20;
   /// Asking addresses whose rate is known: four full links on one network.

@@ -26,6 +26,7 @@ constexpr Counter kCounters[] = {{"unknown_commands", &TCPE_Counters::unknownCom
                                  {"unfinished_frames", &TCPE_Counters::unfinishedFrames},
                                  {"unproved_secrets", &TCPE_Counters::unprovedSecrets},
                                  {"turned_away", &TCPE_Counters::turnedAway},
+                                 {"untold_failures", &TCPE_Counters::untoldFailures},
                                  {"wrong_tags", &TCPE_Counters::wrongTags},
                                  {"malformed_datagrams", &TCPE_Counters::malformedDatagrams},
                                  {"other_numbering_datagrams", &TCPE_Counters::otherNumberingDatagrams},

@@ -203,6 +203,22 @@ TEST(TCPE_Doors, AFloodIsToldEveryTenSeconds) {
   EXPECT_EQ(doors.At(0).floods.size(), 3U);
 }
 
+TEST(TCPE_Doors, WhatStrangersCanMakeAHostSayIsBounded) {
+  for (const bool haveSecret : {false, true}) {
+    Doors doors(haveSecret);
+    std::string bytes = doors.Hello() + (haveSecret ? Doors::WrongProof() : "");
+    bytes[6] = 1; // requires a secret
+    doors.Flood(100, 3000, kMillisecond, bytes);
+    doors.Run(8 * kSecond);
+    const std::string log = doors.Take(0);
+    const auto told = static_cast<std::uint64_t>(1 + std::count(log.begin(), log.end(), ','));
+    EXPECT_GE(told, 32U + 7U);
+    EXPECT_LE(told, 32U + 8U);
+    EXPECT_GE(told + doors.Counts(0).untold, 7900U) << "addresses are too many to be remembered";
+    EXPECT_LE(told + doors.Counts(0).untold, 8001U);
+  }
+}
+
 /// The tags were calculated by another program, from the description of the protocol.
 TEST(TCPE_Doors, AQueryIsAnsweredOnceAndOnlyToWhoAsked) {
   const struct {
