@@ -1,5 +1,6 @@
 #include "tools/trel/Commands.h"
 #include "tools/trel/common/ExitStatus.h"
+#include "tools/trel/common/Output_Standard.h"
 
 #include <trel/Cmn_Assert.h>
 
@@ -7,6 +8,7 @@
 
 #include <exception>
 #include <iostream>
+#include <string>
 #include <string_view>
 
 namespace {
@@ -21,13 +23,10 @@ constexpr const char* kExitStatusHelp = "Exit status: 0 everything happened; 1 s
 /// Where in the library a fault was found does not help who uses the program.
 void ReportFault(const char* text, std::int32_t /*line*/) {
   const std::string_view whole(text);
-  std::cerr << "trel: " + std::string(whole.substr(0, whole.find("@$^$@"))) + '\n';
+  Output_Standard::Say(std::string(whole.substr(0, whole.find("@$^$@"))));
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-  Cmn_Assert::SetSink(&ReportFault);
+int Run(int argc, char** argv) {
   try {
     CLI::App program("Links audio workstations on one network so that they start together.", "trel");
     program.set_version_flag("--version", "trel " TREL_VERSION);
@@ -47,7 +46,16 @@ int main(int argc, char** argv) {
     }
     return exitStatus;
   } catch (const std::exception& error) {
-    std::cerr << "trel: " << error.what() << '\n';
+    std::cout.flush();
+    Output_Standard::Say(error.what());
     return kExitFailure;
   }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  Cmn_Assert::SetSink(&ReportFault);
+  Output_Standard output;
+  return output.Finish(Run(argc, argv));
 }

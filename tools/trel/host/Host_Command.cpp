@@ -53,7 +53,8 @@ int RunHost(const Host_Options& options) {
     sinks.push_back(std::make_unique<Host_RecordSink>(options.recording));
   }
   Host_Events events(std::move(sinks));
-  return Host_Node(options, events).Run();
+  const int exitStatus = Host_Node(options, events).Run();
+  return !events.Finish() && exitStatus == kExitSuccess ? kExitFailure : exitStatus;
 }
 
 } // namespace

@@ -14,4 +14,6 @@ public:
   virtual void Take(const Host_Event& event) = 0;
   /// Whether it takes samples too.
   virtual bool TakesSamples() const { return false; }
+  /// Whether it could not write all that it has taken, which it has said.
+  virtual bool HasFailed() const { return false; }
 };

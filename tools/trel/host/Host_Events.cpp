@@ -2,6 +2,7 @@
 
 #include "tools/trel/host/Host_EventSink.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -13,13 +14,16 @@ constexpr std::size_t kMostWaiting = 10'000;
 Host_Events::Host_Events(std::vector<std::unique_ptr<Host_EventSink>> sinks)
     : mSinks(std::move(sinks)), mThread([this] { Run(); }) {}
 
-Host_Events::~Host_Events() {
+bool Host_Events::Finish() {
   {
     const std::lock_guard lock(mMutex);
     mEnding = true;
   }
   mChanged.notify_one();
-  mThread.join();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  return std::none_of(mSinks.begin(), mSinks.end(), [](const auto& sink) { return sink->HasFailed(); });
 }
 
 void Host_Events::Tell(Host_Event event) {

@@ -17,13 +17,15 @@ class Host_EventSink;
 class Host_Events {
 public:
   explicit Host_Events(std::vector<std::unique_ptr<Host_EventSink>> sinks);
-  /// Everything that has been told has been taken afterwards.
-  ~Host_Events();
+  ~Host_Events() { Finish(); }
   Host_Events(const Host_Events&) = delete;
   Host_Events& operator=(const Host_Events&) = delete;
 
   /// Thread-safe; never waits. When too many events wait already, this one is counted and dropped.
   void Tell(Host_Event event);
+  /// Everything that has been told has been taken afterwards, and nothing more is.
+  /// @return whether all of it could be written
+  bool Finish();
 
 private:
   void Run();

@@ -1,6 +1,7 @@
 #include "tools/trel/host/Host_RecordSink.h"
 
 #include "tools/trel/common/ClockFields.h"
+#include "tools/trel/common/Output_Standard.h"
 #include "tools/trel/host/Host_Event.h"
 
 #include <trel/Trel_CommManager.h>
@@ -8,7 +9,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <stdexcept>
 
 namespace {
 
@@ -16,11 +16,12 @@ constexpr std::chrono::milliseconds kClockPeriod{250};
 
 }
 
-Host_RecordSink::Host_RecordSink(const std::string& file) : mFile(file), mWriter(mFile) {
-  if (!mFile) {
-    throw std::runtime_error("cannot write " + file);
-  }
-}
+Host_RecordSink::Host_RecordSink(const std::string& file)
+    : mFile(file,
+            [file](const std::string& reason) {
+              Output_Standard::Say("cannot write " + file + ": " + reason + "; the recording ends here");
+            }),
+      mWriter(mFile) {}
 
 void Host_RecordSink::Take(const Host_Event& event) {
   const std::lock_guard lock(mMutex);

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "tools/trel/common/Output_File.h"
 #include "tools/trel/host/Host_EventSink.h"
 #include "tools/trel/host/Host_JsonSink.h"
 
-#include <fstream>
 #include <mutex>
 #include <stop_token>
 #include <string>
@@ -17,12 +17,13 @@ public:
   explicit Host_RecordSink(const std::string& file);
   void Take(const Host_Event& event) override;
   bool TakesSamples() const override { return true; }
+  bool HasFailed() const override { return !mFile.Problem().empty(); }
 
 private:
   void RecordClock(const std::stop_token& stop);
 
   std::mutex mMutex;
-  std::ofstream mFile;   // guarded by mMutex
+  Output_File mFile;     // guarded by mMutex
   Host_JsonSink mWriter; // writes to it
   std::jthread mClock;   // once the satellite is ready
 };

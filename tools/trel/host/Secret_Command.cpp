@@ -68,8 +68,8 @@ void WriteNewFile(const std::string& name, const std::string& text) {
 int RunSecret(const std::string& file) {
   const std::string secret = MakeSecret();
   if (file.empty()) {
-    std::cout << secret << '\n' << std::flush;
-    return std::cout ? kExitSuccess : kExitFailure;
+    std::cout << secret << '\n';
+    return kExitSuccess;
   }
   WriteNewFile(file, secret + '\n');
   std::cout << "The secret is in " << file << "; only you can read it.\n"

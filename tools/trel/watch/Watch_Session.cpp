@@ -135,7 +135,7 @@ int Watch_Session::Follow() {
       next = now + period;
     }
     if (!std::cout) {
-      return kExitSuccess; // nobody reads it any more
+      return kExitFailure; // which has been said
     }
     std::array<pollfd, 3> descriptors = {{{SignalPipe::Descriptor(), POLLIN, 0},
                                           {mClient->Descriptor(), POLLIN, 0},

@@ -1,0 +1,61 @@
+#include "tests/support/HostProcess.h"
+#include "tests/support/Shell.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using testing::HasSubstr;
+
+/// A command line of a shell, in which $T is the program and $HOST a host whose ports nobody else has, and how that
+/// ends.
+struct Case {
+  const char* line;
+  int status;
+  const char* text; ///< in what it writes to the output of the shell
+};
+
+class Ground : public testing::Test {
+protected:
+  /// Runs cases one after the other; one that does not end in time has status 124.
+  template <std::size_t Size>
+  static void Expect(const Case (&cases)[Size]) {
+    const std::string setting = "T='timeout 20 " TREL_PROGRAM "'\n"
+                                "HOST=\"$T host --address 127.0.9.2 --port 28682 --discovery-port 28683\"\n";
+    for (const Case& expected : cases) {
+      const ShellOutcome outcome = RunShell(setting + expected.line);
+      EXPECT_EQ(outcome.status, expected.status) << expected.line << '\n' << outcome.output;
+      EXPECT_THAT(outcome.output, HasSubstr(expected.text)) << expected.line;
+    }
+  }
+};
+
+TEST_F(Ground, AFullDiskIsTold) {
+  constexpr const char* kOutput = "trel: cannot write to the standard output: No space left on device\n";
+  constexpr Case kCases[] = {
+      {"$T --help 2>&1 > /dev/full", 1, kOutput},
+      {"$T --version 2>&1 > /dev/full", 1, kOutput},
+      {"$T commands 2>&1 > /dev/full", 1, kOutput},
+      {"$T encode StopPlayback 2>&1 > /dev/full", 1, kOutput},
+      {"$T secret 2>&1 > /dev/full", 1, kOutput},
+      {"$T doctor --address 127.0.9.9 2>&1 > /dev/full", 1, kOutput},
+      {"$T demo --satellites 1 --rounds 1 2>&1 > /dev/full", 1, kOutput},
+      {"$HOST --master < /dev/null 2>&1 > /dev/full", 1, kOutput},
+      {"$HOST --master --json < /dev/null 2>&1 > /dev/full", 1, kOutput},
+      {"$T watch --address 127.0.9.3 2>&1 > /dev/full", 1, kOutput},
+      {"$T discover --discovery-port 28683 --address 127.0.9.9 2>&1 > /dev/full", 1, kOutput},
+      {"$HOST --master --record /dev/full < /dev/null 2>&1", 1,
+       "trel: cannot write /dev/full: No space left on device"},
+      {"$T --version 2>&1", 0, "trel "},
+  };
+  HostProcess host(
+      {"host", "--master", "--json", "--address", "127.0.9.3", "--port", "28682", "--discovery-port", "28683"});
+  host.Await({{"event", "ready"}}); // somebody to watch and to discover
+  Expect(kCases);
+  EXPECT_EQ(host.End(), 0);
+}
+
+} // namespace

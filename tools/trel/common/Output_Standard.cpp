@@ -1,0 +1,25 @@
+#include "tools/trel/common/Output_Standard.h"
+
+#include "tools/trel/common/ExitStatus.h"
+
+#include <unistd.h>
+
+Output_Standard::Output_Standard()
+    : mBuffer(STDOUT_FILENO, [](const std::string& reason) { Say("cannot write to the standard output: " + reason); }),
+      mBefore(std::cout.rdbuf(&mBuffer)) {}
+
+Output_Standard::~Output_Standard() {
+  std::cout.flush();
+  std::cout.rdbuf(mBefore);
+}
+
+int Output_Standard::Finish(int exitStatus) {
+  std::cout.flush();
+  return mBuffer.HasFailed() && exitStatus == kExitSuccess ? kExitFailure : exitStatus;
+}
+
+void Output_Standard::Say(const std::string& text) {
+  // Not by way of std::cerr, which writes what std::cout holds first, and that is another thread's.
+  const std::string line = "trel: " + text + '\n';
+  [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, line.data(), line.size());
+}
