@@ -58,4 +58,19 @@ TEST_F(Ground, AFullDiskIsTold) {
   EXPECT_EQ(host.End(), 0);
 }
 
+TEST_F(Ground, ClosedDescriptorsAreNobodys) {
+  // Without care the recording, or a pipe of the program, becomes its output and its input.
+  constexpr Case kCases[] = {
+      {"$T --version 2>&1 >&-", 0, ""},
+      {"R=$(mktemp); $HOST --master --record $R < /dev/null 2>&1 >&- && ! grep -v '^{' $R && grep '\"ended\"' $R\n"
+       "status=$?; rm $R; exit $status",
+       0, "\"ended\""},
+      {"R=$(mktemp); $HOST --master --record $R <&- >&- 2>&- && ! grep -v '^{' $R && grep '\"ended\"' $R\n"
+       "status=$?; rm $R; exit $status",
+       0, "\"ended\""},
+      {"$HOST --master <&- 2>&1", 0, "master at 127.0.9.2"},
+  };
+  Expect(kCases);
+}
+
 } // namespace

@@ -55,6 +55,7 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+  OpenStandardDescriptors();
   Cmn_Assert::SetSink(&ReportFault);
   Output_Standard output;
   return output.Finish(Run(argc, argv));

@@ -2,7 +2,18 @@
 
 #include "tools/trel/common/ExitStatus.h"
 
+#include <cerrno>
+
+#include <fcntl.h>
 #include <unistd.h>
+
+void OpenStandardDescriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) < 0 && errno == EBADF) {
+      open("/dev/null", O_RDWR); // gets the lowest number that is free; stays open for programs that are started
+    }
+  }
+}
 
 Output_Standard::Output_Standard()
     : mBuffer(STDOUT_FILENO, [](const std::string& reason) { Say("cannot write to the standard output: " + reason); }),

@@ -5,6 +5,10 @@
 #include <iostream>
 #include <string>
 
+/// Opens /dev/null in place of those of the descriptors 0 to 2 that are closed, so that no file, socket or pipe of the
+/// program is taken for its input or its output. First of all.
+void OpenStandardDescriptors();
+
 /// The standard output of the program while the object lives: all that goes to std::cout. When it cannot be written,
 /// the standard error says so at once, and the exit status in the end. One object a process.
 class Output_Standard {
