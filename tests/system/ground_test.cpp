@@ -1,10 +1,17 @@
 #include "tests/support/HostProcess.h"
 #include "tests/support/Shell.h"
+#include "tests/support/TestSystem.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdio>
 #include <string>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -71,6 +78,37 @@ TEST_F(Ground, ClosedDescriptorsAreNobodys) {
       {"$HOST --master <&- 2>&1", 0, "master at 127.0.9.2"},
   };
   Expect(kCases);
+}
+
+TEST_F(Ground, AHostWhoseOutputNobodyReadsLeavesAndEnds) {
+  const std::vector<std::string> place = {"--json", "--port", "28682", "--discovery-port", "28683", "--address"};
+  const auto host = [&place](std::vector<std::string> arguments, const char* address) {
+    arguments.insert(arguments.end(), place.begin(), place.end());
+    arguments.emplace_back(address);
+    return arguments;
+  };
+  const std::string recording = testing::TempDir() + "trel_ground_" + std::to_string(getpid());
+  HostProcess satellite(host({"host", "--satellite", "--connect", "127.0.9.2"}, "127.0.9.3"));
+  HostProcess master(host({"host", "--master", "--record", recording}, "127.0.9.2"));
+  satellite.Await({{"event", "connected"}});
+  for (int time = 0; time < 100; ++time) {
+    master.Send("help"); // far more than a pipe holds
+  }
+  master.Send("record on");
+  satellite.Await({{"event", "record"}, {"on", true}}); // the link goes on
+  kill(master.Id(), SIGTERM);
+  satellite.Await({{"event", "left"}}, HostProcess::Milliseconds(2000));
+  const auto hasEnded = [&master] {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(master.Id()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == master.Id();
+  };
+  const std::int64_t before = Sys_Clock::RawMicroseconds();
+  EXPECT_TRUE(Eventually(hasEnded));
+  ExpectWithin("the end of a host that nobody reads, us", Sys_Clock::RawMicroseconds() - before, 4'000'000);
+  EXPECT_EQ(master.End(), 128 + SIGTERM);
+  EXPECT_EQ(RunShell("grep -c '\"command\":\"help\"' " + recording).output, "100\n"); // which is no matter of the pipe
+  std::remove(recording.c_str());
 }
 
 } // namespace

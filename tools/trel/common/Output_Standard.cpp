@@ -31,6 +31,7 @@ int Output_Standard::Finish(int exitStatus) {
 
 void Output_Standard::Say(const std::string& text) {
   // Not by way of std::cerr, which writes what std::cout holds first, and that is another thread's.
-  const std::string line = "trel: " + text + '\n';
-  [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, line.data(), line.size());
+  constexpr std::chrono::milliseconds kPatience{200}; // whoever says something has other things to do
+  Output_Buffer buffer(STDERR_FILENO, {}, kPatience);
+  std::ostream(&buffer) << "trel: " + text + '\n' << std::flush;
 }

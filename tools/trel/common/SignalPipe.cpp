@@ -1,18 +1,21 @@
 #include "tools/trel/common/SignalPipe.h"
 
 #include <cstddef>
-#include <utility>
+#include <iterator>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
-int SignalPipe::sEnds[2] = {-1, -1};
+std::atomic<int> SignalPipe::sEnds[2] = {-1, -1};
 
 SignalPipe::SignalPipe() {
-  if (pipe(sEnds) == 0) {
-    for (const int end : sEnds) {
-      fcntl(end, F_SETFD, FD_CLOEXEC);
-      fcntl(end, F_SETFL, O_NONBLOCK);
+  int ends[2] = {-1, -1};
+  if (pipe(ends) == 0) {
+    for (std::size_t index = 0; index < std::size(ends); ++index) {
+      fcntl(ends[index], F_SETFD, FD_CLOEXEC);
+      fcntl(ends[index], F_SETFL, O_NONBLOCK);
+      sEnds[index] = ends[index];
     }
   }
   for (std::size_t index = 0; index < kSignals.size(); ++index) {
@@ -32,12 +35,17 @@ SignalPipe::~SignalPipe() {
   for (std::size_t index = 0; index < kSignals.size(); ++index) {
     sigaction(kSignals[index], &mBefore[index], nullptr);
   }
-  for (int& end : sEnds) {
-    close(std::exchange(end, -1));
+  for (std::atomic<int>& end : sEnds) {
+    close(end.exchange(-1));
   }
 }
 
 int SignalPipe::Take() {
   char byte = 0;
   return read(sEnds[0], &byte, 1) == 1 ? byte : 0;
+}
+
+bool SignalPipe::IsWaiting() {
+  pollfd descriptor = {Descriptor(), POLLIN, 0}; // without an object a negative one, which is passed over
+  return poll(&descriptor, 1, 0) > 0;
 }

@@ -2,68 +2,34 @@
 
 #include "tools/trel/host/Host_EventSink.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace {
 
-constexpr std::size_t kMostWaiting = 10'000;
+constexpr std::chrono::milliseconds kPatience{1500}; // with who reads what is told, all sinks together
 
 }
 
-Host_Events::Host_Events(std::vector<std::unique_ptr<Host_EventSink>> sinks)
-    : mSinks(std::move(sinks)), mThread([this] { Run(); }) {}
+Host_Events::Host_Events(std::vector<std::unique_ptr<Host_EventSink>> sinks) {
+  for (std::unique_ptr<Host_EventSink>& sink : sinks) {
+    mQueues.push_back(std::make_unique<Host_EventQueue>(std::move(sink)));
+  }
+}
+
+void Host_Events::Tell(const Host_Event& event) {
+  for (const auto& queue : mQueues) {
+    queue->Push(event);
+  }
+}
 
 bool Host_Events::Finish() {
-  {
-    const std::lock_guard lock(mMutex);
-    mEnding = true;
+  for (const auto& queue : mQueues) {
+    queue->End();
   }
-  mChanged.notify_one();
-  if (mThread.joinable()) {
-    mThread.join();
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  bool isWritten = true;
+  for (const auto& queue : mQueues) {
+    isWritten = queue->AwaitEnd(deadline) && isWritten;
   }
-  return std::none_of(mSinks.begin(), mSinks.end(), [](const auto& sink) { return sink->HasFailed(); });
-}
-
-void Host_Events::Tell(Host_Event event) {
-  {
-    const std::lock_guard lock(mMutex);
-    if (mWaiting.size() >= kMostWaiting) {
-      ++mDropped;
-      return;
-    }
-    mWaiting.push_back(std::move(event));
-  }
-  mChanged.notify_one();
-}
-
-void Host_Events::Run() {
-  std::unique_lock lock(mMutex);
-  for (;;) {
-    mChanged.wait(lock, [this] { return mEnding || !mWaiting.empty(); });
-    if (mWaiting.empty()) {
-      return;
-    }
-    const std::deque<Host_Event> events = std::exchange(mWaiting, {});
-    const std::int64_t dropped = std::exchange(mDropped, 0);
-    lock.unlock();
-    for (const Host_Event& event : events) {
-      Take(event);
-    }
-    if (dropped != 0) {
-      Take({.kind = "dropped",
-            .text = std::to_string(dropped) + " messages were left out: the output was not taken in time",
-            .fields = {{"count", dropped}}});
-    }
-    lock.lock();
-  }
-}
-
-void Host_Events::Take(const Host_Event& event) {
-  for (const auto& sink : mSinks) {
-    if (!event.isSample || sink->TakesSamples()) {
-      sink->Take(event);
-    }
-  }
+  return isWritten;
 }

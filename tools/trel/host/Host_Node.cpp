@@ -6,7 +6,7 @@
 #include "tools/trel/host/Host_Commands.h"
 #include "tools/trel/host/Host_Console.h"
 #include "tools/trel/host/Host_Events.h"
-#include "tools/trel/host/Host_RoundTrips.h"
+#include "tools/trel/host/Host_Samples.h"
 #include "tools/trel/host/Host_Status.h"
 
 #include <trel/Cmn_Printable.h>
@@ -43,9 +43,9 @@ int Host_Node::Run() {
   int exitStatus = kExitSuccess;
   {
     const Status_Server statusServer([this] { return Host_Status(mSession); });
-    std::optional<Host_RoundTrips> roundTrips;
+    std::optional<Host_Samples> samples;
     if (!mOptions.recording.empty()) {
-      roundTrips.emplace(mSession, mEvents);
+      samples.emplace(mSession, mEvents);
     }
     if (mOptions.trial.IsClockMeasured() && !mOptions.isMaster) {
       Host_ClockSampler::OnSample onSample;

@@ -1,5 +1,6 @@
 #include "tools/trel/host/Host_WordsSink.h"
 
+#include "tools/trel/common/Output_Buffer.h"
 #include "tools/trel/host/Host_Event.h"
 
 #include <trel/Cmn_Printable.h>
@@ -50,3 +51,5 @@ void Host_WordsSink::Take(const Host_Event& event) {
   }
   std::cout << (mPrompts ? kPrompt : "") << std::flush;
 }
+
+void Host_WordsSink::GiveUp() { Output_Buffer::GiveUp(std::cout); }

@@ -9,6 +9,7 @@ class Host_WordsSink : public Host_EventSink {
 public:
   explicit Host_WordsSink(bool isVerbose);
   void Take(const Host_Event& event) override;
+  void GiveUp() override;
 
 private:
   bool mIsVerbose;

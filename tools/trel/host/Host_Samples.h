@@ -8,14 +8,16 @@
 class Host_Events;
 class Host_Session;
 
-/// Tells, as samples, the round trips that the master measures when it keeps the clocks of the others.
-class Host_RoundTrips {
+/// Tells what recordings have besides, as samples: the round trips that the master measures when it keeps the clocks of
+/// the others, and the clock of a satellite four times a second.
+class Host_Samples {
 public:
-  Host_RoundTrips(const Host_Session& session, Host_Events& events);
+  Host_Samples(const Host_Session& session, Host_Events& events);
 
 private:
   void Run(const std::stop_token& stop);
-  void Tell();
+  void TellRoundTrips();
+  void TellClock();
 
   const Host_Session& mSession;
   Host_Events& mEvents;

@@ -1,9 +1,11 @@
-#include "tools/trel/host/Host_RoundTrips.h"
+#include "tools/trel/host/Host_Samples.h"
 
+#include "tools/trel/common/ClockFields.h"
 #include "tools/trel/host/Host_Events.h"
 #include "tools/trel/host/Host_Session.h"
 
 #include <trel/Sys_Socket.h>
+#include <trel/Trel_CorrelatedClockMgr.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -14,22 +16,28 @@
 namespace {
 
 constexpr std::chrono::milliseconds kRoundTripPeriod{50}; // shorter than between two exchanges that are vouched for
+constexpr std::chrono::milliseconds kClockPeriod{250};
 
-}
+} // namespace
 
-Host_RoundTrips::Host_RoundTrips(const Host_Session& session, Host_Events& events)
+Host_Samples::Host_Samples(const Host_Session& session, Host_Events& events)
     : mSession(session), mEvents(events), mThread([this](const std::stop_token& stop) { Run(stop); }) {}
 
-void Host_RoundTrips::Run(const std::stop_token& stop) {
+void Host_Samples::Run(const std::stop_token& stop) {
   std::mutex mutex;
   std::condition_variable_any never;
   std::unique_lock lock(mutex);
-  while (!never.wait_for(lock, stop, kRoundTripPeriod, [&stop] { return stop.stop_requested(); })) {
-    Tell();
-  }
+  do {
+    if (mSession.IsMaster()) {
+      TellRoundTrips();
+    } else {
+      TellClock();
+    }
+  } while (!never.wait_for(lock, stop, mSession.IsMaster() ? kRoundTripPeriod : kClockPeriod,
+                           [&stop] { return stop.stop_requested(); }));
 }
 
-void Host_RoundTrips::Tell() {
+void Host_Samples::TellRoundTrips() {
   const std::set<std::uint32_t> linked = mSession->GetLinkedAddresses();
   std::erase_if(mVouched, [&linked](const auto& known) { return !linked.contains(known.first); });
   for (const std::uint32_t address : linked) {
@@ -41,4 +49,8 @@ void Host_RoundTrips::Tell() {
                     .isSample = true});
     }
   }
+}
+
+void Host_Samples::TellClock() {
+  mEvents.Tell({.kind = "clock", .fields = ClockFields(Trel_CorrelatedClockMgr::GetStatus()), .isSample = true});
 }
