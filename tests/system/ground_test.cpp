@@ -111,4 +111,34 @@ TEST_F(Ground, AHostWhoseOutputNobodyReadsLeavesAndEnds) {
   std::remove(recording.c_str());
 }
 
+TEST_F(Ground, AStatusFolderThatCannotBeUsedIsTold) {
+  if (RunShell("unshare -m mount -t tmpfs none /run 2>&1").status != 0) {
+    GTEST_SKIP() << "needs the right to mount";
+  }
+  struct Folder {
+    const char* run;   ///< what $XDG_RUNTIME_DIR is
+    const char* mount; ///< how /tmp/trel-0 is mounted
+    const char* text;
+  };
+  constexpr Folder kFolders[] = {
+      {"ln -s /etc $D/trel; export XDG_RUNTIME_DIR=$D", "mode=755", "/trel is a symbolic link"},
+      {"touch $D/trel; export XDG_RUNTIME_DIR=$D", "mode=755", "/trel is no directory"},
+      {"export XDG_RUNTIME_DIR=$D/$(printf %0100d 0); mkdir $XDG_RUNTIME_DIR", "mode=755", "/trel has too long a name"},
+      {"export XDG_RUNTIME_DIR=", "mode=755", "/tmp/trel-0 is open to other users"},
+      {"export XDG_RUNTIME_DIR=", "mode=700,uid=12345", "/tmp/trel-0 belongs to another user"},
+  };
+  for (const Folder& folder : kFolders) {
+    const std::string prepare = "mkdir -pm 700 /tmp/trel-0; D=$(mktemp -d); export HOST T\n"
+                                "D=$D unshare -m sh -c 'mount -t tmpfs none /run; mount -t tmpfs -o " +
+                                std::string(folder.mount) + " none /tmp/trel-0; " + folder.run + "; ";
+    const std::string host = prepare + "$HOST --master < /dev/null 2>&1'; status=$?; rm -r $D; exit $status";
+    const std::string watch = prepare + "$T watch 2>&1'; status=$?; rm -r $D; exit $status";
+    const Case cases[] = {{host.c_str(), 0, "trel watch cannot look into this host: "},
+                          {host.c_str(), 0, folder.text},
+                          {watch.c_str(), 1, "cannot look whether a host runs: "},
+                          {watch.c_str(), 1, folder.text}};
+    Expect(cases);
+  }
+}
+
 } // namespace

@@ -32,12 +32,9 @@ std::vector<std::string> Candidates() {
   return candidates;
 }
 
-/// Nobody else could have put a socket there.
-bool IsOwn(const std::string& directory) {
-  struct stat status = {};
-  return lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
-         (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-}
+constexpr std::size_t kLongestDirectory = sizeof(sockaddr_un::sun_path) - sizeof("/.4294967295.sock");
+
+void Append(std::string& list, const std::string& text) { list += (list.empty() ? "" : "; ") + text; }
 
 /// The process in the name of a socket, or 0.
 pid_t ProcessOf(const fs::path& path) {
@@ -50,20 +47,50 @@ pid_t ProcessOf(const fs::path& path) {
 
 } // namespace
 
-std::string Status_Directory::Make() {
+std::string Status_Directory::TroubleWith(const std::string& directory) {
+  struct stat status = {};
+  const char* trouble = nullptr;
+  if (directory.size() > kLongestDirectory) {
+    trouble = " has too long a name for a socket";
+  } else if (lstat(directory.c_str(), &status) != 0) {
+    return directory + ": " + std::generic_category().message(errno);
+  } else if (S_ISLNK(status.st_mode)) {
+    trouble = " is a symbolic link, which another user may have put there";
+  } else if (!S_ISDIR(status.st_mode)) {
+    trouble = " is no directory";
+  } else if (status.st_uid != geteuid()) {
+    trouble = " belongs to another user";
+  } else if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    trouble = " is open to other users (chmod 700)";
+  }
+  return trouble != nullptr ? directory + trouble : "";
+}
+
+std::string Status_Directory::Make(std::string* trouble) {
+  trouble->clear();
   for (const std::string& candidate : Candidates()) {
-    if ((mkdir(candidate.c_str(), S_IRWXU) == 0 || errno == EEXIST) && IsOwn(candidate)) {
+    const bool isThere = mkdir(candidate.c_str(), S_IRWXU) == 0 || errno == EEXIST;
+    const std::string reason =
+        isThere ? TroubleWith(candidate) : candidate + ": " + std::generic_category().message(errno);
+    if (reason.empty()) {
+      trouble->clear();
       return candidate;
     }
+    Append(*trouble, reason);
   }
   return {};
 }
 
-std::vector<std::string> Status_Directory::Sockets() {
+std::vector<std::string> Status_Directory::Sockets(std::string* trouble) {
+  trouble->clear();
   std::map<pid_t, std::string> sockets;
   for (const std::string& candidate : Candidates()) {
     std::error_code error;
-    if (!IsOwn(candidate)) {
+    if (!fs::exists(fs::symlink_status(candidate, error)) && error.value() != EACCES) {
+      continue; // then no host is there either
+    }
+    if (const std::string reason = TroubleWith(candidate); !reason.empty()) {
+      Append(*trouble, reason);
       continue;
     }
     for (auto entry = fs::directory_iterator(candidate, error); !error && entry != fs::directory_iterator();
@@ -79,6 +106,9 @@ std::vector<std::string> Status_Directory::Sockets() {
       } else if (errno == ECONNREFUSED) {
         unlink(path.c_str());
       }
+    }
+    if (error) {
+      Append(*trouble, candidate + ": " + error.message());
     }
   }
   std::vector<std::string> paths;

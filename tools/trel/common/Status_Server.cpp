@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -53,28 +54,25 @@ Status_Server::~Status_Server() {
 }
 
 bool Status_Server::Listen() {
-  const std::string directory = Status_Directory::Make();
+  const std::string directory = Status_Directory::Make(&mTrouble);
   if (directory.empty()) {
     return false;
   }
-  Status_Directory::Sockets(); // removes what others have left behind
+  std::string ignored;
+  Status_Directory::Sockets(&ignored); // removes what others have left behind
   const std::string process = std::to_string(getpid());
   // Nobody finds the socket before somebody listens at it, so that it is not taken for one that was left behind.
   const std::string hidden = directory + "/." + process;
   const std::string path = directory + "/" + process + Status_Directory::kSuffix;
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) {
-    return false;
-  }
-  hidden.copy(static_cast<char*>(address.sun_path), hidden.size());
+  hidden.copy(static_cast<char*>(address.sun_path), sizeof(address.sun_path) - 1);
   unlink(hidden.c_str());
   mListener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (mListener < 0 || bind(mListener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    return false;
-  }
-  if (chmod(hidden.c_str(), S_IRUSR | S_IWUSR) != 0 || listen(mListener, kBacklog) != 0 ||
+  if (mListener < 0 || bind(mListener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      chmod(hidden.c_str(), S_IRUSR | S_IWUSR) != 0 || listen(mListener, kBacklog) != 0 ||
       rename(hidden.c_str(), path.c_str()) != 0) {
+    mTrouble = path + ": " + std::generic_category().message(errno);
     unlink(hidden.c_str());
     return false;
   }

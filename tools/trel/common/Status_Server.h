@@ -24,6 +24,9 @@ public:
   Status_Server(const Status_Server&) = delete;
   Status_Server& operator=(const Status_Server&) = delete;
 
+  /// Why nobody can look in, in words; empty when everybody can who may.
+  const std::string& Trouble() const { return mTrouble; }
+
 private:
   static constexpr std::size_t kMostClients = 8;
 
@@ -33,7 +36,7 @@ private:
     std::int64_t lastTaken; // raw time when it last took something
   };
 
-  /// False when there is no place for the socket. The host goes on without it.
+  /// False when there is no place for the socket, and why is in mTrouble. The host goes on without it.
   bool Listen();
   void Run();
   /// False when a client waits and cannot be admitted now.
@@ -43,6 +46,7 @@ private:
 
   MakeStatus mMakeStatus;
   std::string mPath;
+  std::string mTrouble;
   int mListener = -1;
   std::array<int, 2> mEnd = {-1, -1}; // a pipe, closed to end the thread
   std::vector<Client> mClients;

@@ -43,6 +43,10 @@ int Host_Node::Run() {
   int exitStatus = kExitSuccess;
   {
     const Status_Server statusServer([this] { return Host_Status(mSession); });
+    if (!statusServer.Trouble().empty()) {
+      mEvents.Tell(
+          {.kind = "not_watchable", .text = "trel watch cannot look into this host: " + statusServer.Trouble()});
+    }
     std::optional<Host_Samples> samples;
     if (!mOptions.recording.empty()) {
       samples.emplace(mSession, mEvents);

@@ -86,7 +86,8 @@ bool Watch_Session::Choose() {
   std::vector<std::string> silent;
   std::vector<Status_Snapshot> others;
   std::vector<Status_Snapshot> meant;
-  for (const std::string& path : Status_Directory::Sockets()) {
+  std::string trouble;
+  for (const std::string& path : Status_Directory::Sockets(&trouble)) {
     auto client = std::make_unique<Status_Client>(path);
     std::string line;
     Status_Snapshot snapshot;
@@ -106,7 +107,12 @@ bool Watch_Session::Choose() {
     mLastHeard = Sys_Clock::RawMicroseconds();
     return true;
   }
-  if (meant.empty()) {
+  if (std::string whole; meant.empty() && Status_Directory::Make(&whole).empty()) {
+    trouble = whole; // no host can be looked into
+  }
+  if (meant.empty() && others.empty() && !trouble.empty()) {
+    std::cerr << "trel: cannot look whether a host runs: " << Cmn_Printable(trouble) << '\n';
+  } else if (meant.empty()) {
     std::cerr << (others.empty()
                       ? "trel: no host runs on this machine as this user. Start one with trel host; a host of another "
                         "user can only be watched by that user.\n"
