@@ -141,4 +141,24 @@ TEST_F(Ground, AStatusFolderThatCannotBeUsedIsTold) {
   }
 }
 
+TEST_F(Ground, WhyAFileCannotBeWrittenIsTold) {
+  constexpr const char* kNoFolder = "cannot write /no/such/folder/file: No such file or directory\n";
+  constexpr const char* kFull = "cannot write /dev/full: No space left on device";
+  constexpr Case kCases[] = {
+      {"$HOST --master --record /no/such/folder/file 2>&1", 1, kNoFolder},
+      {"$HOST --master --pcap /no/such/folder/file 2>&1", 1, kNoFolder},
+      {"$T demo --json /no/such/folder/file 2>&1", 1, kNoFolder},
+      {"$T demo --report /no/such/folder/file 2>&1", 1, kNoFolder},
+      {"R=$(mktemp); echo '{\"event\":\"note\",\"time_us\":1}' > $R; $T report $R /no/such/folder/file 2>&1\n"
+       "status=$?; rm $R; exit $status",
+       1, kNoFolder},
+      {"R=$(mktemp); echo '{\"event\":\"note\",\"time_us\":1}' > $R; $T report $R /dev/full 2>&1\n"
+       "status=$?; rm $R; exit $status",
+       1, kFull},
+      {"$HOST --master --pcap /dev/full 2>&1", 1, kFull},
+      {"$T demo --satellites 1 --rounds 1 --json /dev/full 2>&1", 1, kFull},
+  };
+  Expect(kCases);
+}
+
 } // namespace

@@ -17,6 +17,7 @@ constexpr std::size_t kMaxSegment = 1460; // what fits on Ethernet
 constexpr std::size_t kTcpHeaderSize = 20;
 constexpr std::size_t kUdpHeaderSize = 8;
 constexpr std::size_t kIPHeaderSize = 20;
+constexpr std::chrono::milliseconds kReaderPatience{100}; // with who reads a pipe: the engine waits for it
 
 enum Flag : std::uint8_t { kFin = 1, kSyn = 2, kPush = 8, kAck = 16 };
 
@@ -70,14 +71,14 @@ void Put16(std::byte* place, std::uint16_t value) {
 } // namespace
 
 Capture_Writer::Capture_Writer(const std::string& file)
-    : mFile(file, std::ios::binary | std::ios::trunc), mWallTimeOfRawZero(WallTime() - Sys_Clock::RawMicroseconds()) {
+    : mFile(file, {}, kReaderPatience), mWallTimeOfRawZero(WallTime() - Sys_Clock::RawMicroseconds()) {
   constexpr std::uint32_t kMicrosecondFormat = 0xa1b2c3d4;
   constexpr std::uint32_t kLongestPacket = 65535;
   constexpr std::uint32_t kEthernet = 1;
   Appender(mPackets).U32(kMicrosecondFormat).U16(2).U16(4).U32(0).U32(0).U32(kLongestPacket).U32(kEthernet);
   Flush();
   if (!mFile) {
-    throw std::runtime_error("cannot write " + file);
+    throw std::runtime_error(Problem());
   }
 }
 
@@ -228,7 +229,7 @@ void Capture_Writer::Flush() {
   constexpr std::size_t kLargestFile = std::size_t{1} << 30U;
   mSize += mPackets.size();
   if (mSize > kLargestFile) {
-    mFile.setstate(std::ios::failbit);
+    mFile.Fail("it has reached 1 GiB");
   }
   mFile.write(reinterpret_cast<const char*>(mPackets.data()), static_cast<std::streamsize>(mPackets.size()));
   mFile.flush();

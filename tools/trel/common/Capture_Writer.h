@@ -1,10 +1,11 @@
 #pragma once
 
+#include "tools/trel/common/Output_File.h"
+
 #include <trel/TCPE_TappedBytes.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <map>
 #include <span>
 #include <string>
@@ -18,7 +19,8 @@
 /// at which the engine sent or received.
 ///
 /// Each event is in the file before the engine goes on, so that a killed program leaves a readable file. A file that
-/// cannot be written any more, or has reached 1 GiB, ends the capture and nothing else.
+/// cannot be written any more, or has reached 1 GiB, ends the capture and nothing else; so does a pipe that nobody
+/// reads.
 class Capture_Writer {
 public:
   /// @throws std::runtime_error when the file cannot be written
@@ -32,8 +34,8 @@ public:
   void CaptureEngine();
   /// One thread at a time.
   void Write(const TCPE_TappedBytes& tapped);
-  /// Whether all has been written so far.
-  bool IsComplete() const { return mFile.good(); }
+  /// Why not all has been written so far, in words; empty when it has.
+  std::string Problem() const { return mFile.Problem(); }
 
 private:
   struct End {
@@ -58,7 +60,7 @@ private:
                  std::size_t checksumAt);
   void Flush();
 
-  std::ofstream mFile;
+  Output_File mFile;
   const std::int64_t mWallTimeOfRawZero; // us
   std::int64_t mTime = 0;                // wall time of what is being written, us
   std::vector<std::byte> mPackets;       // to be written at once

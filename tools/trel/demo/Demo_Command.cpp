@@ -1,50 +1,36 @@
 #include "tools/trel/Commands.h"
 #include "tools/trel/common/CommonOptions.h"
 #include "tools/trel/common/ExitStatus.h"
+#include "tools/trel/common/Output_File.h"
 #include "tools/trel/demo/Demo_Coordinator.h"
 #include "tools/trel/report/Report_Page.h"
 
 #include <CLI/CLI.hpp>
 
-#include <fstream>
 #include <iostream>
 #include <memory>
-#include <stdexcept>
 
 namespace {
 
 // Before the demonstration runs, for nothing else is as annoying afterwards.
-std::ofstream Opened(const std::string& file) {
-  std::ofstream out;
-  if (!file.empty()) {
-    out.open(file);
-    if (!out) {
-      throw std::runtime_error("cannot write " + file);
-    }
-  }
-  return out;
+std::unique_ptr<Output_File> Opened(const std::string& file) {
+  return file.empty() ? nullptr : std::make_unique<Output_File>(file);
 }
 
 int RunDemo(Demo_Coordinator::Options options, const std::string& jsonFile, const std::string& reportFile) {
-  std::ofstream json = Opened(jsonFile);
-  std::ofstream report = Opened(reportFile);
-  options.reports = report.is_open();
+  const std::unique_ptr<Output_File> json = Opened(jsonFile);
+  const std::unique_ptr<Output_File> report = Opened(reportFile);
+  options.reports = report != nullptr;
   Demo_Coordinator coordinator(options, std::cout);
   const int exitStatus = coordinator.Run();
   coordinator.Results().PrintTable(std::cout);
-  if (json.is_open()) {
-    coordinator.Results().WriteJson(json);
-    json.close();
-    if (!json) {
-      throw std::runtime_error("cannot write " + jsonFile);
-    }
+  if (json != nullptr) {
+    coordinator.Results().WriteJson(*json);
+    json->Close();
   }
-  if (report.is_open()) {
-    Report_WritePage(report, coordinator.Report());
-    report.close();
-    if (!report) {
-      throw std::runtime_error("cannot write " + reportFile);
-    }
+  if (report != nullptr) {
+    Report_WritePage(*report, coordinator.Report());
+    report->Close();
   }
   return exitStatus;
 }

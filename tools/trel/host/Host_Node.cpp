@@ -64,8 +64,8 @@ int Host_Node::Run() {
   }
   mSampler.reset();
   LeaveLink();
-  if (mCapture && !mCapture->IsComplete()) {
-    mEvents.Tell({.kind = "error", .text = "cannot write all of " + mOptions.captureFile});
+  if (const std::string problem = mCapture ? mCapture->Problem() : ""; !problem.empty()) {
+    mEvents.Tell({.kind = "error", .text = problem + "; the capture is not complete"});
     exitStatus = exitStatus == kExitSuccess ? kExitFailure : exitStatus;
   }
   mEvents.Tell({.kind = "ended", .text = "ended", .isDetail = true});

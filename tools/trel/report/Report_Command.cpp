@@ -5,11 +5,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace {
 
@@ -21,7 +23,7 @@ struct Options {
 int RunReport(const Options& options) {
   std::ifstream recording(options.recording);
   if (!recording) {
-    throw std::runtime_error("cannot read " + options.recording);
+    throw std::runtime_error("cannot read " + options.recording + ": " + std::generic_category().message(errno));
   }
   Report_Collector collector;
   collector.ReadFrom(recording);

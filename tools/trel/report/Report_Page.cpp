@@ -1,6 +1,7 @@
 #include "tools/trel/report/Report_Page.h"
 
 #include "tools/trel/common/JsonLine.h"
+#include "tools/trel/common/Output_File.h"
 #include "tools/trel/common/Percentiles.h"
 
 #include <trel/Cmn_Printable.h>
@@ -9,11 +10,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <iomanip>
 #include <map>
 #include <sstream>
-#include <stdexcept>
 #include <string_view>
 
 extern const char* const kReport_Template; // @NAME@ stands where something is to be filled in
@@ -306,10 +305,7 @@ void Report_WritePage(std::ostream& out, const Report_Data& data) {
 }
 
 void Report_WritePageTo(const std::string& file, const Report_Data& data) {
-  std::ofstream out(file);
+  Output_File out(file);
   Report_WritePage(out, data);
-  out.close();
-  if (!out) {
-    throw std::runtime_error("cannot write " + file);
-  }
+  out.Close();
 }
