@@ -289,8 +289,11 @@ std::string Trel_LinkTexts::StartFailed(const Trel_LinkEvent& event) {
 std::string Trel_LinkTexts::Together(const Trel_StartOutcome& outcome,
                                      const std::vector<Trel_LinkEvent::System>& systems) {
   using Missing = Trel_StartOutcome::Missing;
-  std::string text =
-      std::to_string(outcome.late.size()) + " systems started within " + std::to_string(outcome.spread) + " us";
+  const std::size_t began = outcome.late.size();
+  std::string text = began == 0 ? "no system started" : Count(static_cast<std::int64_t>(began), "system") + " started";
+  if (began > 1) {
+    text += " within " + std::to_string(outcome.spread) + " us";
+  }
   const auto name = [&systems](std::uint32_t address) {
     const auto system =
         std::find_if(systems.begin(), systems.end(), [address](const auto& known) { return known.address == address; });
