@@ -4,7 +4,11 @@
 #include "tools/trel/common/Status_Snapshot.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <cstdlib>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -78,6 +82,38 @@ void JudgeMaster(Status_Snapshot& snapshot) {
   }
 }
 
+/// What is wrong with the master's clock when that is more than the clocks of two working machines can differ; empty
+/// when nothing is.
+std::string Implausible(const Trel_ClockStatus& clock) {
+  constexpr double kMillion = 1e6;
+  constexpr double kMostBetweenClocks = 1000; // ppm; of those in use hardly one is off by 100
+  const bool isBounded = clock.errorBound != Trel_ClockStatus::kNoErrorBound && clock.span > 0;
+  const double uncertainty =
+      isBounded ? kMillion * static_cast<double>(clock.errorBound) / static_cast<double>(clock.span) : 0;
+  if (!clock.isLocked || std::abs(clock.rate) - uncertainty <= kMostBetweenClocks) {
+    return {};
+  }
+  const double speed = 1 / (1 + clock.rate / kMillion); // of the master's clock, in that of this system
+  std::ostringstream text;
+  text << "the running time of the master is implausible, it ";
+  if (speed < 0) {
+    text << "runs backwards";
+  } else if (std::isinf(clock.rate)) {
+    text << "stands still";
+  } else {
+    text << "runs " << std::setprecision(4) << speed << " times as fast as the clock of this system";
+  }
+  text << ": end the host of the master, and see to the clocks of both machines";
+  return text.str();
+}
+
+std::string Jumped(const Trel_ClockStatus& clock) {
+  return "a clock has jumped, this system's by " + DurationText(std::abs(clock.lastJump)) +
+         (clock.lastJump < 0 ? " back, or the master's ahead" : " ahead, or the master's back") +
+         (clock.jumps > 1 ? ", the last of " + std::to_string(clock.jumps) + " jumps" : "") +
+         "; measurements from before still count";
+}
+
 void JudgeSatellite(Status_Snapshot& snapshot) {
   const Trel_ClockStatus clock = snapshot.clock.value_or(Trel_ClockStatus());
   const bool isKnown = clock.state == eTrel_ClockState_Locked || clock.state == eTrel_ClockState_Stable;
@@ -91,6 +127,13 @@ void JudgeSatellite(Status_Snapshot& snapshot) {
     if (isKnown) {
       snapshot.why += " The clock still runs with the master's, " + bound + ".";
     }
+    return;
+  }
+  const bool hasJumped = clock.reason == eTrel_ClockReason_ClockJumped;
+  if (const std::string implausible = Implausible(clock); !implausible.empty() || hasJumped) {
+    snapshot.sync = Status_Sync::no;
+    snapshot.verdict = "NOT IN SYNC";
+    snapshot.why = implausible.empty() ? Jumped(clock) : implausible;
     return;
   }
   const bool isStable = clock.state == eTrel_ClockState_Stable;
