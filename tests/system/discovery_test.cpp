@@ -60,7 +60,7 @@ public:
     std::array<std::byte, 1000> buffer{};
     std::size_t size = 0;
     return mSocket.Receive(buffer, 10'000'000, &size) == Sys_UDPSocket::Result::received &&
-           mCodec.ReadQuery(std::span(buffer).first(size), AskerAddress(), query) ==
+           mCodec.ReadQuery(std::span(buffer).first(size), mSocket.GetReplyAddress(), query) ==
                TCPE_DiscoveryCodec::Verdict::sound;
   }
   /// Sends to who asked.

@@ -5,7 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 
 namespace {
 
+using Json = HostProcess::Json;
 using testing::HasSubstr;
 
 /// A command line of a shell, in which $T is the program and $HOST a host whose ports nobody else has, and how that
@@ -27,6 +30,11 @@ struct Case {
 
 class Ground : public testing::Test {
 protected:
+  static std::vector<std::string> Host(std::vector<std::string> arguments, const char* address) {
+    arguments.insert(arguments.begin(), {"host", "--json", "--port", "28682", "--discovery-port", "28683"});
+    arguments.insert(arguments.end(), {"--address", address});
+    return arguments;
+  }
   /// Runs cases one after the other; one that does not end in time has status 124.
   template <std::size_t Size>
   static void Expect(const Case (&cases)[Size]) {
@@ -81,15 +89,9 @@ TEST_F(Ground, ClosedDescriptorsAreNobodys) {
 }
 
 TEST_F(Ground, AHostWhoseOutputNobodyReadsLeavesAndEnds) {
-  const std::vector<std::string> place = {"--json", "--port", "28682", "--discovery-port", "28683", "--address"};
-  const auto host = [&place](std::vector<std::string> arguments, const char* address) {
-    arguments.insert(arguments.end(), place.begin(), place.end());
-    arguments.emplace_back(address);
-    return arguments;
-  };
   const std::string recording = testing::TempDir() + "trel_ground_" + std::to_string(getpid());
-  HostProcess satellite(host({"host", "--satellite", "--connect", "127.0.9.2"}, "127.0.9.3"));
-  HostProcess master(host({"host", "--master", "--record", recording}, "127.0.9.2"));
+  HostProcess satellite(Host({"--satellite", "--connect", "127.0.9.2"}, "127.0.9.3"));
+  HostProcess master(Host({"--master", "--record", recording}, "127.0.9.2"));
   satellite.Await({{"event", "connected"}});
   for (int time = 0; time < 100; ++time) {
     master.Send("help"); // far more than a pipe holds
@@ -159,6 +161,26 @@ TEST_F(Ground, WhyAFileCannotBeWrittenIsTold) {
       {"$T demo --satellites 1 --rounds 1 --json /dev/full 2>&1", 1, kFull},
   };
   Expect(kCases);
+}
+
+TEST_F(Ground, AStormOfOneSystemIsBoundedAndItsEndIsTold) {
+  HostProcess master(Host({"--master"}, "127.0.9.2"));
+  HostProcess satellite(Host({"--satellite", "--connect", "127.0.9.2"}, "127.0.9.3"));
+  master.Await({{"event", "linked"}});
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  for (int change = 0; change < 3000; ++change) {
+    satellite.Send("solo on");
+    satellite.Send("solo off");
+  }
+  satellite.Send("solo on");
+  satellite.Send("dialog over");
+  master.Await({{"event", "dialog"}, {"message", "over"}});
+  EXPECT_GT(master.Await({{"event", "left_out"}, {"address", "127.0.9.3"}}).value("count", 0), 0);
+  const std::int64_t seconds = (Sys_Clock::RawMicroseconds() - begin) / 1'000'000 + 2;
+  const auto isSolo = [](const Json& event) { return event["event"] == "solo"; };
+  const auto& told = master.Objects();
+  ExpectWithin("lines about a storm", std::count_if(told.begin(), told.end(), isSolo), 60 * seconds);
+  EXPECT_EQ(std::find_if(told.rbegin(), told.rend(), isSolo)->at("on"), true);
 }
 
 } // namespace

@@ -2,13 +2,15 @@
 
 #include "tools/trel/host/Host_EventSink.h"
 
+#include <trel/Sys_Clock.h>
+
 #include <utility>
 
 namespace {
 
 constexpr std::size_t kMostWaiting = 10'000;
 
-}
+} // namespace
 
 Host_EventQueue::Host_EventQueue(std::unique_ptr<Host_EventSink> sink)
     : mSink(std::move(sink)), mThread([this] { Run(); }) {}
@@ -25,7 +27,7 @@ void Host_EventQueue::Push(const Host_Event& event) {
       ++mDropped;
       return;
     }
-    mWaiting.push_back(event);
+    mThrottle.Take(event, Sys_Clock::RawMicroseconds(), mWaiting);
   }
   mChanged.notify_all();
 }
@@ -51,8 +53,15 @@ bool Host_EventQueue::AwaitEnd(std::chrono::steady_clock::time_point deadline) {
 void Host_EventQueue::Run() {
   std::unique_lock lock(mMutex);
   for (;;) {
-    mChanged.wait(lock, [this] { return mIsEnding || !mWaiting.empty(); });
-    if (mWaiting.empty()) {
+    const auto hasWork = [this] { return mIsEnding || !mWaiting.empty(); };
+    if (mThrottle.NextRelease() == Host_Throttle::kNever) {
+      mChanged.wait(lock, hasWork);
+    } else {
+      mChanged.wait_for(lock, std::chrono::microseconds(mThrottle.NextRelease() - Sys_Clock::RawMicroseconds()),
+                        hasWork);
+    }
+    mThrottle.Release(mIsEnding ? Host_Throttle::kNever : Sys_Clock::RawMicroseconds(), mWaiting);
+    if (mWaiting.empty() && mIsEnding) {
       break;
     }
     const std::deque<Host_Event> events = std::exchange(mWaiting, {});

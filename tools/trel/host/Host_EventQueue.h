@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tools/trel/host/Host_Event.h"
+#include "tools/trel/host/Host_Throttle.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -13,7 +14,7 @@
 class Host_EventSink;
 
 /// What a host tells, on its way to one sink: a thread of its own gives it there, so that a terminal that is held, or a
-/// pipe that nobody reads, holds up neither the link nor the other sinks.
+/// pipe that nobody reads, holds up neither the link nor the other sinks. What one system can have it tell is bounded.
 class Host_EventQueue {
 public:
   explicit Host_EventQueue(std::unique_ptr<Host_EventSink> sink);
@@ -36,6 +37,7 @@ private:
   const std::unique_ptr<Host_EventSink> mSink;
   std::mutex mMutex;
   std::condition_variable mChanged;
+  Host_Throttle mThrottle;
   std::deque<Host_Event> mWaiting;
   std::int64_t mDropped = 0;
   bool mIsEnding = false;
