@@ -224,20 +224,6 @@ TEST(TCPE_Authentication, GuessesAreFewHoweverOftenSomebodyConnects) {
     systems.Take(1);
     EXPECT_EQ(systems.LogsOfConnecting(1, 0), "ended 10 17 | unproved 20") << "after a while it may try again";
   }
-  // Nor when several connect before the first one guesses.
-  SystemsWithSecrets systems;
-  std::vector<SimulatedNetwork::Transport*> guessers;
-  for (int i = 0; i < 4; ++i) {
-    guessers.push_back(&systems.ConnectStranger(40, 0));
-    systems.Send(*guessers.back(), 1, FromHex(kHello));
-    systems.Run(kMillisecond);
-  }
-  for (SimulatedNetwork::Transport* guesser : guessers) {
-    systems.Send(*guesser, 1, Command(4, kTCPE_Flag_ReplyWanted, std::string(32, 'g')));
-    systems.Run(kMillisecond);
-    EXPECT_TRUE(guesser->sides[0].hasEnded);
-  }
-  EXPECT_EQ(systems.Counts(0).unproved, 1U);
 }
 
 TEST(TCPE_Authentication, RemembersTheLatestFailures) {
