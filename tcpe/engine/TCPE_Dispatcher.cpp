@@ -56,7 +56,7 @@ void TCPE_ReceivedCommand::Discard() {
 TCPE_Dispatcher::TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task, Receiver& receiver)
     : mManager(manager), mTask(task), mReceiver(receiver),
       mBlocks(std::make_shared<TCPE_BlockStore>(kBlockOffset + task.GetMaxCommandSize())),
-      mWithoutOrigin(std::make_shared<TCPE_ReceivedCommand::Batch>(mBlocks)),
+      mWithoutOrigin(std::make_shared<TCPE_ReceivedCommand::Batch>(TCPE_ReceivedCommand::Batch{.blocks = mBlocks})),
       mLocalSystemType(manager.GetSystemType()) {}
 
 void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
@@ -210,7 +210,8 @@ TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_pt
                                                             const TCPE_FrameHeader& header,
                                                             std::span<const std::byte> payload, Kind kind) {
   if (!mBatch || mBatch->origin != connection) {
-    mBatch = std::make_shared<TCPE_ReceivedCommand::Batch>(mBlocks, connection, &mReceiver);
+    mBatch = std::make_shared<TCPE_ReceivedCommand::Batch>(
+        TCPE_ReceivedCommand::Batch{.blocks = mBlocks, .origin = connection, .handler = &mReceiver});
   }
   ReceivedPointer received = TCPE_ReceivedCommand::Make(mBatch, header, kind);
   TCPE_Command* command = Build(header.type, received->Block());
