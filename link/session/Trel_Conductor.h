@@ -25,7 +25,7 @@ public:
   using Action = Trel_SessionAction;
   using Outcome = Message::Outcome;
 
-  static constexpr Time kLongestDelay = 10'000'000;                   ///< microseconds, that a system may tell
+  static constexpr Time kLongestDelay = 10'000'000; ///< microseconds, that a system may tell
 
   /// A time that adds to and subtracts from any other of the link without an overflow. Peers may tell others.
   static bool IsSane(Time runningTime);
