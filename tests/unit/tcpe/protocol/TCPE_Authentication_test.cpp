@@ -201,31 +201,6 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
   }
 }
 
-TEST(TCPE_Authentication, GuessesAreFewHoweverOftenSomebodyConnects) {
-  const struct {
-    TCPE_Time failureTime;
-    std::uint64_t examined; ///< in ten seconds
-    const char* told;
-  } cases[] = {{TCPE_Limits().authenticationFailure, 1, "unproved 20"},
-               {1, 5, "unproved 20unproved 20unproved 20unproved 20unproved 20"}};
-  for (const auto& test : cases) {
-    SystemsWithSecrets systems("xyx", test.failureTime);
-    std::string told;
-    for (int guess = 0; guess < 99; ++guess) {
-      systems.Connect(1, 0);
-      systems.Run(kSecond / 10);
-      told += systems.Take(0);
-    }
-    EXPECT_EQ(told, test.told);
-    EXPECT_EQ(systems.Counts(0).unproved, test.examined);
-    EXPECT_TRUE(systems.IsMarked(0, 20));
-    EXPECT_EQ(systems.LogsOfConnecting(2, 0), "opened 10, ended 10 0 | opened 30 by peer") << "nobody else is hindered";
-    systems.Run(kSecond);
-    systems.Take(1);
-    EXPECT_EQ(systems.LogsOfConnecting(1, 0), "ended 10 17 | unproved 20") << "after a while it may try again";
-  }
-}
-
 TEST(TCPE_Authentication, RemembersTheLatestFailures) {
   const TCPE_Limits limits{.maxFailedAddresses = 3};
   TCPE_AuthenticationFailures failures(limits);
