@@ -48,6 +48,10 @@ std::string NetworkError(ETCPE_NetworkError error, const std::string& who) {
                                      : who + ": " + TCPE_ErrorText(error) + '.' + AdviceFor(error);
 }
 
+constexpr const char* kNoAddress =
+    "This system has no network address any more, so it reaches nobody. Plug in the cable, "
+    "turn the adaptor on, or give it its address again.";
+
 std::string Count(std::int64_t count, const char* what) {
   return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
 }
@@ -171,9 +175,10 @@ std::string Trel_LinkTexts::Link(const Trel_LinkEvent& event, bool isMaster) {
            (others.empty() ? "" : " There are others, and the lowest address was taken: " + others + '.');
     break;
   case Kind::noMaster:
-    text = others.empty() ? "No master answers on the network. Start one, or give its address; masters that have a "
-                            "shared secret answer only those who have it too."
-                          : "No master can be connected to: " + others + ". Allow satellites to connect there.";
+    text = event.reason == Reason::noAddress ? kNoAddress
+           : others.empty() ? "No master answers on the network. Start one, or give its address; masters that have a "
+                              "shared secret answer only those who have it too."
+                            : "No master can be connected to: " + others + ". Allow satellites to connect there.";
     break;
   case Kind::connecting:
     text = "Connecting to " + who + '.';
@@ -181,6 +186,7 @@ std::string Trel_LinkTexts::Link(const Trel_LinkEvent& event, bool isMaster) {
   case Kind::connectFailed:
     text = event.reason == Reason::isThisSystem
                ? who + " is the address of this system itself. Give the address of the master."
+           : event.reason == Reason::noAddress ? kNoAddress
            : event.reason == Reason::notInTime
                ? who + " did not link this system in time. Check that it is a master, and not overloaded."
                : "No answer from " + who + ". Check that it is running, its address, and the cable.";

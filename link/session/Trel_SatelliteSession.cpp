@@ -28,7 +28,7 @@ void Trel_SatelliteSession::Begin(Time /*now*/) {
   }
   if (mPhase == Phase::away) {
     mPause.Reset();
-    mHasToldNoMaster = false;
+    mToldNoMaster.reset();
     BeginAttempt();
   }
 }
@@ -68,7 +68,9 @@ void Trel_SatelliteSession::Tick(Time now) {
   TickShared(now);
   if (mPhase == Phase::failed && mDue <= now) {
     Tell({.kind = Kind::connectFailed,
-          .reason = mMaster == Self() ? Reason::isThisSystem : Reason::none,
+          .reason = mMaster == Self() ? Reason::isThisSystem
+                    : !mHasAddress    ? Reason::noAddress
+                                      : Reason::none,
           .system = Describe(mMaster)});
     Wait(mPause.Next(Random()), now);
   } else if (mPhase == Phase::ending && mDue <= now) {
@@ -99,7 +101,7 @@ void Trel_SatelliteSession::BeginAttempt() {
     return;
   }
   mPhase = Phase::searching;
-  if (!mHasToldNoMaster) {
+  if (!mToldNoMaster) {
     Tell({.kind = Kind::searching});
   }
   Do(Action::Search{});
@@ -113,13 +115,14 @@ void Trel_SatelliteSession::SearchEnded(const std::vector<Event::System>& master
   std::sort(others.begin(), others.end(), [](const auto& a, const auto& b) { return a.address < b.address; });
   const auto chosen = std::find_if(others.begin(), others.end(), [](const auto& master) { return master.isAvailable; });
   if (chosen == others.end()) {
-    if (!std::exchange(mHasToldNoMaster, true)) {
-      Tell({.kind = Kind::noMaster, .others = others});
+    const Reason reason = mHasAddress ? Reason::none : Reason::noAddress;
+    if (std::exchange(mToldNoMaster, reason) != reason) {
+      Tell({.kind = Kind::noMaster, .reason = reason, .others = others});
     }
     Wait(mPause.Next(Random()), now);
     return;
   }
-  mHasToldNoMaster = false;
+  mToldNoMaster.reset();
   const Event::System master = *chosen;
   others.erase(chosen);
   Tell({.kind = Kind::masterFound, .system = master, .others = others});

@@ -136,7 +136,7 @@ private:
   Told mTold;
   Trel_RetryPause mPause;
   Trel_SatelliteMesh mMesh;
-  bool mHasToldNoMaster = false;
+  std::optional<Reason> mToldNoMaster{};
   // Whose running time the correlation belongs to.
   std::uint32_t mClockAddress = 0;
   std::uint64_t mClockInstance = 0;

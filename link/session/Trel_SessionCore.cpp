@@ -29,7 +29,8 @@ Trel_SessionCore::~Trel_SessionCore() = default;
 void Trel_SessionCore::Notice(const Surroundings& surroundings, Time now) {
   const std::uint32_t before = Self();
   mSurroundings = surroundings;
-  if (Self() == 0) { // while there is no adaptor
+  mHasAddress = Self() != 0;
+  if (!mHasAddress) { // while there is no adaptor
     mSurroundings.self.address = before;
   }
   const bool wasLocked = std::exchange(mRunningOffset, std::nullopt).has_value();

@@ -193,6 +193,7 @@ protected:
 
   const Config mConfig;
   Surroundings mSurroundings;
+  bool mHasAddress = false; // now; the one that it had stays its own
   bool mIsRunning = false;
   Trel_ControlState mControl;
   Trel_SharedState mState;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -181,6 +182,21 @@ TEST_F(Ground, AStormOfOneSystemIsBoundedAndItsEndIsTold) {
   const auto& told = master.Objects();
   ExpectWithin("lines about a storm", std::count_if(told.begin(), told.end(), isSolo), 60 * seconds);
   EXPECT_EQ(std::find_if(told.rbegin(), told.rend(), isSolo)->at("on"), true);
+}
+
+TEST_F(Ground, ASystemWithoutItsAddressSaysSo) {
+  if (unshare(CLONE_NEWNET) != 0 || RunShell("ip link set lo up && ip addr add 10.79.9.2/24 broadcast + dev lo && "
+                                             "ip addr add 10.79.9.3/24 broadcast + dev lo 2>&1")
+                                            .status != 0) {
+    GTEST_SKIP() << "needs the right to make network namespaces, and the program ip";
+  }
+  HostProcess searching(Host({"--satellite"}, "10.79.9.2"));
+  HostProcess sent(Host({"--satellite", "--connect", "10.79.9.4"}, "10.79.9.3"));
+  sent.Await({{"event", "connecting"}});
+  EXPECT_EQ(searching.Await({{"event", "no_master"}}).value("text", "").find("no network address"), std::string::npos);
+  ASSERT_EQ(RunShell("ip addr flush dev lo").status, 0);
+  EXPECT_THAT(searching.Await({{"event", "no_master"}}).value("text", ""), HasSubstr("no network address any more"));
+  sent.AwaitText("(no network address any more)");
 }
 
 } // namespace

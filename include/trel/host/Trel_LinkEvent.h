@@ -82,6 +82,7 @@ struct Trel_LinkEvent {
     declined,       ///< by this system's host, `words`; the start had come `value` late
     hostSilent,     ///< this system's host has not told whether it began
     superseded,     ///< by a stop, or by another prime or start
+    noAddress,      ///< this system has none any more: its adaptor is down, or has another one
   };
 
   struct System {

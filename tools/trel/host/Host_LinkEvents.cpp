@@ -149,7 +149,7 @@ bool TellsWhy(Kind kind) {
 
 /// The option of this program that helps where an event says what to change.
 const char* OptionFor(const Event& event) {
-  if (event.kind == Kind::noMaster && event.others.empty()) {
+  if (event.kind == Kind::noMaster && event.others.empty() && event.reason == Reason::none) {
     return "--connect";
   }
   if (event.reason == Reason::identifierUsed) {
