@@ -199,4 +199,14 @@ TEST_F(Ground, ASystemWithoutItsAddressSaysSo) {
   sent.AwaitText("(no network address any more)");
 }
 
+TEST_F(Ground, TheDoctorFindsSystemsOfTheOtherNumbering) {
+  HostProcess legacy(Host({"--satellite", "--name", "Old", "--legacy"}, "127.0.9.3"));
+  legacy.Await({{"event", "ready"}});
+  constexpr Case kCases[] = {
+      {"$T doctor --address 127.0.9.9 --port 28682 --discovery-port 28683", 1,
+       "satellite Old at 127.0.9.3 uses the legacy command numbering, this system the current one"},
+  };
+  Expect(kCases);
+}
+
 } // namespace

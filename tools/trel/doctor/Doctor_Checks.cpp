@@ -8,6 +8,7 @@
 
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_UDPSocket.h>
+#include <trel/TCPE_CommManager.h>
 #include <trel/Trel_CommManager.h>
 
 #include <algorithm>
@@ -89,6 +90,7 @@ void Doctor_Checks::Run() {
     } else {
       CheckSystems();
       Trel_CommManager::Terminate();
+      CheckOtherNumbering();
     }
   }
   CheckClock();
@@ -230,6 +232,26 @@ void Doctor_Checks::CheckSystems() {
                         Sys_Socket::DecodeIPAddress(system.GetIPAddress()),
                     system.GetIPAddress());
   }
+}
+
+void Doctor_Checks::CheckOtherNumbering() {
+  // Systems answer only who asks in their own numbering.
+  const bool isCurrent = Trel_CommManager::GetSupportsMarlo11();
+  TCPE_CommManager::SetSupportsMarlo11(!isCurrent);
+  if (mOptions.Start(nullptr).empty()) {
+    Survey::Systems systems = Survey::Masters();
+    systems.merge(Survey::Satellites());
+    for (const auto& [system, isAvailable] : systems) {
+      mFindings.Problem("numbering",
+                        std::string(RoleText(system.GetSystemType())) + " " + system.GetSystemName() + " at " +
+                            Sys_Socket::DecodeIPAddress(system.GetIPAddress()) + " uses the " +
+                            (isCurrent ? "legacy" : "current") + " command numbering, this system the " +
+                            (isCurrent ? "current" : "legacy") + " one",
+                        "Run all systems with --legacy, or none: others do not link.");
+    }
+    Trel_CommManager::Terminate();
+  }
+  TCPE_CommManager::SetSupportsMarlo11(isCurrent);
 }
 
 void Doctor_Checks::CheckConnection(const std::string& name, std::uint32_t address) {

@@ -24,6 +24,8 @@ private:
   void CheckPorts(std::uint32_t address);
   void CheckBroadcast(const Sys_Adaptor& adaptor);
   void CheckSystems();
+  /// Looks for systems that cannot link with this one, because they number commands otherwise.
+  void CheckOtherNumbering();
   void CheckConnection(const std::string& name, std::uint32_t address);
   void CheckClock();
   void CheckLoad();
