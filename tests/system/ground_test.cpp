@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -61,14 +62,14 @@ TEST_F(Ground, AFullDiskIsTold) {
       {"$T demo --satellites 1 --rounds 1 2>&1 > /dev/full", 1, kOutput},
       {"$HOST --master < /dev/null 2>&1 > /dev/full", 1, kOutput},
       {"$HOST --master --json < /dev/null 2>&1 > /dev/full", 1, kOutput},
-      {"$T watch --address 127.0.9.3 2>&1 > /dev/full", 1, kOutput},
+      {"$T watch --pid $WATCHED 2>&1 > /dev/full", 1, kOutput},
       {"$T discover --discovery-port 28683 --address 127.0.9.9 2>&1 > /dev/full", 1, kOutput},
       {"$HOST --master --record /dev/full < /dev/null 2>&1", 1,
        "trel: cannot write /dev/full: No space left on device"},
       {"$T --version 2>&1", 0, "trel "},
   };
-  HostProcess host(
-      {"host", "--master", "--json", "--address", "127.0.9.3", "--port", "28682", "--discovery-port", "28683"});
+  HostProcess host(Host({"--master"}, "127.0.9.3"));
+  setenv("WATCHED", std::to_string(host.Id()).c_str(), 1);
   host.Await({{"event", "ready"}}); // somebody to watch and to discover
   Expect(kCases);
   EXPECT_EQ(host.End(), 0);
