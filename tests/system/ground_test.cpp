@@ -33,15 +33,15 @@ struct Case {
 class Ground : public testing::Test {
 protected:
   static std::vector<std::string> Host(std::vector<std::string> arguments, const char* address) {
-    arguments.insert(arguments.begin(), {"host", "--json", "--port", "28682", "--discovery-port", "28683"});
-    arguments.insert(arguments.end(), {"--address", address});
-    return arguments;
+    arguments.insert(arguments.begin(), "host");
+    return HostProcess::OnOwnPorts(arguments, {"--address", address});
   }
   /// Runs cases one after the other; one that does not end in time has status 124.
   template <std::size_t Size>
   static void Expect(const Case (&cases)[Size]) {
-    const std::string setting = "T='timeout 20 " TREL_PROGRAM "'\n"
-                                "HOST=\"$T host --address 127.0.9.2 --port 28682 --discovery-port 28683\"\n";
+    const std::string setting = "T='timeout 20 " TREL_PROGRAM "'\nPORT=" + std::to_string(TestPort()) +
+                                "\nDISCOVERY=" + std::to_string(TestPort() + 8'000) +
+                                "\nHOST=\"$T host --address 127.0.9.2 --port $PORT --discovery-port $DISCOVERY\"\n";
     for (const Case& expected : cases) {
       const ShellOutcome outcome = RunShell(setting + expected.line);
       EXPECT_EQ(outcome.status, expected.status) << expected.line << '\n' << outcome.output;
@@ -63,7 +63,7 @@ TEST_F(Ground, AFullDiskIsTold) {
       {"$HOST --master < /dev/null 2>&1 > /dev/full", 1, kOutput},
       {"$HOST --master --json < /dev/null 2>&1 > /dev/full", 1, kOutput},
       {"$T watch --pid $WATCHED 2>&1 > /dev/full", 1, kOutput},
-      {"$T discover --discovery-port 28683 --address 127.0.9.9 2>&1 > /dev/full", 1, kOutput},
+      {"$T discover --discovery-port $DISCOVERY --address 127.0.9.9 2>&1 > /dev/full", 1, kOutput},
       {"$HOST --master --record /dev/full < /dev/null 2>&1", 1,
        "trel: cannot write /dev/full: No space left on device"},
       {"$T --version 2>&1", 0, "trel "},
@@ -204,7 +204,7 @@ TEST_F(Ground, TheDoctorFindsSystemsOfTheOtherNumbering) {
   HostProcess legacy(Host({"--satellite", "--name", "Old", "--legacy"}, "127.0.9.3"));
   legacy.Await({{"event", "ready"}});
   constexpr Case kCases[] = {
-      {"$T doctor --address 127.0.9.9 --port 28682 --discovery-port 28683", 1,
+      {"$T doctor --address 127.0.9.9 --port $PORT --discovery-port $DISCOVERY", 1,
        "satellite Old at 127.0.9.3 uses the legacy command numbering, this system the current one"},
   };
   Expect(kCases);
