@@ -24,7 +24,7 @@ TCPE_Connection::TCPE_Connection(asio::io_context& context, asio::ip::tcp::socke
                                  const TCPE_Limits& limits, TCPE_ByteTap& tap, TCPE_Endpoint::Id id,
                                  std::uint32_t address)
     : mLimits(limits), mOwner(owner), mContext(context), mSocket(std::move(socket)), mId(id), mAddress(address),
-      mCalls(limits), mTap(tap), mGathering(context), mCredits(limits) {}
+      mCalls(limits), mTap(tap), mCredits(limits) {}
 
 void TCPE_Connection::TransportOpened(bool openedByPeer) {
   asio::error_code gone;
@@ -434,8 +434,9 @@ void TCPE_Connection::Flush() {
   } else if (mClosesWhenSent) {
     CloseSocket();
   } else if (isBurst) {
-    mGathering.expires_after(std::chrono::microseconds(kBurst));
-    mGathering.async_wait([self = shared_from_this()](const asio::error_code&) { self->Flush(); });
+    // Not a member: a connection may outlive the engine, in the hand of a host that pumps.
+    auto timer = std::make_shared<asio::steady_timer>(mContext, std::chrono::microseconds(kBurst));
+    timer->async_wait([self = shared_from_this(), timer](const asio::error_code&) { self->Flush(); });
   } else {
     mFlushIsDue = false;
   }

@@ -19,7 +19,6 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/steady_timer.hpp>
 
 /// The socket of one connection, and what is queued for it.
 ///
@@ -195,8 +194,6 @@ private:
   std::shared_ptr<TCPE_PeerTraffic> mTraffic;
   TCPE_ByteTap& mTap;
   TCPE_TappedBytes mEnds; ///< of the transport, as a tap is told; no ports while it is not connected
-
-  asio::steady_timer mGathering;
 
   mutable std::mutex mMutex; // guards writing and closing the socket, and what follows
   std::vector<std::byte> mQueue;
