@@ -88,5 +88,5 @@ void Host_Session::OnEvent(const Trel_LinkEvent& event) {
   if (event.kind == Trel_LinkEvent::Kind::started) { // which is told a little later
     told.rawTime = mStarts.BegunAt(event.start.runningTime).value_or(told.rawTime);
   }
-  mEvents.Tell(std::move(told));
+  mEvents.Tell(told);
 }
