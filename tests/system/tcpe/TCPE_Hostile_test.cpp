@@ -105,8 +105,9 @@ TEST_F(TCPE_Hostile, NeitherUnfinishedFramesNorSilentConnectionsAreKept) {
       silent.emplace_back(0x7f000100 + i / 4, mVictim.Address()); // from one address only a few are let in
     }
     EXPECT_TRUE(Eventually([&] { return Refused() >= kSilent - TCPE_Limits{}.maxHalfOpen; }));
-    ExpectWithin("descriptors for 1000 silent connections", OpenDescriptors() - before - kSilent,
-                 static_cast<std::int64_t>(TCPE_Limits{}.maxHalfOpen));
+    // Who gives way is closed a moment after the newcomer has its place.
+    EXPECT_TRUE(Eventually(
+        [&] { return OpenDescriptors() - before - kSilent <= static_cast<std::int64_t>(TCPE_Limits{}.maxHalfOpen); }));
     ExpectWithin("memory for them, KiB", ResidentKilobytes() - memory, kMemoryLimit);
     while (Refused() < kSilent && drips()) {
     }
