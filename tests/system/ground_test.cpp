@@ -169,6 +169,7 @@ TEST_F(Ground, AStormOfOneSystemIsBoundedAndItsEndIsTold) {
   HostProcess master(Host({"--master"}, "127.0.9.2"));
   HostProcess satellite(Host({"--satellite", "--connect", "127.0.9.2"}, "127.0.9.3"));
   master.Await({{"event", "linked"}});
+  satellite.Await({{"event", "linked"}});
   const std::int64_t begin = Sys_Clock::RawMicroseconds();
   for (int change = 0; change < 200; ++change) { // fewer than the library itself would leave out on a busy machine
     satellite.Send("solo on");
