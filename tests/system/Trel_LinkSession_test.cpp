@@ -287,6 +287,7 @@ TEST_P(LinkSessionTest, StartFromAnEventDoesNotWaitForStop) {
                     const std::int64_t end = Sys_Clock::RawMicroseconds() + 100'000;
                     while (Sys_Clock::RawMicroseconds() < end) {
                       mSession->Start(); // Stop begins meanwhile, and waits for this
+                      mSession->DisconnectSystem(kOtherPeerAddress);
                     }
                   }
                 }});

@@ -75,6 +75,8 @@ TEST_F(CommManagerTest, IdleReportsTheClockLock) {
 
   // Same state and same connections as at the last report, but another start.
   Trel_CommManager::Terminate();
+  Trel_CommManager::DoIdle(); // makes no clock anew
+  EXPECT_EQ(Trel_CorrelatedClockMgr::WaitUntilLocked(0, 1'000'000), eTrel_ClockWait_Terminated);
   EXPECT_EQ(mPeer.Next(), "Disconnect");
   Start();
   Connect(mPeer);

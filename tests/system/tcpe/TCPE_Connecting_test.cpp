@@ -3,6 +3,7 @@
 #include <trel/TCPE_Cmd_Disconnect.h>
 
 #include <barrier>
+#include <future>
 
 namespace {
 
@@ -65,6 +66,30 @@ TEST(TCPE_Connecting, FromBothSidesAtOnceGivesOneConnection) {
   EXPECT_EQ(goodA, 2 * kRounds);
   EXPECT_EQ(goodB, 2 * kRounds);
   EXPECT_TRUE(Eventually([&] { return a.Count("Connect") + b.Count("Connect") == kRounds; }));
+  EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
+}
+
+TEST(TCPE_Connecting, TrueMeansConnectedWhileAnotherThreadConnectsAndDisconnects) {
+  constexpr int kRounds = 1000;
+  TestSystem a(0), b(1);
+  Start(a, b);
+  const std::uint32_t address = b.Address();
+  for (int round = 0; round < kRounds; ++round) {
+    for (const bool connects : {true, false}) {
+      SCOPED_TRACE(std::to_string(round) + (connects ? " connects" : " disconnects"));
+      auto other =
+          std::async(std::launch::async, [&] { return connects ? a.Connect(address) : a.Disconnect(address); });
+      const std::int64_t begin = Sys_Clock::RawMicroseconds();
+      while (a.IsConnected(address) != connects) { // without a sleep: as soon as it is so
+        ASSERT_LT(Sys_Clock::RawMicroseconds(), begin + 10'000'000);
+        std::this_thread::yield();
+      }
+      EXPECT_EQ(a.Disconnect(address), connects);
+      ASSERT_TRUE(a.Connect(address) && a.IsConnected(address));
+      EXPECT_TRUE(other.get());
+    }
+    EXPECT_TRUE(a.Disconnect(address));
+  }
   EXPECT_EQ(a.Count("error") + b.Count("error"), 0);
 }
 

@@ -245,7 +245,13 @@ TEST(TCPE_Handlers, CommandLogTellsWhatIsSentReceivedAndReplied) {
     });
   }
   Link(a, b);
-  EXPECT_EQ(a.Send(Trel_Cmd_GetCurrentRunningTime(), b.Address()), eTCPE_CommErr_None); // not logged
+  EXPECT_TRUE(Eventually([&] { return b.Count("Connect") == 1; }));
+  for (const bool isHandled : {true, false}) { // not logged, nor when refused
+    b.hasHandler = isHandled;
+    EXPECT_EQ(a.Send(Trel_Cmd_GetCurrentRunningTime(), b.Address()),
+              isHandled ? eTCPE_CommErr_None : eTCPE_CommErr_NoHandler);
+  }
+  b.hasHandler = true;
   a.SendTime(5, b.Address());
   EXPECT_EQ(a.Query(b.Address()), eTCPE_CommErr_None);
   EXPECT_TRUE(Eventually([] { // the reply is logged after it has gone

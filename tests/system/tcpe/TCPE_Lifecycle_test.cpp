@@ -85,6 +85,15 @@ TEST(TCPE_Lifecycle, WhatIsSetWhileItStartsIsInForce) {
   }
 }
 
+TEST(TCPE_Lifecycle, NamesOfTwoSystemsMayBeAskedForByOneThread) {
+  TestSystem a(0), b(1);
+  a.SetSystemName("Stage");
+  b.SetSystemName("Studio");
+  const char* const name = a.GetSystemName();
+  EXPECT_STREQ(b.GetSystemName(), "Studio");
+  EXPECT_STREQ(name, "Stage");
+}
+
 TEST(TCPE_Lifecycle, AHandlerThatDoesNotEndIsLeftBehindAndHindersNoNewStart) {
   ReportCollector reports;
   std::latch hold(1);
