@@ -2,6 +2,7 @@
 
 #include "foundation/Sys_Wipe.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -28,6 +29,17 @@ private:
   int mNumber;
 };
 
+constexpr std::size_t kRandomSize = 64; // of 256 bits
+constexpr const char* kTooMany = "has more than two lines: it holds one secret, or two, each on its line";
+
+bool IsEndOfLine(std::byte byte) { return byte == std::byte{'\n'} || byte == std::byte{'\r'}; }
+
+/// As they are written: in capitals it would be another secret.
+bool IsDigit(std::byte byte) {
+  const auto character = static_cast<char>(byte);
+  return (character >= '0' && character <= '9') || (character >= 'a' && character <= 'f');
+}
+
 std::string LastError() { return std::generic_category().message(errno); }
 
 /// Reads to the end or until the space is full; false when reading fails.
@@ -51,7 +63,7 @@ bool ReadAll(int descriptor, std::span<std::byte> space, std::size_t& size) {
 Sys_SecretFile::Sys_SecretFile(const std::string& path) {
   const auto refuse = [this, &path](const std::string& reason) {
     Sys_Wipe(mBytes);
-    mSize = 0;
+    mCount = 0;
     mFault = "the secret file " + path + ' ' + reason;
   };
   const Descriptor file(path);
@@ -72,21 +84,44 @@ Sys_SecretFile::Sys_SecretFile(const std::string& path) {
     refuse("is open to other users: only its owner may read and write it (mode 0600)");
     return;
   }
-  if (!ReadAll(file.Number(), mBytes, mSize)) {
+  std::size_t size = 0;
+  if (!ReadAll(file.Number(), mBytes, size)) {
     refuse("cannot be read: " + LastError());
     return;
   }
-  const bool isTooLong = mSize == mBytes.size();
-  while (mSize > 0 && (mBytes[mSize - 1] == std::byte{'\n'} || mBytes[mSize - 1] == std::byte{'\r'})) {
-    --mSize;
-  }
-  if (mSize == 0) {
-    refuse("is empty");
-  } else if (mSize < kMinSize) {
-    refuse("is too short: a secret has at least " + std::to_string(kMinSize) + " characters");
-  } else if (isTooLong || mSize > kMaxSize) {
-    refuse("is too long: a secret has at most " + std::to_string(kMaxSize) + " characters");
+  if (const std::string fault = TakeApart(std::span(mBytes).first(size)); !fault.empty()) {
+    refuse(fault);
   }
 }
 
 Sys_SecretFile::~Sys_SecretFile() { Sys_Wipe(mBytes); }
+
+std::string Sys_SecretFile::TakeApart(std::span<const std::byte> rest) {
+  const bool isTooLong = rest.size() == mBytes.size();
+  while (!rest.empty()) {
+    const auto end = std::find_if(rest.begin(), rest.end(), IsEndOfLine);
+    const auto secret = rest.first(static_cast<std::size_t>(end - rest.begin()));
+    rest = rest.subspan(std::min(secret.size() + 1, rest.size()));
+    if (secret.empty()) {
+      continue;
+    }
+    if (secret.size() < kMinSize) {
+      return "is too short: a secret has at least " + std::to_string(kMinSize) + " characters";
+    }
+    if (secret.size() > kMaxSize) {
+      return "is too long: a secret has at most " + std::to_string(kMaxSize) + " characters";
+    }
+    if (mCount == kMostSecrets) {
+      return kTooMany;
+    }
+    mSecrets.at(mCount++) = secret;
+  }
+  return isTooLong ? kTooMany : mCount == 0 ? "is empty" : "";
+}
+
+bool Sys_SecretFile::IsMadeUp() const {
+  const std::span secrets = Secrets();
+  return !std::all_of(secrets.begin(), secrets.end(), [](std::span<const std::byte> secret) {
+    return secret.size() == kRandomSize && std::all_of(secret.begin(), secret.end(), IsDigit);
+  });
+}

@@ -5,11 +5,13 @@
 #include <span>
 #include <string>
 
-/// A secret that stands in a file which nobody but its owner can read or write. Wiped from memory when destroyed.
+/// A secret, or two, each on a line of a file that nobody but its owner can read or write. Wiped from memory when
+/// destroyed.
 class Sys_SecretFile {
 public:
   static constexpr std::size_t kMinSize = 16;
   static constexpr std::size_t kMaxSize = 1024;
+  static constexpr std::size_t kMostSecrets = 2;
 
   /// Reads a regular file; blocks for as long as that takes.
   explicit Sys_SecretFile(const std::string& path);
@@ -19,12 +21,17 @@ public:
 
   /// What makes the file unusable, a sentence in words with its name; empty when there is a secret.
   const std::string& Fault() const { return mFault; }
-  /// Without the ends of line behind it.
-  std::span<const std::byte> Secret() const { return std::span(mBytes).first(mSize); }
+  std::span<const std::span<const std::byte>> Secrets() const { return std::span(mSecrets).first(mCount); }
+  /// Whether one of them does not look like 256 random bits, that is 64 digits and letters a to f.
+  bool IsMadeUp() const;
 
 private:
-  /// An end of line may follow the secret, and one byte more shows that the file is too long.
-  std::array<std::byte, kMaxSize + 3> mBytes{};
-  std::size_t mSize = 0;
+  /// @return what is wrong with them
+  std::string TakeApart(std::span<const std::byte> content);
+
+  /// Both with their ends of line, and one byte more, which shows that the file is too long.
+  std::array<std::byte, kMostSecrets*(kMaxSize + 2) + 1> mBytes{};
+  std::array<std::span<const std::byte>, kMostSecrets> mSecrets{};
+  std::size_t mCount = 0;
   std::string mFault;
 };

@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                        .minorVersion = 1,
                        .types = (kind & 2U) != 0 ? kTCPE_LegacyTypes : kTCPE_CurrentTypes};
   if ((kind & 1U) != 0) {
-    config.key = std::make_shared<const TCPE_AuthenticationKey>(TCPE_AuthenticationKey::Mac{});
+    config.keys.proved = std::make_shared<const TCPE_AuthenticationKey>(TCPE_AuthenticationKey::Mac{});
   }
   const Codec codec(config);
   TCPE_DiscoveryResponder::Self self;

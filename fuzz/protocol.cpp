@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     config.limits.maxHalfOpen = 6;
     config.maxConnections = maxConnections;
     config.allowConnect = [](std::uint32_t peer) { return peer != 30; };
-    config.key = haveSecret ? SimulatedNetwork::Key('x') : nullptr;
+    config.keys.proved = haveSecret ? SimulatedNetwork::Key('x') : nullptr;
     network.Add(config);
   }
   std::vector<Stranger> strangers;

@@ -17,6 +17,7 @@
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
+#include "tcpe/protocol/TCPE_SharedKeys.h"
 
 #include <algorithm>
 #include <chrono>
@@ -54,8 +55,8 @@ std::string PortInUseText(const char* kind, std::uint16_t port, std::uint32_t ad
          " is in use by another program";
 }
 
-/// The key of the shared secret, null when none is configured.
-ETCPE_Status MakeKey(std::shared_ptr<const TCPE_AuthenticationKey>* key, std::string* report) {
+/// The keys of the shared secrets, none when none is configured.
+ETCPE_Status MakeKeys(TCPE_SharedKeys* keys, bool* isMadeUp, std::string* report) {
   const std::string path = SPSStartupOptionText("SharedSecretFile", nullptr);
   if (path.empty()) {
     return eTCPE_Status_Success;
@@ -65,10 +66,21 @@ ETCPE_Status MakeKey(std::shared_ptr<const TCPE_AuthenticationKey>* key, std::st
     *report = file.Fault();
     return eTCPE_Status_SharedSecret;
   }
-  *key = TCPE_AuthenticationKey::FromSecret(file.Secret());
-  if (*key == nullptr) {
-    *report = "the cryptographic library derives no key from the shared secret";
-    return eTCPE_Status_SystemError;
+  *isMadeUp = file.IsMadeUp();
+  if (*isMadeUp && SPSStartupOptionSInt32("SharedSecretIsMadeUp", 0) != 1) {
+    *report = "the secret file " + path +
+              " holds a secret that people made up, which can be guessed, and not 64 random digits and letters a to f; "
+              "the start-up option SharedSecretIsMadeUp has it accepted";
+    return eTCPE_Status_SharedSecret;
+  }
+  TCPE_SharedKeys::Key* key = &keys->proved;
+  for (const std::span<const std::byte> secret : file.Secrets()) {
+    *key = TCPE_AuthenticationKey::FromSecret(secret);
+    if (*key == nullptr) {
+      *report = "the cryptographic library derives no key from the shared secret";
+      return eTCPE_Status_SystemError;
+    }
+    key = &keys->accepted;
   }
   return eTCPE_Status_Success;
 }
@@ -231,8 +243,9 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
   if (adaptor.status != eTCPE_Status_Success) {
     return adaptor.status;
   }
-  std::shared_ptr<const TCPE_AuthenticationKey> key;
-  if (const ETCPE_Status secret = MakeKey(&key, report); secret != eTCPE_Status_Success) {
+  TCPE_SharedKeys keys;
+  bool isSecretMadeUp = false;
+  if (const ETCPE_Status secret = MakeKeys(&keys, &isSecretMadeUp, report); secret != eTCPE_Status_Success) {
     return secret;
   }
   mCommunicationPort = preferences != nullptr ? preferences->GetCommunicationPort() : std::uint16_t{0};
@@ -269,7 +282,8 @@ std::int32_t TCPE_CommManager::Start(TCPE_CommPreferences* preferences, NetworkE
                            .localAddress = adaptor.address,
                            .adaptorName = adaptor.name,
                            .broadcastAddress = adaptor.broadcast,
-                           .key = std::move(key),
+                           .keys = std::move(keys),
+                           .isSecretMadeUp = isSecretMadeUp,
                            .onNetworkError = onNetworkError,
                            .byteTap = mByteTap,
                            .answersDiscovery = SPSStartupOptionSInt32("AnswersDiscovery", 1) != 0});

@@ -101,7 +101,8 @@ public:
   static void ReleaseNumbering();
 
   /// Starts the engine. Null preferences stand for address 0 and the default port. With the start-up option
-  /// "SharedSecretFile" only systems that prove the same secret are linked; deriving its key takes some 50 ms.
+  /// "SharedSecretFile" only systems that prove the same secret are linked; deriving its key takes some 50 ms, and as
+  /// long for a second one.
   /// @return 0, or an ETCPE_Status; after a failure nothing is left running
   std::int32_t Initialize(TCPE_CommPreferences* preferences, NetworkErrorProc onNetworkError);
   /// The last Initialize in words: why it failed, with the ports and addresses concerned, or what it chose where there

@@ -84,6 +84,8 @@ struct TCPE_EngineSnapshot {
   std::string adaptorName;   ///< that the address belongs to
   std::uint16_t communicationPort = 0;
   std::int64_t runningFor = 0; ///< since Initialize, us of the raw clock as all ages here
+  std::size_t secrets = 0;     ///< that are accepted; two while the shared secret is being changed
+  bool isSecretMadeUp = false; ///< one of them, by people
   TCPE_Counters counters;
   /// Calls of the host's handlers, callbacks, hooks, logs and taps that ended with an exception; of the whole process,
   /// since it began.

@@ -46,12 +46,13 @@ TCPE_Engine::TCPE_Engine(Setup setup)
       mLocalAddress(setup.localAddress), mBroadcastAddress(setup.broadcastAddress),
       mOnNetworkError(setup.onNetworkError),
       mTypes(TCPE_CommManager::GetSupportsMarlo11() ? kTCPE_CurrentTypes : kTCPE_LegacyTypes),
-      mStarted(Sys_Clock::RawMicroseconds()), mIsAuthenticating(setup.key != nullptr),
-      mAdaptorName(std::move(setup.adaptorName)), mHistory(mLimits.maxDepartedPeers),
-      mDispatcher(mManager, *mTask, *this), mDelivery(std::make_unique<TCPE_HandlerDelivery>(mLimits, mOnNetworkError)),
-      mByteTap(std::move(setup.byteTap)), mDiscoveryClient(mLimits, DatagramConfig(setup.key), *mByteTap),
+      mStarted(Sys_Clock::RawMicroseconds()), mSecrets((setup.keys ? 1U : 0U) + (setup.keys.accepted ? 1U : 0U)),
+      mIsSecretMadeUp(setup.isSecretMadeUp), mAdaptorName(std::move(setup.adaptorName)),
+      mHistory(mLimits.maxDepartedPeers), mDispatcher(mManager, *mTask, *this),
+      mDelivery(std::make_unique<TCPE_HandlerDelivery>(mLimits, mOnNetworkError)), mByteTap(std::move(setup.byteTap)),
+      mDiscoveryClient(mLimits, DatagramConfig(setup.keys), *mByteTap),
       mNetwork(std::make_unique<TCPE_Network>(
-          EndpointConfig(setup.key), ResponderConfig(setup.key),
+          EndpointConfig(setup.keys), ResponderConfig(setup.keys),
           TCPE_Network::Place{.address = mLocalAddress,
                               .broadcastAddress = mBroadcastAddress,
                               .port = mTask->GetCommunicationPort(),
@@ -249,11 +250,13 @@ TCPE_EngineSnapshot TCPE_Engine::GetSnapshot() const {
                                .adaptorName = adaptorName,
                                .communicationPort = mTask->GetCommunicationPort(),
                                .runningFor = now - mStarted,
+                               .secrets = mSecrets,
+                               .isSecretMadeUp = mIsSecretMadeUp,
                                .counters = GetCounters(),
                                .hostFailures = Cmn_HostCall::CountFailures(),
                                .peers = mHistory.Peers(now)};
   for (TCPE_PeerSnapshot& peer : snapshot.peers) {
-    peer.isAuthenticated = mIsAuthenticating; // else it would not have been admitted
+    peer.isAuthenticated = mSecrets != 0; // else it would not have been admitted
     peer.handlers = mDelivery->GetLoad(peer.address);
     if (const auto position = connected.find(peer.address); position != connected.end()) {
       TCPE_Connection& connection = *position->second;
@@ -305,7 +308,7 @@ void TCPE_Engine::MoveTo(std::uint32_t address, std::uint32_t broadcastAddress, 
   mNetwork->MoveTo(address, broadcastAddress);
 }
 
-TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
+TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(const TCPE_SharedKeys& keys) {
   TCPE_Endpoint::Config config;
   config.limits = mLimits;
   config.local.hello.majorVersion = mTask->GetCurrentProtocolMajorVersion();
@@ -320,7 +323,7 @@ TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(std::shared_ptr<const TCPE_Aut
   config.allowConnect = [this](std::uint32_t address) {
     return Cmn_HostCall::Ask(Cmn_HostCall::Kind::hook, false, [&] { return mManager.AllowConnect(address); });
   };
-  config.key = std::move(key);
+  config.keys = keys;
   config.makeNonce = &TCPE_AuthenticationKey::MakeNonce;
   config.random = &Sys_Umid::Random64;
   config.examineConnect = [this](std::uint32_t address, const TCPE_FrameHeader& header,
@@ -331,16 +334,16 @@ TCPE_Endpoint::Config TCPE_Engine::EndpointConfig(std::shared_ptr<const TCPE_Aut
   return config;
 }
 
-TCPE_DiscoveryCodec::Config TCPE_Engine::DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const {
+TCPE_DiscoveryCodec::Config TCPE_Engine::DatagramConfig(const TCPE_SharedKeys& keys) const {
   return {.majorVersion = mTask->GetCurrentProtocolMajorVersion(),
           .minorVersion = mTask->GetCurrentProtocolMinorVersion(),
           .types = mTypes,
-          .key = std::move(key)};
+          .keys = keys};
 }
 
-TCPE_DiscoveryResponder::Config TCPE_Engine::ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) {
+TCPE_DiscoveryResponder::Config TCPE_Engine::ResponderConfig(const TCPE_SharedKeys& keys) {
   return {.limits = mLimits,
-          .datagrams = DatagramConfig(std::move(key)),
+          .datagrams = DatagramConfig(keys),
           .describe =
               [this] {
                 TCPE_DiscoveryResponder::Self self{.reply = {.system = mManager.CopyLocalSystem()},

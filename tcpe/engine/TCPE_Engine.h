@@ -6,10 +6,10 @@
 #include "tcpe/engine/TCPE_PumpQueue.h"
 #include "tcpe/net/TCPE_DiscoveryClient.h"
 #include "tcpe/net/TCPE_Network.h"
-#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_DiscoveryCodec.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
+#include "tcpe/protocol/TCPE_SharedKeys.h"
 
 #include <trel/Sys_Clock.h>
 #include <trel/TCPE_CommManager.h>
@@ -45,8 +45,8 @@ public:
     std::uint32_t localAddress = 0;
     std::string adaptorName;
     std::uint32_t broadcastAddress = 0;
-    /// Of the shared secret; null without one.
-    std::shared_ptr<const TCPE_AuthenticationKey> key{};
+    TCPE_SharedKeys keys{};
+    bool isSecretMadeUp = false; ///< one of the secrets, by people
     TCPE_CommManager::NetworkErrorProc onNetworkError = nullptr;
     std::shared_ptr<TCPE_ByteTap> byteTap;
     bool answersDiscovery = true;
@@ -109,9 +109,9 @@ private:
     bool hasEnded = false;
     bool isConnected = false;
   };
-  TCPE_Endpoint::Config EndpointConfig(std::shared_ptr<const TCPE_AuthenticationKey> key);
-  TCPE_DiscoveryCodec::Config DatagramConfig(std::shared_ptr<const TCPE_AuthenticationKey> key) const;
-  TCPE_DiscoveryResponder::Config ResponderConfig(std::shared_ptr<const TCPE_AuthenticationKey> key);
+  TCPE_Endpoint::Config EndpointConfig(const TCPE_SharedKeys& keys);
+  TCPE_DiscoveryCodec::Config DatagramConfig(const TCPE_SharedKeys& keys) const;
+  TCPE_DiscoveryResponder::Config ResponderConfig(const TCPE_SharedKeys& keys);
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
@@ -188,7 +188,8 @@ private:
   std::atomic<bool> mIsStopping = false;
   std::atomic<std::uint32_t> mLastSerial = 0;
   const TCPE_Time mStarted;
-  const bool mIsAuthenticating;
+  const std::size_t mSecrets;
+  const bool mIsSecretMadeUp;
   std::string mAdaptorName; ///< guarded by the mutex of the connections
   TCPE_PeerHistory mHistory;
 

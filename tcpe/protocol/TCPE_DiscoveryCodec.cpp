@@ -1,6 +1,5 @@
 #include "tcpe/protocol/TCPE_DiscoveryCodec.h"
 
-#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Bytes.h"
 
 #include <algorithm>
@@ -42,8 +41,8 @@ std::vector<std::byte> TCPE_DiscoveryCodec::WriteQuery(const Query& query) const
   std::vector<std::byte> datagram = MakeFrame(query, kTCPE_Flag_ReplyWanted);
   std::copy(query.nonce.begin(), query.nonce.end(), datagram.begin() + TCPE_FrameHeader::kSize);
   TCPE_SealFrame(datagram);
-  if (mConfig.key) {
-    AppendTag(datagram, mConfig.key->MakeMac(kQueryLabel, {BytesOf(query.asker), datagram}));
+  if (mConfig.keys) {
+    AppendTag(datagram, mConfig.keys.proved->MakeMac(kQueryLabel, {BytesOf(query.asker), datagram}));
   }
   return datagram;
 }
@@ -58,8 +57,11 @@ TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::ReadQuery(Bytes datagram, std:
       parts.header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
     return Verdict::malformed;
   }
-  if (mConfig.key && !mConfig.key->Verify(kQueryLabel, {BytesOf(source), parts.frame}, parts.tag)) {
-    return Verdict::notAuthentic;
+  if (mConfig.keys) {
+    query->key = mConfig.keys.Find(kQueryLabel, {BytesOf(source), parts.frame}, parts.tag);
+    if (query->key == nullptr) {
+      return Verdict::notAuthentic;
+    }
   }
   query->kind = asksForMasters ? Kind::masters : Kind::satellites;
   query->serial = parts.header.serial;
@@ -85,8 +87,9 @@ std::vector<std::byte> TCPE_DiscoveryCodec::WriteReply(const Query& query, std::
   numbers.U8(reply.system.GetMinorVersion());
   numbers.U8(reply.isAvailable ? 1 : 0);
   TCPE_SealFrame(datagram);
-  if (mConfig.key) {
-    AppendTag(datagram, mConfig.key->MakeMac(kReplyLabel, {query.nonce, BytesOf(address), datagram}));
+  if (mConfig.keys) {
+    const TCPE_SharedKeys::Key& key = query.key != nullptr ? query.key : mConfig.keys.proved;
+    AppendTag(datagram, key->MakeMac(kReplyLabel, {query.nonce, BytesOf(address), datagram}));
   }
   return datagram;
 }
@@ -101,7 +104,8 @@ TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::ReadReply(Bytes datagram, cons
       !parts.header.Has(kTCPE_Flag_Reply) || parts.header.Has(kTCPE_Flag_ErrorReply | kTCPE_Flag_ReplyWanted)) {
     return Verdict::malformed;
   }
-  if (mConfig.key && !mConfig.key->Verify(kReplyLabel, {query.nonce, BytesOf(source), parts.frame}, parts.tag)) {
+  if (mConfig.keys &&
+      !mConfig.keys.proved->Verify(kReplyLabel, {query.nonce, BytesOf(source), parts.frame}, parts.tag)) {
     return Verdict::notAuthentic;
   }
   reply->system.SetSystemName(ReadText<TCPE_System::kSystemNameSize>(parts.payload).data());
@@ -122,7 +126,7 @@ TCPE_eCmd TCPE_DiscoveryCodec::TypeOf(Kind kind) const {
 std::vector<std::byte> TCPE_DiscoveryCodec::MakeFrame(const Query& query, std::uint8_t flags) const {
   const TCPE_FrameHeader header{.majorVersion = mConfig.majorVersion,
                                 .minorVersion = mConfig.minorVersion,
-                                .flags = static_cast<std::uint8_t>(flags | (mConfig.key ? kTCPE_Flag_Tag : 0)),
+                                .flags = static_cast<std::uint8_t>(flags | (mConfig.keys ? kTCPE_Flag_Tag : 0)),
                                 .senderSystemType = query.senderSystemType,
                                 .type = TypeOf(query.kind),
                                 .serial = query.serial};
@@ -155,7 +159,7 @@ TCPE_DiscoveryCodec::Verdict TCPE_DiscoveryCodec::TakeApart(Bytes datagram, Part
   if (header.dataLength < kPayloadSize) {
     return Verdict::malformed;
   }
-  if (isTagged != (mConfig.key != nullptr)) {
+  if (isTagged != static_cast<bool>(mConfig.keys)) {
     return Verdict::notAuthentic;
   }
   *parts = {header, frame, frame.subspan(TCPE_FrameHeader::kSize), datagram.subspan(frameSize)};

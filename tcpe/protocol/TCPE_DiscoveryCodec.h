@@ -3,17 +3,15 @@
 #include "tcpe/protocol/TCPE_Frame.h"
 #include "tcpe/protocol/TCPE_Hello.h"
 #include "tcpe/protocol/TCPE_Numbering.h"
+#include "tcpe/protocol/TCPE_SharedKeys.h"
 
 #include <trel/TCPE_System.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
-
-class TCPE_AuthenticationKey;
 
 /// Writes and reads the datagrams by which systems find each other.
 ///
@@ -31,7 +29,8 @@ public:
     std::uint32_t serial = 0;
     TCPE_Hello::Nonce nonce{};
     std::uint8_t senderSystemType = 0;
-    std::uint32_t asker = 0; ///< the address that the datagram comes from
+    std::uint32_t asker = 0;       ///< the address that the datagram comes from
+    TCPE_SharedKeys::Key key = {}; ///< by which its tag is right, and that of the reply has to be; null: the first
   };
   struct Reply {
     TCPE_System system; ///< its address is the datagram's source
@@ -47,7 +46,7 @@ public:
     std::uint8_t majorVersion = 0;
     std::uint8_t minorVersion = 0;
     TCPE_EngineTypes types = kTCPE_CurrentTypes;
-    std::shared_ptr<const TCPE_AuthenticationKey> key{}; ///< none: no secret is shared
+    TCPE_SharedKeys keys{};
   };
 
   static constexpr std::size_t kPayloadSize = TCPE_System::kSystemNameSize + TCPE_System::kHostNameSize + 7;
@@ -55,7 +54,7 @@ public:
   explicit TCPE_DiscoveryCodec(Config config) : mConfig(std::move(config)) {}
 
   /// Bytes of every datagram that this one writes.
-  std::size_t Length() const { return TCPE_FrameHeader::kSize + kPayloadSize + (mConfig.key ? kTCPE_TagSize : 0); }
+  std::size_t Length() const { return TCPE_FrameHeader::kSize + kPayloadSize + (mConfig.keys ? kTCPE_TagSize : 0); }
 
   std::vector<std::byte> WriteQuery(const Query& query) const;
   Verdict ReadQuery(std::span<const std::byte> datagram, std::uint32_t source, Query* query) const;

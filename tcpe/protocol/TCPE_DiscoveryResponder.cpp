@@ -11,7 +11,7 @@ void TCPE_DiscoveryResponder::Received(std::span<const std::byte> datagram, cons
                                        TCPE_Time now) {
   TCPE_DiscoveryCodec::Query query;
   TCPE_DiscoveryCodec::Verdict verdict = mCodec.ReadQuery(datagram, from.address, &query);
-  if (mConfig.datagrams.key && verdict == TCPE_DiscoveryCodec::Verdict::sound && !mKnownNonces.Add(query.nonce)) {
+  if (mConfig.datagrams.keys && verdict == TCPE_DiscoveryCodec::Verdict::sound && !mKnownNonces.Add(query.nonce)) {
     verdict = TCPE_DiscoveryCodec::Verdict::notAuthentic; // somebody has recorded it
   }
   mCounters.Count(verdict);

@@ -277,7 +277,7 @@ void TCPE_Endpoint::AddSession(Id id, TCPE_Session::Role role, std::vector<std::
                             .localAddress = mConfig.localAddress,
                             .peerAddress = connection.address,
                             .nonce = mConfig.makeNonce ? mConfig.makeNonce() : TCPE_Hello::Nonce(),
-                            .key = mConfig.key,
+                            .keys = mConfig.keys,
                             .connectFrame = std::move(connectFrame)};
   connection.session = std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, std::move(terms), now);
 }
@@ -327,7 +327,7 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
   case Kind::connectRequested:
     connection->connectHeader = event->header;
     connection->connectPayload.assign(event->payload.begin(), event->payload.end());
-    if (mConfig.key) {
+    if (mConfig.keys) {
       mFailures.Forget(connection->address); // it has proved the secret, and the host may ask for that when it decides
     }
     if (mConfig.allowConnect(connection->address)) {

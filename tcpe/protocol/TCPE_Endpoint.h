@@ -1,9 +1,9 @@
 #pragma once
 
 #include "tcpe/protocol/TCPE_AuthenticationFailures.h"
-#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Rate.h"
 #include "tcpe/protocol/TCPE_Session.h"
+#include "tcpe/protocol/TCPE_SharedKeys.h"
 
 #include <atomic>
 #include <cstdint>
@@ -39,8 +39,7 @@ public:
     std::function<TCPE_CommErr(std::uint32_t address, const TCPE_FrameHeader& header,
                                std::span<const std::byte> payload)>
         examineConnect{};
-    /// Of the shared secret; null without one.
-    std::shared_ptr<const TCPE_AuthenticationKey> key{};
+    TCPE_SharedKeys keys{};
     /// A fresh nonce for each connection. Empty: zeros.
     std::function<TCPE_Hello::Nonce()> makeNonce{};
     /// Draws who gives way, and whose proof is examined. Empty: zeros.
@@ -135,7 +134,7 @@ public:
   /// Whether a system at the address failed to prove the secret a short while ago; without a secret nobody
   /// does. From any thread.
   bool HasAuthenticationFailed(std::uint32_t address, TCPE_Time now) const {
-    return mConfig.key != nullptr && mFailures.IsMarked(address, now);
+    return mConfig.keys && mFailures.IsMarked(address, now);
   }
 
 private:

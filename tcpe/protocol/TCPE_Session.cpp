@@ -26,7 +26,7 @@ TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms 
     : mLimits(limits), mLocal(local), mTerms(std::move(terms)), mHello(local.hello), mOutput(TCPE_Hello::kSize),
       mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mFinished(limits) {
   mHello.nonce = mTerms.nonce;
-  mHello.authenticationRequired = mTerms.key != nullptr;
+  mHello.authenticationRequired = static_cast<bool>(mTerms.keys);
   mHello.Write(mOutput.data());
 }
 
@@ -230,11 +230,11 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnHello() {
     return Refused(eTCPE_CommErr_OtherNumbering);
   }
   if (hello->authenticationRequired != mHello.authenticationRequired) {
-    return mTerms.key ? Unproved() : Refused(eTCPE_CommErr_Authentication);
+    return mTerms.keys ? Unproved() : Refused(eTCPE_CommErr_Authentication);
   }
   if (!isInitiator) {
-    mState = mTerms.key ? State::challenge : State::connect;
-  } else if (mTerms.key) {
+    mState = mTerms.keys ? State::challenge : State::connect;
+  } else if (mTerms.keys) {
     SendProof(kTCPE_Flag_ReplyWanted);
     mState = State::proof;
   } else {
@@ -269,18 +269,21 @@ std::optional<TCPE_Session::Event> TCPE_Session::OnProof(const TCPE_FrameHeader&
   return std::nullopt;
 }
 
-bool TCPE_Session::IsRightProof(std::span<const std::byte> proof) const {
-  return mTerms.key->Verify(ProofLabel(Other(mTerms.role)), {mTranscript}, proof);
+bool TCPE_Session::IsRightProof(std::span<const std::byte> proof) {
+  // The acceptor takes up the key that the initiator proves.
+  const TCPE_SharedKeys keys = mTerms.role == Role::acceptor ? mTerms.keys : TCPE_SharedKeys{mTerms.keys.proved};
+  mKey = keys.Find(ProofLabel(Other(mTerms.role)), {mTranscript}, proof);
+  return mKey != nullptr;
 }
 
 void TCPE_Session::SendProof(std::uint8_t flags) {
   SendFrame(mLocal.challengeType, flags, 0, eTCPE_CommErr_None,
-            mTerms.key->MakeMac(ProofLabel(mTerms.role), {mTranscript}));
+            (mKey ? mKey : mTerms.keys.proved)->MakeMac(ProofLabel(mTerms.role), {mTranscript}));
 }
 
 void TCPE_Session::BeginTagging() {
-  mTagger.emplace(mTerms.key->Derive(FramesLabel(mTerms.role), {mTranscript}));
-  mPeerTagger.emplace(mTerms.key->Derive(FramesLabel(Other(mTerms.role)), {mTranscript}));
+  mTagger.emplace(mKey->Derive(FramesLabel(mTerms.role), {mTranscript}));
+  mPeerTagger.emplace(mKey->Derive(FramesLabel(Other(mTerms.role)), {mTranscript}));
 }
 
 void TCPE_Session::SendConnect() {

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tcpe/protocol/TCPE_Credits.h"
 #include "tcpe/protocol/TCPE_Frame.h"
 #include "tcpe/protocol/TCPE_FrameTagger.h"
 #include "tcpe/protocol/TCPE_Hello.h"
 #include "tcpe/protocol/TCPE_Limits.h"
+#include "tcpe/protocol/TCPE_SharedKeys.h"
 
 #include <array>
 #include <atomic>
@@ -41,8 +41,7 @@ public:
     std::uint32_t localAddress = 0;
     std::uint32_t peerAddress = 0;
     TCPE_Hello::Nonce nonce{};
-    /// Of the shared secret; null without one.
-    std::shared_ptr<const TCPE_AuthenticationKey> key{};
+    TCPE_SharedKeys keys{};
     /// The initiator's complete connect command.
     std::vector<std::byte> connectFrame{};
   };
@@ -131,7 +130,7 @@ private:
   /// A refusal without a reason is one all the same.
   Event RefusedByPeer(const TCPE_FrameHeader& header);
   Event Unproved();
-  bool IsRightProof(std::span<const std::byte> proof) const;
+  bool IsRightProof(std::span<const std::byte> proof);
   void SendProof(std::uint8_t flags);
   void BeginTagging();
   void SendConnect();
@@ -150,6 +149,7 @@ private:
   /// What both sides know of the connection: hellos and addresses, the initiator's first.
   std::array<std::byte, 2 * (TCPE_Hello::kSize + sizeof(std::uint32_t))> mTranscript{};
   TCPE_AuthenticationKey::Mac mProof{}; ///< of the challenge that is being examined
+  TCPE_SharedKeys::Key mKey;            ///< of this connection, once the peer has proved it
   std::optional<TCPE_FrameTagger> mTagger;
   std::optional<TCPE_FrameTagger> mPeerTagger;
   std::vector<std::byte> mBuffer;

@@ -153,6 +153,9 @@ TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
   HostProcess resident(With({"host", "--master", "--secret-file", secret}, "127.0.7.2"));
   resident.Await({{"event", "ready"}});
   EXPECT_EQ(chmod(secret.c_str(), 0644), 0);
+  const std::string madeUp = secret + "_made_up";
+  std::ofstream(madeUp) << text << "\nthe secret of the studio\n";
+  EXPECT_EQ(chmod(madeUp.c_str(), 0600), 0);
 
   const struct {
     std::vector<std::string> arguments;
@@ -183,6 +186,8 @@ TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
       {{"host", "--master", "--max-satellites", "129"}, 2, "--max-satellites"},
       {{"host", "--master", "--address", "203.0.113.7"}, 1, "with --address"},
       {{"host", "--master", "--secret-file", secret}, 1, "chmod 600"},
+      {{"host", "--master", "--secret-file", madeUp}, 1, "a secret that people made up"},
+      {With({"host", "--master", "--secret-file", madeUp, "--made-up-secret"}, "127.0.7.8"), 0, "ready"},
       {With({"host", "--master"}, "127.0.7.2"), 1, "in use"},
       {{"secret", secret}, 1, "exists already"},
       {{"secret", "/no/such/folder/file"}, 1, "/no/such/folder/file"},
@@ -197,7 +202,11 @@ TEST(HostProgram, SaysWhatIsWrongWithACommandLine) {
     EXPECT_NE(program.Text().find(expected.text), std::string::npos) << expected.text << '\n' << program.Text();
   }
   EXPECT_EQ(resident.End(), 0);
+  HostProcess doctor(With({"doctor", "--secret-file", madeUp, "--made-up-secret"}, "127.0.7.9"));
+  doctor.AwaitText("one that people made up");
+  doctor.AwaitText("two shared secrets are accepted");
   std::remove(secret.c_str());
+  std::remove(madeUp.c_str());
 }
 
 } // namespace

@@ -271,6 +271,36 @@ struct Linked : Link {
   }
 };
 
+TEST_P(SessionTest, ALinkGoesOnWhileItsSecretIsChangedSystemBySystem) {
+  const auto old = SimulatedNetwork::Key('o'), changed = SimulatedNetwork::Key('n');
+  Link link(GetParam(), 1);
+  const auto begin = [&link](int number, const TCPE_SharedKeys& keys) {
+    link.network.At(number).config.keys = keys;
+    link.Start(number);
+  };
+  for (int number = 0; number < 4; ++number) {
+    link.Add({.isMaster = number == 0, .masterAddress = number == 0 ? 0 : Link::AddressOf(0), .wantsMesh = true});
+    begin(number, {old});
+  }
+  ASSERT_TRUE(link.RunUntilAgreed(3 * kSecond)) << link.Disagreement();
+  for (const TCPE_SharedKeys& keys : {TCPE_SharedKeys{old, changed}, {changed, old}, {changed}}) {
+    for (const int number : {2, 0, 3, 1}) {
+      const auto before = link.network.At(1).open;
+      link.Kill(number, false);
+      begin(number, keys);
+      ASSERT_TRUE(link.RunUntilAgreed(10 * kSecond)) << number << ": " << link.Disagreement();
+      if (number > 1) { // others stay linked meanwhile
+        const auto third = Link::AddressOf(5 - number);
+        EXPECT_EQ(link.network.At(1).open.at(third).id, before.at(third).id);
+      }
+    }
+  }
+  // Who leaves out a step is alone.
+  link.Kill(3, false);
+  begin(3, {old, changed});
+  EXPECT_FALSE(link.RunUntilAgreed(20 * kSecond));
+}
+
 TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
   const struct {
     const char* name;

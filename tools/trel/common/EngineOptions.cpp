@@ -45,6 +45,8 @@ void EngineOptions::AddTo(CLI::App& command) {
                 "Port at which systems find each other, the same on all systems [28283]");
   command.add_option("--secret-file", secretFile, "File with the secret that all systems share; see trel secret")
       ->type_name("FILE");
+  command.add_flag("--made-up-secret", isSecretMadeUp,
+                   "Accept a secret in it that people made up and others can guess");
 }
 
 void EngineOptions::AddPortTo(CLI::App& command) {
@@ -59,6 +61,9 @@ void EngineOptions::Prepare() const {
   }
   if (!secretFile.empty()) {
     SPSSetStartupOption("SharedSecretFile", secretFile.c_str());
+  }
+  if (isSecretMadeUp) {
+    SPSSetStartupOption("SharedSecretIsMadeUp", "1");
   }
   if (legacy) {
     SPSSetStartupOption("SupportsMarlo11", "0");

@@ -17,6 +17,7 @@ struct EngineOptions {
   std::uint16_t port = kDefaultPort;
   std::uint16_t discoveryPort = 0; ///< 0: not given; then Trel_CommManager knows which it is
   std::string secretFile;
+  bool isSecretMadeUp = false;
   bool legacy = false;
 
   void AddTo(CLI::App& command);

@@ -88,6 +88,7 @@ void Doctor_Checks::Run() {
     if (!failure.empty()) {
       mFindings.Problem("engine", failure, "");
     } else {
+      CheckSecret();
       CheckSystems();
       Trel_CommManager::Terminate();
       CheckOtherNumbering();
@@ -192,6 +193,21 @@ void Doctor_Checks::CheckBroadcast(const Sys_Adaptor& adaptor) {
   } else {
     mFindings.Problem("broadcast", "a broadcast to " + target + " does not even reach this machine itself",
                       "A firewall stops it, most likely: have it let UDP through on " + adaptor.name + ".");
+  }
+}
+
+void Doctor_Checks::CheckSecret() {
+  const TCPE_EngineSnapshot engine = Trel_CommManager::GetSnapshot();
+  if (engine.isSecretMadeUp) {
+    mFindings.Notice("secret",
+                     "the shared secret is one that people made up: whoever has recorded a single query of a system "
+                     "can guess it, and then be any system of the link",
+                     "Make one with trel secret, and give it to all systems.");
+  }
+  if (engine.secrets > 1) {
+    mFindings.Notice("secret", "two shared secrets are accepted",
+                     "When all systems have the new one first in their secret files, take the old one out of them and "
+                     "start them again.");
   }
 }
 

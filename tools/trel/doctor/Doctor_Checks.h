@@ -23,6 +23,7 @@ private:
   std::optional<Sys_Adaptor> CheckAdaptors();
   void CheckPorts(std::uint32_t address);
   void CheckBroadcast(const Sys_Adaptor& adaptor);
+  void CheckSecret();
   void CheckSystems();
   /// Looks for systems that cannot link with this one, because they number commands otherwise.
   void CheckOtherNumbering();

@@ -23,7 +23,8 @@ constexpr mode_t kOwnerOnly = 0600;
 
 constexpr const char* kSecretFooter =
     "Systems that share a secret accept each other and nobody else. Make one secret, once, and give the\n"
-    "same file to all systems of the link.\n"
+    "same file to all systems of the link. A file may hold two secrets, each on a line, while one takes\n"
+    "the place of the other: the first is proved, both are accepted (docs/host.md, \"Another secret\").\n"
     "\n"
     "Examples:\n"
     "  trel secret studio.secret                             make a secret in a new file\n"

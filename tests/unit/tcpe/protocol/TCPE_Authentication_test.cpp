@@ -6,14 +6,14 @@
 
 namespace {
 
-/// Systems 0, 1 and 2 have the addresses 10, 20 and 30 and, unless told otherwise, the same secret; 0 is none.
+/// Systems 0, 1 and 2 have the addresses 10, 20 and 30 and, unless told otherwise, the same secret. Of two secrets a
+/// system proves the first.
 struct SystemsWithSecrets : SimulatedNetwork {
-  explicit SystemsWithSecrets(const std::string& secrets = "xxx",
-                              TCPE_Time failureTime = TCPE_Limits().authenticationFailure) {
+  explicit SystemsWithSecrets(const std::vector<std::string>& secrets = {"x", "x", "x"}) {
     for (std::uint32_t i = 0; i < secrets.size(); ++i) {
       TCPE_Endpoint::Config config = Config(10 * (i + 1));
-      config.key = secrets[i] != '0' ? Key(secrets[i]) : nullptr;
-      config.limits.authenticationFailure = failureTime;
+      config.keys.proved = !secrets[i].empty() ? Key(secrets[i][0]) : nullptr;
+      config.keys.accepted = secrets[i].size() > 1 ? Key(secrets[i][1]) : nullptr;
       config.makeNonce = [this] { return TCPE_Hello::Nonce{static_cast<std::byte>(++mNonces)}; };
       Add(config);
     }
@@ -42,17 +42,29 @@ std::string Command(TCPE_eCmd type, std::uint8_t flags = 0, const std::string& p
 constexpr char kHello[] = "5452454c 01 04 01 00 00*7 99 a0a1a2a3a4a5a6a7a8a9aaabacadaeaf";
 
 TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
+  constexpr const char* kLinked = "opened 20, ended 20 0 | opened 10 by peer";
+  constexpr const char* kUnproved = "ended 20 17 | unproved 10";
   const struct {
-    const char* secrets;
+    std::vector<std::string> secrets;
     const char* logs;
-    bool marked[2]; ///< at the initiator, at the acceptor
-  } cases[] = {{"xx", "opened 20, ended 20 0 | opened 10 by peer", {false, false}},
-               {"xy", "ended 20 17 | unproved 10", {false, true}},
-               {"x0", "ended 20 17 | unproved 10", {true, false}},
-               {"0x", "ended 20 17 | unproved 10", {false, true}}};
+    bool marked[2] = {false, false}; ///< at the initiator, at the acceptor
+  } cases[] = {{{"x", "x"}, kLinked},
+               {{"x", "y"}, kUnproved, {false, true}},
+               {{"x", ""}, kUnproved, {true, false}},
+               {{"", "x"}, kUnproved, {false, true}},
+               // While the secret is being changed.
+               {{"x", "xy"}, kLinked},
+               {{"xy", "x"}, kLinked},
+               {{"xy", "yx"}, kLinked},
+               {{"yx", "xy"}, kLinked},
+               {{"yx", "y"}, kLinked},
+               {{"y", "yx"}, kLinked},
+               {{"yx", "x"}, kUnproved, {false, true}},
+               {{"z", "xy"}, kUnproved, {false, true}},
+               {{"xy", ""}, kUnproved, {true, false}}};
   for (const std::uint32_t largestPiece : {0U, 1U, 17U}) {
     for (const auto& test : cases) {
-      SCOPED_TRACE(test.secrets);
+      SCOPED_TRACE(testing::PrintToString(test.secrets));
       SystemsWithSecrets systems(test.secrets);
       systems.Chop(largestPiece, 0);
       EXPECT_EQ(systems.LogsOfConnecting(0, 1), test.logs);
@@ -74,7 +86,7 @@ TEST(TCPE_Authentication, LinksThoseWhoKnowTheSecret) {
 TEST(TCPE_Authentication, TravelsAsDescribed) {
   SimulatedNetwork network;
   TCPE_Endpoint::Config config = SystemsWithSecrets::Config(10);
-  config.key = SystemsWithSecrets::Key('x');
+  config.keys.proved = SystemsWithSecrets::Key('x');
   network.Add(config);
   auto& stranger = network.ConnectStranger(20, 0);
   network.Send(stranger, 1, FromHex(kHello));
@@ -173,7 +185,7 @@ TEST(TCPE_Authentication, NothingIsAcceptedBehindAFlippedBit) {
   constexpr std::size_t kFrame = TCPE_FrameHeader::kSize + 3 + kTag;
   for (const std::size_t side : {0U, 1U}) {
     for (std::size_t bit = 0; bit < 8 * (kBegun[side] + kFinished + 2 * kFrame); ++bit) {
-      SystemsWithSecrets systems("xx");
+      SystemsWithSecrets systems({"x", "x"});
       std::size_t sent = 0;
       systems.tamper = [&](int toSide, std::string& bytes) {
         if (toSide == static_cast<int>(side)) {

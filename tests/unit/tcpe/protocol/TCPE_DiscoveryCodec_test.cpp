@@ -25,7 +25,7 @@ Codec Make(bool isCurrent, std::shared_ptr<const TCPE_AuthenticationKey> key = n
   return Codec({.majorVersion = static_cast<std::uint8_t>(isCurrent ? 4 : 3),
                 .minorVersion = 1,
                 .types = isCurrent ? kTCPE_CurrentTypes : kTCPE_LegacyTypes,
-                .key = std::move(key)});
+                .keys = {std::move(key)}});
 }
 
 Codec::Query Question(Codec::Kind kind = Codec::Kind::satellites) {
@@ -70,6 +70,24 @@ TEST(TCPE_DiscoveryCodec, WritesTheseBytes) {
     };
     EXPECT_EQ(codec.WriteQuery(Question(test.kind)), expected("08 01 00", question));
     EXPECT_EQ(codec.WriteReply(Question(test.kind), kAnswerer, Answer()), expected("01 02 01", answer));
+  }
+}
+
+/// While the secret is being changed: with the old, the old and the new, the new and the old, the new.
+TEST(TCPE_DiscoveryCodec, WhoAsksByEitherSecretIsAnsweredByTheSame) {
+  const auto old = Key(std::byte{1}), changed = Key(std::byte{2});
+  const TCPE_SharedKeys steps[] = {{old}, {old, changed}, {changed, old}, {changed}};
+  for (int asking = 0; asking < 4; ++asking) {
+    for (int answering = 0; answering < 4; ++answering) {
+      const Codec asker({.majorVersion = 4, .keys = steps[asking]});
+      const Codec answerer({.majorVersion = 4, .keys = steps[answering]});
+      Codec::Query query = Question();
+      Codec::Reply reply;
+      const bool isKnown = answerer.ReadQuery(asker.WriteQuery(query), 0, &query) == Verdict::sound;
+      EXPECT_EQ(isKnown, (asking < 2 && answering < 3) || (asking >= 2 && answering > 0)) << asking << answering;
+      const std::vector<std::byte> answer = answerer.WriteReply(query, kAnswerer, Answer());
+      EXPECT_EQ(isKnown ? asker.ReadReply(answer, Question(), kAnswerer, &reply) : Verdict::sound, Verdict::sound);
+    }
   }
 }
 

@@ -12,7 +12,7 @@ struct Doors : SimulatedNetwork {
   explicit Doors(bool haveSecret, std::uint32_t seed = 1) : SimulatedNetwork(seed), mHasSecret(haveSecret) {
     for (const std::uint32_t address : {10U, 20U}) {
       TCPE_Endpoint::Config config = Config(address);
-      config.key = haveSecret ? Key('x') : nullptr;
+      config.keys.proved = haveSecret ? Key('x') : nullptr;
       Add(config);
     }
   }
@@ -242,7 +242,7 @@ TEST(TCPE_Doors, AQueryIsAnsweredOnceAndOnlyToWhoAsked) {
         .datagrams = {.majorVersion = static_cast<std::uint8_t>(test.isCurrent ? 4 : 3),
                       .minorVersion = 1,
                       .types = test.isCurrent ? kTCPE_CurrentTypes : kTCPE_LegacyTypes,
-                      .key = SimulatedNetwork::Key('\x01')},
+                      .keys = {SimulatedNetwork::Key('\x01')}},
         .describe =
             [&test] {
               return TCPE_DiscoveryResponder::Self{.reply = {},

@@ -27,7 +27,7 @@ struct Systems : SimulatedNetwork {
   explicit Systems(std::uint32_t seed = 1, bool haveSecret = false) : SimulatedNetwork(seed) {
     for (const std::uint32_t address : {10U, 20U, 30U, 20U}) {
       TCPE_Endpoint::Config config = Config(address);
-      config.key = haveSecret ? Key('x') : nullptr;
+      config.keys.proved = haveSecret ? Key('x') : nullptr;
       Add(config);
     }
   }
