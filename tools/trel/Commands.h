@@ -16,3 +16,4 @@ void AddDoctorCommand(CLI::App& program, int& exitStatus);
 void AddSecretCommand(CLI::App& program, int& exitStatus);
 void AddDemoCommand(CLI::App& program, int& exitStatus);
 void AddReportCommand(CLI::App& program, int& exitStatus);
+void AddSimulateCommand(CLI::App& program, int& exitStatus);

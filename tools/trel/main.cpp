@@ -14,8 +14,8 @@
 namespace {
 
 constexpr void (*kCommands[])(CLI::App& program, int& exitStatus) = {
-    AddHostCommand, AddWatchCommand,  AddDiscoverCommand, AddDoctorCommand, AddSecretCommand,
-    AddDemoCommand, AddReportCommand, AddCommandsCommand, AddEncodeCommand, AddDecodeCommand};
+    AddHostCommand,   AddWatchCommand,    AddDiscoverCommand, AddDoctorCommand, AddSecretCommand, AddDemoCommand,
+    AddReportCommand, AddSimulateCommand, AddCommandsCommand, AddEncodeCommand, AddDecodeCommand};
 
 constexpr const char* kExitStatusHelp = "Exit status: 0 everything happened; 1 something failed, the output names it;\n"
                                         "2 wrong command line; 128 + n ended by signal n (130: Ctrl-C).";
