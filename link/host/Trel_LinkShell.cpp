@@ -67,14 +67,20 @@ bool Trel_LinkShell::Start() {
   if (!Trel_CommManager::IsInitialized()) {
     return false;
   }
+  std::unique_lock lifecycle(mLifecycle, std::defer_lock);
+  if (!IsOnOwnThread()) { // for which Stop waits
+    lifecycle.lock();
+  }
   {
     std::unique_lock lock(mMutex);
     if (mState != State::stopped) {
+      const bool isRunning = mState == State::running;
       lock.unlock();
       Feed([](Core& core, Core::Time now) { core.Resume(now); });
-      return true;
+      return isRunning;
     }
     mState = State::running;
+    mPool = std::make_shared<Pool>(LimitsOfLanes());
   }
   if (!StartThreads()) {
     StopThreads(0);
@@ -99,13 +105,8 @@ void Trel_LinkShell::TakeRole() const {
 }
 
 bool Trel_LinkShell::StartThreads() {
-  const auto pool = std::make_shared<Pool>(LimitsOfLanes());
-  {
-    const std::lock_guard lock(mMutex);
-    mPool = pool;
-  }
   try {
-    pool->Start();
+    mPool->Start();
     mEvents.Start();
     mTimeKeeper = std::thread([this] { KeepTime(); });
     mClock.Start([this] { return Ask([](const Core& core) { return core.GetLinkedAddresses(); }); },
@@ -123,6 +124,14 @@ void Trel_LinkShell::StopThreads(std::int64_t longestJob) {
     mChanged.notify_all();
   }
   mPool->Stop(longestJob);
+  std::set<std::uint32_t> parting; // who would stay connected, with a session that knows nothing of it
+  {
+    const std::lock_guard lock(mMutex);
+    parting.swap(mParting);
+  }
+  for (const std::uint32_t address : parting) {
+    Trel_CommManager::Disconnect(address);
+  }
   if (mTimeKeeper.joinable()) {
     mTimeKeeper.join();
   }
@@ -139,10 +148,10 @@ void Trel_LinkShell::Stop() {
   if (!isOutside) {
     return;
   }
+  const std::lock_guard lifecycle(mLifecycle);
   {
-    std::unique_lock lock(mMutex);
-    if (mState != State::running) { // another thread may be stopping it
-      mChanged.wait(lock, [this] { return mState != State::stopping; });
+    const std::lock_guard lock(mMutex);
+    if (mState != State::running) {
       return;
     }
     mState = State::stopping;
@@ -442,7 +451,17 @@ void Trel_LinkShell::CarryOut(const Action::Connect& connect) {
 }
 
 void Trel_LinkShell::CarryOut(const Action::Disconnect& disconnect) {
-  InOrder(disconnect.address, [address = disconnect.address] { Trel_CommManager::Disconnect(address); });
+  {
+    const std::lock_guard lock(mMutex);
+    mParting.insert(disconnect.address);
+  }
+  InOrder(disconnect.address, [self = shared_from_this(), address = disconnect.address] {
+    {
+      const std::lock_guard lock(self->mMutex);
+      self->mParting.erase(address);
+    }
+    Trel_CommManager::Disconnect(address);
+  });
 }
 
 void Trel_LinkShell::CarryOut(const Action::Listen& listen) {

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -144,6 +145,7 @@ private:
   Trel_LinkEvents mEvents;
   Trel_LinkClock mClock;
   std::atomic<std::int64_t> mStartDelay = 0;
+  std::mutex mLifecycle; // who starts or stops holds it; comes before the other
 
   mutable std::mutex mMutex; // guards what follows; held for no call that waits
   std::condition_variable mChanged;
@@ -151,6 +153,7 @@ private:
   std::unique_ptr<Core> mCore;
   std::deque<Action::Any> mActions; ///< to be carried out
   bool mIsCarryingOut = false;
+  std::set<std::uint32_t> mParting; ///< to be disconnected when what is under way to them has gone
   std::map<Token, Waiter> mWaiters;
   std::map<Token, std::optional<Trel_StartAnswer>> mStartWaiters;
   Token mLastToken = 0;

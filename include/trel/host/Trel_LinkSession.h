@@ -103,7 +103,9 @@ public:
 
   /// Starts; a master allows satellites to connect from now on.
   /// Started already, it ends the staying away that DisconnectSystem began.
-  /// @return false before Trel_CommManager::Initialize, and when the system has no thread to give
+  /// @return false before Trel_CommManager::Initialize, when the system has no thread to give, and from a callback
+  /// while
+  ///         another thread stops the session
   bool Start();
   /// Leaves the link in order and returns when the thread has ended. That takes as long as an attempt to connect that
   /// is under way, 11 s at the most; after Trel_CommManager::Terminate it takes no time. A stopped master lets nobody
