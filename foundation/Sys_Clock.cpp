@@ -28,9 +28,6 @@ std::int64_t RawAtLoad() {
   return sRaw;
 }
 
-// The first call happens when the library is loaded, not when somebody first asks for the time.
-[[maybe_unused]] const std::int64_t sTakenAtLoad = RawAtLoad();
-
 std::int64_t DriftPPM() {
   const std::int32_t drift = SPSStartupOptionSInt32("SimulatedClockDriftPPM", 0);
   const std::int64_t limited =
@@ -51,6 +48,9 @@ const Sys_ClockScale& Scale() {
   const Sys_ClockScale* const scale = sScale.load(std::memory_order_acquire);
   return scale != nullptr ? *scale : sPlain;
 }
+
+// The first call happens when the library is loaded, not when somebody first asks for the time, perhaps in real time.
+[[maybe_unused]] const Sys_ClockScale& sTakenAtLoad = Scale();
 
 #if defined(__linux__)
 

@@ -12,7 +12,8 @@ class TCPE_System;
 
 /// One message between two systems: the header that the engine owns, and hooks that encode the payload.
 ///
-/// A plain value: no operation here blocks, takes a lock or allocates. One thread at a time may use an object.
+/// A plain value: no operation here but the debug texts blocks, takes a lock or allocates. One thread at a time may use
+/// an object.
 class TREL_EXPORT TCPE_Command {
 public:
   /// Bytes that WriteHeader writes.

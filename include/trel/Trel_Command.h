@@ -10,9 +10,10 @@ struct Trel_CommandDescription;
 
 /// Base of all link commands: numbering, validation, handler and data tables, factory.
 ///
-/// The static operations may be called from any thread; none blocks, allocates or takes a lock. Handlers are registered
-/// before the engine is initialised, and the numbering must not change while one is registered (see
-/// TCPE_CommManager::SetSupportsMarlo11). No operation needs the engine to be initialised.
+/// The static operations may be called from any thread. None blocks, allocates or takes a lock, but for the first
+/// command of a process, or after Terminate, that is constructed: it makes the engine object (Trel_CommManager).
+/// Handlers are registered before the engine is initialised, and the numbering must not change while one is registered
+/// (see TCPE_CommManager::SetSupportsMarlo11). No operation needs the engine to be initialised.
 class TREL_EXPORT Trel_Command : public TCPE_Command {
 public:
   /// Handles one received command; runs on a handler thread of the engine, or on the host's own when it pumps. What it

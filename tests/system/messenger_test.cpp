@@ -8,11 +8,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -293,6 +298,44 @@ TEST_P(MessengerTest, QueriesReturnTheReplyOrNothing) {
     mPeer->SetAnswer(PeerSystem::Answer::reply);
     Connect();
   }
+  EXPECT_FALSE(mPeer->HasReceived());
+}
+
+TEST_P(MessengerTest, ManyThreadsCallAllOperationsAtOnce) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 5;
+  mPeer->SetReply(std::string(600, '\0'));
+  std::map<std::string, int> expected;
+  std::vector<std::function<void()>> calls;
+  const auto add = [&](const char* arrives, std::function<void()> call) {
+    if (arrives != kNothing && std::string(arrives) != "Disconnect") {
+      expected[arrives] += kThreads * kRounds;
+      calls.push_back(std::move(call));
+    }
+  };
+  for (const Query& query : kQueries) {
+    add(query.arrives, query.ask);
+  }
+  for (const auto& operations :
+       {std::span<const Operation>(kNotifications), std::span<const Operation>(kWaitingCommands)}) {
+    for (const auto& [arrives, send] : operations) {
+      add(arrives.InForce(), send);
+    }
+  }
+  std::vector<std::jthread> threads;
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&calls, thread] {
+      for (std::size_t call = 0; call < kRounds * calls.size(); ++call) {
+        calls[(call + thread / 2 * calls.size() / kThreads) % calls.size()]();
+      }
+    });
+  }
+  threads.clear();
+  std::map<std::string, int> arrived;
+  for (std::size_t count = 0; count < kThreads * kRounds * calls.size(); ++count) {
+    ++arrived[mPeer->Next()];
+  }
+  EXPECT_EQ(arrived, expected);
   EXPECT_FALSE(mPeer->HasReceived());
 }
 
