@@ -1,10 +1,12 @@
 #pragma once
 
+#include "link/host/Trel_LinkTexts.h"
 #include "link/host/Trel_SessionCommands.h"
 #include "link/session/Trel_SessionCore.h"
 #include "tests/support/SimulatedHost.h"
 #include "tests/support/SimulatedNetwork.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -102,8 +104,6 @@ public:
     std::vector<Event> told{};              ///< since it was started
     std::uint64_t life = 0;
     std::uint32_t lastSerial = 0;
-    Time frozenSince = 0;
-    Time thawed = 0;
     Time disturbed = 0; ///< last
     std::uint32_t master = 0;
     std::uint64_t link = 0;              ///< another one each time that a master begins
@@ -133,12 +133,14 @@ public:
     system.around.allowsSatellites = config.isMaster;
     system.around.maxSatellites = 128;
     TCPE_Endpoint::Config engine = SimulatedNetwork::Config(system.around.self.address);
+    engine.makeNonce = [this] {
+      TCPE_Hello::Nonce nonce{};
+      std::generate(nonce.begin(), nonce.end(), [this] { return static_cast<std::byte>(network.Random(256)); });
+      return nonce;
+    };
     engine.makeConnectFrame = [this, number](std::uint32_t) {
-      mIntroductions.push_back(At(number).around.self);
-      const std::string frame = SimulatedNetwork::Frame({.flags = kTCPE_Flag_ReplyWanted, .type = 5, .serial = 1},
-                                                        Index(mIntroductions.size() - 1));
-      const auto bytes = std::as_bytes(std::span(frame));
-      return std::vector<std::byte>(bytes.begin(), bytes.end());
+      mMessages.emplace_back(Message::ConnectTo{At(number).around.self});
+      return SimulatedNetwork::ConnectFrame(Index(mMessages.size() - 1));
     };
     network.Add(std::move(engine));
     network.Kill(number, true);
@@ -147,6 +149,8 @@ public:
   System& At(int system) { return mSystems.at(static_cast<std::size_t>(system)); }
   int Count() const { return static_cast<int>(mSystems.size()); }
   Time Now() const { return network.Now(); }
+  /// By the clock of a system.
+  Time Now(int number) { return network.Now(number); }
   Time Random(Time bound) { return bound == 0 ? 0 : network.Random(static_cast<std::uint32_t>(bound)); }
 
   // --- what happens to a system
@@ -177,21 +181,26 @@ public:
     ++system.correlations;
     system.disturbed = Now();
   }
-  void Freeze(int number, bool isFrozen) {
+  /// When its machine was asleep, its clock stood still, and a satellite has to find that of its master anew.
+  void Freeze(int number, bool isFrozen, bool isAsleep = false) {
     System& system = At(number);
     if (network.At(number).isFrozen == isFrozen) {
       return;
     }
-    Log(number, isFrozen ? "is frozen" : "thaws");
-    network.Freeze(number, isFrozen);
+    Log(number, isFrozen ? "is frozen" : isAsleep ? "wakes up" : "thaws");
+    network.Freeze(number, isFrozen, isAsleep);
     if (isFrozen) {
-      system.frozenSince = Now();
       return;
     }
-    system.thawed = Now();
     system.disturbed = Now();
     for (auto& [token, asked] : system.asked) {
-      asked.since += Now() - system.frozenSince;
+      asked.since += Now() - network.At(number).frozenSince;
+    }
+    if (isAsleep && system.clock == InstanceOf(number)) {
+      mZeros.at(system.clock) += Now() - network.At(number).frozenSince;
+      std::for_each(mSystems.begin(), mSystems.end(), [](System& each) { each.isChanged = true; });
+    } else if (isAsleep) {
+      LoseClock(number);
     }
     for (auto& held : std::exchange(system.held, {})) {
       network.After(0, std::move(held));
@@ -227,14 +236,14 @@ public:
     if (At(number).config.isMaster && At(number).core && !At(number).core->IsRunning()) {
       At(number).link = ++mLastLink;
     }
-    Input(number, [this](Core& core) {
-      core.Begin(Now());
-      core.Resume(Now());
+    Input(number, [=, this](Core& core) {
+      core.Begin(Now(number));
+      core.Resume(Now(number));
     });
   }
   void End(int number) {
     Log(number, "ends");
-    Input(number, [this](Core& core) { core.End(Now()); });
+    Input(number, [=, this](Core& core) { core.End(Now(number)); });
     if (!network.At(number).isFrozen) {
       At(number).stages.clear();
       At(number).rounds.clear();
@@ -246,18 +255,18 @@ public:
       return;
     }
     At(number).asked[++mLastToken] = {.since = Now()};
-    Input(number, [this](Core& core) { core.RequestControl(mLastToken, Now()); });
+    Input(number, [=, this](Core& core) { core.RequestControl(mLastToken, Now(number)); });
   }
   void Unlink(int number, std::uint32_t address) {
     Log(number, "unlinks ", Name(address));
     At(number).disturbed = Now();
-    Input(number, [=, this](Core& core) { core.DisconnectSystem(address, Now()); });
+    Input(number, [=, this](Core& core) { core.DisconnectSystem(address, Now(number)); });
   }
   Trel_LinkRefusal Prime(int number, const Trel_PlayRange& range = {}) {
-    return Conduct(number, [&, this](Core& core) { return core.Prime(range, Now()); });
+    return Conduct(number, [&, this](Core& core) { return core.Prime(range, Now(number)); });
   }
   Trel_LinkRefusal Stop(int number) {
-    return Conduct(number, [this](Core& core) { return core.Stop(Now()); });
+    return Conduct(number, [=, this](Core& core) { return core.Stop(Now(number)); });
   }
   void StartPlayback(int number, const Trel_StartRequest& start = {}) {
     if (!At(number).core || network.At(number).isFrozen) {
@@ -265,7 +274,7 @@ public:
     }
     At(number).asked[++mLastToken] = {.since = Now(), .isStart = true};
     Log(number, "wants to start ", static_cast<int>(start.when), ' ', start.time);
-    Input(number, [&, this](Core& core) { core.Start(start, mLastToken, Now()); });
+    Input(number, [&, this](Core& core) { core.Start(start, mLastToken, Now(number)); });
   }
   /// It has to be found anew.
   void LoseClock(int number) {
@@ -279,7 +288,7 @@ public:
   void Rename(int number, const std::string& name) {
     At(number).around.self.name = name;
     At(number).isChanged = true;
-    Input(number, [this](Core& core) { core.Renamed(Now()); });
+    Input(number, [=, this](Core& core) { core.Renamed(Now(number)); });
   }
   /// Whatever else is to go into a core.
   template <class Call>
@@ -293,7 +302,7 @@ public:
     const bool hadControl = core.Control().HasControl();
     if (std::exchange(system.isChanged, false)) {
       system.around.runningTime = RunningTime(number);
-      core.Notice(system.around, Now());
+      core.Notice(system.around, Now(number));
     }
     call(core);
     const std::vector<Action::Any> actions = core.TakeActions();
@@ -418,7 +427,9 @@ private:
 
   bool BelievesInControl(int number) {
     const System& system = At(number);
-    const bool mayNotKnow = network.At(number).isFrozen || Now() - system.thawed < kWakingTime;
+    const auto& [thawed, slept] = std::pair(network.At(number).thawed, network.At(number).slept);
+    const Time waking = kWakingTime + (slept != 0 ? TCPE_Limits().silence : 0); // a clock that stood still
+    const bool mayNotKnow = network.At(number).isFrozen || Now() - thawed < waking;
     return system.core && system.core->Control().HasControl() && !mayNotKnow;
   }
   void CheckControl(int number) {
@@ -544,7 +555,7 @@ private:
   void HostIsDone(int number, Time after, bool isDone) {
     Later(number, after, [=, this] {
       At(number).host.isBusy = false;
-      Input(number, [=, this](Core& core) { core.HostDone(isDone, Now()); });
+      Input(number, [=, this](Core& core) { core.HostDone(isDone, Now(number)); });
     });
   }
   bool Percent(std::uint32_t percent) { return percent != 0 && Random(100) < percent; }
@@ -610,17 +621,20 @@ private:
 
   template <class Action>
   void Later(int number, Time delay, Action action) {
-    network.After(delay, [this, number, life = At(number).life, action = std::move(action)]() mutable {
+    const Time due = Now(number) + delay;
+    network.After(delay, [this, number, due, life = At(number).life, action = std::move(action)]() mutable {
       System& system = At(number);
       if (system.life != life) {
         return;
       }
       if (network.At(number).isFrozen) {
-        system.held.push_back([this, number, life, action = std::move(action)]() mutable {
+        system.held.push_back([this, number, due, life, action = std::move(action)]() mutable {
           if (At(number).life == life) {
-            Later(number, 0, std::move(action));
+            Later(number, std::max<Time>(due - Now(number), 0), std::move(action));
           }
         });
+      } else if (due > Now(number)) { // it has slept
+        Later(number, due - Now(number), std::move(action));
       } else {
         action();
       }
@@ -661,13 +675,13 @@ private:
       return;
     }
     system.tickAt = due;
-    Later(number, std::max<Time>(due - Now(), 0) + Random(std::min(system.largestDelay, kMillisecond)),
+    Later(number, std::max<Time>(due - Now(number), 0) + Random(std::min(system.largestDelay, kMillisecond)),
           [this, number, due] {
             if (At(number).tickAt == due) {
               At(number).tickAt = Core::kNever;
-              const bool isDue = At(number).core->NextDeadline() <= Now();
-              Input(number, [this, isDue](Core& core) { isDue ? core.Tick(Now()) : void(); });
-              Check(!isDue || At(number).core->NextDeadline() > Now(), number, "what was due stays due");
+              const bool isDue = At(number).core->NextDeadline() <= Now(number);
+              Input(number, [=, this](Core& core) { isDue ? core.Tick(Now(number)) : void(); });
+              Check(!isDue || At(number).core->NextDeadline() > Now(number), number, "what was due stays due");
             }
           });
   }
@@ -685,12 +699,11 @@ private:
     case Of::opened:
       if (event.openedByPeer) {
         Queue(number, lane,
-              [=, this, id = event.id, system = mIntroductions.at(Index(event.payload)),
-               instance = event.session->PeerInstance()] {
+              [=, this, id = event.id, index = Index(event.payload), instance = event.session->PeerInstance()] {
                 Log(number, Name(peer), " has connected");
-                Core::System introduced = system;
+                Core::System introduced = std::get<Message::ConnectTo>(mMessages.at(index)).system;
                 introduced.address = peer;
-                InputFrom(number, peer, id, [&](Core& core) { core.Connected(introduced, instance, Now()); });
+                InputFrom(number, peer, id, [&](Core& core) { core.Connected(introduced, instance, Now(number)); });
               });
       }
       break;
@@ -709,7 +722,7 @@ private:
       FailCalls(number, peer);
       Queue(number, lane, [=, this, id = event.id] {
         Log(number, Name(peer), " has disconnected");
-        InputFrom(number, peer, id, [=, this](Core& core) { core.Disconnected(peer, Now()); });
+        InputFrom(number, peer, id, [=, this](Core& core) { core.Disconnected(peer, Now(number)); });
       });
       break;
     case Of::lost:
@@ -743,7 +756,7 @@ private:
     Queue(number, kFromPeer | peer, [=, this] {
       const bool isConnected = network.At(number).open.contains(peer);
       Log(number, "error ", error, " of ", Name(peer));
-      Input(number, [=, this](Core& core) { core.NetworkError(peer, error, isConnected, Now()); });
+      Input(number, [=, this](Core& core) { core.NetworkError(peer, error, isConnected, Now(number)); });
     });
   }
   void Take(int number, std::uint32_t peer, TCPE_Endpoint::Id connection, const TCPE_FrameHeader& header,
@@ -752,7 +765,7 @@ private:
     const Asked asked{Now(), peer, connection, header.serial};
     if (std::holds_alternative<Message::RequestControl>(message)) {
       At(number).asked[++mLastToken] = asked;
-      return Input(number, [=, this](Core& core) { core.ControlAsked(peer, mLastToken, Now()); });
+      return Input(number, [=, this](Core& core) { core.ControlAsked(peer, mLastToken, Now(number)); });
     }
     InputFrom(number, peer, connection, [&, this](Core& core) {
       const bool isCommanded = core.IsRunning() && At(number).config.isMaster && core.Control().GetHolder() == peer;
@@ -762,7 +775,7 @@ private:
                                  std::holds_alternative<Message::StopPlayback>(message))) {
         EndRound(number);
       }
-      core.Received(peer, message, Now());
+      core.Received(peer, message, Now(number));
     });
     if (!std::holds_alternative<Message::GetStartDelay>(message)) {
       if (header.Has(kTCPE_Flag_ReplyWanted)) {
@@ -793,7 +806,7 @@ private:
     system.calls.erase(found);
     if (call.request != 0) {
       InputLater(number, Random(system.largestDelay),
-                 [=, this](Core& core) { core.SendEnded(call.request, call.address, outcome, Now(), value); });
+                 [=, this](Core& core) { core.SendEnded(call.request, call.address, outcome, Now(number), value); });
     }
   }
   void FailCalls(int number, std::uint32_t peer) {
@@ -812,7 +825,7 @@ private:
       const auto& open = network.At(number).open;
       const std::uint64_t instance = open.contains(peer) ? open.at(peer).session->PeerInstance() : 0;
       At(number).connectedInstance = instance;
-      Input(number, [=, this](Core& core) { core.ConnectEnded(peer, instance, Now()); });
+      Input(number, [=, this](Core& core) { core.ConnectEnded(peer, instance, Now(number)); });
       Next(number, kConnector);
       Next(number, peer);
     });
@@ -832,7 +845,7 @@ private:
                                .isAvailable = system.core->IsRunning() && system.around.allowsSatellites});
           }
         }
-        Input(number, [&, this](Core& core) { core.SearchEnded(masters, Now()); });
+        Input(number, [&, this](Core& core) { core.SearchEnded(masters, Now(number)); });
         Next(number, kConnector);
       });
     });
@@ -910,7 +923,8 @@ private:
       At(number).host.Begin();
       Input(number, [&, this](Core& core) {
         const bool begins = running && *running - start <= At(number).behaviour.mostLate;
-        begins ? core.Began(start, *running, Now()) : core.DidNotBegin(start, "no clock, or too late", Now());
+        begins ? core.Began(start, *running, Now(number))
+               : core.DidNotBegin(start, "no clock, or too late", Now(number));
       });
     });
   }
@@ -933,7 +947,7 @@ private:
   void CarryOut(int number, const Action::AskHost& action) {
     const bool agrees = Random(100) < At(number).behaviour.percentAgreed;
     InputLater(number, Random(At(number).behaviour.largestThought),
-               [=, this](Core& core) { core.HostAnswered(action.token, agrees, Now()); });
+               [=, this](Core& core) { core.HostAnswered(action.token, agrees, Now(number)); });
   }
   void CarryOut(int number, const Action::Answer& action) {
     const auto found = At(number).asked.find(action.token);
@@ -954,7 +968,7 @@ private:
     Queue(number, action.address, [=, this] {
       const auto silence = network.Silence(number, action.address);
       InputLater(number, Random(At(number).largestDelay),
-                 [=, this](Core& core) { core.Heard(action.address, silence, Now()); });
+                 [=, this](Core& core) { core.Heard(action.address, silence, Now(number)); });
     });
   }
   void CarryOut(int /*number*/, const Action::SetMaster& /*action*/) {}
@@ -962,8 +976,7 @@ private:
   void CarryOut(int number, const Action::Tell& action) {
     const Event& event = action.event;
     System& system = At(number);
-    Log(number, "tells ", event.kind, ' ', Name(event.system.address), " (", static_cast<int>(event.reason), ", ",
-        event.value, ')');
+    Log(number, "tells of ", Name(event.system.address), ": ", event);
     system.host.Take(event);
     system.told.push_back(event);
     Stage& stage = system.stages[event.system.address];
@@ -1040,13 +1053,7 @@ private:
         "VideoReferenceAvailable VideoReferenceFormat DialogOnScreen OKDialog CancelDialog ",
         message.index());
   }
-  static std::string NameOf(Kind kind) {
-    return Word("searching masterFound noMaster connecting connectFailed connected refused orderNumber systems "
-                "meshConnected meshFailed linked left lost waiting named control networkError clock primed primeFailed "
-                "start started startFailed stopped together transport takingPart online recording soloed loopPlay "
-                "selection groups videoReference dialog dialogClosed wishRefused ",
-                static_cast<std::size_t>(kind));
-  }
+  static std::string NameOf(const Event& event) { return Trel_LinkTexts::Describe(event, false); }
   static std::string Word(const char* words, std::size_t index) {
     std::istringstream text(words);
     std::string word;
@@ -1058,8 +1065,7 @@ private:
 
   const bool mIsCurrent;
   std::deque<System> mSystems;
-  std::deque<Core::System> mIntroductions; ///< what connect commands say, by index
-  std::deque<Message::Any> mMessages;      ///< sent, by index
+  std::deque<Message::Any> mMessages; ///< sent, or what connect commands say, by index
   Core::Token mLastToken = 0;
   std::uint64_t mLastLink = 0;
   std::map<std::uint64_t, Time> mZeros; ///< of the running times of masters, by instance

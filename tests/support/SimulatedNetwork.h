@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tcpe/protocol/TCPE_Endpoint.h"
+#include "tcpe/protocol/TCPE_Numbering.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -20,12 +21,16 @@
 #include <utility>
 #include <vector>
 
-/// Endpoints joined by byte streams in virtual time: with delay, chopped into pieces, cut. Systems are numbered from 0;
-/// several may share an address. Strangers are peers without an endpoint, whose bytes the test makes. A program may run
-/// on top, told of events and called at times.
+/// Endpoints joined by byte streams in virtual time: with delay, chopped into pieces, altered, cut. Systems are
+/// numbered from 0; several may share an address, and each has a clock that stands still while its machine sleeps.
+/// Strangers are peers without an endpoint, whose bytes the test makes. A program may run on top, told of events and
+/// called at times.
 ///
 /// Like the owner of real sockets, a side holds the space for its next bytes while it waits for them, and reports
-/// nothing about a transport that it was told to close. What no endpoint may ever do throws std::logic_error.
+/// nothing about a transport that it was told to close. What no endpoint may ever do throws std::logic_error: frames
+/// that are no unbroken beginning of what the peer sent, anything of a stranger when there is a secret, a connection
+/// that only one side believes in for longer than a silence, an attempt without an end, more of anything than
+/// TCPE_Limits allow.
 class SimulatedNetwork {
 public:
   using Event = TCPE_Endpoint::Event;
@@ -35,23 +40,31 @@ public:
   struct Transport;
   struct System {
     TCPE_Endpoint::Config config;
-    std::unique_ptr<TCPE_Endpoint> endpoint{}; ///< none while it does not run
-    std::map<std::uint32_t, Event> open{};     ///< opened events, by address
-    std::set<std::uint32_t> connecting{};      ///< addresses whose connectEnded is due
-    std::string log{};                         ///< every event but send, close and flooded
-    std::vector<std::uint32_t> floods{};       ///< addresses of the flooded events
+    std::unique_ptr<TCPE_Endpoint> endpoint{};       ///< none while it does not run
+    std::map<std::uint32_t, Event> open{};           ///< opened events, by address
+    std::map<std::uint32_t, TCPE_Time> connecting{}; ///< since when, by addresses whose connectEnded is due
+    std::string log{};                               ///< every event but send, close and flooded
+    std::vector<std::uint32_t> floods{};             ///< addresses of the flooded events
+    std::int64_t unproved = 0;                       ///< events
+    TCPE_Time started = 0;
     TCPE_Time lastLogged = 0;
     std::map<TCPE_Endpoint::Id, std::pair<Transport*, int>> sides{}; ///< of its open transports
     bool isOff = false;                                              ///< the machine
     bool isFrozen = false;
     bool isCutOff = false;
+    TCPE_Time frozenSince = 0;
+    TCPE_Time thawed = 0;
+    TCPE_Time slept = 0; ///< so much its clock is behind
   };
   struct Side {
     int system = kStranger;
     std::uint32_t address = 0;
-    TCPE_Endpoint::Id id = 0; ///< 0: not open at this side
-    std::string received{};   ///< what a stranger got
-    bool hasEnded = false;    ///< whether the other side has closed it, for a stranger
+    TCPE_Endpoint::Id id = 0;                               ///< 0: not open at this side
+    std::string received{};                                 ///< what a stranger got
+    bool hasEnded = false;                                  ///< whether the other side has closed it, for a stranger
+    bool hasSecret = false;                                 ///< a stranger may prove it
+    std::function<void(const std::string& bytes)> answer{}; ///< of a stranger
+    std::string toCome{}; ///< frames that the host of the other side has sent, and this one has not been given
     enum class Piece : std::uint8_t { opening, opened, bytes, ended };
     struct Arriving {
       TCPE_Time due;
@@ -60,12 +73,15 @@ public:
     };
     std::deque<Arriving> arriving{};
     TCPE_Time lastDue = 0;
+    TCPE_Time begun = 0;
     TCPE_Time lastReceived = 0;
     std::span<std::byte> space{};
   };
   struct Transport {
     Side sides[2]; ///< who opened it, who accepted it
     bool isCut = false;
+    bool isAltered = false;
+    std::uint64_t changed = 0; ///< number of the last time that a side opened or ended
   };
 
   explicit SimulatedNetwork(std::uint32_t seed = 1) : mRandom(seed) {}
@@ -81,12 +97,13 @@ public:
     config.disconnectType = 12;
     config.maxConnections = config.limits.maxConnections;
     config.allowConnect = [](std::uint32_t) { return true; };
-    config.makeConnectFrame = [](std::uint32_t) {
-      const std::string frame = Frame({.flags = kTCPE_Flag_ReplyWanted, .type = 5, .serial = 77}, "introduction");
-      const auto bytes = std::as_bytes(std::span(frame));
-      return std::vector<std::byte>(bytes.begin(), bytes.end());
-    };
+    config.makeConnectFrame = [](std::uint32_t) { return ConnectFrame("introduction"); };
     return config;
+  }
+  static std::vector<std::byte> ConnectFrame(const std::string& payload) {
+    const std::string frame = Frame({.flags = kTCPE_Flag_ReplyWanted, .type = 5, .serial = 77}, payload);
+    const auto bytes = std::as_bytes(std::span(frame));
+    return {bytes.begin(), bytes.end()};
   }
   static std::shared_ptr<const TCPE_AuthenticationKey> Key(char secret) {
     TCPE_AuthenticationKey::Mac bytes{};
@@ -115,6 +132,8 @@ public:
   System& At(int system) { return mSystems.at(static_cast<std::size_t>(system)); }
   const TCPE_Endpoint::Counts& Counts(int system) { return At(system).endpoint->GetCounts(); }
   TCPE_Time Now() const { return mNow; }
+  /// By the clock of a system.
+  TCPE_Time Now(int system) { return mNow - At(system).slept; }
   std::uint32_t Random(std::uint32_t bound) { return static_cast<std::uint32_t>(mRandom() % bound); }
   /// Largest size of a piece, 0 for whole writes; largest delay of a piece beyond the 100 microseconds that it takes.
   void Chop(std::uint32_t size, std::uint32_t delay) {
@@ -124,6 +143,9 @@ public:
 
   /// Somebody on the way, who may alter all that is sent.
   std::function<void(int toSide, std::string& bytes)> tamper;
+  bool trustsChecksums = true; ///< unless they tamper who can calculate one
+  /// Takes attempts to reach addresses at which no machine runs.
+  std::function<void(Transport& transport)> impostor;
   /// Told of opened, frame, disconnected, lost and awaited connectEnded events instead of the log.
   std::function<void(int system, const Event& event)> program;
   /// Calls it then; in the order given, when several are due.
@@ -153,7 +175,9 @@ public:
   }
   void Send(Transport& transport, int toSide, std::string bytes) {
     if (tamper) {
+      const std::string sent = bytes;
       tamper(toSide, bytes);
+      transport.isAltered = transport.isAltered || bytes != sent;
     }
     for (std::size_t begin = 0; begin < bytes.size();) {
       const std::size_t size = mLargestPiece == 0 ? bytes.size() : 1 + Random(mLargestPiece);
@@ -164,13 +188,14 @@ public:
   /// Sends over the open connection, as a host does.
   void Send(int from, std::uint32_t address, const std::string& bytes) {
     const auto [transport, side] = At(from).sides.at(At(from).open.at(address).id);
-    At(from).open.at(address).session->NoteSent(mNow);
+    At(from).open.at(address).session->NoteSent(Now(from));
+    transport->sides[1 - side].toCome += bytes;
     Send(*transport, 1 - side, Tagged(At(from).open.at(address), bytes));
   }
   void End(int system, std::uint32_t address, ETCPE_NetworkError error = eNetworkError_None) {
     if (At(system).open.contains(address)) {
       Send(system, address, Frame({.type = 12}));
-      At(system).endpoint->End(At(system).open.at(address).id, error, mNow);
+      At(system).endpoint->End(At(system).open.at(address).id, error, Now(system));
       CarryOut(system);
     }
   }
@@ -183,7 +208,7 @@ public:
       return std::nullopt;
     }
     const auto [transport, side] = At(system).sides.at(open->second.id);
-    return mNow - transport->sides[side].lastReceived;
+    return Now(system) - transport->sides[side].lastReceived;
   }
 
   /// Its present connections are cut: nothing arrives any more, and nobody is told.
@@ -201,9 +226,12 @@ public:
     At(system).isCutOff = isCutOff;
     DeliverHeld(system);
   }
-  /// It gets no time, and what arrives waits.
-  void Freeze(int system, bool isFrozen) {
+  /// It gets no time, and what arrives waits. Its clock goes on, or its whole machine sleeps.
+  void Freeze(int system, bool isFrozen, bool isAsleep = false) {
+    TCPE_Time& since = isFrozen ? At(system).frozenSince : At(system).thawed;
+    since = At(system).isFrozen != isFrozen ? mNow : since;
     At(system).isFrozen = isFrozen;
+    At(system).slept += isAsleep ? mNow - At(system).frozenSince : 0;
     SetDeadline(system);
     DeliverHeld(system);
   }
@@ -216,6 +244,7 @@ public:
     for (const auto& [id, position] : At(system).sides) {
       Arrive(*position.first, 1 - position.second, Side::Piece::ended);
       position.first->sides[position.second].id = 0;
+      Changed(*position.first);
     }
     At(system).endpoint.reset();
     At(system).open.clear();
@@ -228,6 +257,9 @@ public:
     At(system).config.local.hello.instance = ++mLastInstance;
     At(system).endpoint = std::make_unique<TCPE_Endpoint>(At(system).config);
     At(system).isOff = false;
+    At(system).started = Now(system);
+    At(system).unproved = 0;
+    At(system).floods.clear();
   }
   void Restart(int system) {
     Kill(system, true);
@@ -237,7 +269,7 @@ public:
   void Move(int system, std::uint32_t address) {
     CutAll(system);
     At(system).config.localAddress = address;
-    At(system).endpoint->MoveTo(address, mNow);
+    At(system).endpoint->MoveTo(address, Now(system));
     CarryOut(system);
   }
 
@@ -259,9 +291,10 @@ public:
         action();
       } else {
         const int system = static_cast<int>(deadline - mDeadlines.begin());
-        At(system).endpoint->Tick(mNow);
+        At(system).endpoint->Tick(Now(system));
         CarryOut(system);
         Check(*deadline > mNow, "a deadline that was met stands");
+        CheckTimes(system);
       }
     }
     mNow = end;
@@ -300,7 +333,9 @@ private:
   void SetDeadline(int index) {
     const System& system = At(index);
     mDeadlines[static_cast<std::size_t>(index)] =
-        system.endpoint && !system.isFrozen ? system.endpoint->NextDeadline() : TCPE_Endpoint::kNever;
+        system.endpoint && !system.isFrozen && system.endpoint->NextDeadline() != TCPE_Endpoint::kNever
+            ? system.endpoint->NextDeadline() + system.slept
+            : TCPE_Endpoint::kNever;
   }
   static std::string Tagged(const Event& opened, const std::string& frames) {
     TCPE_FrameTagger* const tagger = opened.session->Tagger();
@@ -313,16 +348,20 @@ private:
   }
   Transport* Connect(int from, int to, std::uint32_t address) {
     Transport* transport = nullptr;
-    At(from).connecting.insert(address);
-    if (const auto id = At(from).endpoint->BeginConnect(address, mNow)) {
+    At(from).connecting.emplace(address, Now(from));
+    if (const auto id = At(from).endpoint->BeginConnect(address, Now(from))) {
       transport = &mTransports.emplace_back();
       transport->sides[0] = {from, At(from).config.localAddress, *id};
       transport->sides[1] = {to, address};
       At(from).sides[*id] = {transport, 0};
       if (to == kStranger) {
         Arrive(*transport, 0, Side::Piece::opened);
-      } else if (to != kNobody) {
+      } else if (to != kNobody && !(impostor && At(to).isOff)) {
         Arrive(*transport, 1, Side::Piece::opening);
+      } else if (impostor) {
+        transport->sides[1].system = kStranger;
+        Arrive(*transport, 0, Side::Piece::opened);
+        impostor(*transport);
       }
     }
     CarryOut(from);
@@ -349,36 +388,45 @@ private:
     if (side.system < 0) {
       side.received += arrived.bytes;
       side.hasEnded = side.hasEnded || arrived.piece == Side::Piece::ended;
-      return;
+      return side.answer ? side.answer(arrived.bytes) : void();
     }
     System& system = At(side.system);
     TCPE_Endpoint* const endpoint = system.endpoint.get();
+    const TCPE_Time now = Now(side.system);
     if (arrived.piece == Side::Piece::opening) {
       const bool isThere = !system.isOff && system.config.localAddress == side.address;
       const bool isStillWanted = transport.sides[0].id != 0 || transport.sides[0].system == kStranger;
       if (!isThere || !isStillWanted) {
         return;
       }
-      side.id = endpoint != nullptr ? endpoint->TransportAccepted(transport.sides[0].address, mNow) : 0;
+      side.begun = now;
+      side.id = endpoint != nullptr ? endpoint->TransportAccepted(transport.sides[0].address, now) : 0;
       if (side.id != 0) {
         system.sides[side.id] = {&transport, index};
       }
       Arrive(transport, 1 - index, side.id != 0 ? Side::Piece::opened : Side::Piece::ended);
     } else if (side.id != 0 && arrived.piece == Side::Piece::opened) {
-      endpoint->TransportConnected(side.id, mNow);
+      endpoint->TransportConnected(side.id, now);
     } else if (side.id != 0 && arrived.piece == Side::Piece::ended) {
-      endpoint->TransportEnded(side.id, mNow);
+      endpoint->TransportEnded(side.id, now);
     }
     CarryOut(side.system);
-    side.lastReceived = mNow;
+    HoldSpace(side);
+    side.lastReceived = now;
     for (std::string_view rest = arrived.bytes; !rest.empty() && side.id != 0;) {
       const std::size_t count = std::min(rest.size(), side.space.size());
       Check(count != 0, "no space for arriving bytes");
       std::copy_n(std::as_bytes(std::span(rest)).begin(), count, side.space.begin());
       side.space = {};
       rest.remove_prefix(count);
-      endpoint->Received(side.id, count, mNow);
+      endpoint->Received(side.id, count, now);
       CarryOut(side.system);
+      HoldSpace(side);
+    }
+  }
+  void HoldSpace(Side& side) {
+    if (side.id != 0 && side.space.empty()) {
+      side.space = At(side.system).endpoint->ReceiveSpace(side.id);
     }
   }
   void CarryOut(int index) {
@@ -386,21 +434,103 @@ private:
     if (!system.endpoint) {
       return;
     }
-    const TCPE_Limits& limits = system.config.limits;
     int events = 0;
-    while (const std::optional<Event> event = system.endpoint->NextEvent(mNow)) {
+    while (const std::optional<Event> event = system.endpoint->NextEvent(Now(index))) {
       CarryOut(index, *event);
       Check(++events < 10'000, "events without end");
     }
     Check(system.endpoint->OpenConnections() == system.open.size(), "open connections without their events");
-    Check(system.open.size() <= system.config.maxConnections, "too many open connections");
-    Check(system.endpoint->HalfOpenConnections() <= limits.maxHalfOpen, "too many half-open connections");
+    CheckLimits(index);
+    SetDeadline(index);
+  }
+  bool IsOpen(const Transport& transport, int index) {
+    const Side& side = transport.sides[index];
+    const auto& open = At(side.system).open;
+    const auto found = open.find(transport.sides[1 - index].address);
+    return found != open.end() && found->second.id == side.id;
+  }
+  void CheckLimits(int index) {
+    const System& system = At(index);
+    const TCPE_Limits& limits = system.config.limits;
+    std::map<std::uint32_t, std::size_t> halfOpen;
     for (const auto& [id, position] : system.sides) {
-      if (std::span<std::byte>& space = position.first->sides[position.second].space; space.empty()) {
-        space = system.endpoint->ReceiveSpace(id);
+      const auto& [transport, side] = position;
+      const bool isOpen = IsOpen(*transport, side);
+      const std::size_t payload = isOpen ? limits.maxPayload : limits.maxHandshakePayload;
+      const std::size_t space = transport->sides[side].space.size();
+      Check(space <= TCPE_FrameHeader::kSize + payload + kTCPE_TagSize, "much space for a stranger");
+      if (side == 1 && !isOpen) {
+        Check(++halfOpen[transport->sides[0].address] <= limits.maxHalfOpenPerAddress, "many strangers of an address");
       }
     }
-    SetDeadline(index);
+    Check(system.endpoint->HalfOpenConnections() <= limits.maxHalfOpen, "too many half-open connections");
+    Check(system.open.size() <= std::min(system.config.maxConnections, limits.maxConnections), "too many connections");
+    const TCPE_Time since = Now(index) - system.started;
+    Check(system.unproved <= 1 + limits.failureReports + since / limits.failureReportPause, "says too much of proofs");
+    Check(static_cast<TCPE_Time>(system.floods.size()) <= 1 + since / limits.floodPause, "says too much of floods");
+  }
+  /// After a look at the time.
+  void CheckTimes(int index) {
+    const System& system = At(index);
+    const TCPE_Limits& limits = system.config.limits;
+    for (const auto& [address, since] : system.connecting) {
+      Check(Now(index) - since <= 2 * (limits.transportConnect + limits.handshake), "an attempt without an end");
+    }
+    for (const auto& [id, position] : system.sides) {
+      const auto& [transport, side] = position;
+      const TCPE_Time age = Now(index) - transport->sides[side].begun;
+      Check(side == 0 || age <= limits.handshake || IsOpen(*transport, side), "a stranger that stays");
+    }
+  }
+  /// A side has opened or ended. The other one has to follow, unless more happens.
+  void Changed(Transport& transport) {
+    transport.changed = ++mLastDue;
+    CheckSidesLater(transport, transport.changed);
+  }
+  void CheckSidesLater(Transport& transport, std::uint64_t change) {
+    const TCPE_Time stated = TCPE_Limits().silence + 100'000 + 2 * mLargestDelay;
+    After(stated, [=, this, &transport] {
+      int open = 0;
+      for (int index = 0; index < 2 && transport.changed == change; ++index) {
+        const int system = transport.sides[index].system;
+        if (system < 0) {
+          return;
+        }
+        if (At(system).isFrozen || mNow - At(system).thawed < stated) {
+          return CheckSidesLater(transport, change);
+        }
+        open += transport.sides[index].id != 0 && IsOpen(transport, index) ? 1 : 0;
+      }
+      Check(open != 1, "one side believes that it is connected");
+    });
+  }
+  void CheckAdmitted(const Transport& transport, int side, const Event& event) {
+    const TCPE_Endpoint::Config& config = At(transport.sides[side].system).config;
+    const Side& peer = transport.sides[1 - side];
+    Check(!config.keys || peer.system >= 0 || peer.hasSecret, "a stranger is admitted in spite of the secret");
+    Check(event.payload.size() <= config.limits.maxHandshakePayload, "a long introduction");
+  }
+  /// What a host is given is an unbroken beginning of what the peer's has sent on that connection.
+  void CheckNext(Transport& transport, int side, const Event& event) {
+    const bool isAltered = transport.isAltered && !trustsChecksums && !At(transport.sides[side].system).config.keys;
+    if (transport.sides[1 - side].system < 0 || isAltered) {
+      return;
+    }
+    TCPE_FrameHeader header = event.header;
+    header.flags &= static_cast<std::uint8_t>(~kTCPE_Flag_Tag);
+    std::string frame(TCPE_FrameHeader::kSize, '\0');
+    header.Write(std::as_writable_bytes(std::span(frame)).data());
+    frame.append(reinterpret_cast<const char*>(event.payload.data()), event.payload.size());
+    std::string& toCome = transport.sides[side].toCome;
+    while (toCome.size() >= TCPE_FrameHeader::kSize) {
+      const auto next = TCPE_FrameHeader::Read(std::as_bytes(std::span(toCome)).data());
+      if (next.type != kTCPE_HeartbeatType) {
+        break;
+      }
+      toCome.erase(0, TCPE_FrameHeader::kSize + next.dataLength);
+    }
+    Check(toCome.starts_with(Sealed(frame)), "a frame that is not the next one of those that were sent");
+    toCome.erase(0, frame.size());
   }
   void CarryOut(int index, const Event& event) {
     System& system = At(index);
@@ -418,11 +548,15 @@ private:
     switch (event.kind) {
     case Event::Kind::opened:
       Check(open == system.open.end(), "two open connections of one address");
+      CheckAdmitted(*transport, side, event);
+      Changed(*transport);
       log("opened ", event.openedByPeer ? " by peer" : "");
       system.open[event.address] = event;
       break;
     case Event::Kind::frame:
       Check(isOpen, "a frame of a connection that is not open");
+      Check(event.payload.size() <= system.config.limits.maxPayload, "a long frame");
+      CheckNext(*transport, side, event);
       log("frame ", " " + std::to_string(event.header.type) + " (" + std::to_string(event.payload.size()) + ")");
       break;
     case Event::Kind::finished:
@@ -433,6 +567,9 @@ private:
       Check(isOpen, "the end of a connection that is not open");
       log(event.kind == Event::Kind::lost ? "lost " : "disconnected ",
           event.kind == Event::Kind::lost ? " " + std::to_string(event.networkError) : "");
+      if (event.kind == Event::Kind::disconnected) {
+        CheckNext(*transport, side, event);
+      }
       system.open.erase(open);
       break;
     case Event::Kind::connectEnded:
@@ -444,6 +581,7 @@ private:
       break;
     case Event::Kind::unproved:
       log("unproved ");
+      ++system.unproved;
       break;
     case Event::Kind::flooded:
       system.floods.push_back(event.address);
@@ -459,6 +597,7 @@ private:
     case Event::Kind::close:
       std::erase_if(system.open, [&event](const auto& entry) { return entry.second.id == event.id; });
       if (transport != nullptr) {
+        Changed(*transport);
         transport->sides[side].id = 0;
         transport->sides[side].space = {};
         Arrive(*transport, 1 - side, Side::Piece::ended);
