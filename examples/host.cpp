@@ -14,6 +14,7 @@ void Say(const std::string& text) { std::cout << (text.empty() ? text : text + '
 /// Begins at the agreed moment, unless it is stopped before.
 void Play(Trel_LinkSession& session, const Trel_AgreedStart& start, const std::stop_token& stop) {
   constexpr std::int64_t kNear = 20'000; // microseconds
+  const Sys_ThreadPriority raised;       // where the system permits it
   while (!stop.stop_requested()) {
     const auto begin = session.GetHostTime(start.runningTime); // anew each time, for it gets better
     if (!begin) {

@@ -11,6 +11,7 @@
 #include <trel/Sys_Clock.h>
 #include <trel/Sys_Init.h>
 #include <trel/Sys_Socket.h>
+#include <trel/Sys_ThreadPriority.h>
 #include <trel/Sys_UDPSocket.h>
 #include <trel/Sys_Umid.h>
 #include <trel/TCPE_Cmd_Disconnect.h>

@@ -1,6 +1,7 @@
 #include "tools/trel/host/Player.h"
 
 #include <trel/Sys_Clock.h>
+#include <trel/Sys_ThreadPriority.h>
 
 #include <algorithm>
 #include <chrono>
@@ -58,6 +59,19 @@ bool Player::WaitUntilNear(std::unique_lock<std::mutex>& lock, std::int64_t runn
   return false;
 }
 
+void Player::Begin(std::int64_t runningTime) {
+  std::int64_t rawTime = 0;
+  {
+    const Sys_ThreadPriority raised;
+    if (!mWait(runningTime)) {
+      return;
+    }
+    rawTime = Sys_Clock::RawMicroseconds();
+    std::this_thread::sleep_for(kReportDelay); // at once: on a machine with few cores another may wait for this one's
+  }
+  mReport(runningTime, rawTime);
+}
+
 void Player::Run() {
   std::unique_lock lock(mMutex);
   for (;;) {
@@ -71,12 +85,7 @@ void Player::Run() {
     }
     mRunningTime.reset();
     lock.unlock();
-    const bool isTime = mWait(runningTime);
-    const std::int64_t rawTime = Sys_Clock::RawMicroseconds();
-    if (isTime) {
-      std::this_thread::sleep_for(kReportDelay);
-      mReport(runningTime, rawTime);
-    }
+    Begin(runningTime);
     lock.lock();
   }
 }

@@ -31,6 +31,7 @@ public:
   void Cancel();
 
 private:
+  void Begin(std::int64_t runningTime);
   void Run();
   /// Waits until the start is near. False when it has been given up or replaced.
   bool WaitUntilNear(std::unique_lock<std::mutex>& lock, std::int64_t runningTime);
