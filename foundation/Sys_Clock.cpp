@@ -87,8 +87,8 @@ void Sys_Clock::Init() {
 }
 
 std::int64_t Sys_Clock::Microseconds() noexcept {
-  const Source source = sSource.load(std::memory_order_acquire);
-  return source != nullptr ? source() : FromRaw(RawMicroseconds());
+  const std::optional<std::int64_t> ofSource = OfSource();
+  return ofSource ? *ofSource : FromRaw(RawMicroseconds());
 }
 
 std::int64_t Sys_Clock::RawMicroseconds() noexcept {
@@ -110,3 +110,8 @@ void Sys_Clock::WaitUntil(std::int64_t hostTime) {
 }
 
 void Sys_Clock::SetSource(Source source) noexcept { sSource.store(source, std::memory_order_release); }
+
+std::optional<std::int64_t> Sys_Clock::OfSource() noexcept {
+  const Source source = sSource.load(std::memory_order_acquire);
+  return source != nullptr ? std::optional(source()) : std::nullopt;
+}

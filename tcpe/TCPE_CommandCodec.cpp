@@ -35,6 +35,7 @@ TCPE_CommErr TCPE_CommandCodec::Encode(TCPE_CommTask& task, TCPE_Command& comman
 
 TCPE_CommErr TCPE_CommandCodec::EncodeCommand(TCPE_CommTask& task, TCPE_Command& command, const Stamp& stamp) {
   command.SetIsReply(false);
+  command.SetArrivalTime(0);
   return Encode(task, command, stamp, [&command](char** cursor) { command.PrepareTransmitCommand(cursor); });
 }
 

@@ -3,6 +3,7 @@
 #include <trel/Trel_Export.h>
 
 #include <cstdint>
+#include <optional>
 
 /// The host clock: signed 64-bit microseconds of a monotonic clock whose zero is near the start of the process. It is
 /// never wall time, never set and never steps.
@@ -57,4 +58,7 @@ public:
   ///
   /// Thread-safe and real-time-safe.
   static void SetSource(Source source) noexcept;
+
+  /// What the function that SetSource has set returns; nothing without one. Thread-safe and real-time-safe.
+  [[nodiscard]] static std::optional<std::int64_t> OfSource() noexcept;
 };

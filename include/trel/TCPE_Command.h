@@ -86,6 +86,10 @@ public:
   /// others.
   std::uint64_t GetConnection() const { return mConnection; }
   void SetConnection(std::uint64_t connection) { mConnection = connection; }
+  /// Host time at which a received command, or the reply to a sent one, had arrived at this machine, as exactly as the
+  /// operating system tells; 0 when none was received.
+  std::int64_t GetArrivalTime() const { return mArrivalTime; }
+  void SetArrivalTime(std::int64_t hostTime) { mArrivalTime = hostTime; }
   bool GetReplyWanted() const { return mReplyWanted; }
   void SetReplyWanted(bool wanted) { mReplyWanted = wanted; }
 
@@ -205,6 +209,7 @@ private:
   OwnPointer<TCPE_Command> mSelf;
   OwnPointer<const char> mPayloadEnd;
   std::uint64_t mConnection = 0;
+  std::int64_t mArrivalTime = 0;
   TCPE_eCmd mCommandType;
   std::uint32_t mSerialNumber = 0;
   std::uint32_t mIPAddressTo = 0;

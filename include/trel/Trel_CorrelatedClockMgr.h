@@ -53,7 +53,8 @@ public:
   static bool IsLocked() noexcept;
 
   /// Consumes the three timing commands of the numbering in force (UpdateRunningTime, LastUpdateRunningTimeValid,
-  /// ResetClock). The host time of an exchange is taken at entry, so call it as early as possible after receipt.
+  /// ResetClock). The host time of an exchange is the middle between the command's arrival time and entry, so call it
+  /// as early as possible after receipt; without an arrival time, or with one that is 2 ms old, it is taken at entry.
   /// @return whether the command was a timing command and is consumed; false for null.
   static bool HandleTimingCommand(Trel_Command* inCommand);
 

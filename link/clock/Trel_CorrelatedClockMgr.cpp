@@ -28,6 +28,8 @@ constexpr std::int64_t kBaseLimit = 2'000;
 constexpr std::int64_t kPeriodOfBaseLimit = 500'000;
 constexpr double kLimitGrowth = 0.62;
 
+constexpr std::int64_t kOldestArrival = 2'000; // microseconds, that is believed
+
 constexpr std::int64_t kLongestWait = 1'000'000'000'000'000; // microseconds, 30 years: far from any overflow
 
 // What writers change, under the mutex.
@@ -117,6 +119,13 @@ std::int64_t AddHalfRoundTrip(std::int64_t runningTime, std::int64_t roundTripTi
                                    static_cast<std::uint64_t>(roundTripTime >> 1));
 }
 
+/// What this system itself does for an exchange lies on both sides of this moment.
+std::int64_t HostTimeOf(const Trel_Command& command, std::int64_t now) {
+  const std::int64_t arrival = command.GetArrivalTime();
+  const bool isBelieved = arrival != 0 && arrival <= now && arrival >= now - kOldestArrival;
+  return isBelieved ? arrival + (now - arrival) / 2 : now;
+}
+
 void HandleUpdateRunningTime(const Trel_Cmd_UpdateRunningTime& command, std::int64_t hostTime) {
   State& state = TheState();
   const std::lock_guard lock(state.mMutex);
@@ -188,7 +197,7 @@ void Trel_CorrelatedClockMgr::ResetClock() {
 bool Trel_CorrelatedClockMgr::IsLocked() noexcept { return LineInForce().mIsCorrelated; }
 
 bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
-  const std::int64_t hostTime = Sys_Clock::Microseconds();
+  const std::int64_t now = Sys_Clock::Microseconds();
   if (inCommand == nullptr) {
     return false;
   }
@@ -199,7 +208,7 @@ bool Trel_CorrelatedClockMgr::HandleTimingCommand(Trel_Command* inCommand) {
   if (type == Trel_Cmd_UpdateRunningTime::GetCommandID()) {
     isTimingCommand = true;
     if (const auto* command = dynamic_cast<const Trel_Cmd_UpdateRunningTime*>(inCommand)) {
-      HandleUpdateRunningTime(*command, hostTime);
+      HandleUpdateRunningTime(*command, HostTimeOf(*command, now));
     }
   }
   if (type == Trel_Cmd_LastUpdateRunningTimeValid::GetCommandID()) {

@@ -211,7 +211,8 @@ bool Trel_RunningTimeExchange::MeasureRoundTrip(std::uint32_t address, Peer& pee
   if (!Send(&command)) {
     return false;
   }
-  KeepRoundTrip(peer, Sys_Clock::Microseconds() - sent);
+  const std::int64_t arrival = command.GetArrivalTime();
+  KeepRoundTrip(peer, (arrival >= sent ? arrival : Sys_Clock::Microseconds()) - sent);
   return true;
 }
 

@@ -60,22 +60,22 @@ TCPE_Dispatcher::TCPE_Dispatcher(TCPE_CommManager& manager, TCPE_CommTask& task,
       mLocalSystemType(manager.GetSystemType()) {}
 
 void TCPE_Dispatcher::OnFrame(const Connection& connection, const TCPE_FrameHeader& header,
-                              std::span<const std::byte> payload) {
+                              std::span<const std::byte> payload, const TCPE_Arrival& arrival) {
   connection->SetPeerSystemType(header.senderSystemType);
   if (header.Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply)) {
-    if (!connection->Calls().Complete(header, payload, connection->LastReceived())) {
+    if (!connection->Calls().Complete(header, payload, arrival)) {
       ++mLateReplies;
     }
     return;
   }
-  Handle(connection, header, payload, header.Has(kTCPE_Flag_ReplyWanted) ? Kind::query : Kind::command);
+  Handle(connection, header, payload, header.Has(kTCPE_Flag_ReplyWanted) ? Kind::query : Kind::command, arrival);
 }
 
 void TCPE_Dispatcher::OnConnectionFrame(const Connection& connection, TCPE_FrameHeader header,
                                         std::span<const std::byte> payload) {
   connection->SetPeerSystemType(header.senderSystemType);
   header.flags = static_cast<std::uint8_t>(header.flags & ~kTCPE_Flag_ReplyWanted);
-  Handle(connection, header, payload, Kind::notice);
+  Handle(connection, header, payload, Kind::notice, connection->LastArrival().OfSeveral());
 }
 
 bool TCPE_Dispatcher::IsSound(const TCPE_FrameHeader& header, std::span<const std::byte> payload) const {
@@ -85,11 +85,11 @@ bool TCPE_Dispatcher::IsSound(const TCPE_FrameHeader& header, std::span<const st
 }
 
 void TCPE_Dispatcher::Handle(const Connection& connection, const TCPE_FrameHeader& header,
-                             std::span<const std::byte> payload, Kind kind) {
+                             std::span<const std::byte> payload, Kind kind, const TCPE_Arrival& arrival) {
   mReceiver.OnArrived(*connection, kind);
   ReceivedPointer received;
   const bool isDone = Cmn_HostCall::Run(Cmn_HostCall::Kind::hook, [&] {
-    received = Construct(connection, header, payload, kind);
+    received = Construct(connection, header, payload, kind, arrival);
     if (!received) {
       return;
     }
@@ -208,7 +208,8 @@ TCPE_ReceivedCommand::Pointer TCPE_Dispatcher::Fresh(TCPE_eCmd wireType) const {
 
 TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_ptr<TCPE_Connection>& connection,
                                                             const TCPE_FrameHeader& header,
-                                                            std::span<const std::byte> payload, Kind kind) {
+                                                            std::span<const std::byte> payload, Kind kind,
+                                                            const TCPE_Arrival& arrival) {
   if (!mBatch || mBatch->origin != connection) {
     mBatch = std::make_shared<TCPE_ReceivedCommand::Batch>(
         TCPE_ReceivedCommand::Batch{.blocks = mBlocks, .origin = connection, .handler = &mReceiver});
@@ -229,6 +230,7 @@ TCPE_Dispatcher::ReceivedPointer TCPE_Dispatcher::Construct(const std::shared_pt
   command->SetRemoteSystemType(connection->GetPeerSystemType());
   command->SetLocalSystemType(GetLocalSystemType());
   command->SetConnection(connection->GetId());
+  command->SetArrivalTime(arrival.HostTime());
   command->SetIPAddressFrom(connection->GetAddress());
   command->SetPortFrom(static_cast<std::uint32_t>(mTask.GetCommunicationPort()));
   command->SetIPAddressTo(mManager.GetAdaptorIPAddress());

@@ -85,7 +85,7 @@ public:
 
   // On the network thread.
   void OnFrame(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
-               std::span<const std::byte> payload);
+               std::span<const std::byte> payload, const TCPE_Arrival& arrival);
   /// A connect or disconnect command: nobody waits for a reply, and it is delivered also to a full queue.
   void OnConnectionFrame(const std::shared_ptr<TCPE_Connection>& connection, TCPE_FrameHeader header,
                          std::span<const std::byte> payload);
@@ -117,12 +117,12 @@ private:
   using Kind = TCPE_ReceivedCommand::Kind;
 
   void Handle(const Connection& connection, const TCPE_FrameHeader& header, std::span<const std::byte> payload,
-              Kind kind);
+              Kind kind, const TCPE_Arrival& arrival);
   /// The command class of a wire type, built in the block; null when there is none.
   TCPE_Command* Build(TCPE_eCmd wireType, void* block) const;
   /// Null when the command is to be dropped; then it has been counted, and answered if a reply is wanted.
   ReceivedPointer Construct(const std::shared_ptr<TCPE_Connection>& connection, const TCPE_FrameHeader& header,
-                            std::span<const std::byte> payload, Kind kind);
+                            std::span<const std::byte> payload, Kind kind, const TCPE_Arrival& arrival);
   void Reply(TCPE_ReceivedCommand& received);
   bool AnswerInPlace(TCPE_ReceivedCommand& received);
   /// `command`: null when there is none to build of the frame.

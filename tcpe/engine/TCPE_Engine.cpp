@@ -646,7 +646,7 @@ TCPE_CommErr TCPE_Engine::ResultOf(TCPE_Connection& connection, const TCPE_Call&
     TCPE_PeerTraffic::Add(connection.Traffic().sent.abandoned, 1);
     return call.error;
   }
-  connection.Traffic().roundTrips.Add(call.answered - call.begin);
+  connection.Traffic().roundTrips.Add(call.arrival.arrived - call.begin);
   if (call.header.Has(kTCPE_Flag_ErrorReply)) {
     return call.header.error != eTCPE_CommErr_None ? static_cast<TCPE_CommErr>(call.header.error)
                                                    : eTCPE_CommErr_MalformedPayload;
@@ -673,6 +673,7 @@ TCPE_Engine::ReceivedPointer TCPE_Engine::DecodeReply(TCPE_eCmd wireType, const 
 void TCPE_Engine::NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address) {
   command.SetRemoteSystemType(static_cast<ETCPE_SystemType>(call.header.senderSystemType));
   command.SetIsReply(true);
+  command.SetArrivalTime(call.arrival.HostTime());
   mDispatcher.Log(TCPE_Dispatcher::LogEvent::answered, command, address);
 }
 
@@ -694,10 +695,10 @@ void TCPE_Engine::OnOpened(const ConnectionPointer& connection, const TCPE_Endpo
 }
 
 void TCPE_Engine::OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
-                          std::span<const std::byte> payload) {
+                          std::span<const std::byte> payload, const TCPE_Arrival& arrival) {
   if (!connection->HasEnded()) {
     TCPE_PeerTraffic::AddAlone(connection->Traffic().received.frames, 1);
-    mDispatcher.OnFrame(connection, header, payload);
+    mDispatcher.OnFrame(connection, header, payload, arrival);
   }
 }
 

@@ -155,8 +155,8 @@ private:
   void NoteReply(TCPE_Command& command, const TCPE_Call& call, std::uint32_t address);
 
   void OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) override;
-  void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
-               std::span<const std::byte> payload) override;
+  void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header, std::span<const std::byte> payload,
+               const TCPE_Arrival& arrival) override;
   void OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                       std::span<const std::byte> payload) override;
   void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) override;

@@ -317,11 +317,12 @@ void TCPE_Connection::Open(std::shared_ptr<TCPE_Session> session) {
   mFirstWordIsDue = true;
 }
 
-void TCPE_Connection::NoteReceived(std::span<const std::byte> bytes, TCPE_Time now) {
+void TCPE_Connection::NoteReceived(std::span<const std::byte> bytes, const TCPE_Arrival& arrival) {
   if (const TCPE_ByteTap::Turn turn(mTap); turn) {
     Tell(turn, TCPE_TappedBytes::Event::received, bytes);
   }
-  mLastReceived.store(now, std::memory_order_relaxed);
+  mLastArrival = arrival;
+  mLastReceived.store(arrival.read, std::memory_order_relaxed);
   if (mTraffic) {
     TCPE_PeerTraffic::AddAlone(mTraffic->received.bytes, bytes.size());
   } else {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_Arrival.h"
 #include "tcpe/net/TCPE_ByteTap.h"
 #include "tcpe/net/TCPE_PeerTraffic.h"
 #include "tcpe/net/TCPE_PendingCalls.h"
@@ -120,7 +121,9 @@ public:
   void CloseNow();
 
   /// Tells of bytes that arrived. On the network thread.
-  void NoteReceived(std::span<const std::byte> bytes, TCPE_Time now);
+  void NoteReceived(std::span<const std::byte> bytes, const TCPE_Arrival& arrival);
+  /// Of the bytes that arrived last. On the network thread.
+  const TCPE_Arrival& LastArrival() const { return mLastArrival; }
   TCPE_Time LastReceived() const { return mLastReceived.load(std::memory_order_relaxed); }
   /// Bytes that wait to be sent.
   std::size_t OutboundBytes() const;
@@ -188,8 +191,9 @@ private:
   std::atomic<bool> mIsPaused = false;
   std::atomic<std::uint8_t> mPeerSystemType = 0;
   std::atomic<std::uint64_t> mPeerInstance = 0;
-  std::atomic<TCPE_Time> mLastReceived = 0;
-  std::uint64_t mEarlyReceived = 0; ///< bytes before there was anything to count in
+  TCPE_Arrival mLastArrival;
+  std::atomic<TCPE_Time> mLastReceived = 0; ///< the same, for any thread
+  std::uint64_t mEarlyReceived = 0;         ///< bytes before there was anything to count in
   std::uint64_t mEarlySent = 0;
   std::shared_ptr<TCPE_PeerTraffic> mTraffic;
   TCPE_ByteTap& mTap;

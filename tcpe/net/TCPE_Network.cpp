@@ -5,6 +5,7 @@
 #include <trel/Sys_Clock.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <optional>
 #include <utility>
@@ -24,11 +25,27 @@ constexpr auto kFarewellCheck = std::chrono::milliseconds(1);
 
 TCPE_Time Now() { return Sys_Clock::RawMicroseconds(); }
 
+template <class Clock>
+std::int64_t Nanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
 void PrepareSocket(tcp::socket& socket) {
   asio::error_code ignored;
   socket.set_option(tcp::no_delay(true), ignored);
   socket.non_blocking(true, ignored);
   socket.native_non_blocking(true, ignored);
+  Sys_NativeSocket::WantStamps(socket.native_handle());
+}
+
+/// A socket that has waited once until it could be written to, as it does to connect, is told of that again with every
+/// wait until it can be read.
+void ForgetWaitForWriting(tcp::socket& socket, asio::error_code& error) {
+  const Sys_NativeSocket::Handle handle = socket.release(error);
+  if (!error) {
+    TCPE_TakeOver(socket, tcp::v4(), handle, error);
+    PrepareSocket(socket);
+  }
 }
 
 } // namespace
@@ -215,21 +232,23 @@ void TCPE_Network::OpenTransport(TCPE_Endpoint::Id id, std::uint32_t address) {
     return;
   }
   const ConnectionPointer connection = Add(id, address, std::move(socket));
-  connection->Socket()->async_connect({asio::ip::address_v4(address), mPlace.port},
-                                      [this, connection](const asio::error_code& failure) {
-                                        if (failure == asio::error::operation_aborted ||
-                                            connection->Socket() == nullptr) { // closed when this was on its way
-                                          return;
-                                        }
-                                        if (failure) {
-                                          mEndpoint.TransportEnded(connection->GetId(), Now());
-                                        } else {
-                                          connection->TransportOpened(false);
-                                          mEndpoint.TransportConnected(connection->GetId(), Now());
-                                        }
-                                        CarryOut();
-                                        Read(connection);
-                                      });
+  connection->Socket()->async_connect(
+      {asio::ip::address_v4(address), mPlace.port}, [this, connection](asio::error_code failure) {
+        if (failure == asio::error::operation_aborted || connection->Socket() == nullptr) {
+          return; // closed when this was on its way
+        }
+        if (!failure) {
+          ForgetWaitForWriting(*connection->Socket(), failure);
+        }
+        if (failure) {
+          mEndpoint.TransportEnded(connection->GetId(), Now());
+        } else {
+          connection->TransportOpened(false);
+          mEndpoint.TransportConnected(connection->GetId(), Now());
+        }
+        CarryOut();
+        Read(connection);
+      });
 }
 
 void TCPE_Network::Accept() {
@@ -272,32 +291,37 @@ void TCPE_Network::Accept() {
 }
 
 void TCPE_Network::Read(const ConnectionPointer& connection) {
-  if (connection->isReading || mEndpoint.IsPaused(connection->GetId())) {
-    return;
-  }
-  const std::span<std::byte> space = mEndpoint.ReceiveSpace(connection->GetId());
-  if (space.empty() || connection->Socket() == nullptr) {
+  if (connection->isReading || mEndpoint.IsPaused(connection->GetId()) || connection->Socket() == nullptr) {
     return;
   }
   connection->isReading = true;
-  // The read keeps the session: the space that it fills belongs to it.
-  connection->Socket()->async_read_some(asio::buffer(space.data(), space.size()),
-                                        [this, connection, space, session = mEndpoint.SessionOf(connection->GetId())](
-                                            const asio::error_code& error, std::size_t count) {
-                                          connection->isReading = false;
-                                          if (error == asio::error::operation_aborted) {
-                                            return;
-                                          }
-                                          const TCPE_Time now = Now();
-                                          if (error) {
-                                            mEndpoint.TransportEnded(connection->GetId(), now);
-                                          } else {
-                                            connection->NoteReceived(space.first(count), now);
-                                            mEndpoint.Received(connection->GetId(), count, now);
-                                          }
-                                          CarryOut(connection->GetId());
-                                          Read(connection);
-                                        });
+  connection->Socket()->async_wait(tcp::socket::wait_read, [this, connection](const asio::error_code& error) {
+    connection->isReading = false;
+    if (error != asio::error::operation_aborted && connection->Socket() != nullptr &&
+        !mEndpoint.IsPaused(connection->GetId())) {
+      ReadNow(connection);
+    }
+  });
+}
+
+void TCPE_Network::ReadNow(const ConnectionPointer& connection) {
+  const std::span<std::byte> space = mEndpoint.ReceiveSpace(connection->GetId());
+  if (space.empty()) {
+    return;
+  }
+  std::optional<std::int64_t> stamp;
+  const std::ptrdiff_t count = Sys_NativeSocket::Receive(connection->Socket()->native_handle(), space, &stamp);
+  if (count > 0) {
+    TCPE_Arrival arrival =
+        mArrivals.ArrivalOf(Nanoseconds<std::chrono::steady_clock>(), Nanoseconds<std::chrono::system_clock>(), stamp);
+    arrival.hostTimeOfSource = Sys_Clock::OfSource();
+    connection->NoteReceived(space.first(static_cast<std::size_t>(count)), arrival);
+    mEndpoint.Received(connection->GetId(), static_cast<std::size_t>(count), arrival.read);
+  } else if (count == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+    mEndpoint.TransportEnded(connection->GetId(), Now());
+  }
+  CarryOut(connection->GetId());
+  Read(connection);
 }
 
 void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> concerned) {
@@ -343,7 +367,8 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
     break;
   case Kind::frame:
     connection->ToldNothing();
-    mListener.OnFrame(connection, event.header, event.payload);
+    mListener.OnFrame(connection, event.header, event.payload,
+                      event.isReadAlone ? connection->LastArrival() : connection->LastArrival().OfSeveral());
     break;
   case Kind::finished:
     event.finished ? connection->Told(*event.finished) : connection->ToldNothing();

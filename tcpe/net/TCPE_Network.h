@@ -27,7 +27,7 @@ public:
   public:
     virtual void OnOpened(const ConnectionPointer& connection, const TCPE_Endpoint::Event& event) = 0;
     virtual void OnFrame(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
-                         std::span<const std::byte> payload) = 0;
+                         std::span<const std::byte> payload, const TCPE_Arrival& arrival) = 0;
     virtual void OnDisconnected(const ConnectionPointer& connection, const TCPE_FrameHeader& header,
                                 std::span<const std::byte> payload) = 0;
     virtual void OnLost(const ConnectionPointer& connection, ETCPE_NetworkError error) = 0;
@@ -89,6 +89,7 @@ private:
   void CloseAll(TCPE_Time deadline);
   void Accept();
   void Read(const ConnectionPointer& connection);
+  void ReadNow(const ConnectionPointer& connection);
   /// Everything that the endpoint wants done. `concerned`: a connection that may have the nearest deadline.
   void CarryOut(std::optional<TCPE_Endpoint::Id> concerned = std::nullopt);
   void CarryOut(const TCPE_Endpoint::Event& event);
@@ -107,6 +108,7 @@ private:
   TCPE_ByteTap& mTap;
   Listener& mListener;
   TCPE_Endpoint mEndpoint;
+  TCPE_ArrivalClock mArrivals;
   asio::io_context mContext{1};
   asio::ip::tcp::acceptor mAcceptor{mContext};
   TCPE_DiscoveryService mDiscovery;

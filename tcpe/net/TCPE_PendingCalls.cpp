@@ -58,7 +58,8 @@ void TCPE_PendingCalls::Cancel(std::uint32_t serial, TCPE_CommErr error) {
   }
 }
 
-bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload, TCPE_Time now) {
+bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload,
+                                 const TCPE_Arrival& arrival) {
   const std::lock_guard lock(mMutex);
   const auto position = mCalls.find(header.serial);
   if (position == mCalls.end()) {
@@ -66,7 +67,7 @@ bool TCPE_PendingCalls::Complete(const TCPE_FrameHeader& header, std::span<const
   }
   TCPE_Call& call = *position->second;
   mCalls.erase(position);
-  call.answered = now;
+  call.arrival = arrival.NotBefore(call.begin);
   call.header = header;
   call.payload.assign(payload.begin(), payload.end());
   End(call, eTCPE_CommErr_None);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tcpe/net/TCPE_Arrival.h"
 #include "tcpe/protocol/TCPE_Frame.h"
 #include "tcpe/protocol/TCPE_Limits.h"
 
@@ -17,7 +18,7 @@ struct TCPE_Call {
   explicit TCPE_Call(TCPE_Time now) : begin(now) {}
 
   const TCPE_Time begin;
-  TCPE_Time answered = 0; ///< when the reply arrived
+  TCPE_Arrival arrival; ///< of the reply
   TCPE_FrameHeader header;
   std::vector<std::byte> payload;
   TCPE_CommErr error = eTCPE_CommErr_None;
@@ -40,7 +41,7 @@ public:
   /// Ends a call with an error, if it has not ended yet.
   void Cancel(std::uint32_t serial, TCPE_CommErr error);
   /// False when nobody waits for this reply (any more).
-  bool Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload, TCPE_Time now);
+  bool Complete(const TCPE_FrameHeader& header, std::span<const std::byte> payload, const TCPE_Arrival& arrival);
   std::size_t Count() const;
   /// Ends all calls, and those that are still to come.
   void FailAll(TCPE_CommErr error);

@@ -105,11 +105,6 @@ std::span<std::byte> TCPE_Endpoint::ReceiveSpace(Id id) {
   return connection != nullptr && connection->session ? connection->session->ReceiveSpace() : std::span<std::byte>();
 }
 
-std::shared_ptr<TCPE_Session> TCPE_Endpoint::SessionOf(Id id) {
-  const Connection* connection = Find(id);
-  return connection != nullptr ? connection->session : nullptr;
-}
-
 void TCPE_Endpoint::Received(Id id, std::size_t count, TCPE_Time now) {
   Connection* connection = Find(id);
   if (connection != nullptr && connection->session) {
@@ -314,7 +309,8 @@ std::optional<TCPE_Endpoint::Event> TCPE_Endpoint::Advance(Id id, TCPE_Time now)
                  .id = id,
                  .address = connection->address,
                  .header = event->header,
-                 .payload = event->payload};
+                 .payload = event->payload,
+                 .isReadAlone = event->isReadAlone};
   case Kind::finished:
     return Event{.kind = Event::Kind::finished, .id = id, .address = connection->address, .finished = event->finished};
   case Kind::challenged:

@@ -72,6 +72,7 @@ public:
     std::shared_ptr<TCPE_Session> session{}; ///< with opened
     bool openedByPeer = false;
     std::optional<std::uint32_t> finished{};
+    bool isReadAlone = false; ///< as that of the session
   };
 
   /// What was turned away, by reason.
@@ -99,7 +100,6 @@ public:
   void TransportEnded(Id id, TCPE_Time now);
   /// Where to put arriving bytes; empty for a connection that is gone. The space is the session's.
   std::span<std::byte> ReceiveSpace(Id id);
-  std::shared_ptr<TCPE_Session> SessionOf(Id id);
   void Received(Id id, std::size_t count, TCPE_Time now);
 
   /// While a connection is paused it gives no more frames, and its bytes are not to be read. Of an open one.

@@ -41,6 +41,7 @@ std::span<std::byte> TCPE_Session::ReceiveSpace() {
 }
 
 void TCPE_Session::Received(std::size_t count, TCPE_Time now) {
+  mReadAlone = Unread().empty() ? count : 0;
   mEnd += count;
   mLastReceived = now;
 }
@@ -82,6 +83,9 @@ std::optional<TCPE_Session::Event> TCPE_Session::NextEvent(TCPE_Time now) {
       mBegin += size;
       mFrameBegan = 0;
       event = OnFrame(header, unread.subspan(TCPE_FrameHeader::kSize, header.dataLength));
+      if (event) {
+        event->isReadAlone = size == mReadAlone;
+      }
     }
     if (event) {
       return event;

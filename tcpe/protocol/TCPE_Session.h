@@ -66,6 +66,7 @@ public:
     TCPE_CommErr error = eTCPE_CommErr_None;
     ETCPE_NetworkError networkError = eNetworkError_None;
     std::optional<std::uint32_t> finished{};
+    bool isReadAlone = false;  ///< frame: it is all that came with the last bytes, and all of it came with them
     bool isUnfinished = false; ///< failed: the data is malformed because the rest of a frame did not come in time
   };
 
@@ -156,6 +157,7 @@ private:
   std::vector<std::byte> mOutput;
   std::size_t mBegin = 0;
   std::size_t mEnd = 0;
+  std::size_t mReadAlone = 0; // bytes of the last read, when no others were left then
   std::uint64_t mPeerInstance = 0;
   std::atomic<TCPE_Time> mLastSent;
   TCPE_Time mLastReceived;

@@ -66,6 +66,29 @@ TEST_P(Trel_CorrelatedClockMgrTest, VouchedExchangesBecomeMeasurements) {
   EXPECT_EQ(Trel_CorrelatedClockMgr::GetRunningTime(5'000'000), 999'998);
 }
 
+TEST_P(Trel_CorrelatedClockMgrTest, TakesTheMiddleBetweenArrivalAndNow) {
+  constexpr std::int64_t kNow = 5'000'000;
+  const struct {
+    std::int64_t arrival;
+    std::int64_t hostTime;
+  } cases[] = {{kNow - 25, kNow - 13},
+               {kNow, kNow},
+               {kNow - 2'000, kNow - 1'000},
+               {kNow - 2'001, kNow},
+               {kNow + 1, kNow},
+               {0, kNow},
+               {std::numeric_limits<std::int64_t>::min(), kNow}};
+  for (const auto& test : cases) {
+    sNow = kNow;
+    Trel_CorrelatedClockMgr::ResetClock();
+    Trel_Cmd_UpdateRunningTime command(1'000'000);
+    command.SetArrivalTime(test.arrival);
+    Trel_CorrelatedClockMgr::HandleTimingCommand(&command);
+    ReceiveVoucher(0);
+    EXPECT_EQ(Trel_CorrelatedClockMgr::GetHostTime(1'000'000), test.hostTime) << test.arrival;
+  }
+}
+
 TEST_P(Trel_CorrelatedClockMgrTest, LimitOfTheRoundTripGrowsWithThePeriod) {
   const struct {
     std::int64_t period;

@@ -78,6 +78,38 @@ TEST(TCPE_Endpoint, ConnectsOrSaysWhyNot) {
   }
 }
 
+TEST(TCPE_Endpoint, TellsWhichFramesWereReadAlone) {
+  for (const bool haveSecret : {false, true}) {
+    Systems systems(1, haveSecret);
+    systems.Link(0, 1);
+    std::string told;
+    systems.program = [&told](int, const auto& event) { told += event.isReadAlone ? "alone " : "not "; };
+    const auto [transport, side] = systems.At(0).sides.at(systems.At(0).open.at(20).id);
+    const std::size_t size = Frame(7).size() + (haveSecret ? kTCPE_TagSize : 0);
+    const struct {
+      std::vector<std::size_t> pieces; ///< of two frames
+      const char* told;
+    } cases[] = {{{size, size}, "alone alone "},
+                 {{2 * size}, "not not "},
+                 {{1, size - 1, size}, "not alone "},
+                 {{size + 1, size - 1}, "not not "},
+                 {{size - 1, size + 1}, "not not "}};
+    for (const auto& test : cases) {
+      std::string bytes;
+      systems.tamper = [&bytes](int, std::string& sent) { bytes = std::exchange(sent, {}); };
+      systems.Send(0, 20, Frame(7) + Frame(7));
+      systems.tamper = nullptr;
+      for (const std::size_t piece : test.pieces) {
+        systems.Send(*transport, 1 - side, bytes.substr(0, piece));
+        bytes.erase(0, piece);
+      }
+      told.clear();
+      systems.Run(kSecond / 100);
+      EXPECT_EQ(told, test.told) << "pieces: " << testing::PrintToString(test.pieces);
+    }
+  }
+}
+
 TEST(TCPE_Endpoint, GivesUpOnPeersThatDoNotAnswer) {
   Systems systems;
   systems.Connect(0, 1);
