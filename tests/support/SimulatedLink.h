@@ -16,9 +16,9 @@
 #include <optional>
 #include <ostream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -379,6 +379,14 @@ public:
       }
     }
     return members;
+  }
+
+  /// The last event of a kind that a system has told; another kind when there is none.
+  Event Last(int number, Kind kind) {
+    const auto& told = At(number).told;
+    const auto found =
+        std::find_if(told.rbegin(), told.rend(), [kind](const Event& event) { return event.kind == kind; });
+    return found != told.rend() ? *found : Event{.kind = Kind::searching};
   }
 
 private:
@@ -1044,25 +1052,9 @@ private:
   }
 
   static std::string NameOf(const Message::Any& message) {
-    return Word(
-        "SetMasterSystem SetOrderNumber ListSystems ConnectTo DisconnectFrom DoConnectTo DoConnectToComplete "
-        "ConnectToComplete ConnectionFailed AllConnectionsComplete SetSystemName ConnectComplete SystemInControl "
-        "RequestControl Prime StartPlayback StopPlayback ReportPlayStartData GetStartDelay SendState "
-        "ClockLockState UpdateLinkState RequestLink UpdateOnlineState RequestOnline UpdateSystemIsRecording "
-        "TrackIsSoloed SoloAllTracks SetLoopPlay SetCurrentSelection RequestGroupEnable UpdateGroupEnable "
-        "VideoReferenceAvailable VideoReferenceFormat DialogOnScreen OKDialog CancelDialog ",
-        message.index());
+    return std::visit([](const auto& fields) { return typeid(fields).name(); }, message);
   }
   static std::string NameOf(const Event& event) { return Trel_LinkTexts::Describe(event, false); }
-  static std::string Word(const char* words, std::size_t index) {
-    std::istringstream text(words);
-    std::string word;
-    for (std::size_t read = 0; read <= index; ++read) {
-      text >> word;
-    }
-    return word;
-  }
-
   const bool mIsCurrent;
   std::deque<System> mSystems;
   std::deque<Message::Any> mMessages; ///< sent, or what connect commands say, by index
