@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -71,34 +73,22 @@ struct SimulatedHost {
   template <class Below>
   static void Change(Trel_SharedState& state, std::uint32_t address, Below below) {
     const bool isOn = below(2) == 0;
-    switch (below(13)) {
-    case 0:
-      return state.SetSoloed(isOn);
-    case 1:
-      return state.SetRecording(isOn);
-    case 2:
-      return state.SetOnline(isOn);
-    case 3:
-      return state.SetTakingPart(isOn);
-    case 4:
-      return state.SetVideoReference(static_cast<ETrel_VideoReferenceFormat>(below(8)));
-    case 5:
-      return state.SetDialog(std::string(below(3), '?'));
-    case 6:
-      return void(state.SetLoopPlay(isOn));
-    case 7:
-      return void(state.SetSelection({.in = below(100), .out = 100}));
-    case 8:
-      return void(state.EnableGroup(static_cast<ETrel_Group>(below(6)), isOn));
-    case 9:
-      return void(state.SoloAll(isOn));
-    case 10:
-      return void(state.RequestOnline(isOn, address));
-    case 11:
-      return void(state.RequestTakingPart(isOn, address));
-    default:
-      return void(state.PressButton(isOn));
-    }
+    const std::function<void()> changes[] = {
+        [&] { state.SetSoloed(isOn); },
+        [&] { state.SetRecording(isOn); },
+        [&] { state.SetOnline(isOn); },
+        [&] { state.SetTakingPart(isOn); },
+        [&] { state.SetVideoReference(static_cast<ETrel_VideoReferenceFormat>(below(8))); },
+        [&] { state.SetDialog(std::string(below(3), '?')); },
+        [&] { state.SetLoopPlay(isOn); },
+        [&] { state.SetSelection({.in = below(100), .out = 100}); },
+        [&] { state.EnableGroup(static_cast<ETrel_Group>(below(6)), isOn); },
+        [&] { state.SoloAll(isOn); },
+        [&] { state.RequestOnline(isOn, address); },
+        [&] { state.RequestTakingPart(isOn, address); },
+        [&] { state.PressButton(isOn); },
+    };
+    changes[below(static_cast<std::uint32_t>(std::size(changes)))]();
   }
 
 private:
