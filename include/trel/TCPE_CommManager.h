@@ -176,7 +176,8 @@ public:
   /// connect and disconnect commands before they can be taken, so nothing is left to do here.
   void PreProcessConnectionCommands(TCPE_Command* command);
   /// Delivers commands through TakeCommand in place of the handler threads. An engine that is running goes on as it was
-  /// initialised.
+  /// initialised. While the only thread that pumps waits for a reply, this system answers nothing: two that pump must
+  /// not query each other from there.
   void SetHostPumpedDelivery(bool hostPumped);
   /// Reports a network error of a peer: the connection, if there is one, is closed and the host's callback is told.
   void NetworkErrorOccured(ENetworkError error, std::uint32_t address);
