@@ -26,10 +26,8 @@ TCPE_CommErr TCPE_CommandCodec::Encode(TCPE_CommTask& task, TCPE_Command& comman
     return eTCPE_CommErr_PayloadTooLong;
   }
   mSize = static_cast<std::size_t>(cursor - begin);
-  TCPE_SealFrame(std::span(mBuffer).first(mSize));
-  const TCPE_FrameHeader header = TCPE_FrameHeader::Read(mBuffer.data());
-  command.SetDataLength(header.dataLength);
-  command.SetChecksum(header.checksum);
+  command.SetChecksum(TCPE_SealFrame(std::span(mBuffer).first(mSize)));
+  command.SetDataLength(static_cast<std::uint16_t>(mSize - TCPE_FrameHeader::kSize));
   return eTCPE_CommErr_None;
 }
 

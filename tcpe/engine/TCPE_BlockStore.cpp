@@ -1,5 +1,7 @@
 #include "tcpe/engine/TCPE_BlockStore.h"
 
+#include "foundation/Sys_Prefetch.h"
+
 #include <utility>
 
 TCPE_BlockStore::~TCPE_BlockStore() {
@@ -10,24 +12,21 @@ TCPE_BlockStore::~TCPE_BlockStore() {
 void* TCPE_BlockStore::Take() {
   if (mTaken == nullptr) {
     mTaken = mGiven.exchange(nullptr, std::memory_order_acquire);
-    std::size_t kept = 1;
-    for (Free* free = mTaken; free != nullptr; free = free->next) {
-      if (kept++ == kKept) {
-        ReleaseAll(std::exchange(free->next, nullptr));
-      }
-    }
+    mGivenCount.store(0, std::memory_order_relaxed);
   }
   if (mTaken == nullptr) {
     return TakeNew();
   }
-  Free* const next = mTaken->next;
-#if defined(__GNUC__)
-  __builtin_prefetch(next, 1); // the core that gave it back has written to it
-#endif
-  return std::exchange(mTaken, next);
+  Free* const taken = std::exchange(mTaken, mTaken->next);
+  Sys_Prefetch(mTaken, kUsualSize); // the core that gave it back has written to it
+  return taken;
 }
 
 void TCPE_BlockStore::Give(void* block) {
+  if (mGivenCount.fetch_add(1, std::memory_order_relaxed) >= kKept) {
+    Release(block);
+    return;
+  }
   Free* const free = new (block) Free{mGiven.load(std::memory_order_relaxed)};
   while (!mGiven.compare_exchange_weak(free->next, free, std::memory_order_release, std::memory_order_relaxed)) {
   }

@@ -7,6 +7,9 @@
 /// Memory for received commands, used again and again.
 class TCPE_BlockStore {
 public:
+  /// What most commands take of a block.
+  static constexpr std::size_t kUsualSize = 256;
+
   explicit TCPE_BlockStore(std::size_t size) : mSize(size) {}
   ~TCPE_BlockStore();
   TCPE_BlockStore(const TCPE_BlockStore&) = delete;
@@ -26,12 +29,13 @@ private:
   struct Free {
     Free* next;
   };
-  /// Beyond so many blocks are not kept.
+  /// Beyond so many blocks are not kept; a few more when they are taken meanwhile.
   static constexpr std::size_t kKept = 1024;
 
   static void ReleaseAll(Free* first);
 
   const std::size_t mSize;
   Free* mTaken = nullptr; ///< of those given back; the taking thread's own
-  std::atomic<Free*> mGiven = nullptr;
+  alignas(64) std::atomic<Free*> mGiven = nullptr;
+  std::atomic<std::size_t> mGivenCount = 0;
 };

@@ -787,7 +787,7 @@ void TCPE_Engine::OnFinished(const ConnectionPointer& connection, TCPE_ReceivedC
 }
 
 bool TCPE_Engine::Deliver(ReceivedPointer& received) {
-  constexpr std::size_t kLargestBatch = 64; // what is gathered must not wait for long, and comes beyond the bound
+  constexpr std::size_t kLargestBatch = 256; // what is gathered must not wait for long, and comes beyond the bound
   const ConnectionPointer& connection = received->Origin();
   const TCPE_QueueLoad::Kind kind = received->GetKind();
   if (kind == TCPE_QueueLoad::Kind::query &&

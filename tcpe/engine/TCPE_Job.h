@@ -1,5 +1,7 @@
 #pragma once
 
+#include "foundation/Sys_Prefetch.h"
+#include "tcpe/engine/TCPE_BlockStore.h"
 #include "tcpe/engine/TCPE_QueueLoad.h"
 
 #include <cstddef>
@@ -100,6 +102,7 @@ private:
       *link = std::exchange(job->mNext, nullptr);
       mLast = mLast == job ? before : mLast;
       mLoad.Remove(job->mKind, job->mBytes);
+      Sys_Prefetch(*link, TCPE_BlockStore::kUsualSize); // whose core was another one
     }
     return TCPE_Job::Pointer(job);
   }

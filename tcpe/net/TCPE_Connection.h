@@ -133,7 +133,11 @@ public:
   bool HasEnded() const { return mHasEnded; }
 
   ETCPE_SystemType GetPeerSystemType() const { return static_cast<ETCPE_SystemType>(mPeerSystemType.load()); }
-  void SetPeerSystemType(std::uint8_t type) { mPeerSystemType = type; }
+  void SetPeerSystemType(std::uint8_t type) {
+    if (mPeerSystemType.load(std::memory_order_relaxed) != type) { // what stands beside it is read all the time
+      mPeerSystemType = type;
+    }
+  }
   /// 0 until it is open.
   std::uint64_t GetPeerInstance() const { return mPeerInstance; }
 

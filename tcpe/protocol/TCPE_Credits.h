@@ -67,12 +67,12 @@ public:
 private:
   std::uint64_t Untold() const { return Finished() - mTold.load(std::memory_order_relaxed); }
 
-  const TCPE_Limits& mLimits;
   std::uint64_t mArrived = 0;
   bool mHasTold = false;
   TCPE_Time mLastTold = 0;
   // What those who finish read seldom changes; what they write nobody else reads often.
-  alignas(64) std::atomic<std::uint64_t> mTold = 0;
+  alignas(64) const TCPE_Limits& mLimits;
+  std::atomic<std::uint64_t> mTold = 0;
   std::atomic<bool> mMustBeWaiting = false; ///< the sender has no credit, as far as one can see from here
   std::atomic<bool> mIsAnnounced = false;   ///< NoteFinished has said so, and nothing has been told since
   alignas(64) std::atomic<std::uint64_t> mFinished = 0;

@@ -34,9 +34,11 @@ TCPE_FrameHeader TCPE_FrameHeader::Read(const std::byte* source) {
   return header;
 }
 
-void TCPE_SealFrame(std::span<std::byte> frame) {
+std::uint16_t TCPE_SealFrame(std::span<std::byte> frame) {
   TCPE_ByteWriter(frame.data()).U16(static_cast<std::uint16_t>(frame.size() - TCPE_FrameHeader::kSize));
-  TCPE_ByteWriter(frame.data() + TCPE_FrameHeader::kChecksumOffset).U16(TCPE_FrameChecksum(frame));
+  const std::uint16_t checksum = TCPE_FrameChecksum(frame);
+  TCPE_ByteWriter(frame.data() + TCPE_FrameHeader::kChecksumOffset).U16(checksum);
+  return checksum;
 }
 
 std::uint16_t TCPE_FrameChecksum(std::span<const std::byte> frame) {

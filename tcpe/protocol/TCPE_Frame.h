@@ -41,8 +41,8 @@ struct TCPE_FrameHeader {
   bool IsAsynchronous() const { return !Has(kTCPE_Flag_Reply | kTCPE_Flag_ErrorReply | kTCPE_Flag_ReplyWanted); }
 };
 
-/// Gives a complete frame (header and payload) its length and its checksum, in place.
-void TCPE_SealFrame(std::span<std::byte> frame);
+/// Gives a complete frame (header and payload) its length and its checksum, in place; the latter is returned.
+std::uint16_t TCPE_SealFrame(std::span<std::byte> frame);
 
 /// Internet checksum of a frame, its checksum field taken as 0.
 std::uint16_t TCPE_FrameChecksum(std::span<const std::byte> frame);

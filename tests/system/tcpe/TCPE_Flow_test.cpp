@@ -104,7 +104,7 @@ TEST(TCPE_Flow, APeerWithoutCreditsIsNotLimitedAndLosesNothing) {
   for (std::uint32_t i = 0; i < kCommands; ++i) {
     ASSERT_EQ(a.SendTime(i, kPeer), eTCPE_CommErr_None);
   }
-  constexpr std::size_t kBatch = 64;
+  constexpr std::size_t kBatch = 256;
   EXPECT_LE(waiting(), TCPE_Limits{}.maxQueuedCommands + kBatch);
   hold.count_down();
   for (std::uint32_t i = 0; i < kCommands; ++i) {
