@@ -35,21 +35,23 @@ void TCPE_HandlerPool::Start(std::shared_ptr<void> owner) {
 }
 
 TCPE_QueueLoad TCPE_HandlerPool::Submit(std::uint32_t peer, TCPE_JobList jobs) {
-  const std::lock_guard lock(mMutex);
+  std::unique_lock lock(mMutex);
   if (mIsStopping) {
     return {};
   }
   const auto position = mPeers.try_emplace(peer).first;
   position->second.jobs.Append(std::move(jobs));
   const TCPE_QueueLoad load = LoadOf(position->second);
-  Continue(position);
+  const bool isReady = Continue(position);
+  lock.unlock();
+  Wake(isReady);
   return load;
 }
 
 bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, Kind kind, std::size_t bytes) {
   TCPE_JobList jobs;
   jobs.Push(TCPE_Job::Pointer(new FunctionJob(std::move(job), kind, bytes)));
-  const std::lock_guard lock(mMutex);
+  std::unique_lock lock(mMutex);
   if (mIsStopping) {
     return false;
   }
@@ -58,7 +60,9 @@ bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, Kind kind, std::size_
     return false;
   }
   position->second.jobs.Append(std::move(jobs));
-  Continue(position);
+  const bool isReady = Continue(position);
+  lock.unlock();
+  Wake(isReady);
   return true;
 }
 
@@ -128,10 +132,12 @@ bool TCPE_HandlerPool::IsOnHandlerThread() const { return sRunning != nullptr &&
 TCPE_HandlerPool::WaitScope::WaitScope() : mHasGivenUp(sRunning != nullptr && sRunning->hasTurn) {
   if (mHasGivenUp) {
     TCPE_HandlerPool& pool = *sRunning->pool;
-    const std::lock_guard lock(pool.mMutex);
+    std::unique_lock lock(pool.mMutex);
     pool.GiveUpTurn(*sRunning);
     ++sRunning->peer->second.released;
-    pool.Continue(sRunning->peer);
+    const bool isReady = pool.Continue(sRunning->peer);
+    lock.unlock();
+    pool.Wake(isReady);
   }
 }
 
@@ -165,7 +171,7 @@ void TCPE_HandlerPool::Run(Worker& worker) {
       --peer.released;
     }
     const bool isExtra = running.isExtra;
-    Continue(running.peer);
+    Continue(running.peer); // what is ready then this thread takes
     if (isExtra) {
       ExtraEnded();
     }
@@ -302,7 +308,6 @@ void TCPE_HandlerPool::MakeReady(Peers::iterator peer, bool isQuery) {
   state.startsExtra = state.released >= 2;
   mExtra += state.startsExtra ? 1 : 0;
   mReady.push_back(peer);
-  mWork.notify_one();
 }
 
 bool TCPE_HandlerPool::MayStart(const Peer& peer, bool isQuery) {
@@ -314,10 +319,10 @@ bool TCPE_HandlerPool::MayStart(const Peer& peer, bool isQuery) {
   return !isShort;
 }
 
-void TCPE_HandlerPool::Continue(Peers::iterator peer) {
+bool TCPE_HandlerPool::Continue(Peers::iterator peer) {
   Peer& state = peer->second;
   if (state.isBusy || mIsStopping) {
-    return;
+    return false;
   }
   if (!state.returning.empty()) {
     Running& next = *state.returning.front();
@@ -326,11 +331,20 @@ void TCPE_HandlerPool::Continue(Peers::iterator peer) {
     next.hasTurnAgain.notify_one();
   } else if (!state.jobs.IsEmpty() && MayStart(state, false)) {
     MakeReady(peer, false);
+    return true;
   } else if (state.jobs.Load().Queries() != 0 && MayStart(state, true)) {
     // They may wait for handlers of the peer, which wait for this one to be answered.
     MakeReady(peer, true);
+    return true;
   } else if (state.jobs.IsEmpty() && state.released == 0) {
     mPeers.erase(peer);
+  }
+  return false;
+}
+
+void TCPE_HandlerPool::Wake(bool isReady) {
+  if (isReady) {
+    mWork.notify_one();
   }
 }
 
@@ -338,7 +352,7 @@ void TCPE_HandlerPool::ExtraEnded() {
   --mExtra;
   if (std::exchange(mExtraIsShort, false)) {
     for (auto peer = mPeers.begin(); peer != mPeers.end();) {
-      Continue(peer++);
+      Wake(Continue(peer++));
     }
   }
 }
