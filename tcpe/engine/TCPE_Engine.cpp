@@ -1,6 +1,7 @@
 #include "tcpe/engine/TCPE_Engine.h"
 
 #include "foundation/Cmn_HostCall.h"
+#include "foundation/Sys_Prefetch.h"
 #include "tcpe/engine/TCPE_HandlerDelivery.h"
 #include "tcpe/engine/TCPE_PumpQueue.h"
 #include "tcpe/protocol/TCPE_AuthenticationKey.h"
@@ -389,6 +390,17 @@ TCPE_Engine::ConnectionPointer TCPE_Engine::ConnectionOf(std::uint32_t address) 
   return position != mConnected.end() ? position->second : nullptr;
 }
 
+std::vector<TCPE_Engine::ConnectionPointer> TCPE_Engine::ConnectionsOf(std::span<const std::uint32_t> addresses) const {
+  std::vector<ConnectionPointer> connections(addresses.size());
+  const std::lock_guard lock(mConnectedMutex);
+  for (std::size_t place = 0; place < addresses.size(); ++place) {
+    if (const auto position = mConnected.find(addresses[place]); position != mConnected.end()) {
+      connections[place] = position->second;
+    }
+  }
+  return connections;
+}
+
 bool TCPE_Engine::TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error) {
   const std::uint32_t address = connection->GetAddress();
   {
@@ -505,8 +517,12 @@ std::vector<TCPE_CommErr> TCPE_Engine::SendCommandToAll(TCPE_Command& command, s
     return errors;
   }
   std::deque<SentQuery> queries;
+  const std::vector<ConnectionPointer> connections = ConnectionsOf(addresses);
   for (std::size_t place = 0; place < addresses.size(); ++place) {
-    const ConnectionPointer connection = ConnectionOf(addresses[place]);
+    if (place + 1 < addresses.size()) { // what it takes comes while this one is written to
+      Sys_Prefetch(connections[place + 1].get(), sizeof(TCPE_Connection));
+    }
+    const ConnectionPointer& connection = connections[place];
     if (!connection) {
       errors[place] = eTCPE_CommErr_NotConnected;
       continue;

@@ -115,6 +115,8 @@ private:
   std::vector<std::byte> MakeConnectFrame(std::uint32_t address);
   bool IsPossiblePeer(std::uint32_t address) const;
   ConnectionPointer ConnectionOf(std::uint32_t address) const;
+  /// Null where there is none.
+  std::vector<ConnectionPointer> ConnectionsOf(std::span<const std::uint32_t> addresses) const;
   /// From now on the connection is none any more; `error` is none when it ends in good order. True for the first
   /// caller: it is the one to tell of the end.
   bool TryEnd(const ConnectionPointer& connection, ETCPE_NetworkError error);
