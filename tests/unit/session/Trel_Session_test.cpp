@@ -326,9 +326,9 @@ protected:
     const auto [isCurrent, part] = GetParam();
     const char* const only = std::getenv("TREL_TEST_SEED");
     const std::uint32_t first = only != nullptr ? static_cast<std::uint32_t>(std::atol(only)) : part;
+    const std::uint32_t last = first + (only != nullptr ? 0 : 4 * ((runs + kSlowness - 1) / kSlowness - 1));
     Time longestRecovery = 0;
-    for (std::uint32_t seed = first; seed < first + (only != nullptr ? 1 : 4 * ((runs + kSlowness - 1) / kSlowness));
-         seed += 4) {
+    for (std::uint32_t seed = first; seed <= last; seed += 4) {
       const int count = systems != 0 ? systems : 3 + static_cast<int>(seed % 6);
       try {
         longestRecovery = std::max(longestRecovery, Play(isCurrent, seed, count, mayMesh, nullptr));
@@ -340,7 +340,9 @@ protected:
                << ", " << count << " systems";
       }
     }
-    std::cout << "until all was well again " << longestRecovery << " us, limit " << kTimeToRecover << '\n';
+    std::cout << "summary: " << (last - first) / 4 + 1 << " random networks of "
+              << (systems != 0 ? std::to_string(systems) : "3 to 8") << " systems, seeds " << first << " to " << last
+              << ": until all was well again " << longestRecovery << " us, limit " << kTimeToRecover << '\n';
   }
 };
 INSTANTIATE_TEST_SUITE_P(Parts, NetworkTest, testing::Combine(testing::Bool(), testing::Range(1U, 5U)));
