@@ -255,7 +255,7 @@ private:
   /// A stranger, maybe from the address of a system: it is silent, gives back or passes on what is said to it, or says
   /// what it has heard elsewhere.
   void ComeTo(int number) {
-    auto& stranger = network.ConnectStranger(AddressOf(Below(Count())) + Below(3), number);
+    auto& stranger = network.ConnectStranger(AddressOf(Below(Count())) + static_cast<std::uint32_t>(Below(3)), number);
     switch (Below(4)) {
     case 0:
       return;
