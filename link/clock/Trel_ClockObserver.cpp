@@ -29,7 +29,11 @@ void Trel_ClockObserver::RunningTimeArrived(std::int64_t hostTime) {
   if (mAwaitsVoucher) {
     ++mCounts.rejectedNotVouchedFor;
     mCounts.lastRejection = eTrel_ClockRejection_NotVouchedFor;
-    mSinceNewest = eTrel_ClockReason_NotVouchedFor;
+    const bool isLong =
+        mLastVouchedFor && Trel_ClockState::Age(*mLastVouchedFor, hostTime) > Trel_ClockState::kAgeOfLoss;
+    if (isLong || mSinceNewest == eTrel_ClockReason_NoExchange) {
+      mSinceNewest = eTrel_ClockReason_NotVouchedFor;
+    }
   }
   mAwaitsVoucher = true;
   mLastArrival = hostTime;
@@ -44,6 +48,7 @@ void Trel_ClockObserver::RoundTripTooLong(std::int64_t roundTripTime, std::int64
 
 void Trel_ClockObserver::RoundTripAccepted(std::int64_t roundTripTime, std::int64_t limit) {
   mAwaitsVoucher = false;
+  mLastVouchedFor = mLastArrival;
   mCounts.lastRoundTrip = roundTripTime;
   mCounts.roundTripLimit = limit;
 }

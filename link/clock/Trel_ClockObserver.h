@@ -58,6 +58,7 @@ private:
 
   bool mAwaitsVoucher = false;
   std::optional<std::int64_t> mLastArrival;
+  std::optional<std::int64_t> mLastVouchedFor;                   // arrival; the master sends several until one is good
   ETrel_ClockReason mSinceNewest = eTrel_ClockReason_NoExchange; // what came after the newest measurement
   Trel_ClockStatus mCounts;                                      // the rest of it is unused
 };

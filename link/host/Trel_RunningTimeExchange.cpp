@@ -10,19 +10,24 @@
 
 namespace {
 
-constexpr int kMostRepetitions = 3;
-constexpr int kRoundTripsToKnowAPeer = 4;
-constexpr std::int64_t kRoundTripsOfAnEra = 40;
+// Running times of an exchange after its first one.
+constexpr int kMostOfABurst = 12;
+constexpr int kMostOfALongBurst = 3;
+constexpr std::int64_t kLockingMeasurements = 4;
+constexpr std::int64_t kDoublingsForLocking = 2;
+constexpr std::int64_t kExchangesOfAnEra = 40;
 constexpr std::int64_t kMostUnvouchedInRow = 8;
 constexpr std::size_t kMostAbsent = 128;
 
 // Microseconds.
+constexpr std::int64_t kLongBurst = 5'000;
 constexpr std::int64_t kShortestPause = 500'000;
 constexpr std::int64_t kLongestPause = 30'000'000;
 // A clock counts as lost after 5 s without a measurement.
 constexpr std::int64_t kLongestIntervalForMany = 2'000'000;
 constexpr std::int64_t kLongestUnvouched = 4'000'000;
-constexpr std::int64_t kGroups = 2; // that the peers of a large link are served in
+constexpr std::int64_t kGroups = 2;       // that the peers of a large link are served in
+constexpr std::int64_t kFillingTimes = 8; // as often while their windows fill
 constexpr std::int64_t kPauseForTimeLost = 4;
 constexpr std::int64_t kLongFailure = 100'000;
 constexpr std::int64_t kLongestAbsence = 10'000'000;
@@ -74,10 +79,15 @@ void Trel_RunningTimeExchange::Tick(const std::set<std::uint32_t>& addresses, st
       peer.mUnvouchedInRow = outcome == Outcome::vouched ? 0 : peer.mUnvouchedInRow + 1;
       const bool isFull = peer.mStatus.vouched >= mSettings.firstMeasurements;
       const bool isVouched = outcome == Outcome::vouched;
+      const bool isLocking = peer.mStatus.vouched < kLockingMeasurements;
+      if (isVouched) {
+        peer.mPause = isLocking ? mSettings.firstInterval : std::min(peer.mPause * 5 / 4, mSettings.interval);
+      }
       if (isFull) {
         peer.mDue = groupTime + (isVouched ? interval : retryInterval);
       } else {
-        peer.mDue = now + (isVouched ? mSettings.firstInterval : mSettings.retryInterval);
+        const std::int64_t pause = isVouched ? peer.mPause : std::min(mSettings.retryInterval, peer.mPause);
+        peer.mDue = now + std::max(pause, isLocking ? 0 : forMany / kFillingTimes);
       }
       continue;
     }
@@ -156,12 +166,6 @@ void Trel_RunningTimeExchange::LookWhoIsThere(const std::set<std::uint32_t>& add
 }
 
 void Trel_RunningTimeExchange::KeepRoundTrip(Peer& peer, std::int64_t roundTrip) {
-  if (peer.mRoundTripsNow == kRoundTripsOfAnEra) {
-    peer.mShortestBefore = peer.mShortestNow;
-    peer.mShortestNow = kNone;
-    peer.mRoundTripsNow = 0;
-  }
-  ++peer.mRoundTripsNow;
   peer.mShortestNow = std::min(peer.mShortestNow, roundTrip);
   ++peer.mStatus.roundTrips;
   peer.mStatus.lastRoundTrip = roundTrip;
@@ -170,9 +174,10 @@ void Trel_RunningTimeExchange::KeepRoundTrip(Peer& peer, std::int64_t roundTrip)
 
 bool Trel_RunningTimeExchange::IsGood(const Peer& peer, std::int64_t roundTrip) {
   const std::int64_t shortest = peer.mStatus.smallestRoundTrip;
-  const std::int64_t allowance = shortest * 3 / 10 + 5;
-  return roundTrip - shortest <= allowance
-                                     << static_cast<unsigned>(std::min(peer.mUnvouchedInRow, kMostUnvouchedInRow));
+  const std::int64_t allowance = std::max<std::int64_t>(shortest / 20, 1);
+  const std::int64_t doublings =
+      peer.mUnvouchedInRow + (peer.mStatus.vouched < kLockingMeasurements ? kDoublingsForLocking : 0);
+  return roundTrip - shortest <= allowance << static_cast<unsigned>(std::min(doublings, kMostUnvouchedInRow));
 }
 
 Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32_t address, Peer& peer,
@@ -182,14 +187,22 @@ Trel_RunningTimeExchange::Outcome Trel_RunningTimeExchange::Exchange(std::uint32
   if (!peer.mIsReset) {
     return Outcome::failed;
   }
-  const int least = peer.mStatus.roundTrips == 0 ? kRoundTripsToKnowAPeer : 1;
-  const int most = least + kMostRepetitions;
+  if (peer.mExchangesNow == kExchangesOfAnEra) {
+    peer.mShortestBefore = std::exchange(peer.mShortestNow, kNone);
+    peer.mExchangesNow = 0;
+  }
+  ++peer.mExchangesNow;
+  const bool isNew = peer.mStatus.roundTrips == 0;
+  const std::int64_t begin = Sys_Clock::Microseconds();
   bool isGood = false;
-  for (int count = 1; count <= most && (count <= least || !isGood); ++count) {
+  int most = kMostOfABurst;
+  for (int count = 0; !isGood && count <= (isNew ? 2 : 1) * most; ++count) {
     if (!MeasureRoundTrip(address, peer, runningTimeAtZero)) {
       return Outcome::failed;
     }
-    isGood = IsGood(peer, peer.mStatus.lastRoundTrip);
+    most = Sys_Clock::Microseconds() - begin < kLongBurst ? kMostOfABurst : kMostOfALongBurst;
+    const int least = isNew ? most : 1;
+    isGood = count >= least && IsGood(peer, peer.mStatus.lastRoundTrip);
   }
   if (!isGood && peer.mUnvouchedInRow < kMostUnvouchedInRow && !isLastChance) {
     return Outcome::notVouched;

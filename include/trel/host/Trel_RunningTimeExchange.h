@@ -17,14 +17,19 @@ class Trel_Command;
 ///
 /// An exchange is UpdateRunningTime with the running time at sending; then, once the round trip is known and good, the
 /// LastUpdateRunningTimeValid that vouches for it. The receiver takes half of the round trip as the delay of the way
-/// there. That is wrong by up to half of what a round trip lasted longer than the undisturbed one, so the shortest
-/// round trip of late is kept for each peer, and a good round trip is one that is not much longer: 30 % and 5 us. After
-/// a longer one the running time is sent again at once, up to three times. Only the last can be vouched for, because
-/// the receiver keeps no other. When all were too long, none is vouched for and the allowance doubles for the next
-/// time; the ninth time in a row, or when the next would come more than four seconds after the one before, the last is
-/// vouched for whatever it was, so a peer on a disturbed network is never starved. The shortest round trip is that of
-/// the last 40 to 80, so a network that has become slower is taken as it is after a while. A new peer is sent four
-/// running times before the first is vouched for, which makes its shortest round trip known.
+/// there. That is wrong by up to half of what a round trip lasted longer than the undisturbed one, so only the quickest
+/// are vouched for. The first running time of an exchange wakes whoever takes part in it; then they go out back to back
+/// until one comes within 1 us or 5 % of the shortest round trip of late: a dozen at the most, and no more than three
+/// once they have taken 5 ms. Only the last can be vouched for, because the receiver keeps no other. When all were too
+/// long, none is vouched for and the allowance doubles for the next time; the ninth time in a row, or when the next
+/// would come more than four seconds after the one before, the last is vouched for whatever it was, so a peer on a
+/// disturbed network is never starved. The shortest round trip is that of the last 40 to 80 exchanges, so a network
+/// that has become slower is taken as it is after a while. All round trips of a new peer's first exchange, a dozen,
+/// make its shortest one known before the first is vouched for.
+///
+/// A new peer gets its first four measurements, which lock its clock, in quick succession; for them four times the
+/// allowance is enough. From then on the pauses become longer, for what tells its rate is the time that its window
+/// spans.
 ///
 /// What a peer knows may be the running time of a system that is gone, so before its first running time it is sent
 /// ResetClock, until it has answered that. Who has is remembered: a peer that is missing from the ticks, or does not
@@ -41,12 +46,13 @@ class TREL_EXPORT Trel_RunningTimeExchange {
 public:
   /// Microseconds between the exchanges with one peer. Shorter intervals than the host's ticks mean one each tick.
   struct Settings {
-    std::int64_t firstInterval = 100'000; ///< until the peer's window of measurements is full
-    std::int64_t retryInterval = 25'000;  ///< after an exchange that was not vouched for
-    std::int64_t interval = 250'000;      ///< from then on; up to 500 ms keep the receiver at its strictest
+    std::int64_t firstInterval = 15'000; ///< of the first four; each one after them is a quarter longer
+    std::int64_t retryInterval = 50'000; ///< the longest after an exchange that was not vouched for
+    std::int64_t interval = 250'000;     ///< the longest; up to 500 ms keep the receiver at its strictest
     /// Times the number of peers, 2 s at the most: where that is longer than interval, it takes its place, and half of
-    /// it that of retryInterval. Peers with full windows are then served in two groups, because a thread that is awake
-    /// serves another one for less. So a full link costs the master little.
+    /// it that of retryInterval; an eighth of it is the least pause once a clock is locked. Peers with full windows are
+    /// then served in two groups, because a thread that is awake serves another one for less. So a full link costs the
+    /// master little.
     std::int64_t intervalForEachPeer = 30'000;
     std::int64_t firstMeasurements = 25; ///< vouched exchanges after which the window counts as full
   };
@@ -102,10 +108,11 @@ private:
     std::int64_t mFailuresInRow = 0;
     std::int64_t mUnvouchedInRow = 0;
     std::int64_t mLastVouched = std::numeric_limits<std::int64_t>::max() / 2; // host time; before the first, the future
+    std::int64_t mPause = kNone; // after an exchange that was vouched for, while the window fills
     // Shortest round trips of the last full era and of the present one.
     std::int64_t mShortestBefore = kNone;
     std::int64_t mShortestNow = kNone;
-    std::int64_t mRoundTripsNow = 0;
+    std::int64_t mExchangesNow = 0;
     std::uint64_t mInstance = 0;
     bool mIsReset = false;             // has answered ResetClock
     std::int64_t mAbsentSince = kNone; // host time; it was missing or did not answer, and has not answered since
