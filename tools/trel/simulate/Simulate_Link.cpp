@@ -69,10 +69,12 @@ bool Simulate_Link::Send(Trel_Command* command) {
     return false;
   }
   if (command->GetIPAddressTo() == kObserved) {
+    command->SetArrivalTime(static_cast<std::int64_t>(std::floor(mSatellite.ClockAt(arrival))));
     sShown = mSatellite.ClockAt(handled);
     Trel_CorrelatedClockMgr::HandleTimingCommand(command);
   }
   mTime = mMaster.RunsAt(replied);
+  command->SetArrivalTime(static_cast<std::int64_t>(std::floor(mMaster.ClockAt(replied))));
   sShown = mMaster.ClockAt(mTime);
   return true;
 }
