@@ -35,23 +35,21 @@ void TCPE_HandlerPool::Start(std::shared_ptr<void> owner) {
 }
 
 TCPE_QueueLoad TCPE_HandlerPool::Submit(std::uint32_t peer, TCPE_JobList jobs) {
-  std::unique_lock lock(mMutex);
+  const std::lock_guard lock(mMutex);
   if (mIsStopping) {
     return {};
   }
   const auto position = mPeers.try_emplace(peer).first;
   position->second.jobs.Append(std::move(jobs));
   const TCPE_QueueLoad load = LoadOf(position->second);
-  const bool isReady = Continue(position);
-  lock.unlock();
-  Wake(isReady);
+  Continue(position);
   return load;
 }
 
 bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, Kind kind, std::size_t bytes) {
   TCPE_JobList jobs;
   jobs.Push(TCPE_Job::Pointer(new FunctionJob(std::move(job), kind, bytes)));
-  std::unique_lock lock(mMutex);
+  const std::lock_guard lock(mMutex);
   if (mIsStopping) {
     return false;
   }
@@ -60,9 +58,7 @@ bool TCPE_HandlerPool::Submit(std::uint32_t peer, Job job, Kind kind, std::size_
     return false;
   }
   position->second.jobs.Append(std::move(jobs));
-  const bool isReady = Continue(position);
-  lock.unlock();
-  Wake(isReady);
+  Continue(position);
   return true;
 }
 
@@ -132,12 +128,10 @@ bool TCPE_HandlerPool::IsOnHandlerThread() const { return sRunning != nullptr &&
 TCPE_HandlerPool::WaitScope::WaitScope() : mHasGivenUp(sRunning != nullptr && sRunning->hasTurn) {
   if (mHasGivenUp) {
     TCPE_HandlerPool& pool = *sRunning->pool;
-    std::unique_lock lock(pool.mMutex);
+    const std::lock_guard lock(pool.mMutex);
     pool.GiveUpTurn(*sRunning);
     ++sRunning->peer->second.released;
-    const bool isReady = pool.Continue(sRunning->peer);
-    lock.unlock();
-    pool.Wake(isReady);
+    pool.Continue(sRunning->peer);
   }
 }
 
@@ -171,7 +165,7 @@ void TCPE_HandlerPool::Run(Worker& worker) {
       --peer.released;
     }
     const bool isExtra = running.isExtra;
-    Continue(running.peer); // what is ready then this thread takes
+    Continue(running.peer);
     if (isExtra) {
       ExtraEnded();
     }
@@ -308,6 +302,7 @@ void TCPE_HandlerPool::MakeReady(Peers::iterator peer, bool isQuery) {
   state.startsExtra = state.released >= 2;
   mExtra += state.startsExtra ? 1 : 0;
   mReady.push_back(peer);
+  mWork.notify_one();
 }
 
 bool TCPE_HandlerPool::MayStart(const Peer& peer, bool isQuery) {
@@ -319,10 +314,10 @@ bool TCPE_HandlerPool::MayStart(const Peer& peer, bool isQuery) {
   return !isShort;
 }
 
-bool TCPE_HandlerPool::Continue(Peers::iterator peer) {
+void TCPE_HandlerPool::Continue(Peers::iterator peer) {
   Peer& state = peer->second;
   if (state.isBusy || mIsStopping) {
-    return false;
+    return;
   }
   if (!state.returning.empty()) {
     Running& next = *state.returning.front();
@@ -331,20 +326,11 @@ bool TCPE_HandlerPool::Continue(Peers::iterator peer) {
     next.hasTurnAgain.notify_one();
   } else if (!state.jobs.IsEmpty() && MayStart(state, false)) {
     MakeReady(peer, false);
-    return true;
   } else if (state.jobs.Load().Queries() != 0 && MayStart(state, true)) {
     // They may wait for handlers of the peer, which wait for this one to be answered.
     MakeReady(peer, true);
-    return true;
   } else if (state.jobs.IsEmpty() && state.released == 0) {
     mPeers.erase(peer);
-  }
-  return false;
-}
-
-void TCPE_HandlerPool::Wake(bool isReady) {
-  if (isReady) {
-    mWork.notify_one();
   }
 }
 
@@ -352,7 +338,7 @@ void TCPE_HandlerPool::ExtraEnded() {
   --mExtra;
   if (std::exchange(mExtraIsShort, false)) {
     for (auto peer = mPeers.begin(); peer != mPeers.end();) {
-      Wake(Continue(peer++));
+      Continue(peer++);
     }
   }
 }

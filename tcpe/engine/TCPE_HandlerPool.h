@@ -112,13 +112,10 @@ private:
   void TakeTurnBack(std::unique_lock<std::mutex>& lock, Running& running);
   void MakeReady(Peers::iterator peer, bool isQuery);
   bool MayStart(const Peer& peer, bool isQuery);
-  /// Lets the next job of a peer start, if there is one and it may; forgets a peer that has none. True when it is ready
-  /// for a thread.
-  bool Continue(Peers::iterator peer);
+  /// Lets the next job of a peer start, if there is one and it may; forgets a peer that has none.
+  void Continue(Peers::iterator peer);
   void ExtraEnded();
   static TCPE_QueueLoad LoadOf(const Peer& peer);
-  /// Wakes a thread for what is ready; better without the mutex, which that thread wants first.
-  void Wake(bool isReady);
 
   static thread_local Running* sRunning;
 
