@@ -150,7 +150,8 @@ public:
   std::function<void(int system, const Event& event)> program;
   /// Calls it then; in the order given, when several are due.
   void After(TCPE_Time delay, std::function<void()> action) {
-    mDue.push({mNow + delay, ++mLastDue, std::move(action)});
+    mDue.push({mNow + delay, ++mLastDue});
+    mActions.emplace(mLastDue, std::move(action));
   }
 
   void Connect(int from, int to) { Connect(from, to, At(to).config.localAddress); }
@@ -286,9 +287,9 @@ public:
       }
       mNow = std::max(mNow, next);
       if (isArrival) {
-        const std::function<void()> action = std::move(mDue.top().action);
+        const Due due = mDue.top();
         mDue.pop();
-        action();
+        due.transport != nullptr ? DeliverNext(*due.transport, due.side) : mActions.extract(due.number).mapped()();
       } else {
         const int system = static_cast<int>(deadline - mDeadlines.begin());
         At(system).endpoint->Tick(Now(system));
@@ -309,7 +310,8 @@ private:
   struct Due {
     TCPE_Time time;
     std::uint64_t number;
-    mutable std::function<void()> action;
+    Transport* transport = nullptr; ///< at whose side the next piece arrives; none: an action
+    int side = 0;
     bool operator<(const Due& other) const { return time != other.time ? time > other.time : number > other.number; }
   };
 
@@ -325,7 +327,7 @@ private:
     for (Transport& transport : mTransports) {
       for (int index = 0; IsOf(transport, system) && index < 2; ++index) {
         for (std::size_t piece = transport.sides[index].arriving.size(); piece > 0; --piece) {
-          After(0, [this, &transport, index] { DeliverNext(transport, index); });
+          mDue.push({mNow, ++mLastDue, &transport, index});
         }
       }
     }
@@ -367,12 +369,12 @@ private:
     CarryOut(from);
     return transport;
   }
-  void Arrive(Transport& transport, int index, Side::Piece piece, const std::string& bytes = {}) {
+  void Arrive(Transport& transport, int index, Side::Piece piece, std::string bytes = {}) {
     Side& side = transport.sides[index];
     if (!transport.isCut) {
       side.lastDue = std::max(side.lastDue, mNow + 100 + (mLargestDelay != 0 ? Random(mLargestDelay) : 0));
-      side.arriving.push_back({side.lastDue, piece, bytes});
-      After(side.lastDue - mNow, [this, &transport, index] { DeliverNext(transport, index); });
+      side.arriving.push_back({side.lastDue, piece, std::move(bytes)});
+      mDue.push({side.lastDue, ++mLastDue, &transport, index});
     }
   }
   void DeliverNext(Transport& transport, int index) {
@@ -620,5 +622,6 @@ private:
   std::vector<TCPE_Time> mDeadlines; // of the endpoints
   std::deque<Transport> mTransports;
   std::priority_queue<Due> mDue;
+  std::map<std::uint64_t, std::function<void()>> mActions; // by their numbers
   std::uint64_t mLastDue = 0;
 };
