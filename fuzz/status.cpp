@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     for (const std::string& line : lines) {
       if (Watch_Text::Width(line) > width || Cmn_Printable(line) != line) {
-        throw std::logic_error("a line that a screen cannot show");
+        throw std::logic_error("a line that a screen cannot show: " + line);
       }
     }
   }

@@ -107,7 +107,7 @@ Table::Table(const std::vector<System>& systems, const Cell& ownClock, std::size
     return Cell{(system.isThis ? "> " : "  ") + place + (system.isInControl ? "*" : "")};
   });
   Add("name", false, kNeverLeftOut, [](const System& system) {
-    return Cell{Clean(system.name), system.isThis ? Style::strong : Style::plain};
+    return Cell{system.name, system.isThis ? Style::strong : Style::plain};
   });
   Add("address", false, 8, [](const System& system) { return Cell{system.address}; });
   Add("role", false, 3,
@@ -163,6 +163,7 @@ void Table::Add(const char* heading, bool isRightAligned, int importance, CellOf
                 .width = Watch_Text::Width(heading)};
   for (const System& system : mSystems) {
     column.cells.push_back(cellOf(system));
+    column.cells.back().text = Clean(column.cells.back().text);
     column.width = std::max(column.width, Watch_Text::Width(column.cells.back().text));
   }
   mColumns.push_back(std::move(column));
@@ -230,8 +231,8 @@ std::string Parts::Styled(const std::string& text, Style style) const {
 }
 
 std::string Parts::Title() const {
-  const std::string who = Clean(mSnapshot.name) + ", " + mSnapshot.role + " at " + mSnapshot.address;
-  const std::string what = "trel " + mSnapshot.program + ", process " + std::to_string(mSnapshot.process);
+  const std::string who = Clean(mSnapshot.name + ", " + mSnapshot.role + " at " + mSnapshot.address);
+  const std::string what = Clean("trel " + mSnapshot.program + ", process " + std::to_string(mSnapshot.process));
   const std::size_t width = Watch_Text::Width(what) + 2;
   if (mWidth < Watch_Text::Width(who) + width) {
     return Styled(Watch_Text::Cut(who, mWidth), Style::strong);
@@ -326,11 +327,13 @@ Lines Parts::Systems(std::size_t rows) const {
   const Table table = wide.IsWhole() ? wide : Table(systems, ownClock, mWidth, false);
   Lines lines = {Styled(Watch_Text::Cut(table.Heading(), mWidth), Style::faint)};
   for (std::size_t index = 0; index < systems.size(); ++index) {
+    std::string plain;
     std::string line;
     for (const auto& [text, style] : table.Row(index)) {
+      plain += text;
       line += Styled(text, style);
     }
-    lines.push_back(line);
+    lines.push_back(Watch_Text::Width(plain) <= mWidth ? line : Watch_Text::Cut(plain, mWidth));
   }
   if (leftOut != 0) {
     lines.push_back(Watch_Text::Cut(
