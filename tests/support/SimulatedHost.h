@@ -33,6 +33,7 @@ struct SimulatedHost {
   bool isPrimed = false;
   bool hasSomething = false;     ///< to stop
   std::uint64_t generation = 0;  ///< what was agreed on before counts no more
+  std::uint64_t starts = 0;      ///< that it was told of
   std::optional<Time> pending{}; ///< a start that it was told of and whose end it was not
   std::deque<Time> ended{};      ///< starts, the last ones
 
@@ -58,6 +59,7 @@ struct SimulatedHost {
     if (event.kind == Event::Kind::start) {
       Check(!pending, "is told of a start before the end of another");
       pending = start;
+      ++starts;
     } else if (hasBegun || event.kind == Event::Kind::startFailed) {
       Check(pending ? *pending == start : !hasBegun, "is told of the end of another start");
       Check(hasBegun || event.reason != Event::Reason::none, "is not told why it does not start");

@@ -1009,8 +1009,9 @@ private:
       break;
     case Kind::start:
       CheckLater(number, std::max<Time>(event.value, 0) + system.around.startDelay + kReportTime,
-                 [=, this, start = event.start.runningTime] {
-                   Check(At(number).host.pending != start, number, "a start without an end");
+                 [=, this, which = system.host.starts] {
+                   const SimulatedHost& host = At(number).host;
+                   Check(!host.pending || host.starts != which, number, "a start without an end");
                  });
       break;
     case Kind::started:

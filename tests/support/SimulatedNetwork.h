@@ -354,6 +354,7 @@ private:
     if (const auto id = At(from).endpoint->BeginConnect(address, Now(from))) {
       transport = &mTransports.emplace_back();
       transport->sides[0] = {from, At(from).config.localAddress, *id};
+      transport->sides[0].begun = Now(from);
       transport->sides[1] = {to, address};
       At(from).sides[*id] = {transport, 0};
       if (to == kStranger) {
@@ -481,7 +482,8 @@ private:
     for (const auto& [id, position] : system.sides) {
       const auto& [transport, side] = position;
       const TCPE_Time age = Now(index) - transport->sides[side].begun;
-      Check(side == 0 || age <= limits.handshake || IsOpen(*transport, side), "a stranger that stays");
+      const TCPE_Time longest = limits.handshake + (side == 0 ? limits.transportConnect : 0);
+      Check(age <= longest || IsOpen(*transport, side), "a connection that never opens, and stays");
     }
   }
   /// A side has opened or ended. The other one has to follow, unless more happens.

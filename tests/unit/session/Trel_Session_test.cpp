@@ -84,7 +84,9 @@ public:
     network.tamper = [this](int /*toSide*/, std::string& bytes) { Tamper(bytes); };
     if (mHasSecret) {
       network.impostor = [this](SimulatedNetwork::Transport& caught) {
-        Relay(caught, 0, network.ConnectStranger(caught.sides[0].address, Below(Count())), 1);
+        const int meant = std::max(network.Find(caught.sides[1].address), 0); // may be back by then
+        const int other = (meant + 1 + Below(Count() - 1)) % Count();
+        Relay(caught, 0, network.ConnectStranger(caught.sides[0].address, other), 1);
       };
     }
   }
@@ -188,31 +190,25 @@ private:
   }
   void Befall(int number) {
     System& system = At(number);
-    switch (Below(24)) {
-    case 18:
-    case 19:
+    switch (Below(18)) {
+    case 0:
       system.disturbed = Now();
       return network.CutAll(number);
-    case 20:
-    case 21:
+    case 1:
       mIsAttacked = true;
       return Soon(6 * kSecond, [this] { mIsAttacked = false; });
-    case 22:
-    case 23:
+    case 2:
       for (int strangers = Below(Below(4) == 0 ? 250 : 20); strangers > 0; --strangers) {
         network.After(Below(kSecond), [=, this] { ComeTo(number); });
       }
       return;
-    case 0:
-    case 1:
+    case 3:
       Kill(number, Below(2) == 0);
       system.around.self.uniqueID += Below(2) * 1000;
       return Soon(6 * kSecond, [=, this] { Start(number); });
-    case 2:
-    case 3:
+    case 4:
       Freeze(number, true);
       return Soon(7 * kSecond, [=, this, isAsleep = Below(2) == 0] { Freeze(number, false, isAsleep); });
-    case 4:
     case 5:
       CutOff(number, true);
       return Soon(8 * kSecond, [=, this] { CutOff(number, false); });
@@ -235,7 +231,6 @@ private:
       return LoseClock(number);
     case 12:
     case 13:
-    case 14:
       for (int changes = 1 + Below(8); changes > 0; --changes) {
         const std::uint32_t whom = Below(2) == 0 ? 0 : AddressOf(Below(Count()));
         Input(Below(2) == 0 ? Below(mMasters) : Below(Count()), [&](auto& core) {
@@ -622,27 +617,18 @@ TEST_P(SessionTest, WhoComesBackWhileTheOthersPlayJoinsThem) {
 }
 
 TEST_P(SessionTest, NobodyStartsByTheClockOfAMasterThatIsGone) {
-  for (const bool isStarted : {false, true}) {
-    SCOPED_TRACE(isStarted);
-    Playing link(GetParam(), 4);
-    link.PrimeAll();
-    const Time start = isStarted ? link.StartIn(6 * kSecond) : 0;
-    link.Run(kSecond);
-    link.Kill(0, false);
-    link.Start(0); // with a running time of its own
-    EXPECT_TRUE(link.RunUntilAgreed(8 * kSecond)) << link.Disagreement();
-    link.Run(6 * kSecond);
-    for (int number = 1; number < 4; ++number) {
-      const Link::Event failed = link.Last(number, EventKind::startFailed);
-      EXPECT_EQ(failed.reason, isStarted ? Reason::masterGone : Reason::none);
-      EXPECT_EQ(failed.start.runningTime, start);
-      EXPECT_EQ(link.Last(number, EventKind::started).kind, EventKind::searching);
-      EXPECT_EQ(link.At(number).host.isPrimed, !isStarted) << "it would begin";
-    }
-    link.PrimeAll();
-    link.StartIn(kSecond / 10);
-    link.Run(kSecond);
-    EXPECT_EQ(link.Last(0, EventKind::together).outcome.late.size(), 4U);
+  Playing link(GetParam(), 4);
+  link.PrimeAll();
+  const Time start = link.StartIn(6 * kSecond);
+  link.Run(kSecond);
+  link.Kill(0, false);
+  link.Start(0); // with a running time of its own
+  link.Run(10 * kSecond);
+  for (int number = 1; number < 4; ++number) {
+    const Link::Event failed = link.Last(number, EventKind::startFailed);
+    EXPECT_EQ(failed.reason, Reason::masterGone);
+    EXPECT_EQ(failed.start.runningTime, start);
+    EXPECT_EQ(link.Last(number, EventKind::started).kind, EventKind::searching);
   }
 }
 

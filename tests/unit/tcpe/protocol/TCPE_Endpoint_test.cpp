@@ -110,21 +110,6 @@ TEST(TCPE_Endpoint, TellsWhichFramesWereReadAlone) {
   }
 }
 
-TEST(TCPE_Endpoint, GivesUpOnPeersThatDoNotAnswer) {
-  Systems systems;
-  systems.Connect(0, 1);
-  systems.CutAll(1); // no transport
-  systems.Run(5 * kSecond - 1);
-  EXPECT_EQ(systems.Take(0), "");
-  systems.Run(1);
-  EXPECT_EQ(systems.Take(0), "ended 20 2");
-  systems.ConnectToStranger(0, 20); // no hello
-  systems.Run(3 * kSecond);
-  EXPECT_EQ(systems.Take(0), "");
-  systems.Run(kMillisecond);
-  EXPECT_EQ(systems.Take(0), "ended 20 2");
-}
-
 TEST(TCPE_Endpoint, OneOfTwoSimultaneousConnectionsSurvives) {
   for (std::uint32_t seed = 0; seed < 400; ++seed) {
     SCOPED_TRACE(seed);
@@ -381,17 +366,6 @@ TEST(TCPE_Endpoint, EveryWrongHeaderFieldIsMalformedDataOnce) {
   expect(Frame(0, 0, 0, "dropped") + Frame(-5), "frame 20 -5 (0), frame 20 7 (0)");
   expect(Frame(7, 0, 0, std::string(16384, 'x')), "frame 20 7 (16384), frame 20 7 (0)");
   expect(Frame(7, 0, 0, std::string(16385, 'x')), "lost 20 2");
-}
-
-TEST(TCPE_Endpoint, DisconnectIsNoLoss) {
-  Systems systems;
-  systems.Link(1, 0);
-  systems.Send(1, 10, Frame(7) + Frame(12, 1)); // a reply does not disconnect
-  systems.End(1, 10);
-  systems.Run(5 * kSecond);
-  EXPECT_EQ(systems.Take(0), "frame 20 7 (0), frame 20 12 (0), disconnected 20");
-  EXPECT_EQ(systems.Take(1), "");
-  systems.Link(1, 0);
 }
 
 TEST(TCPE_Endpoint, NeverHasMoreConnectionsThanItMay) {
