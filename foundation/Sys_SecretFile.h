@@ -27,7 +27,7 @@ public:
 
 private:
   /// @return what is wrong with them
-  std::string TakeApart(std::span<const std::byte> content);
+  std::string TakeApart(std::span<const std::byte> rest);
 
   /// Both with their ends of line, and one byte more, which shows that the file is too long.
   std::array<std::byte, kMostSecrets*(kMaxSize + 2) + 1> mBytes{};
