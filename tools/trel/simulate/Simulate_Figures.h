@@ -31,7 +31,7 @@ public:
       {"ahead-largest", "TIME", "Error one second ahead, largest"},
       {"bound", "TIME", "Error bound, median"},
       {"beyond", "PERCENT", "Errors beyond their bound"},
-      {"false-lock", "TIME", "Longest time locked with an error above 1 ms"},
+      {"false-lock", "TIME", "Longest time locked with an unknown error over 1 ms"},
       {"round-trips", "PER SECOND", "Cost: round trips with a satellite"},
   }};
 

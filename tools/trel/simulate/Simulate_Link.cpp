@@ -17,7 +17,7 @@ constexpr double kLookEvery = 100e3;
 constexpr double kSettled = 5e6; // after the first lock; from then on errors count
 constexpr double kSecond = 1e6;
 constexpr double kUsableBound = 20;
-constexpr double kFalse = 1e3; // error of a clock that should not be locked
+constexpr double kFalse = 1e3; // error that a clock which is locked should know of
 
 double sShown = 0; // by the clock of the machine whose code runs
 
@@ -125,7 +125,8 @@ void Simulate_Link::LookAt(double shown, bool isLocked) {
            (mMaster.ClockAt(mTime + ahead) - passedThen);
   };
   const double error = errorAt(0, hostTime, passed);
-  if (!isLocked || std::abs(error) < kFalse) {
+  const std::int64_t bound = isLocked ? Trel_CorrelatedClockMgr::GetErrorBound(hostTime) : 0;
+  if (!isLocked || std::abs(error) <= std::max(kFalse, static_cast<double>(bound))) {
     mFalseSince = -1;
   } else {
     mFalseSince = mFalseSince < 0 ? mTime : mFalseSince;
@@ -134,7 +135,6 @@ void Simulate_Link::LookAt(double shown, bool isLocked) {
   if (!isLocked || mTime < *mRun.lock + kSettled) {
     return;
   }
-  const std::int64_t bound = Trel_CorrelatedClockMgr::GetErrorBound(hostTime);
   mRun.errors.push_back(Tenths(error));
   mRun.bounds.push_back(Tenths(static_cast<double>(bound)));
   mRun.beyond += std::abs(error) > static_cast<double>(bound) ? 1 : 0;
