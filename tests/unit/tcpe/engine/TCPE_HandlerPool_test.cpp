@@ -8,6 +8,7 @@
 #include <future>
 #include <latch>
 #include <memory>
+#include <string>
 #include <thread>
 
 namespace {
@@ -70,6 +71,23 @@ TEST(TCPE_HandlerPool, JobsOfOnePeerRunInOrderAndOneAtATime) {
       EXPECT_TRUE(peer.isInOrder);
     }
   }
+}
+
+TEST(TCPE_HandlerPool, WhatComesWhileAJobWaitsDoesNotOvertake) {
+  const auto pool = Started(3);
+  std::string order;
+  std::promise<void> isFilled, hasEnded;
+  pool->Submit(1, [&] { isFilled.get_future().wait(); });
+  pool->Submit(1, [&] {
+    order += 'a';
+    pool->Submit(1, [&] { order += 'c', hasEnded.set_value(); });
+    const TCPE_HandlerPool::WaitScope waits;
+  });
+  pool->Submit(1, [&] { order += 'b'; });
+  isFilled.set_value();
+  hasEnded.get_future().wait();
+  pool->Stop(kLong);
+  EXPECT_EQ(order, "abc");
 }
 
 TEST(TCPE_HandlerPool, AJobThatNeedNotWaitAnyMoreRunsBesideNoOther) {
