@@ -330,6 +330,9 @@ void TCPE_Network::CarryOut(std::optional<TCPE_Endpoint::Id> concerned) {
   const auto look = [&] { nearest = concerned ? std::min(nearest, mEndpoint.DeadlineOf(*concerned)) : nearest; };
   while (const std::optional<TCPE_Endpoint::Event> event = mEndpoint.NextEvent(now)) {
     CarryOut(*event);
+    if (event->kind == TCPE_Endpoint::Event::Kind::close) {
+      nearest = std::min(nearest, mEndpoint.NextDeadline()); // of a transport that is to take its place, perhaps
+    }
     if (event->id != concerned || event->kind != TCPE_Endpoint::Event::Kind::frame) {
       look();
       concerned = event->id;
@@ -351,6 +354,10 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   const ConnectionPointer& connection = Find(event.id);
   if (event.kind == Kind::connectEnded) {
     mListener.OnConnectEnded(event.address, event.error);
+    return;
+  }
+  if (event.kind == Kind::open) {
+    OpenTransport(event.id, event.address);
     return;
   }
   if (event.kind == Kind::unproved || event.kind == Kind::flooded) {
@@ -393,6 +400,7 @@ void TCPE_Network::CarryOut(const TCPE_Endpoint::Event& event) {
   case Kind::unproved:
   case Kind::flooded:
   case Kind::connectEnded:
+  case Kind::open:
     break;
   }
 }

@@ -1,13 +1,18 @@
 #include "tcpe/protocol/TCPE_AuthenticationFailures.h"
 
 #include <algorithm>
+#include <utility>
 
 void TCPE_AuthenticationFailures::Add(std::uint32_t address, TCPE_Time now) {
   Entry* entry = Find(address);
   if (entry == nullptr) {
-    entry = &*std::min_element(mEntries.begin(), mEntries.end(), [](const Entry& left, const Entry& right) {
-      return left.markedUntil < right.markedUntil;
+    entry = &*std::min_element(mEntries.begin(), mEntries.end(), [now](const Entry& left, const Entry& right) {
+      return std::pair(left.nextProof > now, left.markedUntil.load()) <
+             std::pair(right.nextProof > now, right.markedUntil.load());
     });
+    if (entry->nextProof > now) {
+      return; // none is forgotten before its pause is over
+    }
     entry->markedUntil = 0; // not marked on behalf of the address that was here
     entry->address = address;
     entry->latest.fill(0);
@@ -38,8 +43,12 @@ bool TCPE_AuthenticationFailures::IsMarked(std::uint32_t address, TCPE_Time now)
 }
 
 TCPE_Time TCPE_AuthenticationFailures::NextProof(std::uint32_t address) {
-  const Entry* const entry = Find(address);
-  return entry != nullptr ? entry->nextProof : 0;
+  if (const Entry* const entry = Find(address)) {
+    return entry->nextProof;
+  }
+  return std::min_element(mEntries.begin(), mEntries.end(),
+                          [](const Entry& left, const Entry& right) { return left.nextProof < right.nextProof; })
+      ->nextProof;
 }
 
 TCPE_AuthenticationFailures::Entry* TCPE_AuthenticationFailures::Find(std::uint32_t address) {

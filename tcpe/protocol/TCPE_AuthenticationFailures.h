@@ -10,7 +10,8 @@
 
 /// The addresses from which the shared secret was not proved of late. They stay marked for a while, or until somebody
 /// there proves it; and after a wrong proof no other from there is examined for a moment, which is what bounds
-/// guessing. One thread uses it; any thread asks whether an address is marked.
+/// guessing. Who guesses from more addresses than are remembered gains nothing: a proof from an address that is not
+/// known is examined only when there is room for it. One thread uses it; any thread asks whether an address is marked.
 class TCPE_AuthenticationFailures {
 public:
   explicit TCPE_AuthenticationFailures(const TCPE_Limits& limits)

@@ -1,7 +1,6 @@
 #include "tcpe/protocol/TCPE_Endpoint.h"
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t address, TCPE_Time now) {
@@ -22,6 +21,9 @@ std::optional<TCPE_Endpoint::Id> TCPE_Endpoint::BeginConnect(std::uint32_t addre
 
 void TCPE_Endpoint::TransportConnected(Id id, TCPE_Time now) {
   if (Connection* connection = Find(id)) {
+    if (connection->handshakeEnds == 0) {
+      connection->handshakeEnds = now + mConfig.limits.handshake;
+    }
     AddSession(id, TCPE_Session::Role::initiator, mConfig.makeConnectFrame(connection->address), now);
     PushOutput(id);
   }
@@ -95,9 +97,24 @@ void TCPE_Endpoint::TransportEnded(Id id, TCPE_Time now) {
   } else if (connection->openedByPeer) {
     ++mCounts.refusals;
     Close(id);
-  } else if (!connection->yielded) {
+  } else if (!connection->yielded && !Reopen(id, now)) {
     AttemptFailed(id, eTCPE_CommErr_NotConnected, now);
   }
+}
+
+/// A peer that has said hello and then closes without a word has given the place to another newcomer. Somebody may
+/// come more often than this system, from its own address even; so it does not wait until the next attempt.
+bool TCPE_Endpoint::Reopen(Id id, TCPE_Time now) {
+  const Connection& connection = mConnections.at(id);
+  const TCPE_Time next = now + mConfig.limits.reopenPause;
+  if (!connection.session || connection.session->PeerInstance() == 0 || next >= connection.handshakeEnds) {
+    return false;
+  }
+  const Connection anew{
+      .address = connection.address, .deadline = next, .handshakeEnds = connection.handshakeEnds, .reopens = true};
+  Close(id);
+  mConnections[++mLastId] = anew;
+  return true;
 }
 
 std::span<std::byte> TCPE_Endpoint::ReceiveSpace(Id id) {
@@ -176,18 +193,20 @@ void TCPE_Endpoint::MoveTo(std::uint32_t address, TCPE_Time now) {
 }
 
 void TCPE_Endpoint::Tick(TCPE_Time now) {
-  std::set<std::uint32_t> withProofs;
+  std::vector<std::uint32_t> withProofs;
   for (const auto& [id, connection] : mConnections) {
     if (connection.proofDue <= now) {
-      withProofs.insert(connection.address);
+      withProofs.push_back(connection.address);
     }
     if (connection.session ? connection.session->NextDeadline() <= now + mConfig.limits.heartbeatEarly
                            : connection.deadline <= now) {
       mToAdvance.push_back(id);
     }
   }
-  for (const std::uint32_t address : withProofs) {
-    ExamineProofs(address, now);
+  // There may be less to examine than waits; nobody is always first.
+  for (; !withProofs.empty(); withProofs.pop_back()) {
+    std::swap(withProofs[Draw(withProofs.size())], withProofs.back());
+    ExamineProofs(withProofs.back(), now);
   }
 }
 
@@ -273,6 +292,7 @@ void TCPE_Endpoint::AddSession(Id id, TCPE_Session::Role role, std::vector<std::
                             .peerAddress = connection.address,
                             .nonce = mConfig.makeNonce ? mConfig.makeNonce() : TCPE_Hello::Nonce(),
                             .keys = mConfig.keys,
+                            .handshakeEnds = connection.handshakeEnds,
                             .connectFrame = std::move(connectFrame)};
   connection.session = std::make_shared<TCPE_Session>(mConfig.limits, mConfig.local, std::move(terms), now);
 }
@@ -445,8 +465,14 @@ void TCPE_Endpoint::TellOfFailure(std::uint32_t address, TCPE_Time now) {
 }
 
 void TCPE_Endpoint::CheckDeadline(Id id, TCPE_Time now) {
-  const Connection& connection = mConnections.at(id);
-  if (connection.deadline <= now) {
+  Connection& connection = mConnections.at(id);
+  if (connection.deadline > now) {
+    return;
+  }
+  if (std::exchange(connection.reopens, false)) {
+    connection.deadline = connection.handshakeEnds;
+    Push({.kind = Event::Kind::open, .id = id, .address = connection.address});
+  } else {
     AttemptFailed(id, connection.yielded ? eTCPE_CommErr_AlreadyConnected : eTCPE_CommErr_NotConnected, now);
   }
 }

@@ -61,6 +61,7 @@ public:
       connectEnded, ///< no attempt to connect to the address is left; `error` says why, 0 when it is connected
       send,         ///< send `payload`
       close,        ///< close the transport; what was given to send goes out first
+      open,         ///< open another transport to the address: the attempt goes on with it, under this identifier
     };
     Kind kind;
     Id id = 0;
@@ -142,6 +143,8 @@ private:
     std::uint32_t address = 0;
     std::shared_ptr<TCPE_Session> session{}; ///< none while the transport connects
     TCPE_Time deadline = 0;                  ///< of the transport connection, or of a yielded attempt
+    TCPE_Time handshakeEnds = 0;             ///< of an attempt, whatever transports it takes; 0: it has had none
+    bool reopens = false;                    ///< at the deadline another transport is opened
     bool openedByPeer = false;
     bool yielded = false;        ///< our attempt was refused because the peer's own survives; it waits for that one
     bool waitsForProbe = false;  ///< a newcomer whose predecessor is being probed
@@ -156,6 +159,7 @@ private:
   static bool IsHalfOpen(const Connection& connection) { return connection.openedByPeer && !IsOpen(connection); }
   Connection* Find(Id id);
   void MakeRoom(std::uint32_t address, TCPE_Time now);
+  bool Reopen(Id id, TCPE_Time now);
   void NoteFlood(std::uint32_t address, bool isOfAll, TCPE_Time now);
   Id AttemptOf(std::uint32_t address) const;
   bool IsAttemptUnderWay(std::uint32_t address, std::uint64_t instance) const;

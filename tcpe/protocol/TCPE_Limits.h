@@ -91,6 +91,9 @@ struct TCPE_Limits {
   TCPE_Time transportConnect = 5'000'000;
   /// From the transport connection to the verdict.
   TCPE_Time handshake = 3'000'000;
+  /// A peer that gives the place of an attempt to another newcomer is asked for one again so much later, for as long as
+  /// the handshake may take: as often as somebody does who keeps others out.
+  TCPE_Time reopenPause = 25'000;
   /// From the first byte of a frame to its last.
   TCPE_Time frame = 5'000'000;
   /// An idle connection sends a heartbeat this often ...
@@ -112,8 +115,9 @@ struct TCPE_Limits {
   /// ... and longer than that, when so many wrong proofs came from its address within so long.
   static constexpr std::size_t kWrongProofs = 5;
   static constexpr TCPE_Time kWrongProofsTime = 10'000'000;
-  /// After a wrong proof no other from its address is examined for so long: too few for guessing, and enough for a
-  /// system that shares its address with somebody who guesses.
+  /// After a wrong proof no other from its address is examined for so long, and none from others while as many
+  /// addresses as are remembered wait for that: too few for guessing, and enough for a system that shares its address
+  /// with somebody who guesses.
   TCPE_Time proofPause = 100'000;
   /// How long a synchronous sender waits for its reply.
   TCPE_Time reply = 2'000'000;

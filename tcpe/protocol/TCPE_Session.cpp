@@ -24,7 +24,8 @@ TCPE_Session::Role Other(TCPE_Session::Role role) {
 
 TCPE_Session::TCPE_Session(const TCPE_Limits& limits, const Local& local, Terms terms, TCPE_Time now)
     : mLimits(limits), mLocal(local), mTerms(std::move(terms)), mHello(local.hello), mOutput(TCPE_Hello::kSize),
-      mLastSent(now), mLastReceived(now), mHandshakeDeadline(now + limits.handshake), mFinished(limits) {
+      mLastSent(now), mLastReceived(now),
+      mHandshakeDeadline(mTerms.handshakeEnds != 0 ? mTerms.handshakeEnds : now + limits.handshake), mFinished(limits) {
   mHello.nonce = mTerms.nonce;
   mHello.authenticationRequired = static_cast<bool>(mTerms.keys);
   mHello.Write(mOutput.data());

@@ -42,6 +42,8 @@ public:
     std::uint32_t peerAddress = 0;
     TCPE_Hello::Nonce nonce{};
     TCPE_SharedKeys keys{};
+    /// When the handshake has to be over; 0: as long after the beginning as the limits allow.
+    TCPE_Time handshakeEnds = 0;
     /// The initiator's complete connect command.
     std::vector<std::byte> connectFrame{};
   };

@@ -47,6 +47,17 @@ public:
     const sockaddr_in target = Endpoint(to, TestPort());
     Check(connect(mSocket, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0);
   }
+  /// The next one who connects to an address, to which the socket of Listen is bound.
+  static RawPeer Accepted(int listening) {
+    pollfd descriptor{listening, POLLIN, 0};
+    Check(poll(&descriptor, 1, kPatience) == 1);
+    return RawPeer(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+  }
+  static int Listen(std::uint32_t address) {
+    const int descriptor = Open(address, TestPort());
+    Check(listen(descriptor, 1) == 0);
+    return descriptor;
+  }
   static RawPeer Admitted(std::uint32_t from, std::uint32_t to) {
     RawPeer peer(from, to);
     Bytes hello(TCPE_Hello::kSize);
@@ -101,11 +112,12 @@ private:
   static sockaddr_in Endpoint(std::uint32_t address, std::uint16_t port) {
     return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(address)}, .sin_zero = {}};
   }
-  static int Open(std::uint32_t address) {
+  explicit RawPeer(int descriptor) : mSocket(descriptor) { Check(descriptor >= 0); }
+  static int Open(std::uint32_t address, std::uint16_t port = 0) {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int yes = 1;
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    const sockaddr_in local = Endpoint(address, 0);
+    const sockaddr_in local = Endpoint(address, port);
     Check(bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0);
     return descriptor;
   }

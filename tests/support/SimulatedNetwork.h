@@ -352,22 +352,26 @@ private:
     Transport* transport = nullptr;
     At(from).connecting.emplace(address, Now(from));
     if (const auto id = At(from).endpoint->BeginConnect(address, Now(from))) {
-      transport = &mTransports.emplace_back();
-      transport->sides[0] = {from, At(from).config.localAddress, *id};
-      transport->sides[0].begun = Now(from);
-      transport->sides[1] = {to, address};
-      At(from).sides[*id] = {transport, 0};
-      if (to == kStranger) {
-        Arrive(*transport, 0, Side::Piece::opened);
-      } else if (to != kNobody && !(impostor && At(to).isOff)) {
-        Arrive(*transport, 1, Side::Piece::opening);
-      } else if (impostor) {
-        transport->sides[1].system = kStranger;
-        Arrive(*transport, 0, Side::Piece::opened);
-        impostor(*transport);
-      }
+      transport = &Open(from, to, address, *id);
     }
     CarryOut(from);
+    return transport;
+  }
+  Transport& Open(int from, int to, std::uint32_t address, TCPE_Endpoint::Id id) {
+    Transport& transport = mTransports.emplace_back();
+    transport.sides[0] = {from, At(from).config.localAddress, id};
+    transport.sides[0].begun = Now(from);
+    transport.sides[1] = {to, address};
+    At(from).sides[id] = {&transport, 0};
+    if (to == kStranger) {
+      Arrive(transport, 0, Side::Piece::opened);
+    } else if (to != kNobody && !(impostor && At(to).isOff)) {
+      Arrive(transport, 1, Side::Piece::opening);
+    } else if (impostor) {
+      transport.sides[1].system = kStranger;
+      Arrive(transport, 0, Side::Piece::opened);
+      impostor(transport);
+    }
     return transport;
   }
   void Arrive(Transport& transport, int index, Side::Piece piece, std::string bytes = {}) {
@@ -607,6 +611,9 @@ private:
         Arrive(*transport, 1 - side, Side::Piece::ended);
         system.sides.erase(position);
       }
+      break;
+    case Event::Kind::open:
+      Open(index, Find(event.address), event.address, event.id);
       break;
     }
     if (program && event.kind < Event::Kind::send && event.kind != Event::Kind::unproved &&

@@ -1,6 +1,9 @@
+#include "tcpe/protocol/TCPE_AuthenticationKey.h"
 #include "tests/support/RawPeer.h"
 #include "tests/support/Sanitized.h"
+#include "tests/support/SharedSecretFile.h"
 
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -120,6 +123,57 @@ TEST_F(TCPE_Hostile, NeitherUnfinishedFramesNorSilentConnectionsAreKept) {
   EXPECT_TRUE(Eventually([&] { return mVictim.From(kStranger).back() == ErrorText(eNetworkError_MalformedData); }));
   EXPECT_EQ(mVictim.Count(ErrorText(eNetworkError_Flood)), 1) << "the silent ones";
   EXPECT_EQ(mVictim.Count("error"), 2);
+}
+
+/// The kinds of floods that the tests in virtual time show, at the speed of one thread.
+TEST(TCPE_Flood, KeepsNobodyOut) {
+  Bytes hello(TCPE_Hello::kSize);
+  const Bytes wrongProof =
+      RawFrame({.flags = kTCPE_Flag_ReplyWanted, .type = kTCPE_CurrentTypes.authenticationChallenge},
+               Bytes(TCPE_AuthenticationKey::kSize));
+  for (const bool haveSecret : {false, true}) {
+    const SharedSecretFile file{};
+    if (haveSecret) {
+      file.Set('1');
+    }
+    TCPE_Hello{.majorVersion = 4, .authenticationRequired = haveSecret, .instance = 1}.Write(hello.data());
+    for (const Bytes& bytes : {Bytes(), hello, hello + wrongProof}) {
+      TestSystem victim(0), rightful(1);
+      Start(victim, rightful);
+      const std::jthread flood([&](const std::stop_token& ends) {
+        std::deque<RawPeer> held;
+        for (std::uint32_t number = 0; !ends.stop_requested(); ++number) {
+          held.emplace_back(kStranger + number % 4, victim.Address()).Send(bytes);
+          if (held.size() > 200) {
+            held.front().Reset();
+            held.pop_front();
+          }
+        }
+      });
+      EXPECT_TRUE(Eventually([&victim] { return victim.GetCounters().refusedConnections > 300; }));
+      const std::int64_t begin = Sys_Clock::RawMicroseconds();
+      EXPECT_TRUE(Eventually([&] { return rightful.Connect(victim.Address()); }));
+      ExpectWithin("until it was connected, us", Sys_Clock::RawMicroseconds() - begin, 2'000'000);
+      EXPECT_EQ(rightful.Query(victim.Address()), eTCPE_CommErr_None);
+    }
+  }
+}
+
+TEST(TCPE_Flood, WhoLosesItsPlaceAsksForAnother) {
+  TestSystem system(0);
+  ASSERT_EQ(system.Start(), 0);
+  const int listening = RawPeer::Listen(kStranger);
+  Bytes hello(TCPE_Hello::kSize);
+  TCPE_Hello{.majorVersion = 4, .instance = 1}.Write(hello.data());
+  const std::jthread attempt([&system] { system.Connect(kStranger); });
+  const std::int64_t begin = Sys_Clock::RawMicroseconds();
+  for (int count = 0; count < 5; ++count) {
+    RawPeer peer = RawPeer::Accepted(listening);
+    peer.Send(hello);
+    peer.Read(); // its connect command
+  }
+  ExpectWithin("until it came the fifth time, us", Sys_Clock::RawMicroseconds() - begin, 2'000'000);
+  close(listening);
 }
 
 } // namespace

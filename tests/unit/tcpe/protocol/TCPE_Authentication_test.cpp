@@ -14,6 +14,7 @@ struct SystemsWithSecrets : SimulatedNetwork {
       TCPE_Endpoint::Config config = Config(10 * (i + 1));
       config.keys.proved = !secrets[i].empty() ? Key(secrets[i][0]) : nullptr;
       config.keys.accepted = secrets[i].size() > 1 ? Key(secrets[i][1]) : nullptr;
+      config.limits.reopenPause = config.limits.handshake; // what is seen is one connection
       config.makeNonce = [this] { return TCPE_Hello::Nonce{static_cast<std::byte>(++mNonces)}; };
       Add(config);
     }

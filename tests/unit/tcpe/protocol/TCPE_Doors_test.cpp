@@ -9,9 +9,11 @@ namespace {
 
 /// Systems 0 and 1 have the addresses 10 and 20 and, if they have one, the same secret.
 struct Doors : SimulatedNetwork {
-  explicit Doors(bool haveSecret, std::uint32_t seed = 1) : SimulatedNetwork(seed), mHasSecret(haveSecret) {
+  explicit Doors(bool haveSecret, std::uint32_t seed = 1, std::size_t remembered = 256)
+      : SimulatedNetwork(seed), mHasSecret(haveSecret) {
     for (const std::uint32_t address : {10U, 20U}) {
       TCPE_Endpoint::Config config = Config(address);
+      config.limits.maxFailedAddresses = remembered;
       config.keys.proved = haveSecret ? Key('x') : nullptr;
       Add(config);
     }
@@ -166,16 +168,31 @@ TEST(TCPE_Doors, AtAMarkedAddressTheSecretCanBeProved) {
   EXPECT_EQ(asked, "not marked ");
 }
 
-TEST(TCPE_Doors, TenProofsASecondAreExaminedOfOneAddress) {
-  for (const std::uint32_t addresses : {1U, 3U}) {
-    Doors doors(true);
-    doors.Flood(100, addresses, kMillisecond, doors.Hello() + Doors::WrongProof());
+TEST(TCPE_Doors, TenProofsASecondAreExaminedOfOneAddressAndOfAllAsManyAsAreRemembered) {
+  for (const std::uint32_t addresses : {1U, 3U, 9U}) {
+    constexpr std::uint32_t kRemembered = 4;
+    Doors doors(true, 1, kRemembered);
+    doors.Flood(1, addresses, kMillisecond, doors.Hello() + Doors::WrongProof());
     doors.Run(10 * kSecond);
     const std::uint64_t examined = doors.Counts(0).unproved + doors.Counts(0).turnedAway;
-    EXPECT_EQ(doors.Counts(0).unproved, addresses);
-    EXPECT_GE(examined, addresses * 95U);
-    EXPECT_LE(examined, addresses * 100U);
-    EXPECT_EQ(doors.Take(0), addresses == 1 ? "unproved 100" : "unproved 100, unproved 101, unproved 102");
+    EXPECT_GE(examined, std::min(addresses, kRemembered) * 95U);
+    EXPECT_LE(examined, std::min(addresses, kRemembered) * 100U);
+    EXPECT_LE(doors.Link(kSecond, 20 * kSecond), 2 * kSecond) << "nobody else's addresses are examined first always";
+    if (addresses < kRemembered) {
+      EXPECT_EQ(doors.Counts(0).unproved, addresses);
+      EXPECT_EQ(doors.Take(0), addresses == 1 ? "unproved 1, opened 20 by peer"
+                                              : "unproved 1, unproved 2, unproved 3, opened 20 by peer");
+    }
+  }
+}
+
+/// With the longest pause between attempts that a satellite makes.
+TEST(TCPE_Doors, WhoGuessesFromASystemsOwnAddressDoesNotKeepItOut) {
+  for (std::uint32_t seed = 1; seed <= 100; ++seed) {
+    Doors doors(true, seed);
+    doors.Flood(20, 1, 10 * kMillisecond, doors.Hello() + Doors::WrongProof());
+    doors.Run(kSecond / 2);
+    ASSERT_LE(doors.Link(5 * kSecond, 20 * kSecond), 10 * kSecond) << seed;
   }
 }
 
