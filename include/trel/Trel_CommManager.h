@@ -70,8 +70,10 @@ public:
   /// What the list holds already stays: of several replies from one address the first counts. Blocks for one second.
   /// Not initialised, or without a network, nothing is added and the wait may be shorter.
   static void GetMasterSystemsList(std::map<Trel_System, bool>* list);
-  /// The same for satellites, available while they are not linked. For a system that is no satellite. At the end it
-  /// removes every system that has failed to authenticate, also one that the list held before.
+  /// The other masters that answer a master, or any system that is no satellite, within 0.3 s, for which it blocks.
+  static void GetOtherMastersList(std::map<Trel_System, bool>* list);
+  /// As GetMasterSystemsList for satellites, available while they are not linked. For a system that is no satellite. At
+  /// the end it removes every system that has failed to authenticate, also one that the list held before.
   static void GetSatelliteList(std::map<Trel_System, bool>* list);
   /// Whether one satellite answers within a second that it is available. For a system that is no satellite. `system`
   /// gets the reply, which may be another system's or absent when the answer is false.

@@ -117,7 +117,8 @@ struct Terminator {
 using SystemList = std::map<Trel_System, bool>;
 using ReceiveReply = decltype(&TCPE_CommManager::ReceiveDiscoveryRequestReply);
 
-constexpr std::int32_t kReplyWait = 1000; // ms
+constexpr std::int32_t kReplyWait = 1000;     // ms
+constexpr std::int32_t kShortReplyWait = 300; // ms, for who asks again and again
 
 bool OpenQuerySocket(Sys_UDPSocket& socket) {
   return socket.Register() && socket.SetReuseAddress(true) && socket.SetReusePort(true);
@@ -145,13 +146,13 @@ bool ReceiveSystem(TCPE_CommManager& engine, ReceiveReply receive, Sys_UDPSocket
 }
 
 template <class Send>
-void CollectSystems(TCPE_CommManager& engine, Send send, ReceiveReply receive, SystemList* list) {
+void CollectSystems(TCPE_CommManager& engine, Send send, ReceiveReply receive, SystemList* list,
+                    std::int32_t wait = kReplyWait) {
   Sys_UDPSocket socket;
   if (!OpenQuerySocket(socket) || !socket.Bind(engine.GetAdaptorIPAddress(), 0) || !socket.AllocateReplyAddress() ||
       !send(socket)) {
     return;
   }
-  std::int32_t wait = kReplyWait;
   while (wait > 0) {
     Trel_System system;
     bool isAvailable = false;
@@ -276,6 +277,17 @@ void Trel_CommManager::GetMasterSystemsList(SystemList* list) {
   CollectSystems(
       *engine, [&engine](Sys_UDPSocket& socket) { return engine->SendDiscoverMasterSystemsCommand(&socket, 0); },
       &TCPE_CommManager::ReceiveDiscoverMasterSystemsReply, list);
+}
+
+void Trel_CommManager::GetOtherMastersList(SystemList* list) {
+  const std::shared_ptr<Trel_TCPEInterface> engine = TCPEInterface();
+  if (engine->IsSatellite()) {
+    return;
+  }
+  CollectSystems(
+      *engine, [&engine](Sys_UDPSocket& socket) { return engine->SendDiscoverMasterSystemsCommand(&socket, 0); },
+      &TCPE_CommManager::ReceiveDiscoverMasterSystemsReply, list, kShortReplyWait);
+  std::erase_if(*list, [](const auto& entry) { return entry.first.GetSystemType() != eTCPE_SystemType_Master; });
 }
 
 void Trel_CommManager::GetSatelliteList(SystemList* list) {

@@ -1,5 +1,7 @@
 #include "link/host/Trel_LinkEvents.h"
 
+#include "link/host/Trel_LinkTexts.h"
+
 #include <utility>
 
 namespace {
@@ -29,7 +31,7 @@ void Trel_LinkEvents::Stop() {
     const std::lock_guard lock(mMutex);
     mIsStopping = true;
     mWaiting.clear();
-    mWaitingOf.clear();
+    mSystems.clear();
     mChanged.notify_all();
   }
   if (mThread.joinable()) {
@@ -46,12 +48,22 @@ bool Trel_LinkEvents::IsOnOwnThread() {
 
 void Trel_LinkEvents::Tell(Trel_LinkEvent event) {
   const std::lock_guard lock(mMutex);
-  std::size_t& waiting = mWaitingOf[event.system.address];
-  if (!mIsStopping && (waiting < kMostOfASystem || IsChange(event.kind))) {
-    ++waiting;
-    mWaiting.push_back({.event = std::move(event)});
-    mChanged.notify_one();
+  if (mIsStopping) {
+    return;
   }
+  OfSystem& system = mSystems[event.system.address];
+  if (system.waiting < kMostOfASystem || IsChange(event.kind)) {
+    Add(std::move(event));
+  } else {
+    ++system.leftOut;
+  }
+}
+
+/// With the lock held.
+void Trel_LinkEvents::Add(Trel_LinkEvent event) {
+  ++mSystems[event.system.address].waiting;
+  mWaiting.push_back({.event = std::move(event)});
+  mChanged.notify_one();
 }
 
 void Trel_LinkEvents::Call(std::function<void()> call) {
@@ -69,8 +81,16 @@ bool Trel_LinkEvents::IsFull() {
 
 /// With the lock held.
 void Trel_LinkEvents::TakeOff(const Trel_LinkEvent& event) {
-  if (const auto waiting = mWaitingOf.find(event.system.address); --waiting->second == 0) {
-    mWaitingOf.erase(waiting);
+  const auto found = mSystems.find(event.system.address);
+  OfSystem& system = found->second;
+  --system.waiting;
+  if (system.leftOut != 0 && system.waiting < kMostOfASystem / 2) {
+    Trel_LinkEvent leftOut = {
+        .kind = Trel_LinkEvent::Kind::leftOut, .value = std::exchange(system.leftOut, 0), .system = event.system};
+    leftOut.text = Trel_LinkTexts::Describe(leftOut, false);
+    Add(std::move(leftOut));
+  } else if (system.waiting == 0) {
+    mSystems.erase(found);
   }
 }
 

@@ -26,7 +26,8 @@ public:
   void Stop();
   bool IsOnOwnThread();
 
-  /// A system that says too much is told about no further; of who comes and goes nothing is left out.
+  /// A system that says too much is told about no further; then it is told how many were left out. Of who comes and
+  /// goes nothing is left out.
   void Tell(Trel_LinkEvent event);
   /// Has the host called, after all that it is told before.
   void Call(std::function<void()> call);
@@ -34,6 +35,10 @@ public:
   bool IsFull();
 
 private:
+  struct OfSystem {
+    std::size_t waiting = 0;
+    std::int64_t leftOut = 0;
+  };
   /// An event, or a call.
   struct Waiting {
     Trel_LinkEvent event{};
@@ -41,13 +46,14 @@ private:
   };
 
   void Run();
+  void Add(Trel_LinkEvent event);
   void TakeOff(const Trel_LinkEvent& event);
 
   const Handler mHandler;
   std::mutex mMutex;
   std::condition_variable mChanged;
   std::deque<Waiting> mWaiting;
-  std::map<std::uint32_t, std::size_t> mWaitingOf; ///< by address of the system
+  std::map<std::uint32_t, OfSystem> mSystems; ///< of which something waits, by address
   std::thread::id mThreadID;
   bool mIsStopping = false;
 

@@ -421,6 +421,8 @@ void Trel_LinkShell::CarryOut(const Action::Search& /*search*/) {
     std::map<Trel_System, bool> found;
     if (self->mSettings.findMasters) {
       Cmn_HostCall::Run(CallKind::session, [&] { self->mSettings.findMasters(&found); });
+    } else if (self->mSettings.isMaster) {
+      Trel_CommManager::GetOtherMastersList(&found);
     } else {
       Trel_CommManager::GetMasterSystemsList(&found);
     }

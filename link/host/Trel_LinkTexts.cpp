@@ -239,6 +239,13 @@ std::string Trel_LinkTexts::Link(const Trel_LinkEvent& event, bool isMaster) {
              " is in control.";
     }
     break;
+  case Kind::otherMaster:
+    text = who + " is a master on this network too. Satellites that search take one of the two; name the one that is "
+                 "meant to each.";
+    break;
+  case Kind::leftOut:
+    text = Count(event.value, "message") + " about " + who + " were left out: it sends too many.";
+    break;
   case Kind::networkError:
     text = NetworkError(event.error, who);
     break;

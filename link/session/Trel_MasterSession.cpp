@@ -20,8 +20,11 @@ constexpr Trel_SessionTime kLeftHolderWait = 3'000'000 + kHandlingTime;
 // By then a dead system has been silent for too long, or a living one has said something.
 constexpr Trel_SessionTime kLongestDoubt = 3'500'000;
 constexpr Trel_SessionTime kRivalCheck = 100'000;
+constexpr Trel_SessionTime kSearchPause = 10'000'000;
 
 constexpr std::size_t kMostEarly = 128;
+constexpr std::size_t kMostOtherMasters = 8; // beyond these the host has heard enough
+constexpr int kMissedSearches = 3;           // who has missed them is gone; one answer may be lost
 
 } // namespace
 
@@ -49,6 +52,7 @@ void Trel_MasterSession::Begin(Time now) {
   for (const auto& [address, newcomer] : std::exchange(mEarly, {})) {
     Admit(newcomer, now);
   }
+  Search(now);
 }
 
 void Trel_MasterSession::End(Time now) {
@@ -79,10 +83,12 @@ void Trel_MasterSession::End(Time now) {
   mAnnouncement.reset();
   mListsDue.reset();
   mWaitEnds.reset();
+  mOtherMasters.clear();
 }
 
 Trel_SessionCore::Time Trel_MasterSession::NextDeadline() const {
-  Time next = std::min({SharedDeadline(), mListsDue.value_or(kNever), mWaitEnds.value_or(kNever)});
+  Time next =
+      std::min({SharedDeadline(), mListsDue.value_or(kNever), mWaitEnds.value_or(kNever), mLink ? mSearchDue : kNever});
   for (const auto& [address, joining] : mJoining) {
     next = std::min(next, joining.deadline);
   }
@@ -120,8 +126,37 @@ void Trel_MasterSession::Tick(Time now) {
   if (mListsDue && *mListsDue <= now) {
     SendLists();
   }
+  if (mSearchDue <= now) {
+    Search(now);
+  }
   Settle(now);
   TickShared(now);
+}
+
+void Trel_MasterSession::Search(Time now) {
+  constexpr std::uint64_t kSpread = kSearchPause / 4;
+  mSearchDue = now + kSearchPause - static_cast<Time>(Random() % kSpread);
+  Do(Action::Search{});
+}
+
+void Trel_MasterSession::SearchEnded(const std::vector<Event::System>& masters, Time /*now*/) {
+  if (!mLink) {
+    return;
+  }
+  for (auto& [address, missed] : mOtherMasters) {
+    ++missed;
+  }
+  std::erase_if(mOtherMasters, [](const auto& known) { return known.second > kMissedSearches; });
+  for (const Event::System& master : masters) {
+    const bool isKnown = mOtherMasters.contains(master.address);
+    if (master.address == Self() || (!isKnown && mOtherMasters.size() >= kMostOtherMasters)) {
+      continue;
+    }
+    mOtherMasters[master.address] = 0;
+    if (!isKnown) {
+      Tell({.kind = Kind::otherMaster, .system = master});
+    }
+  }
 }
 
 void Trel_MasterSession::FollowAddress(std::uint32_t before, Time now) {

@@ -27,6 +27,7 @@ public:
   void NetworkError(std::uint32_t address, ETCPE_NetworkError error, bool isConnected, Time now) override;
   void ControlAsked(std::uint32_t from, Token token, Time now) override;
 
+  void SearchEnded(const std::vector<Event::System>& masters, Time now) override;
   void HostAnswered(Token token, bool agrees, Time now) override;
   void Heard(std::uint32_t address, std::optional<Time> silence, Time now) override;
 
@@ -90,6 +91,8 @@ private:
   template <class Other>
   void On(std::uint32_t /*from*/, const Other& /*message*/, Time /*now*/) {}
 
+  /// For other masters, which satellites that search may find in place of this one.
+  void Search(Time now);
   /// The engine has moved to another address, where nobody is connected: so does the link.
   void FollowAddress(std::uint32_t before, Time now);
   void Admit(const System& newcomer, Time now);
@@ -128,4 +131,6 @@ private:
   std::uint64_t mListChanges = 0;
   std::optional<Time> mWaitEnds; ///< for a lost system that was in control
   Time mLeftUntil = 0;           ///< then who was left by this system has noticed
+  Time mSearchDue = 0;
+  std::map<std::uint32_t, int> mOtherMasters; ///< that the host has been told of; how many searches they have missed
 };

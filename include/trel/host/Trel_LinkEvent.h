@@ -30,6 +30,8 @@ struct Trel_LinkEvent {
     waiting,       ///< `value` microseconds, before the next attempt
     named,         ///< `system` has another name
     control,       ///< `system` is in control; its address is 0 when that is nobody, or unknown
+    otherMaster,   ///< master: `system` is another one on this network; once, and again when it has been away
+    leftOut,       ///< `value` events of `system` were not told, because it makes too many
     networkError,  ///< any other network error, `error`
 
     clock,          ///< `isOn`: the clock of `system` is locked. Not told of the master's

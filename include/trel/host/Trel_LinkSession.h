@@ -86,7 +86,8 @@ public:
     std::function<bool(Trel_Cmd_GetProjectInfo&)> getProject{}; ///< its rates are also asked for one by one
     std::function<bool(Trel_Cmd_GetPositionRunningTimeCorrelation&)> getPosition{};
     std::function<bool(Trel_Cmd_GetFrameEdgeInRunningTime&)> getFrameEdge{};
-    /// Searches the network for masters, true: available. Empty: Trel_CommManager::GetMasterSystemsList.
+    /// Searches the network for masters, true: available. A master searches every ten seconds or so, for others. Empty:
+    /// Trel_CommManager::GetMasterSystemsList, on a master GetOtherMastersList.
     std::function<void(std::map<Trel_System, bool>* masters)> findMasters{};
   };
 

@@ -395,6 +395,30 @@ TEST_P(SessionTest, ALinkGoesOnWhileItsSecretIsChangedSystemBySystem) {
   EXPECT_FALSE(link.RunUntilAgreed(20 * kSecond));
 }
 
+TEST_P(SessionTest, MastersTellTheirHostsOfEachOtherOnceAndAgainAfterAnAbsence) {
+  Link link(GetParam(), 1);
+  const auto toldOf = [&link](int number) {
+    return std::count_if(link.At(number).told.begin(), link.At(number).told.end(), [&](const Link::Event& event) {
+      return event.kind == EventKind::otherMaster && event.system.address == Link::AddressOf(1 - number);
+    });
+  };
+  for (int number = 0; number < 2; ++number) {
+    link.Add({.isMaster = true});
+    link.Start(number);
+  }
+  link.Run(60 * kSecond);
+  for (const Time absence : {5 * kSecond, 50 * kSecond}) {
+    EXPECT_EQ(toldOf(0), 1);
+    EXPECT_EQ(toldOf(1), 1);
+    link.CutOff(1, true);
+    link.Run(absence);
+    link.CutOff(1, false);
+    link.Run(15 * kSecond);
+  }
+  EXPECT_EQ(toldOf(0), 2);
+  EXPECT_EQ(toldOf(1), 2);
+}
+
 TEST_P(SessionTest, AHolderThatIsGoneIsWaitedForUntilItKnows) {
   const struct {
     const char* name;

@@ -1,6 +1,7 @@
 #include "tools/trel/host/Host_LinkEvents.h"
 
 #include "tools/trel/common/Texts.h"
+#include "tools/trel/host/Host_Throttle.h"
 
 #include <trel/Sys_Socket.h>
 
@@ -18,6 +19,8 @@ using Reason = Event::Reason;
 using Json = nlohmann::json;
 
 void AddValue(const Event& event, Json& fields) { fields["value"] = event.value; }
+
+void AddCount(const Event& event, Json& fields) { fields["count"] = event.value; }
 
 void AddSwitch(const Event& event, Json& fields) { fields["on"] = event.isOn; }
 
@@ -118,6 +121,8 @@ constexpr Row kRows[] = {
     {Kind::waiting, "waiting", AddValue, true},
     {Kind::named, "named", AddValue},
     {Kind::control, "control", AddValue},
+    {Kind::otherMaster, "other_master", nullptr},
+    {Kind::leftOut, Host_Throttle::kLeftOut, AddCount},
     {Kind::networkError, "network_error", AddValue},
     {Kind::clock, "clock", AddSwitch},
     {Kind::primed, "primed", AddRange},
@@ -149,7 +154,8 @@ bool TellsWhy(Kind kind) {
 
 /// The option of this program that helps where an event says what to change.
 const char* OptionFor(const Event& event) {
-  if (event.kind == Kind::noMaster && event.others.empty() && event.reason == Reason::none) {
+  const bool isNobodyFound = event.kind == Kind::noMaster && event.others.empty() && event.reason == Reason::none;
+  if (isNobodyFound || event.kind == Kind::otherMaster) {
     return "--connect";
   }
   if (event.reason == Reason::identifierUsed) {

@@ -12,7 +12,7 @@ constexpr std::int64_t kSecond = 1'000'000;
 
 Host_Event LeftOut(const std::string& address, const std::string& name, std::int64_t count) {
   const std::string who = name.empty() ? address : Cmn_Printable(name) + " (" + address + ")";
-  Host_Event event = {.kind = "left_out",
+  Host_Event event = {.kind = Host_Throttle::kLeftOut,
                       .text = std::to_string(count) + " messages about " + who + " were left out: it sends too many",
                       .fields = {{"address", address}, {"count", count}}};
   if (!name.empty()) {
@@ -38,6 +38,11 @@ void Host_Throttle::Take(const Host_Event& event, std::int64_t now, Events& told
     told.push_back(event);
     return;
   }
+  system.name = event.fields.value("name", "");
+  if (event.kind == kLeftOut) {
+    system.leftOut += event.fields.value("count", std::int64_t{0});
+    return;
+  }
   system.leftOut += static_cast<std::int64_t>(
       std::erase_if(system.newest, [&event](const Host_Event& before) { return before.kind == event.kind; }));
   system.newest.push_back(event);
@@ -51,7 +56,7 @@ void Host_Throttle::Release(std::int64_t now, Events& told) {
   for (auto next = mSystems.begin(); next != mSystems.end();) {
     const auto entry = next++;
     System& system = entry->second;
-    if (now >= system.end && system.newest.empty()) {
+    if (now >= system.end && system.newest.empty() && system.leftOut == 0) {
       mSystems.erase(entry);
       continue;
     }
@@ -64,9 +69,8 @@ void Host_Throttle::Release(std::int64_t now, Events& told) {
 }
 
 void Host_Throttle::TellNewest(const std::string& address, System& system, Events& told) {
-  const std::string name = system.newest.back().fields.value("name", "");
   std::move(system.newest.begin(), system.newest.end(), std::back_inserter(told));
   if (system.leftOut != 0) {
-    told.push_back(LeftOut(address, name, system.leftOut));
+    told.push_back(LeftOut(address, system.name, system.leftOut));
   }
 }

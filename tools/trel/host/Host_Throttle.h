@@ -11,10 +11,12 @@
 
 /// Bounds what one system can have a host tell, so that its storm fills neither terminals nor disks. Of what goes
 /// beyond so many events a second, the newest of each kind is told when the second is over, and how many were left out:
-/// so the last that is told of a state is what it is. Answers and what is about no system pass. Times are raw times.
+/// so the last that is told of a state is what it is. What was left out before it came here is added. Answers and what
+/// is about no system pass. Times are raw times.
 class Host_Throttle {
 public:
   static constexpr std::size_t kMostOfOneSystem = 50; ///< a second
+  static constexpr const char* kLeftOut = "left_out"; ///< kind of the event that tells how many, in `count`
   static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
   using Events = std::deque<Host_Event>;
 
@@ -29,6 +31,7 @@ private:
     std::int64_t end = 0; ///< of its second
     std::size_t told = 0;
     std::int64_t leftOut = 0;
+    std::string name = {};
     std::vector<Host_Event> newest = {}; ///< of each kind that goes beyond
   };
 
