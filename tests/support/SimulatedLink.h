@@ -591,7 +591,9 @@ private:
       expected[0] = number;
     }
     const Time due = std::max<Time>(runningTime - RunningTime(number).value_or(runningTime), 0);
-    CheckLater(number, due + kReportTime, [=, this, began = Now()] { CheckRound(number, runningTime, began); });
+    // What was cut shortly before is not noticed yet.
+    CheckLater(number, due + kReportTime,
+               [=, this, began = Now() - TCPE_Limits().silence] { CheckRound(number, runningTime, began); });
   }
   /// When it was not disturbed shortly before.
   void CheckLater(int number, Time delay, std::function<void()> check) {

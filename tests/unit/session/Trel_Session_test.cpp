@@ -128,9 +128,9 @@ public:
     }
     for (int master = 0; master < mMasters; ++master) {
       const int holder = network.Find(At(master).core->Control().GetHolder());
-      const auto members = MembersOf(master);
       Expect(Stop(holder), master);
       Run(7 * kSecond); // the longest of what hosts still had to do
+      const auto members = MembersOf(master);
       Expect(Prime(holder, {.in = kSecond}), master);
       Run(2 * kSecond);
       StartPlayback(holder, {.withoutUnready = false});
