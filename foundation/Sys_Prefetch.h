@@ -7,7 +7,7 @@
 inline void Sys_Prefetch([[maybe_unused]] const void* memory, [[maybe_unused]] std::size_t size) {
 #if defined(__GNUC__)
   constexpr std::size_t kCacheLine = 64;
-  for (std::size_t offset = 0; offset < size; offset += kCacheLine) {
+  for (std::size_t offset = 0; memory != nullptr && offset < size; offset += kCacheLine) {
     __builtin_prefetch(static_cast<const std::byte*>(memory) + offset);
   }
 #endif
