@@ -42,7 +42,7 @@ TEST(CaptureTest, OfTheDemonstrationHoldsEveryByteAndIsDissected) {
   EXPECT_EQ(packets("frame.time_epoch >= " + std::to_string(begin) +
                     " && ip.checksum.status == 1 && tcp.checksum.status == 1 && (tcp.len == 0 || trel_link) && "
                     "!(_ws.expert && (trel_link || _ws.malformed || tcp.analysis.flags))"),
-            packets("frame"));
+            packets("tcp"));
   EXPECT_EQ(packets("tcp.flags.syn == 1 || tcp.flags.fin == 1"), 8U); // each direction of two connections
   EXPECT_EQ(values("trel.StartPlayback.StartAtRunningTime > 0", "trel.StartPlayback.StartAtRunningTime").size(), 2U);
   const std::vector<std::string> flags = values("trel_link", "trel.header.flags.reply");

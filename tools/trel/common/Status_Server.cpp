@@ -100,14 +100,14 @@ void Status_Server::Run() {
       poll(descriptors.data(), 1, kPause);
     }
     const bool isDue = Sys_Clock::RawMicroseconds() >= next;
-    if (isDue && !mClients.empty()) {
+    const auto isFresh = [](const Client& client) { return client.lastTaken == 0; };
+    if (isDue ? !mClients.empty() : std::any_of(mClients.begin(), mClients.end(), isFresh)) {
       // Names come from the network: what is no UTF-8 is replaced.
       line = JsonLine(mMakeStatus().ToJson()) + '\n';
-      next = Sys_Clock::RawMicroseconds() + kPeriod;
+      next = isDue ? Sys_Clock::RawMicroseconds() + kPeriod : next;
     }
     std::erase_if(mClients, [&](Client& client) {
-      const bool isFresh = client.lastTaken == 0; // gets the last line at once
-      const bool stays = Serve(client, isDue || isFresh ? line : std::string());
+      const bool stays = Serve(client, isDue || isFresh(client) ? line : std::string());
       if (!stays) {
         close(client.descriptor);
       }
