@@ -125,6 +125,9 @@ struct Reader {
   }
   template <class Value>
   static void Read(const Json& json, Value& value) {
+    if (std::is_integral_v<Value> && json.is_number_float()) {
+      return; // may be outside of what the field can hold
+    }
     try {
       json.get_to(value);
     } catch (const Json::exception&) {
