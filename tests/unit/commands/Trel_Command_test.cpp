@@ -1,3 +1,4 @@
+#include <trel/Sys_Clock.h>
 #include <trel/Trel_Cmd_Connection.h>
 #include <trel/Trel_Cmd_State.h>
 #include <trel/Trel_Cmd_Transport.h>
@@ -9,6 +10,7 @@
 
 #include <map>
 #include <stdexcept>
+#include <thread>
 #include <type_traits>
 
 namespace {
@@ -131,6 +133,29 @@ TEST_P(Trel_CommandTest, HandlersHoldTheNumbering) {
   EXPECT_EQ(TCPE_CommManager::GetSupportsMarlo11(), !IsCurrent());
   EXPECT_THAT(reports.Take(), testing::IsEmpty());
   EXPECT_EQ(before.GetCommandType(), IsCurrent() ? 70 : 67) << "it keeps what it was built with";
+}
+
+TEST_P(Trel_CommandTest, TheNumberingStaysWhileThereIsAHandlerWhoeverChangesIt) {
+  const ReportCollector reports;
+  const std::jthread changing([](const std::stop_token& ends) {
+    for (bool legacy = false; !ends.stop_requested(); legacy = !legacy) {
+      TCPE_CommManager::SetSupportsMarlo11(legacy);
+    }
+  });
+  int changes = 0;
+  int seen = 0; // from one round to the next
+  bool held = false;
+  for (const std::int64_t end = Sys_Clock::RawMicroseconds() + 10'000'000;
+       seen < 1'000 && Sys_Clock::RawMicroseconds() < end;) {
+    Trel_Command::SetDoItCommand(7, &Count);
+    seen += TCPE_CommManager::GetSupportsMarlo11() != held ? 1 : 0;
+    held = TCPE_CommManager::GetSupportsMarlo11();
+    for (int look = 0; look < 20; ++look) {
+      changes += TCPE_CommManager::GetSupportsMarlo11() != held ? 1 : 0;
+    }
+    Trel_Command::SetDoItCommand(7, nullptr);
+  }
+  EXPECT_EQ(changes, 0);
 }
 
 } // namespace
