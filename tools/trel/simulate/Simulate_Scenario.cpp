@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 
@@ -11,13 +12,23 @@ namespace {
 const std::map<std::string, double> kUnits{{"us", 1},   {"ms", 1e3},    {"s", 1e6}, {"min", 60e6},
                                            {"h", 36e8}, {"percent", 1}, {"ppm", 1}};
 
+constexpr double kLongest = 36e10; // a hundred hours
+constexpr double kMostLoss = 90;   // percent; of all packets none would ever arrive
+
+/// Whether the second numbers of all pairs, periods and lengths, are ones that there can be.
+bool AreLengths(const Simulate_Scenario::Happenings& pairs) {
+  return std::all_of(pairs.begin(), pairs.end(), [](const auto& pair) { return pair.second > 0; });
+}
+
 /// The keys of a file, and where their values go.
 class Keys {
 public:
   explicit Keys(Simulate_Scenario& scenario) {
     mParser.allow_config_extras(CLI::config_extras_mode::error);
-    Add(mParser, "duration", scenario.duration, "TIME", "Length of the simulation [1 min]");
-    Add(mParser, "tick", scenario.tick, "TIME", "Between two looks of the master at what is due [10 ms]");
+    Add(mParser, "duration", scenario.duration, "TIME", "Length of the simulation [1 min]")
+        ->check(CLI::Range(1.0, kLongest).description(""));
+    Add(mParser, "tick", scenario.tick, "TIME", "Between two looks of the master at what is due [10 ms]")
+        ->check(CLI::Range(1.0, kLongest).description(""));
     mParser.add_option("--satellites", scenario.satellites, "Number of them; one is observed [1]")
         ->type_name("N")
         ->check(CLI::Range(1, 128));
@@ -32,17 +43,24 @@ public:
       Add(section, "wander", machine->wander, "[PPM, TIME, ...]", "Changes of the drift: amplitude and period");
       Add(section, "jump", machine->jumps, "[TIME, TIME, ...]", "When the clock jumps, and by how much");
       Add(section, "sleep", machine->sleeps, "[TIME, TIME, ...]", "When the machine is suspended, and for how long");
-      Add(section, "wake", machine->wake, "TIME", "Until a thread runs after something has arrived, mean [20 us]");
+      Add(section, "wake", machine->wake, "TIME", "Until a thread runs after something has arrived, mean [20 us]")
+          ->check(CLI::Range(0.0, kLongest).description(""));
     }
     for (const auto& [name, way] : {std::pair{"there", &scenario.there}, {"back", &scenario.back}}) {
       CLI::App& section = Section(name, name == std::string("there") ? "The way from the master to a satellite"
                                                                      : "The way from a satellite to the master");
-      Add(section, "shortest", way->shortest, "TIME", "What a packet takes undisturbed [40 us]");
-      Add(section, "mean", way->mean, "TIME", "What it takes longer, mean [5 us]");
-      Add(section, "loss", way->loss, "PERCENT", "Of the packets, which are sent again after 200 ms [0]");
-      Add(section, "burst-every", way->burstEvery, "TIME", "Between bursts of other traffic, mean; 0: none [0]");
-      Add(section, "burst-for", way->burstFor, "TIME", "Length of a burst, mean");
-      Add(section, "burst-delay", way->burstDelay, "TIME", "Most that a packet waits during a burst");
+      Add(section, "shortest", way->shortest, "TIME", "What a packet takes undisturbed [40 us]")
+          ->check(CLI::Range(0.0, kLongest).description(""));
+      Add(section, "mean", way->mean, "TIME", "What it takes longer, mean [5 us]")
+          ->check(CLI::Range(0.0, kLongest).description(""));
+      Add(section, "loss", way->loss, "PERCENT", "Of the packets, which are sent again after 200 ms [0]")
+          ->check(CLI::Range(0.0, kMostLoss).description(""));
+      Add(section, "burst-every", way->burstEvery, "TIME", "Between bursts of other traffic, mean; 0: none [0]")
+          ->check(CLI::Range(0.0, kLongest).description(""));
+      Add(section, "burst-for", way->burstFor, "TIME", "Length of a burst, mean")
+          ->check(CLI::Range(0.0, kLongest).description(""));
+      Add(section, "burst-delay", way->burstDelay, "TIME", "Most that a packet waits during a burst")
+          ->check(CLI::Range(0.0, kLongest).description(""));
     }
     CLI::App& section = Section("limit", "What the figures must not exceed");
     for (std::size_t figure = 0; figure < Simulate_Figures::kCount; ++figure) {
@@ -77,8 +95,9 @@ private:
     return *mParser.add_subcommand(name, meaning)->configurable();
   }
   template <class Value>
-  static void Add(CLI::App& section, const std::string& key, Value& value, const char* type, const char* meaning) {
-    section.add_option("--" + key, value, meaning)
+  static CLI::Option* Add(CLI::App& section, const std::string& key, Value& value, const char* type,
+                          const char* meaning) {
+    return section.add_option("--" + key, value, meaning)
         ->type_name(type)
         ->transform(CLI::AsNumberWithUnit(kUnits).description(""));
   }
@@ -98,6 +117,11 @@ Simulate_Scenario Simulate_ReadScenario(const std::string& file) {
   Simulate_Scenario scenario;
   try {
     Keys(scenario).Read(file);
+    for (const auto* machine : {&scenario.master, &scenario.satellite}) {
+      if (!AreLengths(machine->wander) || !AreLengths(machine->sleeps) || !AreLengths(scenario.cuts)) {
+        throw CLI::ValidationError("wander, sleep and cut", "a period or length must be above 0");
+      }
+    }
   } catch (const CLI::ParseError& error) {
     throw std::runtime_error("cannot use the scenario " + file + ": " + error.what());
   }
